@@ -1,0 +1,97 @@
+#!/usr/bin/env bash
+# Test services: a private PulseAudio server with a null sink and a virtual
+# microphone, an X server (Xvfb with Mesa) and a JACK server on the dummy driver.
+#
+# Source this file, then call services_start; services_stop undoes it. The
+# services live in a private runtime folder, so they never meet a user's own
+# sound server or display, and two runs on one machine do not collide.
+#
+# Exported for the tests: PULSE_SERVER, WIDMO_TEST_SINK, WIDMO_TEST_SOURCE,
+# DISPLAY, JACK_DEFAULT_SERVER, WIDMO_SERVICES_DIR.
+
+WIDMO_SERVICES_DIR=""
+_widmo_pids=()
+
+_services_log() { echo "services: $*" >&2; }
+
+_wait_for() {
+    # _wait_for SECONDS COMMAND...: polls COMMAND every 0.1 s.
+    local limit=$(( $1 * 10 )); shift
+    local i
+    for (( i = 0; i < limit; i++ )); do
+        if "$@" >/dev/null 2>&1; then return 0; fi
+        sleep 0.1
+    done
+    return 1
+}
+
+_start_pulse() {
+    export XDG_RUNTIME_DIR="$WIDMO_SERVICES_DIR/runtime"
+    mkdir -p "$XDG_RUNTIME_DIR" && chmod 700 "$XDG_RUNTIME_DIR"
+    export PULSE_RUNTIME_PATH="$XDG_RUNTIME_DIR/pulse"
+    export PULSE_STATE_PATH="$WIDMO_SERVICES_DIR/pulse-state"
+    export PULSE_SERVER="unix:$PULSE_RUNTIME_PATH/native"
+    export WIDMO_TEST_SINK=widmo_sink
+    export WIDMO_TEST_SOURCE=widmo_mic
+    # -n: no default modules, so nothing suspends the sink or probes hardware.
+    pulseaudio --daemonize=no --exit-idle-time=-1 -n --use-pid-file=no \
+        --load=module-native-protocol-unix \
+        --load="module-null-sink sink_name=$WIDMO_TEST_SINK rate=48000" \
+        >"$WIDMO_SERVICES_DIR/pulse.log" 2>&1 &
+    _widmo_pids+=($!)
+    if ! _wait_for 10 pactl info; then
+        _services_log "PulseAudio did not start:"; cat "$WIDMO_SERVICES_DIR/pulse.log" >&2
+        return 1
+    fi
+    pactl load-module module-remap-source master="$WIDMO_TEST_SINK.monitor" \
+        source_name="$WIDMO_TEST_SOURCE" source_properties=device.description=WidmoTestMic >/dev/null
+    pactl set-default-sink "$WIDMO_TEST_SINK"
+    pactl set-default-source "$WIDMO_TEST_SOURCE"
+    _services_log "PulseAudio at $PULSE_SERVER"
+}
+
+_start_xvfb() {
+    local fdfile="$WIDMO_SERVICES_DIR/display"
+    : >"$fdfile"
+    Xvfb -displayfd 3 -screen 0 1280x800x24 -nolisten tcp +extension GLX \
+        3>"$fdfile" >"$WIDMO_SERVICES_DIR/xvfb.log" 2>&1 &
+    _widmo_pids+=($!)
+    if ! _wait_for 10 test -s "$fdfile"; then
+        _services_log "Xvfb did not start:"; cat "$WIDMO_SERVICES_DIR/xvfb.log" >&2
+        return 1
+    fi
+    export DISPLAY=":$(tr -d '[:space:]' <"$fdfile")"
+    _services_log "Xvfb on $DISPLAY"
+}
+
+_start_jack() {
+    export JACK_DEFAULT_SERVER="widmo_test_$$"
+    export JACK_NO_AUDIO_RESERVATION=1
+    jackd --no-realtime -n "$JACK_DEFAULT_SERVER" -d dummy -r 48000 -p 512 \
+        >"$WIDMO_SERVICES_DIR/jack.log" 2>&1 &
+    _widmo_pids+=($!)
+    if ! _wait_for 10 jack_lsp; then
+        _services_log "jackd did not start:"; cat "$WIDMO_SERVICES_DIR/jack.log" >&2
+        return 1
+    fi
+    _services_log "JACK server $JACK_DEFAULT_SERVER"
+}
+
+services_start() {
+    WIDMO_SERVICES_DIR="$(mktemp -d /tmp/widmo-services.XXXXXX)"
+    export WIDMO_SERVICES_DIR
+    _start_pulse && _start_xvfb && _start_jack
+}
+
+services_stop() {
+    local pid
+    for pid in "${_widmo_pids[@]}"; do
+        kill "$pid" 2>/dev/null || true
+    done
+    for pid in "${_widmo_pids[@]}"; do
+        wait "$pid" 2>/dev/null || true
+    done
+    _widmo_pids=()
+    [ -n "$WIDMO_SERVICES_DIR" ] && rm -rf "$WIDMO_SERVICES_DIR"
+    WIDMO_SERVICES_DIR=""
+}

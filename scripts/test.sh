@@ -1,0 +1,55 @@
+#!/usr/bin/env bash
+# The whole test suite on a fresh Debian 12 machine: installs the dependencies,
+# builds, starts the test services, runs every test and stops the services
+# again, also when a test fails.
+#
+#   scripts/test.sh           release build in build/, every test
+#   scripts/test.sh --asan    AddressSanitizer + UBSan build in build-asan/, every test
+#   scripts/test.sh --tsan    ThreadSanitizer build in build-tsan/, the headless
+#                             subsystems and audio (labels core, dsp, engine, audio)
+#
+# Extra arguments after the mode go to ctest (for example -R FFT).
+set -euo pipefail
+
+root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
+cd "$root"
+
+mode=release
+if [ $# -gt 0 ]; then
+    case "$1" in
+        --asan) mode=asan; shift ;;
+        --tsan) mode=tsan; shift ;;
+        --release) shift ;;
+    esac
+fi
+
+bash scripts/install-deps.sh
+
+cmake_args=(-G Ninja -DWIDMO_WERROR=ON)
+ctest_args=(--output-on-failure --timeout 600)
+case "$mode" in
+    release)
+        dir=build
+        cmake_args+=(-DCMAKE_BUILD_TYPE=Release) ;;
+    asan)
+        dir=build-asan
+        cmake_args+=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DWIDMO_ASAN=ON -DWIDMO_BUILD_BENCHMARKS=OFF)
+        export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1:strict_string_checks=1"
+        export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
+        export LSAN_OPTIONS="suppressions=$root/scripts/lsan.supp" ;;
+    tsan)
+        dir=build-tsan
+        cmake_args+=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DWIDMO_TSAN=ON -DWIDMO_BUILD_BENCHMARKS=OFF)
+        export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
+        ctest_args+=(-L '^(core|dsp|engine|audio)$') ;;
+esac
+
+cmake -S . -B "$dir" "${cmake_args[@]}"
+cmake --build "$dir" -j2
+
+# shellcheck source=services.sh
+source scripts/services.sh
+trap services_stop EXIT
+services_start
+
+ctest --test-dir "$dir" -j2 "${ctest_args[@]}" "$@"
