@@ -1,0 +1,424 @@
+#include "core/AnalyzerDefaults.h"
+
+#include "core/SettingsStore.h"
+#include "core/WidmoVersion.h"
+
+#include <algorithm>
+#include <cmath>
+#include <memory>
+#include <type_traits>
+#include <variant>
+
+namespace widmo {
+
+namespace {
+
+AnalyzerDefaults* sharedInstance = nullptr;
+
+template <typename T> T clampValue(T v, T lo, T hi) { return std::min(std::max(v, lo), hi); }
+
+// Rounds to nearest with halves away from zero, as the geometry rules require.
+int32_t roundAway(double v) { return static_cast<int32_t>(std::round(v)); }
+
+const QLatin1String kIntervalKey("analyzerDefaults.intervalSizeInFrames");
+const QLatin1String kDisplaySizeKey("analyzerDefaults.fftDisplaySize");
+
+} // namespace
+
+struct AnalyzerDefaults::PersistedField {
+    const char* key;
+    std::variant<bool AnalyzerDefaults::*, int32_t AnalyzerDefaults::*, float AnalyzerDefaults::*>
+        field;
+};
+
+const std::vector<AnalyzerDefaults::PersistedField>& AnalyzerDefaults::persistedFields() {
+    using D = AnalyzerDefaults;
+    static const std::vector<PersistedField> fields = {
+        {"analyzerDefaults.typeOfExportImport", &D::typeOfExportImport_},
+        {"analyzerDefaults.spectrogramGridOn", &D::spectrogramGridOn_},
+        {"analyzerDefaults.trigOn", &D::trigOn_},
+        {"analyzerDefaults.trigAutomaticStop", &D::trigAutomaticStop_},
+        {"analyzerDefaults.trigLevel", &D::trigLevel_},
+        {"analyzerDefaults.trigMinFrequency", &D::trigMinFrequency_},
+        {"analyzerDefaults.trigMaxFrequency", &D::trigMaxFrequency_},
+        {"analyzerDefaults.trigEnergySaveMode", &D::trigEnergySaveMode_},
+        {"analyzerDefaults.softwareInputGainValue", &D::softwareInputGainValue_},
+        {"analyzerDefaults.outputGainValue", &D::outputGainValue_},
+        {"analyzerDefaults.spectrogramLinearValuesWzmocnienieDB",
+         &D::spectrogramLinearValuesWzmocnienieDB_},
+        {"analyzerDefaults.spectrogramValuesInDBMinimumLevelDB",
+         &D::spectrogramValuesInDBMinimumLevelDB_},
+        {"analyzerDefaults.fftSize", &D::fftSize_},
+        {"analyzerDefaults.fftWindowType", &D::fftWindowType_},
+        {"analyzerDefaults.sampleRate", &D::sampleRate_},
+        // The key's name says frames but it holds the power; kept for old stores.
+        {"analyzerDefaults.intervalSizeInFrames", &D::intervalSizePower_},
+        {"analyzerDefaults.fftDisplaySize", &D::fftDisplaySize_},
+        {"analyzerDefaults.valuesInDB", &D::valuesInDB_},
+        {"analyzerDefaults.linearFrequency", &D::linearFrequency_},
+        {"analyzerDefaults.logStartFrequency", &D::logStartFrequency_},
+        {"analyzerDefaults.octaveRTABand", &D::octaveRTABandsPerOctave_},
+        {"analyzerDefaults.octaveRTABandAverageType", &D::octaveRTABandAverageType_},
+        {"analyzerDefaults.spectrogramColorType", &D::spectrogramColorType_},
+        {"analyzerDefaults.octaveRTAMinValuesEnabled", &D::octaveRTAMinValuesEnabled_},
+        {"analyzerDefaults.octaveRTAMaxValuesEnabled", &D::octaveRTAMaxValuesEnabled_},
+        {"analyzerDefaults.octaveRTAMinMaxDecayTime", &D::octaveRTAMinMaxDecayTime_},
+        {"analyzerDefaults.playbackTranspType", &D::playbackTranspType_},
+        {"analyzerDefaults.recordingTranspositionOn", &D::recordingTranspositionOn_},
+        {"analyzerDefaults.playbackSlowDownOctaves", &D::playbackSlowDownOctaves_},
+        {"analyzerDefaults.realTimeTranspFilterBelow20kHz", &D::realTimeTranspFilterBelow20kHz_},
+        {"analyzerDefaults.realTimeTransposeOctavesDown", &D::realTimeTransposeOctavesDown_},
+        {"analyzerDefaults.spectrogramWidthMianownik", &D::spectrogramWidthMianownik_},
+        {"analyzerDefaults.audioDefaultToSpeaker", &D::audioDefaultToSpeaker_},
+    };
+    return fields;
+}
+
+AnalyzerDefaults::AnalyzerDefaults(const AnalyzerFeatures& features, const QString& storeName)
+    : features_(features), storeName_(storeName),
+      mConvertBuffersOut_(kConvertBuffersCount, std::vector<float>(kConvertBufferCapacity, 0.0f)),
+      logPoints_(kLogTablesCapacity, 0.0f), octaveRTAIndexesFloor_(kOctaveRTACapacity, 0),
+      octaveRTAPoPrzecinkuIndeksuFloor_(kOctaveRTACapacity, 0.0f),
+      octaveRTAFequencies_(kOctaveRTACapacity, 0.0f),
+      spectrogramLogInMiddleIndexes_(kLogTablesCapacity, 0),
+      spectrogramLogIndexes_(kLogTablesCapacity, 0) {
+    loadDefaults();
+    recalculateDocumentSettings();
+    generateAllIndexes();
+}
+
+AnalyzerDefaults::~AnalyzerDefaults() {
+    if (sharedInstance == this)
+        sharedInstance = nullptr;
+}
+
+AnalyzerDefaults& AnalyzerDefaults::sharedDefaults() {
+    static std::unique_ptr<AnalyzerDefaults> instance;
+    if (!instance) {
+        instance = std::make_unique<AnalyzerDefaults>();
+        sharedInstance = instance.get();
+    }
+    return *instance;
+}
+
+void AnalyzerDefaults::archiveDefaultsSettings() {
+    if (sharedInstance)
+        sharedInstance->saveDefaults();
+}
+
+// --- Persistence ----------------------------------------------------------------------
+
+void AnalyzerDefaults::saveDefaults() {
+    SettingsStore store(storeName_);
+    for (const PersistedField& f : persistedFields()) {
+        const QString key = QString::fromLatin1(f.key);
+        std::visit(
+            [&](auto member) {
+                using T = std::remove_reference_t<decltype(this->*member)>;
+                if constexpr (std::is_same_v<T, bool>)
+                    store.writeBool(key, this->*member);
+                else if constexpr (std::is_same_v<T, int32_t>)
+                    store.writeInt(key, this->*member);
+                else
+                    store.writeFloat(key, this->*member);
+            },
+            f.field);
+    }
+    store.writeString(QString::fromLatin1(kVersionKey), QString::fromLatin1(kVersionTag));
+    store.sync();
+}
+
+void AnalyzerDefaults::loadDefaults() {
+    const SettingsStore store(storeName_);
+    // A store written by a build with another tag is ignored as a whole.
+    if (store.readString(QString::fromLatin1(kVersionKey)) != QLatin1String(kVersionTag))
+        return;
+    for (const PersistedField& f : persistedFields()) {
+        const QString key = QString::fromLatin1(f.key);
+        if (!store.contains(key))
+            continue;
+        // A reduced device would size a document from these that it cannot hold.
+        if (!cpu64bit_ && (key == kIntervalKey || key == kDisplaySizeKey))
+            continue;
+        std::visit(
+            [&](auto member) {
+                using T = std::remove_reference_t<decltype(this->*member)>;
+                if constexpr (std::is_same_v<T, bool>)
+                    this->*member = store.readBool(key);
+                else if constexpr (std::is_same_v<T, int32_t>)
+                    this->*member = store.readInt(key);
+                else
+                    this->*member = store.readFloat(key);
+            },
+            f.field);
+    }
+}
+
+QString AnalyzerDefaults::appVersion() { return QStringLiteral(WIDMO_VERSION_STRING); }
+
+QString AnalyzerDefaults::build() { return QStringLiteral(WIDMO_BUILD_STRING); }
+
+QString AnalyzerDefaults::versionBuild() {
+    QString text = QStringLiteral("v%1").arg(appVersion());
+    if (appVersion() != build())
+        text = QStringLiteral("%1(%2)").arg(text, build());
+    return text;
+}
+
+// --- Preferred values -------------------------------------------------------------------
+
+AnalyzerDefaults::PreferredChange AnalyzerDefaults::preferredChange() const {
+    if (preferredIntervalSizePower_ != intervalSizePower_ || preferredSampleRate_ != sampleRate_ ||
+        preferredFftDisplaySize_ != fftDisplaySize_ ||
+        preferredSpectrogramWidthMianownik_ != spectrogramWidthMianownik_)
+        return PreferredChange::Geometry;
+    if (preferredFftSize_ != fftSize_ || preferredFftWindowType_ != fftWindowType_ ||
+        preferredValuesInDB_ != valuesInDB_ || preferredLinearFrequency_ != linearFrequency_ ||
+        preferredLogStartFrequency_ != logStartFrequency_ ||
+        preferredSpectrogramColorType_ != spectrogramColorType_)
+        return PreferredChange::Display;
+    return PreferredChange::None;
+}
+
+AnalyzerDefaults::PreferredChange AnalyzerDefaults::applyPreferredSettings(bool* fftSizeChanged) {
+    const PreferredChange change = preferredChange();
+    const bool newFftSize = clampValue(preferredFftSize_, 256, 65536) != fftSize_;
+    if (fftSizeChanged)
+        *fftSizeChanged = change != PreferredChange::None && newFftSize;
+    if (change == PreferredChange::None)
+        return change;
+
+    if (change == PreferredChange::Geometry) {
+        readOnly_ = false;
+        fftDisplaySize_ = clampValue(preferredFftDisplaySize_, 512, 4096);
+        sampleRate_ = clampValue(preferredSampleRate_, 44100.0f, 384000.0f);
+        intervalSizePower_ = clampValue(preferredIntervalSizePower_, 0, 4);
+        spectrogramWidthMianownik_ = clampValue(preferredSpectrogramWidthMianownik_, 1, 5);
+    }
+    fftSize_ = clampValue(preferredFftSize_, 256, 65536);
+    fftWindowType_ = clampValue(preferredFftWindowType_, 0, 3);
+    valuesInDB_ = preferredValuesInDB_;
+    linearFrequency_ = preferredLinearFrequency_;
+    // The lower edge of the logarithmic axis always follows from the geometry;
+    // the preferred value is deliberately not used.
+    logStartFrequency_ = 20.0f;
+    spectrogramColorType_ = clampValue(preferredSpectrogramColorType_, 0, 2);
+
+    // A geometry change is finished by the engine's rebuild, which recalculates.
+    if (change == PreferredChange::Display)
+        recalculateDocumentSettings();
+    return change;
+}
+
+void AnalyzerDefaults::copyCurrentToPreferred() {
+    preferredSampleRate_ = sampleRate_;
+    preferredIntervalSizePower_ = intervalSizePower_;
+    preferredFftDisplaySize_ = fftDisplaySize_;
+    preferredSpectrogramWidthMianownik_ = spectrogramWidthMianownik_;
+    preferredFftSize_ = fftSize_;
+    preferredFftWindowType_ = fftWindowType_;
+    preferredValuesInDB_ = valuesInDB_;
+    preferredLinearFrequency_ = linearFrequency_;
+    preferredLogStartFrequency_ = logStartFrequency_;
+    preferredSpectrogramColorType_ = spectrogramColorType_;
+}
+
+// --- Document geometry --------------------------------------------------------------------
+
+float AnalyzerDefaults::calculateMinIntervalSizeInFramesFromSampleRate(float sampleRate) {
+    const double power = std::trunc(std::log2(static_cast<double>(sampleRate) * 0.0005));
+    return static_cast<float>(std::pow(2.0, power + 1.0));
+}
+
+int AnalyzerDefaults::calculateSpectrogramWidthWithDisplaySize(
+    int displaySize, int intervalSize, int spectrogramWidthMianownik) const {
+    // A fixed budget shared between display rows and interval length.
+    float w =
+        static_cast<float>(122268852.23388672 / ((displaySize * 4.0 * 2 + intervalSize) * 1.4));
+    if (!cpu64bit_)
+        w *= 0.5f;
+    return static_cast<int>(w / static_cast<float>(spectrogramWidthMianownik));
+}
+
+int AnalyzerDefaults::zaokraglDoCiagu125wartosc(float wartosc, int minimum, int maximum) {
+    int x = 1;
+    if (wartosc > 1.0f) {
+        do {
+            const int p = static_cast<int>(std::pow(10.0, std::trunc(std::log10(x))));
+            const int d = x / p;
+            if (d == 5)
+                x = 10 * p;
+            if (d == 2)
+                x = 5 * p;
+            if (d == 1)
+                x = 2 * p;
+            // Past the maximum the answer is the maximum; stopping there also keeps an
+            // infinite value from running x out of range.
+        } while (static_cast<float>(x) < wartosc && x < maximum);
+    }
+    return std::min(std::max(x, minimum), maximum);
+}
+
+float AnalyzerDefaults::intervalSizeInSeconds() {
+    const AnalyzerDefaults& d = sharedDefaults();
+    const double frames = std::pow(2.0, d.intervalSizePower_) *
+                          std::trunc(calculateMinIntervalSizeInFramesFromSampleRate(d.sampleRate_));
+    return static_cast<float>(frames / static_cast<double>(d.sampleRate_));
+}
+
+void AnalyzerDefaults::recalculateDocumentSettings() {
+    fftOutSize_ = fftSize_ / 2;
+    maxFrequency_ = sampleRate_ * 0.5f;
+    // One FFT bin wide, but never below 20 Hz.
+    const float binWidth = maxFrequency_ / static_cast<float>(fftOutSize_);
+    logStartFrequency_ = static_cast<float>(std::max(static_cast<double>(binWidth), 20.0));
+    logIntervalDelta_ =
+        static_cast<float>(std::log2(static_cast<double>(maxFrequency_ / logStartFrequency_)));
+
+    minIntervalSizeInFrames_ =
+        static_cast<int32_t>(calculateMinIntervalSizeInFramesFromSampleRate(sampleRate_));
+    intervalSizeInFrames_ =
+        static_cast<int32_t>(std::pow(2.0, intervalSizePower_) * minIntervalSizeInFrames_);
+    segmentSize_ = roundAway((2048.0 / fftDisplaySize_) * 64.0);
+    spectrogramWidth_ = calculateSpectrogramWidthWithDisplaySize(
+        fftDisplaySize_, intervalSizeInFrames_, spectrogramWidthMianownik_);
+
+    const float t = static_cast<float>(intervalSizeInFrames_) / sampleRate_;
+    czasSpectrogramu_ = t * static_cast<float>(spectrogramWidth_);
+    // A read-only document is shown no longer than it was recorded.
+    if (readOnly_ && timeOfDocument_ < czasSpectrogramu_) {
+        czasSpectrogramu_ = timeOfDocument_;
+        spectrogramWidth_ = static_cast<int32_t>(timeOfDocument_ / t);
+    }
+    // Without a spectrogram the document is a two-second ring feeding the charts.
+    if (!features_.featureSpectrogramEnabled()) {
+        czasSpectrogramu_ = 2.0f;
+        spectrogramWidth_ = static_cast<int32_t>(2.0f / t);
+    }
+
+    // 40 % more segments than the width needs, plus two, so the engine can write
+    // ahead while the display lags.
+    iloscSegmentow_ = roundAway((spectrogramWidth_ / segmentSize_ + 2) * 1.4);
+    audioBuffersIntervalsCount_ = (iloscSegmentow_ + 1) * segmentSize_;
+    audioBufferByteSize_ = intervalSizeInFrames_ * audioBuffersIntervalsCount_ * 4;
+
+    const float hundredths = static_cast<float>(
+        std::round(static_cast<double>(czasSpectrogramu_) / (spectrogramWidth_ / 15.0) * 100.0));
+    czasTexturesMinValue_ =
+        static_cast<float>(zaokraglDoCiagu125wartosc(hundredths, 1, 1000)) / 100.0f;
+    czasTexturesCount_ = static_cast<int32_t>(czasSpectrogramu_ / czasTexturesMinValue_) + 1;
+
+    spectrumFrequencyTexturesMinValue_ = static_cast<float>(zaokraglDoCiagu125wartosc(
+        static_cast<float>(maxFrequency_ / (fftOutSize_ / 15.0)), 10, 10000));
+    spectrumFrequencyTexturesCount_ =
+        static_cast<int32_t>(maxFrequency_ / spectrumFrequencyTexturesMinValue_) + 1;
+    // The spectrogram's step stops at 1000 Hz, the spectrum's at 10 kHz.
+    spectrogramFrequencyTexturesMinValue_ = static_cast<float>(zaokraglDoCiagu125wartosc(
+        static_cast<float>(maxFrequency_ / (fftDisplaySize_ / 15.0)), 100, 1000));
+    spectrogramFrequencyTexturesCount_ =
+        static_cast<int32_t>(maxFrequency_ / spectrogramFrequencyTexturesMinValue_) + 1;
+}
+
+// --- Frequency index tables ------------------------------------------------------------------
+
+void AnalyzerDefaults::generateAllIndexes() {
+    generateOctaveRTAIndexes();
+    generateLogaritmicIndexes();
+    generateLogaritmicPoints();
+}
+
+void AnalyzerDefaults::generateOctaveRTAIndexes() {
+    const int bands = octaveRTABandsPerOctave_;
+    octaveRTAMinIndex_ = -1;
+    octaveRTAMaxIndex_ = 14 * bands;
+    const double binWidth = static_cast<double>(maxFrequency_) / fftOutSize_;
+    const double half = std::pow(2.0, 0.5 / bands);
+    // Centres 15.625 * 2^(i/B): a base-two series through 1000 Hz at i = 6B.
+    for (int i = 0; i <= 14 * bands && i < kOctaveRTACapacity; ++i) {
+        const double centre = std::pow(2.0, static_cast<double>(i) / bands) * 15.625;
+        const double lower = centre / half;
+        const double x = lower / binWidth;
+        octaveRTAIndexesFloor_[i] = static_cast<int32_t>(x);
+        octaveRTAPoPrzecinkuIndeksuFloor_[i] = static_cast<float>(x - std::trunc(x));
+        octaveRTAFequencies_[i] = static_cast<float>(centre);
+        if (i >= 2 && lower > binWidth && octaveRTAMinIndex_ < 0)
+            octaveRTAMinIndex_ = i;
+        if (centre < static_cast<double>(maxFrequency_))
+            octaveRTAMaxIndex_ = i;
+    }
+}
+
+void AnalyzerDefaults::generateLogaritmicIndexes() {
+    const int n = fftOutSize_;
+    const double rowsPerOctave = static_cast<double>(fftDisplaySize_);
+    int32_t count = 0;
+    int32_t previousRow = 0;
+    for (int i = 0; i < n; ++i) {
+        const double f = static_cast<double>(i) * maxFrequency_ / n;
+        const float row = std::round(std::log2(static_cast<float>(f / logStartFrequency_)) *
+                                     static_cast<float>(rowsPerOctave) / logIntervalDelta_);
+        // Rows no bin reaches (the low end) are skipped rather than repeated.
+        if (!(row >= 1.0f))
+            continue;
+        const auto r = static_cast<int32_t>(row);
+        if (r != previousRow) {
+            spectrogramLogInMiddleIndexes_[count] = i;
+            spectrogramLogIndexes_[count] = r;
+            ++count;
+            previousRow = r;
+        }
+    }
+    spectrogramLogIndexesCount_ = count;
+}
+
+void AnalyzerDefaults::generateLogaritmicPoints() {
+    const int n = fftOutSize_;
+    for (int i = 0; i < n; ++i) {
+        const float f = maxFrequency_ * static_cast<float>(i) / static_cast<float>(n);
+        // Bin 0 lands at minus infinity: 0 Hz has no place on a logarithmic axis.
+        logPoints_[i] = static_cast<float>(std::log2(static_cast<double>(f) / logStartFrequency_) /
+                                           logIntervalDelta_);
+    }
+}
+
+float* AnalyzerDefaults::nextConvertBuffer() {
+    float* out = mConvertBuffersOut_[mActualConvertBufferOut_].data();
+    mActualConvertBufferOut_ = (mActualConvertBufferOut_ + 1) % kConvertBuffersCount;
+    return out;
+}
+
+const float* AnalyzerDefaults::interlaceToSpectrogramFFTData(const float* fftData) {
+    float* out = nextConvertBuffer();
+    const int rows = fftDisplaySize_;
+    const float r = static_cast<float>(fftSize_) * 0.5f / static_cast<float>(rows);
+    const int k = static_cast<int>(r);
+    if (k >= 2) {
+        // Summed, not averaged: a row holds the power of all its bins.
+        for (int j = 0; j < rows; ++j) {
+            float sum = 0.0f;
+            for (int b = j * k; b < j * k + k; ++b)
+                sum += fftData[b];
+            out[j] = sum;
+        }
+    } else if (k == 1) {
+        std::copy(fftData, fftData + rows, out);
+    } else {
+        const int m = static_cast<int>(1.0f / r);
+        for (int j = 0; j < rows; ++j)
+            out[j] = fftData[j / m];
+    }
+    return out;
+}
+
+const float* AnalyzerDefaults::convertToLogaritmicScaleFFTData(const float* fftData) {
+    float* out = nextConvertBuffer();
+    for (int j = 0; j + 1 < spectrogramLogIndexesCount_; ++j) {
+        const int lo = spectrogramLogInMiddleIndexes_[j];
+        const int hi = spectrogramLogInMiddleIndexes_[j + 1];
+        // The logarithmic column keeps the peak of its bins.
+        out[j] = *std::max_element(fftData + lo, fftData + std::max(hi, lo + 1));
+    }
+    return out;
+}
+
+} // namespace widmo

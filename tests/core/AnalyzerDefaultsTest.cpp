@@ -1,0 +1,232 @@
+#include "core/AnalyzerDefaults.h"
+
+#include "TempSettings.h"
+
+#include <QCoreApplication>
+#include <QFile>
+#include <QProcess>
+#include <QRandomGenerator>
+
+namespace widmo {
+namespace {
+
+const QString kStore = "widmo-test";
+
+class AnalyzerDefaultsTest : public test::TempSettings {
+protected:
+    std::unique_ptr<AnalyzerDefaults> load() {
+        return std::make_unique<AnalyzerDefaults>(AnalyzerFeatures::spectrumProduct(), kStore);
+    }
+    QSettings raw() const {
+        return QSettings(QSettings::NativeFormat, QSettings::UserScope, "Widmo", kStore);
+    }
+};
+
+void expectDefaults(const AnalyzerDefaults& d) {
+    EXPECT_EQ(44100.0f, d.sampleRate());
+    EXPECT_EQ(4096, d.fftSize());
+    EXPECT_EQ(2048, d.fftOutSize());
+    EXPECT_EQ(4, d.intervalSizePower());
+    EXPECT_EQ(2048, d.fftDisplaySize());
+    EXPECT_EQ(2, d.fftWindowType());
+    EXPECT_EQ(1, d.spectrogramWidthMianownik());
+    EXPECT_TRUE(d.valuesInDB());
+    EXPECT_FALSE(d.linearFrequency());
+    EXPECT_EQ(-55.0f, d.trigLevel());
+    EXPECT_EQ(0.136054f, d.trigMinFrequency());
+    EXPECT_EQ(0.680272f, d.trigMaxFrequency());
+    EXPECT_TRUE(d.trigAutomaticStop());
+    EXPECT_TRUE(d.audioDefaultToSpeaker());
+    EXPECT_TRUE(d.octaveRTAMaxValuesEnabled());
+    EXPECT_EQ(6, d.octaveRTABandsPerOctave());
+    EXPECT_EQ(1, d.octaveRTABandAverageType());
+    EXPECT_EQ(2, d.octaveRTAMinMaxDecayTime());
+    EXPECT_EQ(-107.0f, d.spectrogramValuesInDBMinimumLevelDB());
+    EXPECT_EQ(30.0f, d.spectrumWzmocnienieDB());
+    EXPECT_EQ(10.0f, d.osciloscopeWzmocnienieDB());
+    EXPECT_EQ(20.0f, d.logStartFrequency());
+}
+
+TEST_F(AnalyzerDefaultsTest, firstStartYieldsTheDefaults) { expectDefaults(*load()); }
+
+TEST_F(AnalyzerDefaultsTest, everyPersistedSettingRoundTrips) {
+    {
+        auto d = load();
+        d->setTypeOfExportImport(2);
+        d->setSpectrogramGridOn(true);
+        d->setTrigOn(true);
+        d->setTrigAutomaticStop(false);
+        d->setTrigLevel(-31.25f);
+        d->setTrigMinFrequency(0.1f);
+        d->setTrigMaxFrequency(0.9f);
+        d->setTrigEnergySaveMode(1.0f);
+        d->setSoftwareInputGainValue(12.0f);
+        d->setOutputGainValue(-3.0f);
+        d->setSpectrogramLinearValuesWzmocnienieDB(21.0f);
+        d->setSpectrogramValuesInDBMinimumLevelDB(-90.0f);
+        d->setFftSize(16384);
+        d->setFftWindowType(3);
+        d->setSampleRate(96000.0f);
+        d->setIntervalSizePower(3);
+        d->setFftDisplaySize(1024);
+        d->setValuesInDB(false);
+        d->setLinearFrequency(true);
+        d->setOctaveRTABandsPerOctave(12);
+        d->setOctaveRTABandAverageType(2);
+        d->setSpectrogramColorType(1);
+        d->setOctaveRTAMinValuesEnabled(true);
+        d->setOctaveRTAMaxValuesEnabled(false);
+        d->setOctaveRTAMinMaxDecayTime(0);
+        d->setPlaybackTranspType(1);
+        d->setRecordingTranspositionOn(true);
+        d->setPlaybackSlowDownOctaves(3);
+        d->setRealTimeTranspFilterBelow20kHz(true);
+        d->setRealTimeTransposeOctavesDown(2);
+        d->setSpectrogramWidthMianownik(4);
+        d->setAudioDefaultToSpeaker(false);
+        d->setSpectrumWzmocnienieDB(3.0f);
+        d->setOsciloscopeWzmocnienieDB(4.0f);
+        d->saveDefaults();
+    }
+    const auto d = load();
+    EXPECT_EQ(2, d->typeOfExportImport());
+    EXPECT_TRUE(d->spectrogramGridOn());
+    EXPECT_TRUE(d->trigOn());
+    EXPECT_FALSE(d->trigAutomaticStop());
+    EXPECT_EQ(-31.25f, d->trigLevel());
+    EXPECT_EQ(0.1f, d->trigMinFrequency());
+    EXPECT_EQ(0.9f, d->trigMaxFrequency());
+    EXPECT_EQ(1.0f, d->trigEnergySaveMode());
+    EXPECT_EQ(12.0f, d->softwareInputGainValue());
+    EXPECT_EQ(-3.0f, d->outputGainValue());
+    EXPECT_EQ(21.0f, d->spectrogramLinearValuesWzmocnienieDB());
+    EXPECT_EQ(-90.0f, d->spectrogramValuesInDBMinimumLevelDB());
+    EXPECT_EQ(16384, d->fftSize());
+    EXPECT_EQ(3, d->fftWindowType());
+    EXPECT_EQ(96000.0f, d->sampleRate());
+    EXPECT_EQ(3, d->intervalSizePower());
+    EXPECT_EQ(1024, d->fftDisplaySize());
+    EXPECT_FALSE(d->valuesInDB());
+    EXPECT_TRUE(d->linearFrequency());
+    EXPECT_EQ(12, d->octaveRTABandsPerOctave());
+    EXPECT_EQ(2, d->octaveRTABandAverageType());
+    EXPECT_EQ(1, d->spectrogramColorType());
+    EXPECT_TRUE(d->octaveRTAMinValuesEnabled());
+    EXPECT_FALSE(d->octaveRTAMaxValuesEnabled());
+    EXPECT_EQ(0, d->octaveRTAMinMaxDecayTime());
+    EXPECT_EQ(1, d->playbackTranspType());
+    EXPECT_TRUE(d->recordingTranspositionOn());
+    EXPECT_EQ(3, d->playbackSlowDownOctaves());
+    EXPECT_TRUE(d->realTimeTranspFilterBelow20kHz());
+    EXPECT_EQ(2, d->realTimeTransposeOctavesDown());
+    EXPECT_EQ(4, d->spectrogramWidthMianownik());
+    EXPECT_FALSE(d->audioDefaultToSpeaker());
+    // The chart gains are per run: every start begins at 30 and 10 dB.
+    EXPECT_EQ(30.0f, d->spectrumWzmocnienieDB());
+    EXPECT_EQ(10.0f, d->osciloscopeWzmocnienieDB());
+    // The geometry follows the loaded settings.
+    EXPECT_EQ(8192, d->fftOutSize());
+    EXPECT_EQ(512, d->intervalSizeInFrames());
+
+    // The interval key holds the power, and the band key has its short name.
+    EXPECT_EQ(3, raw().value("analyzerDefaults.intervalSizeInFrames").toInt());
+    EXPECT_EQ(12, raw().value("analyzerDefaults.octaveRTABand").toInt());
+    EXPECT_EQ("kzr4410pwmq2093xa", raw().value("VersionKey").toString());
+}
+
+TEST_F(AnalyzerDefaultsTest, settingsWrittenByAnotherProcessAreReadBack) {
+    const QString self = QCoreApplication::applicationFilePath();
+    const int rc = QProcess::execute(self, {"--write-settings", path(), "8192"});
+    ASSERT_EQ(0, rc);
+    const auto d = load();
+    EXPECT_EQ(8192, d->fftSize());
+    EXPECT_EQ(3, d->intervalSizePower());
+    EXPECT_EQ(-40.5f, d->trigLevel());
+    EXPECT_TRUE(d->linearFrequency());
+}
+
+TEST_F(AnalyzerDefaultsTest, storeWithAnotherTagLoadsNothing) {
+    load()->saveDefaults();
+    {
+        QSettings s = raw();
+        s.setValue("analyzerDefaults.fftSize", 8192);
+        s.setValue("VersionKey", "an-older-build");
+    }
+    expectDefaults(*load());
+
+    raw().remove("VersionKey");
+    expectDefaults(*load());
+}
+
+TEST_F(AnalyzerDefaultsTest, valuesOfTheWrongTypeReadAsZero) {
+    load()->saveDefaults();
+    {
+        QSettings s = raw();
+        s.setValue("analyzerDefaults.fftWindowType", "hann");
+        s.setValue("analyzerDefaults.valuesInDB", "maybe");
+        s.setValue("analyzerDefaults.trigLevel", QStringList{"-10", "-20"});
+    }
+    const auto d = load();
+    EXPECT_EQ(0, d->fftWindowType());
+    EXPECT_FALSE(d->valuesInDB());
+    EXPECT_EQ(0.0f, d->trigLevel());
+    EXPECT_EQ(4096, d->fftSize()) << "the other keys still load";
+}
+
+TEST_F(AnalyzerDefaultsTest, garbageFileGivesTheDefaults) {
+    load()->saveDefaults();
+    const QString file = storeFile(kStore);
+    ASSERT_TRUE(QFile::exists(file));
+    for (quint32 seed : {1u, 2u, 3u}) {
+        QRandomGenerator rng(seed);
+        QByteArray bytes(4096, '\0');
+        for (char& b : bytes)
+            b = static_cast<char>(rng.bounded(256));
+        QFile f(file);
+        ASSERT_TRUE(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        f.write(bytes);
+        f.close();
+        expectDefaults(*load());
+    }
+}
+
+TEST_F(AnalyzerDefaultsTest, applyingPreferredValuesClampsAndReportsTheChange) {
+    auto d = load();
+    d->copyCurrentToPreferred();
+    EXPECT_EQ(AnalyzerDefaults::PreferredChange::None, d->applyPreferredSettings());
+
+    // Display settings: kept document, geometry recalculated here.
+    d->setPreferredFftSize(100);
+    bool fftChanged = false;
+    EXPECT_EQ(AnalyzerDefaults::PreferredChange::Display, d->applyPreferredSettings(&fftChanged));
+    EXPECT_TRUE(fftChanged);
+    EXPECT_EQ(256, d->fftSize());
+    EXPECT_EQ(128, d->fftOutSize());
+
+    d->copyCurrentToPreferred();
+    d->setPreferredFftSize(131072);
+    d->setPreferredFftWindowType(9);
+    d->setPreferredLogStartFrequency(55.0f);
+    EXPECT_EQ(AnalyzerDefaults::PreferredChange::Display, d->applyPreferredSettings());
+    EXPECT_EQ(65536, d->fftSize());
+    EXPECT_EQ(3, d->fftWindowType());
+    EXPECT_EQ(20.0f, d->logStartFrequency()) << "the preferred lower edge is never applied";
+
+    // Geometry settings: reported so the caller rebuilds.
+    d->copyCurrentToPreferred();
+    d->setReadOnly(true);
+    d->setPreferredSampleRate(22050.0f);
+    d->setPreferredSpectrogramWidthMianownik(0);
+    d->setPreferredFftDisplaySize(100000);
+    d->setPreferredIntervalSizePower(-1);
+    EXPECT_EQ(AnalyzerDefaults::PreferredChange::Geometry, d->applyPreferredSettings(&fftChanged));
+    EXPECT_FALSE(fftChanged);
+    EXPECT_EQ(44100.0f, d->sampleRate());
+    EXPECT_EQ(1, d->spectrogramWidthMianownik());
+    EXPECT_EQ(4096, d->fftDisplaySize());
+    EXPECT_EQ(0, d->intervalSizePower());
+    EXPECT_FALSE(d->readOnly());
+}
+
+} // namespace
+} // namespace widmo

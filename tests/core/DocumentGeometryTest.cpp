@@ -1,0 +1,132 @@
+#include "core/AnalyzerDefaults.h"
+
+#include "TempSettings.h"
+
+namespace widmo {
+namespace {
+
+class DocumentGeometryTest : public test::TempSettings {
+protected:
+    std::unique_ptr<AnalyzerDefaults> make(const AnalyzerFeatures& f) {
+        return std::make_unique<AnalyzerDefaults>(f, "geometry-test");
+    }
+};
+
+struct Row {
+    int fftOutSize;
+    float logStart;
+    int interval;
+    int segmentSize;
+    int width;
+    float czas;
+    int segments;
+    int intervalsHeld;
+    int bytes;
+    float timeStep;
+    int timeCount;
+    float spectrumStep;
+    int spectrumCount;
+    float spectrogramStep;
+    int spectrogramCount;
+};
+
+void expectRow(const AnalyzerDefaults& d, const Row& r) {
+    EXPECT_EQ(r.fftOutSize, d.fftOutSize());
+    EXPECT_FLOAT_EQ(r.logStart, d.logStartFrequency());
+    EXPECT_EQ(r.interval, d.intervalSizeInFrames());
+    EXPECT_EQ(r.segmentSize, d.segmentSize());
+    EXPECT_EQ(r.width, d.spectrogramWidth());
+    EXPECT_NEAR(r.czas, d.czasSpectrogramu(), 1e-5);
+    EXPECT_EQ(r.segments, d.iloscSegmentow());
+    EXPECT_EQ(r.intervalsHeld, d.audioBuffersIntervalsCount());
+    EXPECT_EQ(r.bytes, d.audioBufferByteSize());
+    EXPECT_FLOAT_EQ(r.timeStep, d.czasTexturesMinValue());
+    EXPECT_EQ(r.timeCount, d.czasTexturesCount());
+    EXPECT_EQ(r.spectrumStep, d.spectrumFrequencyTexturesMinValue());
+    EXPECT_EQ(r.spectrumCount, d.spectrumFrequencyTexturesCount());
+    EXPECT_EQ(r.spectrogramStep, d.spectrogramFrequencyTexturesMinValue());
+    EXPECT_EQ(r.spectrogramCount, d.spectrogramFrequencyTexturesCount());
+}
+
+TEST_F(DocumentGeometryTest, workedResultsWithoutSpectrogram) {
+    auto d = make(AnalyzerFeatures::spectrumProduct());
+    expectRow(*d, {2048, 20.0f, 512, 64, 172, 2.0f, 6, 448, 917504, 0.2f, 11, 200, 111, 200, 111});
+
+    d->setSampleRate(96000.0f);
+    d->recalculateDocumentSettings();
+    expectRow(*d,
+              {2048, 23.4375f, 1024, 64, 187, 2.0f, 6, 448, 1835008, 0.2f, 11, 500, 97, 500, 97});
+}
+
+TEST_F(DocumentGeometryTest, workedResultsWithSpectrogram) {
+    auto d = make(AnalyzerFeatures::studioProduct());
+    expectRow(*d, {2048, 20.0f, 512, 64, 5168, 60.000362f, 115, 7424, 15204352, 0.2f, 301, 200, 111,
+                   200, 111});
+
+    // A read-only document is shown as long as it was recorded, no longer.
+    d->setReadOnly(true);
+    d->setTimeOfDocument(10.0f);
+    d->recalculateDocumentSettings();
+    EXPECT_FLOAT_EQ(10.0f, d->czasSpectrogramu());
+    EXPECT_EQ(861, d->spectrogramWidth()); // trunc(10 / (512 / 44100))
+
+    d->setReadOnly(false);
+    d->setCpu64bit(false);
+    d->recalculateDocumentSettings();
+    EXPECT_EQ(2584, d->spectrogramWidth()) << "a reduced device gets half the width";
+}
+
+TEST_F(DocumentGeometryTest, logarithmicAxisStartsAtOneBinButNotBelow20Hz) {
+    auto d = make(AnalyzerFeatures::studioProduct());
+    EXPECT_EQ(20.0f, d->logStartFrequency()); // one bin is 10.77 Hz
+
+    d->setSampleRate(384000.0f);
+    d->setFftSize(256);
+    d->recalculateDocumentSettings();
+    EXPECT_EQ(128, d->fftOutSize());
+    EXPECT_EQ(1500.0f, d->logStartFrequency());
+    EXPECT_EQ(7.0f, d->logIntervalDelta());
+}
+
+TEST_F(DocumentGeometryTest, intervalLengthIsAboutOneMillisecondTimesPowerOfTwo) {
+    const std::pair<float, float> table[] = {{44100, 32},   {48000, 32},   {88200, 64},
+                                             {96000, 64},   {176400, 128}, {192000, 128},
+                                             {352800, 256}, {384000, 256}};
+    for (auto [rate, frames] : table)
+        EXPECT_EQ(frames, AnalyzerDefaults::calculateMinIntervalSizeInFramesFromSampleRate(rate))
+            << rate;
+
+    auto d = make(AnalyzerFeatures::spectrumProduct());
+    const int expected[] = {32, 64, 128, 256, 512};
+    for (int power = 0; power <= 4; ++power) {
+        d->setIntervalSizePower(power);
+        d->recalculateDocumentSettings();
+        EXPECT_EQ(expected[power], d->intervalSizeInFrames());
+    }
+}
+
+TEST_F(DocumentGeometryTest, segmentSizeFollowsDisplaySize) {
+    auto d = make(AnalyzerFeatures::studioProduct());
+    const std::pair<int, int> table[] = {{512, 256}, {1024, 128}, {2048, 64}, {4096, 32}};
+    for (auto [display, segment] : table) {
+        d->setFftDisplaySize(display);
+        d->recalculateDocumentSettings();
+        EXPECT_EQ(segment, d->segmentSize()) << display;
+    }
+}
+
+TEST(RoundTo125Test, roundsUpToTheSequenceThenClamps) {
+    EXPECT_EQ(20, AnalyzerDefaults::zaokraglDoCiagu125wartosc(17.0f, 1, 1000));
+    EXPECT_EQ(20, AnalyzerDefaults::zaokraglDoCiagu125wartosc(20.0f, 1, 1000));
+    EXPECT_EQ(10, AnalyzerDefaults::zaokraglDoCiagu125wartosc(0.5f, 10, 10000));
+    EXPECT_EQ(1000, AnalyzerDefaults::zaokraglDoCiagu125wartosc(2000.0f, 100, 1000));
+    EXPECT_EQ(2, AnalyzerDefaults::zaokraglDoCiagu125wartosc(1.0001f, 1, 10));
+    EXPECT_EQ(1, AnalyzerDefaults::zaokraglDoCiagu125wartosc(1.0f, 1, 10));
+    EXPECT_EQ(50, AnalyzerDefaults::zaokraglDoCiagu125wartosc(21.0f, 1, 1000));
+    EXPECT_EQ(100, AnalyzerDefaults::zaokraglDoCiagu125wartosc(51.0f, 1, 1000));
+    EXPECT_EQ(1000, AnalyzerDefaults::zaokraglDoCiagu125wartosc(
+                        std::numeric_limits<float>::infinity(), 1, 1000));
+}
+
+} // namespace
+} // namespace widmo
