@@ -1,0 +1,55 @@
+#include "ui/TQHelpers.h"
+
+#include <QDir>
+#include <QFile>
+#include <QStandardPaths>
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <sys/xattr.h>
+
+namespace widmo {
+namespace {
+
+TEST(TQHelpersTest, namesArePercentEncodedAndResolveBackToTheFile) {
+    const QUrl url = TQHelpers::urlInDocumentsWithFileName("my recording #1 (ż).wav");
+    EXPECT_TRUE(url.isValid());
+    const QString text = url.toString(QUrl::FullyEncoded);
+    EXPECT_TRUE(text.startsWith(TQHelpers::documentDirectory().toString(QUrl::FullyEncoded)));
+    EXPECT_TRUE(text.endsWith("my%20recording%20%231%20(%C5%BC).wav")) << text.toStdString();
+    EXPECT_EQ(QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation) +
+                  "/my recording #1 (ż).wav",
+              url.toLocalFile());
+}
+
+TEST(TQHelpersTest, eachLocationIsItsOwnExistingFolder) {
+    const QString docs = TQHelpers::urlInDocumentsWithFileName("a").toLocalFile();
+    const QString temp = TQHelpers::urlInTempWithFileName("a").toLocalFile();
+    const QString lib = TQHelpers::urlInLibraryDirWithFileName("a").toLocalFile();
+    EXPECT_NE(docs, temp);
+    EXPECT_NE(temp, lib);
+    // "Temporary" files live in the user's cache folder, which survives a reboot.
+    EXPECT_EQ(QStandardPaths::writableLocation(QStandardPaths::CacheLocation) + "/a", temp);
+    for (const QString& f : {docs, temp, lib})
+        EXPECT_TRUE(QFileInfo(f).dir().exists()) << f.toStdString();
+}
+
+TEST(TQHelpersTest, excludedFileCarriesTheBackupAttribute) {
+    const QUrl url = TQHelpers::urlInTempWithFileName("excluded.dat");
+    QFile f(url.toLocalFile());
+    ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+    f.close();
+    TQHelpers::excludeFromBackupURL(url);
+    char value[16] = {};
+    const ssize_t n = ::getxattr(QFile::encodeName(f.fileName()).constData(),
+                                 "user.xdg.robots.backup", value, sizeof value);
+    if (n < 0 && errno == ENOTSUP)
+        GTEST_SKIP() << "this file system keeps no user attributes";
+    ASSERT_EQ(5, n);
+    EXPECT_STREQ("false", value);
+    TQHelpers::excludeFromBackupURL(QUrl()); // no file: nothing happens
+}
+
+} // namespace
+} // namespace widmo

@@ -1,0 +1,133 @@
+#include "ui/TQMessage.h"
+
+#include <QAbstractButton>
+#include <QApplication>
+#include <QDialog>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QTest>
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+namespace widmo {
+namespace {
+
+// Runs the event loop until `condition` holds or `ms` pass; the assertions
+// that follow say what was expected.
+template <typename F> void waitUntil(F condition, int ms) {
+    static_cast<void>(QTest::qWaitFor(condition, ms));
+}
+
+// The visible message boxes, newest last.
+QList<QMessageBox*> openBoxes() {
+    QList<QMessageBox*> boxes;
+    for (QWidget* w : QApplication::topLevelWidgets())
+        if (auto* box = qobject_cast<QMessageBox*>(w); box && box->isVisible())
+            boxes.append(box);
+    return boxes;
+}
+
+QMessageBox* waitForBox() {
+    QMessageBox* found = nullptr;
+    waitUntil(
+        [&] {
+            const auto boxes = openBoxes();
+            found = boxes.isEmpty() ? nullptr : boxes.last();
+            return found != nullptr;
+        },
+        5000);
+    return found;
+}
+
+QAbstractButton* buttonWithText(QMessageBox* box, const QString& text) {
+    for (QAbstractButton* b : box->buttons())
+        if (b->text() == text)
+            return b;
+    return nullptr;
+}
+
+class TQMessageTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        mainScreen = std::make_unique<QWidget>();
+        mainScreen->resize(400, 300);
+        mainScreen->show();
+        TQMessage::setMainScreen(mainScreen.get());
+    }
+    void TearDown() override {
+        for (QMessageBox* box : openBoxes())
+            box->close();
+        QTest::qWait(50);
+        TQMessage::setMainScreen(nullptr);
+    }
+    std::unique_ptr<QWidget> mainScreen;
+};
+
+TEST_F(TQMessageTest, callbackGetsZeroForCancelAndPositionPlusOneForButtons) {
+    const QStringList buttons{"Export", "Import", "Delete"};
+    for (int pressed = 0; pressed <= 3; ++pressed) {
+        int received = -1;
+        int calls = 0;
+        TQMessage::showMessage("Choose", "Title", "Cancel", buttons, [&](int i) {
+            received = i;
+            ++calls;
+        });
+        EXPECT_TRUE(openBoxes().isEmpty()) << "presented later on the event loop, never inline";
+        QMessageBox* box = waitForBox();
+        ASSERT_NE(nullptr, box);
+        EXPECT_EQ(1, TQMessage::pendingCount());
+        const QString text = pressed == 0 ? QString("Cancel") : buttons[pressed - 1];
+        QAbstractButton* b = buttonWithText(box, text);
+        ASSERT_NE(nullptr, b);
+        b->click();
+        waitUntil([] { return TQMessage::pendingCount() == 0; }, 2000);
+        EXPECT_EQ(pressed, received);
+        EXPECT_EQ(1, calls);
+        EXPECT_EQ(0, TQMessage::pendingCount());
+    }
+}
+
+TEST_F(TQMessageTest, presentingFromTheMainScreenDismissesItsOpenPanelFirst) {
+    auto* panel = new QDialog(mainScreen.get());
+    panel->setAttribute(Qt::WA_DeleteOnClose);
+    panel->show();
+    QPointer<QDialog> watch(panel);
+    int pressedFirst = -1;
+    TQMessage::showMessage("First", QString(), "OK", {}, [&](int i) { pressedFirst = i; });
+    QMessageBox* first = waitForBox();
+    ASSERT_NE(nullptr, first);
+    waitUntil([&] { return watch.isNull(); }, 2000);
+    EXPECT_TRUE(watch.isNull()) << "the open panel was closed before the message";
+
+    // A second message replaces the first; the first never calls back.
+    TQMessage::showMessage("Second", "");
+    waitUntil([&] { return openBoxes().size() == 1 && openBoxes().first() != first; }, 2000);
+    ASSERT_EQ(1, openBoxes().size());
+    QMessageBox* second = openBoxes().first();
+    EXPECT_EQ("Second", second->text());
+    ASSERT_EQ(1, second->buttons().size()) << "a plain message has one button";
+    EXPECT_EQ(-1, pressedFirst);
+    second->buttons().first()->click();
+    waitUntil([] { return TQMessage::pendingCount() == 0; }, 2000);
+    EXPECT_EQ(0, TQMessage::pendingCount());
+}
+
+TEST_F(TQMessageTest, messageOverAGivenWidgetLeavesOtherPanelsOpen) {
+    QDialog panel(mainScreen.get());
+    panel.show();
+    int received = -1;
+    TQMessage::showActionSheetWithTitle("Share", &panel, "Cancel", {"Send a copy"},
+                                        [&](int i) { received = i; });
+    QMessageBox* box = waitForBox();
+    ASSERT_NE(nullptr, box);
+    EXPECT_EQ(&panel, box->parentWidget());
+    EXPECT_TRUE(panel.isVisible());
+    buttonWithText(box, "Send a copy")->click();
+    waitUntil([&] { return received != -1; }, 2000);
+    EXPECT_EQ(1, received);
+}
+
+} // namespace
+} // namespace widmo
