@@ -20,6 +20,10 @@ public:
 
     /// out[k] = a[k] * b[k].
     static void multiply(const float* a, const float* b, float* out, int32_t count);
+    /// copy[k] = in[k] and product[k] = in[k] * b[k], in one pass over `in`.
+    /// The three outputs and inputs must not overlap.
+    static void copyAndMultiply(const float* in, const float* b, float* copy, float* product,
+                                int32_t count);
     /// out[k] = in[k] * scale.
     static void scale(const float* in, float scale, float* out, int32_t count);
     /// out[k] = re² + im² of the interleaved complex value k (`in` holds 2*count
