@@ -12,7 +12,13 @@ extern "C" float log10f(float) noexcept __attribute__((simd("notinbranch")));
 // Each loop is compiled for AVX-512, AVX2 and the baseline, and the loader
 // picks the widest the processor has (GCC function multiversioning), as FFTW
 // does for its own kernels; the baseline build alone would stop at SSE2.
+// ThreadSanitizer builds keep the baseline only: the clones' resolvers run
+// while the program is being loaded, before the sanitizer's runtime is up.
+#if defined(__SANITIZE_THREAD__)
+#define WIDMO_VECTOR_CLONES
+#else
 #define WIDMO_VECTOR_CLONES __attribute__((target_clones("avx512f", "avx2", "default")))
+#endif
 
 namespace widmo {
 
@@ -94,15 +100,6 @@ void VectorHelpers::scale(const float* in, float s, float* out, int32_t count) {
         scaleInPlaceLoop(out, s, count);
     else
         scaleLoop(in, s, out, count);
-}
-
-WIDMO_VECTOR_CLONES void VectorHelpers::squaredMagnitudes(const float* __restrict in,
-                                                          float* __restrict out, int32_t count) {
-    for (int32_t k = 0; k < count; ++k) {
-        const float re = in[2 * k];
-        const float im = in[2 * k + 1];
-        out[k] = re * re + im * im;
-    }
 }
 
 WIDMO_VECTOR_CLONES void VectorHelpers::scaledSquaredMagnitudes(const float* __restrict in, float s,
