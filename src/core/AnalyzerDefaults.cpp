@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdlib>
 #include <memory>
 #include <type_traits>
 #include <variant>
@@ -76,7 +77,8 @@ const std::vector<AnalyzerDefaults::PersistedField>& AnalyzerDefaults::persisted
 
 AnalyzerDefaults::AnalyzerDefaults(const AnalyzerFeatures& features, const QString& storeName)
     : features_(features), storeName_(storeName),
-      mConvertBuffersOut_(kConvertBuffersCount, std::vector<float>(kConvertBufferCapacity, 0.0f)),
+      mConvertBuffersOut_(static_cast<float*>(std::calloc(
+          static_cast<size_t>(kConvertBuffersCount) * kConvertBufferCapacity, sizeof(float)))),
       logPoints_(kLogTablesCapacity, 0.0f), octaveRTAIndexesFloor_(kOctaveRTACapacity, 0),
       octaveRTAPoPrzecinkuIndeksuFloor_(kOctaveRTACapacity, 0.0f),
       octaveRTAFequencies_(kOctaveRTACapacity, 0.0f),
@@ -86,6 +88,8 @@ AnalyzerDefaults::AnalyzerDefaults(const AnalyzerFeatures& features, const QStri
     recalculateDocumentSettings();
     generateAllIndexes();
 }
+
+void AnalyzerDefaults::FreeDeleter::operator()(float* p) const { std::free(p); }
 
 AnalyzerDefaults::~AnalyzerDefaults() {
     if (sharedInstance == this)
@@ -382,7 +386,8 @@ void AnalyzerDefaults::generateLogaritmicPoints() {
 }
 
 float* AnalyzerDefaults::nextConvertBuffer() {
-    float* out = mConvertBuffersOut_[mActualConvertBufferOut_].data();
+    float* out = mConvertBuffersOut_.get() +
+                 static_cast<ptrdiff_t>(mActualConvertBufferOut_) * kConvertBufferCapacity;
     mActualConvertBufferOut_ = (mActualConvertBufferOut_ + 1) % kConvertBuffersCount;
     return out;
 }

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 namespace widmo {
@@ -308,7 +309,12 @@ private:
     const AnalyzerFeatures features_; // a copy: records are small and fixed
     QString storeName_;
 
-    std::vector<std::vector<float>> mConvertBuffersOut_;
+    // One zero-filled block for the 128 conversion buffers, from calloc so that
+    // buffers never used (most of them, without a spectrogram) cost no memory.
+    struct FreeDeleter {
+        void operator()(float* p) const;
+    };
+    std::unique_ptr<float[], FreeDeleter> mConvertBuffersOut_;
     int32_t mActualConvertBufferOut_ = 0;
     bool cpu64bit_ = true;
     std::atomic<bool> dataValid_{false};
