@@ -47,7 +47,7 @@ DispatchQueue::~DispatchQueue() {
 }
 
 void DispatchQueue::async(Task& task) {
-    push(&task);
+    tasks_.push(&task);
     pending_.release();
 }
 
@@ -60,50 +60,14 @@ void DispatchQueue::waitUntilEmpty() {
     finished.wait();
 }
 
-void DispatchQueue::push(Task* task) {
-    task->next_.store(nullptr, std::memory_order_relaxed);
-    Task* previous = head_.exchange(task, std::memory_order_acq_rel);
-    // Between the exchange and this store the list is briefly cut; the worker
-    // sees that as "not yet there" and waits for the link.
-    previous->next_.store(task, std::memory_order_release);
-}
-
-DispatchQueue::Task* DispatchQueue::pop() {
-    Task* tail = tail_;
-    Task* next = tail->next_.load(std::memory_order_acquire);
-    if (tail == &stub_) {
-        if (next == nullptr) {
-            return nullptr;
-        }
-        tail_ = next;
-        tail = next;
-        next = next->next_.load(std::memory_order_acquire);
-    }
-    if (next != nullptr) {
-        tail_ = next;
-        return tail;
-    }
-    if (tail != head_.load(std::memory_order_acquire)) {
-        return nullptr; // a producer is between its exchange and its link
-    }
-    // `tail` is the last task: put the stub behind it so that it can leave.
-    push(&stub_);
-    next = tail->next_.load(std::memory_order_acquire);
-    if (next != nullptr) {
-        tail_ = next;
-        return tail;
-    }
-    return nullptr;
-}
-
 void DispatchQueue::workerLoop() {
     while (running_) {
         pending_.acquire();
-        Task* task = pop();
+        Task* task = tasks_.pop();
         while (task == nullptr) {
             // The semaphore says a task is there; its producer has not linked it yet.
             std::this_thread::yield();
-            task = pop();
+            task = tasks_.pop();
         }
         task->run();
     }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "engine/TaskList.h"
+
 #include <atomic>
 #include <functional>
 #include <semaphore>
@@ -30,18 +32,10 @@ class DispatchQueue {
 public:
     /// Work that can be submitted without allocation. The owner keeps the
     /// object alive until it has run, and submits it again only after `run`
-    /// has started (a task sits in at most one queue slot at a time).
-    class Task {
-    public:
-        virtual ~Task() = default;
-        /// Runs on the worker thread. After `run` returns the queue no longer
-        /// touches the object, so `run` may resubmit or delete it.
-        virtual void run() = 0;
-
-    private:
-        friend class DispatchQueue;
-        std::atomic<Task*> next_{nullptr};
-    };
+    /// has started (a task sits in at most one queue slot at a time). `run`
+    /// executes on the worker thread; after it returns the queue no longer
+    /// touches the object, so `run` may resubmit or delete it.
+    using Task = TaskList::Node;
 
     /// Starts the worker thread. `label` names the queue (for example
     /// "org.widmo.analyzer.myAnalyzerQueue1"); its last 15 characters become the
@@ -65,23 +59,13 @@ public:
     bool isCurrent() const { return std::this_thread::get_id() == workerId_; }
 
 private:
-    class StubTask final : public Task {
-    public:
-        void run() override {}
-    };
     class FunctionTask;
     class StopTask;
 
-    void push(Task* task);
-    Task* pop();
     void workerLoop();
 
     std::string label_;
-    // Intrusive multi-producer single-consumer list: producers exchange `head_`,
-    // the worker alone walks from `tail_`. `stub_` keeps the list non-empty.
-    StubTask stub_;
-    std::atomic<Task*> head_{&stub_};
-    Task* tail_ = &stub_; // worker thread only
+    TaskList tasks_; // popped by the worker only
     std::counting_semaphore<> pending_{0};
     bool running_ = true; // worker thread only
     std::thread worker_;

@@ -78,12 +78,14 @@ TEST_F(IntakeTest, blockCrossingRingEnd_wrapsTail) {
     build();
     startRecording();
     std::mt19937 random(3);
-    // Fill the ring up to 100 samples before its end.
+    // Fill the ring up to 100 samples before its end, at the analysis' pace (a
+    // block may not overwrite samples that an interval not yet analysed needs).
     int64_t left = capacity() - 100;
     while (left > 0) {
         std::vector<float> block =
             stereoBlock(static_cast<int32_t>(std::min<int64_t>(left, 4096)), random);
         push(block);
+        drain();
         left -= static_cast<int64_t>(block.size() / 2);
     }
     drain();
