@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <bit>
 #include <cmath>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <numbers>
@@ -30,6 +31,15 @@ float* zeroedFloats(size_t count) {
     return p;
 }
 
+/// Slots start on 64-byte boundaries (a cache line, and more than any SIMD
+/// width FFTW uses), so that a slot can be handed to FFTW like its own arrays.
+constexpr size_t kAlignFloats = 64 / sizeof(float);
+
+float* aligned(float* p) {
+    const auto address = reinterpret_cast<uintptr_t>(p);
+    return p + ((64 - address % 64) % 64) / sizeof(float);
+}
+
 enum WindowType : int32_t { Rectangle = 0, Blackman = 1, Hamming = 2, Hanning = 3 };
 
 } // namespace
@@ -47,16 +57,19 @@ FFTManager::FFTManager(AnalyzerDefaults& defaults, FFTPlanCache& plans)
     std::memset(mRealData, 0, kWindowFloats * sizeof(float));
     std::memset(mSpectrum, 0, (kOutFloats + 1) * sizeof(fftwf_complex));
 
-    mWindowBuffersBlock = zeroedFloats(kSlots * kWindowFloats);
-    mBuffersOutBlock = zeroedFloats(kSlots * kOutFloats);
+    mWindowBuffersBlock = zeroedFloats(kSlots * kWindowFloats + kAlignFloats);
+    mBuffersOutBlock = zeroedFloats(kSlots * kOutFloats + kAlignFloats);
+    float* windows = aligned(mWindowBuffersBlock);
+    float* outs = aligned(mBuffersOutBlock);
     for (size_t s = 0; s < kSlots; ++s) {
-        mFFTWindowBuffers[s] = mWindowBuffersBlock + s * kWindowFloats;
-        mBuffersOut[s] = mBuffersOutBlock + s * kOutFloats;
+        mFFTWindowBuffers[s] = windows + s * kWindowFloats;
+        mBuffersOut[s] = outs + s * kOutFloats;
     }
     if (mDefaults.features().featureVoiceEGG()) {
-        mEggBuffersBlock = zeroedFloats(kSlots * kWindowFloats);
+        mEggBuffersBlock = zeroedFloats(kSlots * kWindowFloats + kAlignFloats);
+        float* eggs = aligned(mEggBuffersBlock);
         for (size_t s = 0; s < kSlots; ++s)
-            mEggBuffers[s] = mEggBuffersBlock + s * kWindowFloats;
+            mEggBuffers[s] = eggs + s * kWindowFloats;
     }
 }
 
@@ -118,16 +131,13 @@ float FFTManager::amplitudeScale(int32_t windowType, int32_t fftSize) {
 
 void FFTManager::przeliczWithFFTWindowBufor(const float* fftWindowBufor, float* wyjsciowyBufor) {
     const int32_t n = mDefaults.fftSize();
-    const int32_t m = std::min(mDefaults.fftOutSize(), n / 2);
     // Planned before the scratch is filled: planning a new size measures on
     // scratch arrays of its own, but must not run between fill and execute.
     fftwf_plan plan = mSpectrumAnalysis->plan(n);
     if (!plan) {
-        qWarning("FFT size %d is not a power of two in 256..65536; spectrum left empty", n);
-        std::memset(wyjsciowyBufor, 0, static_cast<size_t>(std::max(m, 0)) * sizeof(float));
+        zeroSpectrum(n, wyjsciowyBufor);
         return;
     }
-
     const int32_t type = mDefaults.fftWindowType();
     if (type != Rectangle) {
         prepareWindow();
@@ -135,22 +145,34 @@ void FFTManager::przeliczWithFFTWindowBufor(const float* fftWindowBufor, float* 
     } else {
         std::memcpy(mRealData, fftWindowBufor, static_cast<size_t>(n) * sizeof(float));
     }
+    transformToPower(plan, mRealData, type, wyjsciowyBufor);
+}
 
-    fftwf_execute_dft_r2c(plan, mRealData, mSpectrum);
+void FFTManager::zeroSpectrum(int32_t n, float* out) const {
+    qWarning("FFT size %d is not a power of two in 256..65536; spectrum left empty", n);
+    const int32_t m = std::clamp(mDefaults.fftOutSize(), 0, kMaxFFTOutSize);
+    std::memset(out, 0, static_cast<size_t>(m) * sizeof(float));
+}
 
+void FFTManager::transformToPower(fftwf_plan plan, float* input, int32_t windowType, float* out) {
+    const int32_t n = mDefaults.fftSize();
+    const int32_t m = std::min(mDefaults.fftOutSize(), n / 2);
+    fftwf_execute_dft_r2c(plan, input, mSpectrum);
     // FFTW gives the plain DFT; the packed real transform this scale is
     // defined on gives twice that, hence 2 * s (exact: a power of two).
-    const float s2 = 2.0f * amplitudeScale(type, n);
+    const float s2 = 2.0f * amplitudeScale(windowType, n);
     // Bin 0's imaginary part is where the packed layout keeps the Nyquist
     // term, which is dropped; FFTW keeps Nyquist at bin N/2, never read here.
     mSpectrum[0][1] = 0.0f;
-    VectorHelpers::scaledSquaredMagnitudes(&mSpectrum[0][0], s2, wyjsciowyBufor, m);
+    VectorHelpers::scaledSquaredMagnitudes(&mSpectrum[0][0], s2, out, m);
 }
 
 void FFTManager::copyFromRing(const float* store, int32_t position, int32_t storeSize, float* dest,
-                              int32_t count) const {
+                              const float* window, int32_t count) {
     if (position < 0 || storeSize <= 0 || !store) {
         std::memset(dest, 0, static_cast<size_t>(count) * sizeof(float));
+        if (window)
+            std::memset(mRealData, 0, static_cast<size_t>(count) * sizeof(float));
         return;
     }
     int32_t p = position % storeSize;
@@ -158,7 +180,11 @@ void FFTManager::copyFromRing(const float* store, int32_t position, int32_t stor
     // Normally one or two pieces: up to the store's end, then from its start.
     while (done < count) {
         const int32_t piece = std::min(storeSize - p, count - done);
-        std::memcpy(dest + done, store + p, static_cast<size_t>(piece) * sizeof(float));
+        if (window)
+            VectorHelpers::copyAndMultiply(store + p, window + done, dest + done, mRealData + done,
+                                           piece);
+        else
+            std::memcpy(dest + done, store + p, static_cast<size_t>(piece) * sizeof(float));
         done += piece;
         p = 0;
     }
@@ -176,14 +202,34 @@ void FFTManager::przeliczFFTDlaIntervalIndex(int64_t intervalIndex, const float*
         *fftDataOut = out;
 
     const int32_t n = std::clamp(mDefaults.fftSize(), 0, kMaxFFTSize);
-    copyFromRing(audioDataBuffer, audioDataPos, dataBufferSize, windowBuffer, n);
     if (mEggBuffers[slot]) {
         const auto& egg = mDefaults.eggBuffersData();
         const bool eggValid = static_cast<int64_t>(egg.size()) >= dataBufferSize;
         copyFromRing(eggValid ? egg.data() : nullptr, audioDataPos, dataBufferSize,
-                     mEggBuffers[slot], n);
+                     mEggBuffers[slot], nullptr, n);
     }
-    przeliczWithFFTWindowBufor(windowBuffer, out);
+
+    fftwf_plan plan = mSpectrumAnalysis->plan(mDefaults.fftSize());
+    const int32_t type = mDefaults.fftWindowType();
+    if (!plan) {
+        copyFromRing(audioDataBuffer, audioDataPos, dataBufferSize, windowBuffer, nullptr, n);
+        zeroSpectrum(mDefaults.fftSize(), out);
+        return;
+    }
+    if (type != Rectangle) {
+        // One pass over the ring fills the slot and the windowed scratch.
+        prepareWindow();
+        copyFromRing(audioDataBuffer, audioDataPos, dataBufferSize, windowBuffer, mWindow, n);
+        transformToPower(plan, mRealData, type, out);
+    } else {
+        copyFromRing(audioDataBuffer, audioDataPos, dataBufferSize, windowBuffer, nullptr, n);
+        // Unwindowed: the slot itself is the transform's input (FFTW keeps
+        // its input); the slots are aligned like the scratch the plans assume.
+        const bool aligned = fftwf_alignment_of(windowBuffer) == fftwf_alignment_of(mRealData);
+        if (!aligned)
+            std::memcpy(mRealData, windowBuffer, static_cast<size_t>(n) * sizeof(float));
+        transformToPower(plan, aligned ? windowBuffer : mRealData, type, out);
+    }
 }
 
 void FFTManager::przeliczFFTDlaIntervalIndex(int64_t intervalIndex, float** fftWindowData,

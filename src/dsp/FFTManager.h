@@ -109,8 +109,16 @@ public:
     int64_t windowBuildCount() const { return mWindowBuildCount; }
 
 private:
+    /// Copies `count` samples of the ring `store` from `position` into the
+    /// slot buffer `dest` and, windowed when `window` is set, into `mRealData`:
+    /// the ring is read once. A negative position or no store gives zeros.
     void copyFromRing(const float* store, int32_t position, int32_t storeSize, float* dest,
-                      int32_t count) const;
+                      const float* window, int32_t count);
+    /// Transforms `input` (`mRealData` or an array aligned like it) into `out`
+    /// with the scale of `windowType`.
+    /// Zero-fills `out` after an unplannable size, with a warning.
+    void zeroSpectrum(int32_t n, float* out) const;
+    void transformToPower(fftwf_plan plan, float* input, int32_t windowType, float* out);
 
     AnalyzerDefaults& mDefaults;
     /// The FFTW plans, one per size (serves every `fftSize` up to 65,536).
@@ -131,7 +139,7 @@ private:
     /// Per slot: the EGG channel over the same window; null without the EGG product.
     std::array<float*, kSlotsCount> mEggBuffers{};
     // One zero-filled block each for the slot arrays above (calloc: untouched
-    // pages stay unmapped).
+    // pages stay unmapped); the slots start 64 bytes aligned inside them.
     float* mWindowBuffersBlock = nullptr;
     float* mBuffersOutBlock = nullptr;
     float* mEggBuffersBlock = nullptr;

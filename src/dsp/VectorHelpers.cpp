@@ -9,6 +9,17 @@
 // library) the decibel loop runs four or eight values per call.
 extern "C" float log10f(float) noexcept __attribute__((simd("notinbranch")));
 
+// Each loop is compiled for AVX-512, AVX2 and the baseline, and the loader
+// picks the widest the processor has (GCC function multiversioning), as FFTW
+// does for its own kernels; the baseline build alone would stop at SSE2.
+// ThreadSanitizer builds keep the baseline only: the clones' resolvers run
+// while the program is being loaded, before the sanitizer's runtime is up.
+#if defined(__SANITIZE_THREAD__)
+#define WIDMO_VECTOR_CLONES
+#else
+#define WIDMO_VECTOR_CLONES __attribute__((target_clones("avx512f", "avx2", "default")))
+#endif
+
 namespace widmo {
 
 namespace {
@@ -17,43 +28,47 @@ namespace {
 // overlap check; the public functions route the in-place case (in == out) to
 // a single-pointer loop, which is equally free of aliasing questions.
 
-void multiplyLoop(const float* __restrict a, const float* __restrict b, float* __restrict out,
-                  int32_t count) {
+WIDMO_VECTOR_CLONES void multiplyLoop(const float* __restrict a, const float* __restrict b,
+                                      float* __restrict out, int32_t count) {
     for (int32_t k = 0; k < count; ++k)
         out[k] = a[k] * b[k];
 }
 
-void multiplyInPlaceLoop(float* __restrict io, const float* __restrict b, int32_t count) {
+WIDMO_VECTOR_CLONES void multiplyInPlaceLoop(float* __restrict io, const float* __restrict b,
+                                             int32_t count) {
     for (int32_t k = 0; k < count; ++k)
         io[k] *= b[k];
 }
 
-void scaleLoop(const float* __restrict in, float s, float* __restrict out, int32_t count) {
+WIDMO_VECTOR_CLONES void scaleLoop(const float* __restrict in, float s, float* __restrict out,
+                                   int32_t count) {
     for (int32_t k = 0; k < count; ++k)
         out[k] = in[k] * s;
 }
 
-void scaleInPlaceLoop(float* io, float s, int32_t count) {
+WIDMO_VECTOR_CLONES void scaleInPlaceLoop(float* io, float s, int32_t count) {
     for (int32_t k = 0; k < count; ++k)
         io[k] *= s;
 }
 
-void decibelLoop(const float* __restrict in, float offset, float* __restrict out, int32_t count) {
+WIDMO_VECTOR_CLONES void decibelLoop(const float* __restrict in, float offset,
+                                     float* __restrict out, int32_t count) {
     for (int32_t k = 0; k < count; ++k)
         out[k] = 10.0f * log10f(in[k] + offset);
 }
 
-void decibelInPlaceLoop(float* io, float offset, int32_t count) {
+WIDMO_VECTOR_CLONES void decibelInPlaceLoop(float* io, float offset, int32_t count) {
     for (int32_t k = 0; k < count; ++k)
         io[k] = 10.0f * log10f(io[k] + offset);
 }
 
-void magnitudeLoop(const float* __restrict in, float* __restrict out, int32_t count) {
+WIDMO_VECTOR_CLONES void magnitudeLoop(const float* __restrict in, float* __restrict out,
+                                       int32_t count) {
     for (int32_t k = 0; k < count; ++k)
         out[k] = std::sqrt(in[k]);
 }
 
-void magnitudeInPlaceLoop(float* io, int32_t count) {
+WIDMO_VECTOR_CLONES void magnitudeInPlaceLoop(float* io, int32_t count) {
     for (int32_t k = 0; k < count; ++k)
         io[k] = std::sqrt(io[k]);
 }
@@ -69,6 +84,17 @@ void VectorHelpers::multiply(const float* a, const float* b, float* out, int32_t
         multiplyLoop(a, b, out, count);
 }
 
+WIDMO_VECTOR_CLONES void VectorHelpers::copyAndMultiply(const float* __restrict in,
+                                                        const float* __restrict b,
+                                                        float* __restrict copy,
+                                                        float* __restrict product, int32_t count) {
+    for (int32_t k = 0; k < count; ++k) {
+        const float v = in[k];
+        copy[k] = v;
+        product[k] = v * b[k];
+    }
+}
+
 void VectorHelpers::scale(const float* in, float s, float* out, int32_t count) {
     if (in == out)
         scaleInPlaceLoop(out, s, count);
@@ -76,17 +102,9 @@ void VectorHelpers::scale(const float* in, float s, float* out, int32_t count) {
         scaleLoop(in, s, out, count);
 }
 
-void VectorHelpers::squaredMagnitudes(const float* __restrict in, float* __restrict out,
-                                      int32_t count) {
-    for (int32_t k = 0; k < count; ++k) {
-        const float re = in[2 * k];
-        const float im = in[2 * k + 1];
-        out[k] = re * re + im * im;
-    }
-}
-
-void VectorHelpers::scaledSquaredMagnitudes(const float* __restrict in, float s,
-                                            float* __restrict out, int32_t count) {
+WIDMO_VECTOR_CLONES void VectorHelpers::scaledSquaredMagnitudes(const float* __restrict in, float s,
+                                                                float* __restrict out,
+                                                                int32_t count) {
     for (int32_t k = 0; k < count; ++k) {
         const float re = in[2 * k] * s;
         const float im = in[2 * k + 1] * s;

@@ -20,13 +20,16 @@ public:
 
     /// out[k] = a[k] * b[k].
     static void multiply(const float* a, const float* b, float* out, int32_t count);
+    /// copy[k] = in[k] and product[k] = in[k] * b[k], in one pass over `in`.
+    /// The three outputs and inputs must not overlap.
+    static void copyAndMultiply(const float* in, const float* b, float* copy, float* product,
+                                int32_t count);
     /// out[k] = in[k] * scale.
     static void scale(const float* in, float scale, float* out, int32_t count);
-    /// out[k] = re² + im² of the interleaved complex value k (`in` holds 2*count
-    /// floats: re0, im0, re1, im1, ...). `out` must not overlap `in`.
-    static void squaredMagnitudes(const float* interleavedComplex, float* out, int32_t count);
-    /// out[k] = (re * scale)² + (im * scale)²: the scale applied to each part
-    /// before squaring, in one pass. `out` must not overlap `in`.
+    /// out[k] = (re * scale)² + (im * scale)² of the interleaved complex value k
+    /// (`in` holds 2*count floats: re0, im0, re1, ...): the squared magnitudes,
+    /// the scale applied to each part before squaring, in one pass. `out` must
+    /// not overlap `in`.
     static void scaledSquaredMagnitudes(const float* interleavedComplex, float scale, float* out,
                                         int32_t count);
     /// out[k] = 10 * log10(in[k] + offset): power to decibels with a floor.
