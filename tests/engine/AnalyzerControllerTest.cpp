@@ -458,6 +458,22 @@ TEST_F(PlaybackTest, stopsOneBlockBeforeNewestSample) {
     EXPECT_GE(spectrogram_.redraws.load(), 6);
 }
 
+TEST_F(PlaybackTest, exactlyOneBlockLeft_isNotPlayed) {
+    build();
+    makeDocument(4); // 2047 samples before the newest one
+    startPlaying();
+    std::vector<float> out(1024, 7.0f);
+    TQAudioData first{1023, out.data()};
+    engine_->giveNewAudioData(&first); // 2047 > 1023: played
+    EXPECT_EQ(engine_->actualPlayedFrame(), 1023);
+    std::fill(out.begin(), out.end(), 7.0f);
+    TQAudioData second{1024, out.data()};
+    engine_->giveNewAudioData(&second); // 1024 remaining, not more than the block
+    EXPECT_EQ(engine_->actualPlayedFrame(), 1023);
+    EXPECT_EQ(out.front(), 7.0f);
+    ASSERT_TRUE(runEventsUntil([this] { return delegate_.playerStops == 1; }));
+}
+
 TEST_F(PlaybackTest, readsAcrossRingEnd) {
     build();
     const int64_t c = defaults_->audioBuffersIntervalsCount();
