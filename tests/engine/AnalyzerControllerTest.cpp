@@ -59,21 +59,6 @@ TEST_F(IntakeTest, blockOfTwoIntervals_bothProcessedInOrder) {
     }
 }
 
-TEST_F(IntakeTest, partialInterval_waitsForTheRest) {
-    build();
-    startRecording();
-    std::mt19937 random(2);
-    std::vector<float> first = stereoBlock(300, random);
-    push(first);
-    drain();
-    EXPECT_EQ(defaults_->actualInterval(), 0);
-    std::vector<float> second = stereoBlock(212, random);
-    push(second);
-    drain();
-    EXPECT_EQ(defaults_->actualInterval(), 1);
-    EXPECT_EQ(engine_->framesWriteCount(), 512);
-}
-
 TEST_F(IntakeTest, blockCrossingRingEnd_wrapsTail) {
     build();
     startRecording();
@@ -583,6 +568,8 @@ TEST_F(DocumentTest, firstRebuildWithoutRecording_makesFreshStore) {
 
 TEST_F(DocumentTest, rebuild_followsNewGeometry_andSparesOctaveZoom) {
     build(Options{.withSpectrogram = true});
+    EXPECT_EQ(spectrogram_.scroll.partner, &chart_.scroll); // measuring cursors mirror
+    EXPECT_EQ(chart_.scroll.partner, &spectrogram_.scroll);
     chart_.type = 2; // octave RTA keeps its zoom
     const int zoomOuts = chart_.scroll.zoomOuts;
     defaults_->setFftSize(16384);
@@ -597,12 +584,6 @@ TEST_F(DocumentTest, rebuild_followsNewGeometry_andSparesOctaveZoom) {
     EXPECT_EQ(std::count(spectrogram_.calls.begin(), spectrogram_.calls.end(), "prepareData"), 0);
     EXPECT_EQ(std::count(spectrogram_.calls.begin(), spectrogram_.calls.end(), "prepareTextures"),
               0);
-}
-
-TEST_F(DocumentTest, setChartViews_pairsScrollViews) {
-    build(Options{.withSpectrogram = true});
-    EXPECT_EQ(spectrogram_.scroll.partner, &chart_.scroll);
-    EXPECT_EQ(chart_.scroll.partner, &spectrogram_.scroll);
 }
 
 TEST_F(DocumentTest, recalculate_nothingToDo_callsBlockAsynchronously) {

@@ -95,18 +95,6 @@ TEST(DispatchQueueTest, prebuiltTask_resubmittedFromItsOwnRun) {
     EXPECT_EQ(others.load(), 1000);
 }
 
-TEST(DispatchQueueTest, waitUntilEmpty_waitsForRunningAndQueuedWork) {
-    DispatchQueue queue("org.widmo.test.wait");
-    std::atomic<int> done{0};
-    queue.async([&done] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        done.fetch_add(1);
-    });
-    queue.async([&done] { done.fetch_add(1); });
-    queue.waitUntilEmpty();
-    EXPECT_EQ(done.load(), 2);
-}
-
 TEST(DispatchQueueTest, destruction_runsQueuedWorkFirst) {
     std::atomic<int> done{0};
     {
@@ -121,15 +109,6 @@ TEST(DispatchQueueTest, destruction_runsQueuedWorkFirst) {
     EXPECT_EQ(done.load(), 100);
 }
 
-TEST(DispatchQueueTest, tasksRunOnTheQueuesOwnThread) {
-    DispatchQueue queue("org.widmo.test.thread");
-    EXPECT_FALSE(queue.isCurrent());
-    std::promise<bool> onQueue;
-    queue.async([&] { onQueue.set_value(queue.isCurrent()); });
-    EXPECT_TRUE(onQueue.get_future().get());
-    EXPECT_EQ(queue.label(), "org.widmo.test.thread");
-}
-
 // --- Main queue --------------------------------------------------------------------------
 
 TEST(MainQueueTest, postFromMainThread_neverRunsInline) {
@@ -137,21 +116,6 @@ TEST(MainQueueTest, postFromMainThread_neverRunsInline) {
     MainQueue::async([&ran] { ++ran; });
     EXPECT_EQ(ran, 0);
     ASSERT_TRUE(runEventsUntil([&ran] { return ran == 1; }));
-}
-
-TEST(MainQueueTest, postFromOtherThread_runsOnMainThread) {
-    std::atomic<bool> onMain{false};
-    std::atomic<bool> ran{false};
-    std::thread worker([&] {
-        MainQueue::async([&] {
-            onMain = MainQueue::isMainThread();
-            ran = true;
-        });
-    });
-    worker.join();
-    ASSERT_TRUE(runEventsUntil([&] { return ran.load(); }));
-    EXPECT_TRUE(onMain.load());
-    EXPECT_TRUE(MainQueue::isMainThread());
 }
 
 TEST(MainQueueTest, destroyedContext_dropsPendingWork) {
