@@ -6,7 +6,7 @@
 #include <QAudioFormat>
 #include <QAudioSink>
 #include <QAudioSource>
-#include <QtLogging>
+#include <QtGlobal>
 
 #include <algorithm>
 #include <cmath>
