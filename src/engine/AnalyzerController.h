@@ -65,7 +65,7 @@ class TQMessageInterface;
 /// The display timer reads a result slot of the FFT engine while queue 1 may
 /// be computing 256 intervals ahead into the same slot: the main thread marks
 /// the interval it reads (`mChartReadIntervalIndex`), queue 1 marks the one it
-/// writes (`mSlotWriteIntervalIndex`), both sequentially consistent; the reader
+/// writes and when it is done (`mSlotWriteState`), both sequentially consistent; the reader
 /// skips a slot being or already overwritten and the writer waits (briefly,
 /// only in that case) until the reader has finished with its slot.
 /// Settings and geometry change only while the engine is stopped.
@@ -79,8 +79,7 @@ public:
     /// Registers the engine as `audio`'s delegate and creates the two analysis
     /// queues. `defaults`, `fftManager` and `audio` must outlive the engine.
     /// Main thread (the display timer lives on the constructing thread).
-    AnalyzerController(AnalyzerDefaults& defaults, FFTManager& fftManager,
-                       TQAudioInterface& audio);
+    AnalyzerController(AnalyzerDefaults& defaults, FFTManager& fftManager, TQAudioInterface& audio);
     /// Stops recording and playback, runs the queued analysis work to its end
     /// and unregisters from the audio object.
     ~AnalyzerController() override;
@@ -183,9 +182,7 @@ public:
         return mComputedIntervalIndex.load(std::memory_order_acquire);
     }
     int64_t packetsCount() const { return mPacketsCount.load(std::memory_order_acquire); }
-    int64_t actualPlayedFrame() const {
-        return mActualPlayedFrame.load(std::memory_order_acquire);
-    }
+    int64_t actualPlayedFrame() const { return mActualPlayedFrame.load(std::memory_order_acquire); }
     bool tooSlow() const { return mTooSlow.load(std::memory_order_acquire); }
     bool displayTimerActive() const { return timer_.isActive(); }
     DispatchQueue& analyzerQueue1() { return *mAnalyzerQueue1; }
@@ -247,7 +244,7 @@ private:
     TQMessageInterface* messages_ = nullptr;
     ProcessingTask processingTask_{*this};
     // Result-slot hand-over between queue 1 and the display timer (see Threading).
-    std::atomic<int64_t> mSlotWriteIntervalIndex{-1};
+    std::atomic<int64_t> mSlotWriteState{-1}; // 2j + 1 writing interval j, 2j done; -1 none
     std::atomic<int64_t> mChartReadIntervalIndex{-1};
     // Set when playback ran out, so the render thread posts the stop only once.
     std::atomic<bool> mPlayerStopPosted{false};

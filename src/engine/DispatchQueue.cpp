@@ -35,8 +35,7 @@ DispatchQueue::DispatchQueue(std::string label) : label_(std::move(label)) {
     workerId_ = worker_.get_id();
     // The kernel keeps 15 characters of a thread name; the end of the label is
     // the part that tells the queues apart.
-    const std::string name =
-        label_.size() > 15 ? label_.substr(label_.size() - 15) : label_;
+    const std::string name = label_.size() > 15 ? label_.substr(label_.size() - 15) : label_;
     pthread_setname_np(worker_.native_handle(), name.c_str());
 }
 
@@ -52,9 +51,7 @@ void DispatchQueue::async(Task& task) {
     pending_.release();
 }
 
-void DispatchQueue::async(std::function<void()> work) {
-    async(*new FunctionTask(std::move(work)));
-}
+void DispatchQueue::async(std::function<void()> work) { async(*new FunctionTask(std::move(work))); }
 
 void DispatchQueue::waitUntilEmpty() {
     std::promise<void> done;
