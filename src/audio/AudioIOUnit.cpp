@@ -27,10 +27,12 @@ void logError(QAudio::Error error, const char* call) {
     qWarning("error %d from %s", int(error), call);
 }
 
-// Playback keeps four device buffers queued: the sink is fed from a timer of
-// the audio thread's event loop, and one buffer would underrun whenever that
-// thread is late by a few milliseconds.
+// Playback queues at least four device buffers and at least 80 ms: the sink is
+// fed from a timer of the audio thread's event loop in steps of up to 20 ms
+// (Qt's PulseAudio back end), and starts playing only once it holds more than
+// one step, so a buffer of one step would never start.
 constexpr int kOutputBuffers = 4;
+constexpr double kMinOutputBufferSeconds = 0.08;
 
 } // namespace
 
@@ -77,8 +79,10 @@ AudioIOUnit::Result AudioIOUnit::start(const Config& config) {
         }
         const QAudioFormat format = floatFormat(config.outputSampleRate, 1);
         sink_ = new QAudioSink(config.output, format, this);
-        sink_->setBufferSize(qsizetype(config.ioBufferFrames) * kOutputBuffers *
-                             qsizetype(sizeof(float)));
+        const qsizetype outputFrames =
+            std::max(qsizetype(config.ioBufferFrames) * kOutputBuffers,
+                     qsizetype(config.outputSampleRate * kMinOutputBufferSeconds));
+        sink_->setBufferSize(outputFrames * qsizetype(sizeof(float)));
         renderDevice_ = new AudioRenderDevice(client_, this);
         renderDevice_->open(QIODevice::ReadOnly | QIODevice::Unbuffered);
         sink_->start(renderDevice_);

@@ -88,7 +88,9 @@ void AudioInputPickerViewDataSource::refreshPickerInputWithDelay(bool delay) {
         refreshPickerInputSelection();
 }
 
-void AudioInputPickerViewDataSource::setObservingInputChanges(bool observe) { observing_ = observe; }
+void AudioInputPickerViewDataSource::setObservingInputChanges(bool observe) {
+    observing_ = observe;
+}
 
 bool AudioInputPickerViewDataSource::inputSelectionEnabled() const { return !audio_.isPlaying(); }
 

@@ -19,6 +19,10 @@ qint64 AudioRenderDevice::readData(char* data, qint64 maxSize) {
     return frames * qint64(sizeof(float));
 }
 
+qint64 AudioRenderDevice::bytesAvailable() const {
+    return QIODevice::bytesAvailable() + (qint64(1) << 30);
+}
+
 qint64 AudioRenderDevice::writeData(const char*, qint64) { return -1; }
 
 } // namespace widmo

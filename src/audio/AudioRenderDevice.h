@@ -15,7 +15,10 @@ class AudioRenderDevice : public QIODevice {
 public:
     explicit AudioRenderDevice(AudioIOUnitClient& client, QObject* parent = nullptr);
 
+    /// An endless stream: the sink never sees an end and never drains.
     bool isSequential() const override { return true; }
+    qint64 bytesAvailable() const override;
+    bool atEnd() const override { return false; }
 
 protected:
     qint64 readData(char* data, qint64 maxSize) override;

@@ -41,7 +41,14 @@ TQAudio::TQAudio(AnalyzerDefaults& defaults, const AnalyzerFeatures& features)
     for (DeliveryTask& task : deliveries_)
         task.owner = this;
     mediaDevices_ = new QMediaDevices(this);
-    connect(mediaDevices_, &QMediaDevices::audioInputsChanged, this, &TQAudio::onInputsChanged);
+    connect(mediaDevices_, &QMediaDevices::audioInputsChanged, this, &TQAudio::checkInputs);
+    // Qt 6.4's PulseAudio back end updates its device list without announcing
+    // it, so the list is also compared on a timer.
+    for (const QAudioDevice& device : QMediaDevices::audioInputs())
+        knownInputIds_ << device.id();
+    inputsWatch_.setInterval(250);
+    connect(&inputsWatch_, &QTimer::timeout, this, &TQAudio::checkInputs);
+    inputsWatch_.start();
 
     audioThread_.setObjectName("widmo audio");
     unit_ = new AudioIOUnit(*this);
@@ -54,7 +61,8 @@ TQAudio::~TQAudio() {
     stopAudioUnits();
     setDelegate(nullptr);
     AudioIOUnit* unit = unit_;
-    QMetaObject::invokeMethod(unit, [unit] { delete unit; }, Qt::BlockingQueuedConnection);
+    QMetaObject::invokeMethod(
+        unit, [unit] { delete unit; }, Qt::BlockingQueuedConnection);
     unit_ = nullptr;
     audioThread_.quit();
     audioThread_.wait();
@@ -63,8 +71,8 @@ TQAudio::~TQAudio() {
 
 TQAudio& TQAudio::sharedAudio() {
     if (sharedInstance == nullptr) {
-        sharedInstance = new TQAudio(AnalyzerDefaults::sharedDefaults(),
-                                     AnalyzerFeatures::sharedFeatures());
+        sharedInstance =
+            new TQAudio(AnalyzerDefaults::sharedDefaults(), AnalyzerFeatures::sharedFeatures());
         // Streams must close while the platform's audio back end still exists,
         // which is no longer so after the application object is gone.
         qAddPostRoutine(deleteSharedAudio);
@@ -221,8 +229,8 @@ void TQAudio::setupAndStartAudioUnit(std::function<void(bool)> completion) {
                         lastStartFailureDevice_ = result.deviceName;
                         if (result.ok()) {
                             runningInput_ = config.input;
-                            runningSampleRate_ = config.enableInput ? config.sampleRate
-                                                                    : config.outputSampleRate;
+                            runningSampleRate_ =
+                                config.enableInput ? config.sampleRate : config.outputSampleRate;
                         } else {
                             stopAudioUnits();
                         }
@@ -237,7 +245,8 @@ void TQAudio::setupAndStartAudioUnit(std::function<void(bool)> completion) {
 void TQAudio::stopAudioUnits() {
     AudioIOUnit* unit = unit_;
     if (unit != nullptr)
-        QMetaObject::invokeMethod(unit, [unit] { unit->stop(); }, Qt::BlockingQueuedConnection);
+        QMetaObject::invokeMethod(
+            unit, [unit] { unit->stop(); }, Qt::BlockingQueuedConnection);
     outputRunning_.store(false, std::memory_order_release);
     runningInput_ = QAudioDevice();
 }
@@ -268,8 +277,8 @@ void TQAudio::setInputGain(float gain) {
     inputGain_ = std::clamp(gain, 0.0f, 1.0f);
     AudioIOUnit* unit = unit_;
     const float value = inputGain_;
-    QMetaObject::invokeMethod(unit, [unit, value] { unit->setInputVolume(value); },
-                              Qt::QueuedConnection);
+    QMetaObject::invokeMethod(
+        unit, [unit, value] { unit->setInputVolume(value); }, Qt::QueuedConnection);
 }
 
 // --- Audio thread ---------------------------------------------------------------------------
@@ -277,9 +286,10 @@ void TQAudio::setInputGain(float gain) {
 void TQAudio::inputAvailable(int32_t frames) {
     // Without an output stream the capture cycles are the device's cycles and
     // are counted here, as the render callback counts them during playback.
-    int64_t cycle = renderCycles_.load(std::memory_order_acquire);
-    if (!outputRunning_.load(std::memory_order_acquire))
-        renderCycles_.store(cycle + 1, std::memory_order_release);
+    // (A read-modify-write, so that the reset of a new recording is never lost.)
+    const int64_t cycle = outputRunning_.load(std::memory_order_acquire)
+                              ? renderCycles_.load(std::memory_order_acquire)
+                              : renderCycles_.fetch_add(1, std::memory_order_acq_rel);
     if (cycle <= skipThreshold_.load(std::memory_order_acquire))
         return;
     if (!isRecording())
@@ -326,7 +336,13 @@ void TQAudio::unitFailed(AudioIOFailure failure, const QString& deviceName) {
 
 // --- Failures (main thread) ----------------------------------------------------------------
 
-void TQAudio::onInputsChanged() {
+void TQAudio::checkInputs() {
+    QList<QByteArray> ids;
+    for (const QAudioDevice& device : QMediaDevices::audioInputs())
+        ids << device.id();
+    if (ids == knownInputIds_)
+        return;
+    knownInputIds_ = ids;
     emit availableInputsChanged();
     // A capture device that is no longer listed has gone away; the platform may
     // quietly move its stream elsewhere, which would analyse the wrong input.
@@ -348,10 +364,10 @@ void TQAudio::handleRunningFailure(AudioIOFailure failure, const QString& device
 
 void TQAudio::reportFailure(AudioIOFailure failure, const QString& deviceName, bool playback,
                             bool startFailed) {
-    const Alert alert = alertForFailure(failure, deviceName, runningSampleRate_ > 0 && !startFailed
-                                                                 ? runningSampleRate_
-                                                                 : int(defaults_.sampleRate()),
-                                        playback);
+    const Alert alert = alertForFailure(
+        failure, deviceName,
+        runningSampleRate_ > 0 && !startFailed ? runningSampleRate_ : int(defaults_.sampleRate()),
+        playback);
     auto show = [messages = messages_, alert] {
         if (messages != nullptr)
             messages->showMessage(alert.message, alert.title, "OK", {}, nullptr);

@@ -10,6 +10,7 @@
 #include <QList>
 #include <QObject>
 #include <QThread>
+#include <QTimer>
 
 #include <array>
 #include <atomic>
@@ -165,6 +166,7 @@ public:
 
 signals:
     /// The set of input devices changed (a device arrived or went away).
+    /// Noticed within a quarter of a second.
     void availableInputsChanged();
 
 private:
@@ -188,7 +190,7 @@ private:
     void handleRunningFailure(AudioIOFailure failure, const QString& deviceName);
     void reportFailure(AudioIOFailure failure, const QString& deviceName, bool playback,
                        bool startFailed);
-    void onInputsChanged();
+    void checkInputs();
     int ioBufferFrames() const;
 
     AnalyzerDefaults& defaults_;
@@ -222,6 +224,8 @@ private:
     MainViewControllerInterface* mainViewController_ = nullptr;
     TQMessageInterface* messages_ = nullptr;
     QMediaDevices* mediaDevices_ = nullptr;
+    QTimer inputsWatch_;
+    QList<QByteArray> knownInputIds_;
 
     QThread audioThread_;
     AudioIOUnit* unit_ = nullptr; // lives on audioThread_

@@ -1,5 +1,5 @@
-#include "TestSignals.h"
 #include "audio/AudioIOUnit.h"
+#include "TestSignals.h"
 #include "audio/AudioIOUnitClient.h"
 
 #include <QMediaDevices>
@@ -67,8 +67,9 @@ protected:
 };
 
 TEST_F(AudioIOUnitTest, captureCarriesEachChannelsToneAtItsLevel_inRealTime) {
-    test::SinkPlayer player(48000, 20.0, [](double t) { return sine(997.0, t); },
-                            [](double t) { return sine(1499.0, t); });
+    test::SinkPlayer player(
+        48000, 20.0, [](double t) { return sine(997.0, t); },
+        [](double t) { return sine(1499.0, t); });
     ASSERT_TRUE(player.start());
     QTest::qWait(100);
     const size_t frames = capture(captureConfig(48000), 2.0);
@@ -88,8 +89,9 @@ TEST_F(AudioIOUnitTest, captureCarriesEachChannelsToneAtItsLevel_inRealTime) {
 }
 
 TEST_F(AudioIOUnitTest, captureVolumeScalesTheInput_andAppliesWhileRunning) {
-    test::SinkPlayer player(48000, 20.0, [](double t) { return sine(997.0, t); },
-                            [](double t) { return sine(997.0, t); });
+    test::SinkPlayer player(
+        48000, 20.0, [](double t) { return sine(997.0, t); },
+        [](double t) { return sine(997.0, t); });
     ASSERT_TRUE(player.start());
     QTest::qWait(100);
     AudioIOUnit::Config config = captureConfig(48000);
@@ -103,12 +105,12 @@ TEST_F(AudioIOUnitTest, captureVolumeScalesTheInput_andAppliesWhileRunning) {
     ASSERT_GT(halfAt, size_t(16384));
     const size_t frames = client.samples.size() / 2;
     ASSERT_GT(frames - halfAt, size_t(16384));
-    EXPECT_NEAR(toDb(toneAmplitude(client.samples.data() + (halfAt - 16384) * 2, 16384, 2, 997.0,
-                                   48000)),
-                -18.0, 0.5);
-    EXPECT_NEAR(toDb(toneAmplitude(client.samples.data() + (frames - 16384) * 2, 16384, 2, 997.0,
-                                   48000)),
-                -24.0, 0.5);
+    EXPECT_NEAR(
+        toDb(toneAmplitude(client.samples.data() + (halfAt - 16384) * 2, 16384, 2, 997.0, 48000)),
+        -18.0, 0.5);
+    EXPECT_NEAR(
+        toDb(toneAmplitude(client.samples.data() + (frames - 16384) * 2, 16384, 2, 997.0, 48000)),
+        -24.0, 0.5);
     EXPECT_FLOAT_EQ(unit.inputVolume(), 0.25f);
 }
 

@@ -36,11 +36,10 @@ SinkPlayer::SinkPlayer(int sampleRate, double seconds, const std::function<float
 SinkPlayer::~SinkPlayer() { stop(); }
 
 bool SinkPlayer::start() {
-    process_.start("pacat", {"--playback", "--raw", "--format=float32le",
-                             QString("--rate=%1").arg(sampleRate_), "--channels=2",
-                             "--latency-msec=10", "-d", qEnvironmentVariable("WIDMO_TEST_SINK",
-                                                                             "widmo_sink"),
-                             path_});
+    process_.start("pacat",
+                   {"--playback", "--raw", "--format=float32le",
+                    QString("--rate=%1").arg(sampleRate_), "--channels=2", "--latency-msec=10",
+                    "-d", qEnvironmentVariable("WIDMO_TEST_SINK", "widmo_sink"), path_});
     return process_.waitForStarted(5000);
 }
 
