@@ -1,6 +1,8 @@
 #pragma once
 
 #include "audio/TQAudio.h"
+#include "core/AnalyzerDefaults.h"
+#include "engine/AnalyzerControllerDelegate.h"
 #include "engine/ChartViewInterface.h"
 #include "engine/MainViewControllerInterface.h"
 #include "engine/TQAudioDelegate.h"
@@ -118,10 +120,10 @@ public:
 /// Keeps a copy of the newest spectrum the engine shows.
 class ChartRecorder : public ChartViewInterface {
 public:
-    explicit ChartRecorder(int32_t fftOutSize) : size_(fftOutSize) {}
+    explicit ChartRecorder(const AnalyzerDefaults& defaults) : defaults_(defaults) {}
     TQGLScrollViewInterface* chartScrollView() override { return &scroll_; }
     void addFFTdata(const float* fftData, const float*, const float*) override {
-        newest.assign(fftData, fftData + size_);
+        newest.assign(fftData, fftData + defaults_.fftOutSize());
         ++updates;
     }
     int32_t typeOfChart() const override { return 0; }
@@ -134,8 +136,16 @@ public:
     int updates = 0;
 
 private:
-    int32_t size_;
+    const AnalyzerDefaults& defaults_;
     ScrollViewRecorder scroll_;
+};
+
+class EngineOwnerRecorder : public AnalyzerControllerDelegate {
+public:
+    void recorderDidStop() override { ++recorderStops; }
+    void playerDidStop() override { ++playerStops; }
+    int recorderStops = 0;
+    int playerStops = 0;
 };
 
 } // namespace widmo::test
