@@ -193,8 +193,15 @@ void AudioIOUnit::onSinkStateChanged(QAudio::State state) {
 }
 
 void AudioIOUnit::fail(AudioIOFailure failure, const QString& deviceName) {
-    stop();
-    client_.unitFailed(failure, deviceName);
+    // Called from a stream's own signal: the stream is closed on the next turn
+    // of the event loop, not while it is still emitting.
+    QMetaObject::invokeMethod(
+        this,
+        [this, failure, deviceName] {
+            stop();
+            client_.unitFailed(failure, deviceName);
+        },
+        Qt::QueuedConnection);
 }
 
 } // namespace widmo

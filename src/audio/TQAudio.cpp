@@ -53,6 +53,8 @@ TQAudio::TQAudio(AnalyzerDefaults& defaults, const AnalyzerFeatures& features)
     audioThread_.setObjectName("widmo audio");
     unit_ = new AudioIOUnit(*this);
     unit_->moveToThread(&audioThread_);
+    audioCalls_ = new CallMailbox;
+    audioCalls_->moveToThread(&audioThread_);
     audioThread_.start(QThread::TimeCriticalPriority);
 }
 
@@ -61,11 +63,11 @@ TQAudio::~TQAudio() {
     stopAudioUnits();
     setDelegate(nullptr);
     AudioIOUnit* unit = unit_;
-    QMetaObject::invokeMethod(
-        unit, [unit] { delete unit; }, Qt::BlockingQueuedConnection);
+    audioCalls_->postAndWait([unit] { delete unit; });
     unit_ = nullptr;
     audioThread_.quit();
     audioThread_.wait();
+    delete audioCalls_;
     audioDispatchQueue_.waitUntilEmpty();
 }
 
@@ -219,34 +221,28 @@ void TQAudio::setupAndStartAudioUnit(std::function<void(bool)> completion) {
         ring_.reset();
 
         AudioIOUnit* unit = unit_;
-        QMetaObject::invokeMethod(
-            unit,
-            [this, unit, config, completion = std::move(completion)]() mutable {
-                const AudioIOUnit::Result result = unit->start(config);
-                MainQueue::async(
-                    [this, config, result, completion = std::move(completion)] {
-                        lastStartFailure_ = result.failure;
-                        lastStartFailureDevice_ = result.deviceName;
-                        if (result.ok()) {
-                            runningInput_ = config.input;
-                            runningSampleRate_ =
-                                config.enableInput ? config.sampleRate : config.outputSampleRate;
-                        } else {
-                            stopAudioUnits();
-                        }
-                        completion(result.ok());
-                    },
-                    this);
-            },
-            Qt::QueuedConnection);
+        audioCalls_->post([this, unit, config, completion = std::move(completion)]() mutable {
+            const AudioIOUnit::Result result = unit->start(config);
+            mainCalls_.post([this, config, result, completion = std::move(completion)] {
+                lastStartFailure_ = result.failure;
+                lastStartFailureDevice_ = result.deviceName;
+                if (result.ok()) {
+                    runningInput_ = config.input;
+                    runningSampleRate_ =
+                        config.enableInput ? config.sampleRate : config.outputSampleRate;
+                } else {
+                    stopAudioUnits();
+                }
+                completion(result.ok());
+            });
+        });
     });
 }
 
 void TQAudio::stopAudioUnits() {
     AudioIOUnit* unit = unit_;
     if (unit != nullptr)
-        QMetaObject::invokeMethod(
-            unit, [unit] { unit->stop(); }, Qt::BlockingQueuedConnection);
+        audioCalls_->postAndWait([unit] { unit->stop(); });
     outputRunning_.store(false, std::memory_order_release);
     runningInput_ = QAudioDevice();
 }
@@ -277,8 +273,7 @@ void TQAudio::setInputGain(float gain) {
     inputGain_ = std::clamp(gain, 0.0f, 1.0f);
     AudioIOUnit* unit = unit_;
     const float value = inputGain_;
-    QMetaObject::invokeMethod(
-        unit, [unit, value] { unit->setInputVolume(value); }, Qt::QueuedConnection);
+    audioCalls_->post([unit, value] { unit->setInputVolume(value); });
 }
 
 // --- Audio thread ---------------------------------------------------------------------------
@@ -330,8 +325,7 @@ void TQAudio::renderOutput(int32_t frames, float* out) {
 }
 
 void TQAudio::unitFailed(AudioIOFailure failure, const QString& deviceName) {
-    MainQueue::async([this, failure, deviceName] { handleRunningFailure(failure, deviceName); },
-                     this);
+    mainCalls_.post([this, failure, deviceName] { handleRunningFailure(failure, deviceName); });
 }
 
 // --- Failures (main thread) ----------------------------------------------------------------

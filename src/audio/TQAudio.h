@@ -2,6 +2,7 @@
 
 #include "audio/AudioIOFailure.h"
 #include "audio/AudioIOUnitClient.h"
+#include "audio/CallMailbox.h"
 #include "audio/CaptureBufferRing.h"
 #include "engine/DispatchQueue.h"
 #include "engine/TQAudioInterface.h"
@@ -227,8 +228,10 @@ private:
     QTimer inputsWatch_;
     QList<QByteArray> knownInputIds_;
 
+    CallMailbox mainCalls_; // runs on the main thread
     QThread audioThread_;
-    AudioIOUnit* unit_ = nullptr; // lives on audioThread_
+    AudioIOUnit* unit_ = nullptr;       // lives on audioThread_
+    CallMailbox* audioCalls_ = nullptr; // lives on audioThread_
 };
 
 } // namespace widmo

@@ -28,11 +28,11 @@ using namespace test;
 // recording chart.
 class EngineCaptureTest : public ::testing::Test {
 protected:
-    void build(float sampleRate) {
+    void build(float sampleRate, float softwareGainDb = 0.0f) {
         defaults = std::make_unique<AnalyzerDefaults>(features, "audio-engine-test");
         defaults->setSampleRate(sampleRate);
         defaults->setFftSize(4096);
-        defaults->setSoftwareInputGainValue(0.0f);
+        defaults->setSoftwareInputGainValue(softwareGainDb);
         defaults->setOutputGainValue(0.0f);
         audio = std::make_unique<TQAudio>(*defaults, features);
         manager = std::make_unique<FFTManager>(*defaults);
@@ -43,7 +43,10 @@ protected:
         engine->rebuildDataWithClear();
         defaults->setDataValid(true);
     }
-    void TearDown() override {
+    void TearDown() override { release(); }
+    // The audio object's teardown drains its delivery queue, so nothing reads
+    // the settings any more when the next stack is built.
+    void release() {
         if (engine) {
             engine->stopRecorder();
             engine->stopPlayer();
@@ -122,8 +125,8 @@ TEST_F(EngineCaptureTest, toneInTheSink_peaksAtItsBinAndLevel_onEitherChannel_an
     engine->stopRecorder();
 
     // +6 dB of software gain reads 6 dB higher.
-    audio->setCurrentInputChannel(0);
-    defaults->setSoftwareInputGainValue(6.0f);
+    release();
+    build(44100.0f, 6.0f);
     record(1.0);
     std::tie(level, bin) = newestPeak();
     EXPECT_EQ(bin, binOf(997.0));

@@ -2,19 +2,87 @@
 
 #include <QFile>
 
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cmath>
 #include <numbers>
 
 namespace widmo::test {
 
+namespace {
+
+// argv for exec, kept alive in `storage`.
+std::vector<char*> argvFor(const QString& program, const QStringList& arguments,
+                           std::vector<QByteArray>& storage) {
+    storage.push_back(program.toLocal8Bit());
+    for (const QString& a : arguments)
+        storage.push_back(a.toLocal8Bit());
+    std::vector<char*> argv;
+    for (QByteArray& b : storage)
+        argv.push_back(b.data());
+    argv.push_back(nullptr);
+    return argv;
+}
+
+} // namespace
+
 int runTool(const QString& program, const QStringList& arguments, QString* output) {
-    QProcess process;
-    process.start(program, arguments);
-    if (!process.waitForFinished(10000))
+    std::vector<QByteArray> storage;
+    std::vector<char*> argv = argvFor(program, arguments, storage);
+    int pipeFds[2];
+    if (pipe(pipeFds) != 0)
+        return -1;
+    const pid_t pid = fork();
+    if (pid == 0) {
+        dup2(pipeFds[1], STDOUT_FILENO);
+        close(pipeFds[0]);
+        close(pipeFds[1]);
+        execvp(argv[0], argv.data());
+        _exit(127);
+    }
+    close(pipeFds[1]);
+    QByteArray text;
+    char chunk[4096];
+    ssize_t n;
+    while ((n = read(pipeFds[0], chunk, sizeof chunk)) > 0)
+        text.append(chunk, qsizetype(n));
+    close(pipeFds[0]);
+    int status = 0;
+    if (pid < 0 || waitpid(pid, &status, 0) != pid)
         return -1;
     if (output != nullptr)
-        *output = QString::fromLocal8Bit(process.readAllStandardOutput());
-    return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+        *output = QString::fromLocal8Bit(text);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+bool ChildProcess::start(const QString& program, const QStringList& arguments,
+                         const QString& inputFile) {
+    stop();
+    std::vector<QByteArray> storage;
+    std::vector<char*> argv = argvFor(program, arguments, storage);
+    const QByteArray input = inputFile.toLocal8Bit();
+    pid_ = fork();
+    if (pid_ == 0) {
+        if (!input.isEmpty()) {
+            const int fd = open(input.constData(), O_RDONLY);
+            dup2(fd, STDIN_FILENO);
+        }
+        execvp(argv[0], argv.data());
+        _exit(127);
+    }
+    return pid_ > 0;
+}
+
+void ChildProcess::stop() {
+    if (pid_ <= 0)
+        return;
+    kill(pid_, SIGTERM);
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    pid_ = -1;
 }
 
 SinkPlayer::SinkPlayer(int sampleRate, double seconds, const std::function<float(double)>& left,
@@ -36,22 +104,13 @@ SinkPlayer::SinkPlayer(int sampleRate, double seconds, const std::function<float
 SinkPlayer::~SinkPlayer() { stop(); }
 
 bool SinkPlayer::start() {
-    process_.start("pacat",
-                   {"--playback", "--raw", "--format=float32le",
-                    QString("--rate=%1").arg(sampleRate_), "--channels=2", "--latency-msec=10",
-                    "-d", qEnvironmentVariable("WIDMO_TEST_SINK", "widmo_sink"), path_});
-    return process_.waitForStarted(5000);
+    return process_.start("pacat", {"--playback", "--raw", "--format=float32le",
+                                    QString("--rate=%1").arg(sampleRate_), "--channels=2",
+                                    "--latency-msec=10", "-d",
+                                    qEnvironmentVariable("WIDMO_TEST_SINK", "widmo_sink"), path_});
 }
 
-void SinkPlayer::stop() {
-    if (process_.state() == QProcess::NotRunning)
-        return;
-    process_.terminate();
-    if (!process_.waitForFinished(3000)) {
-        process_.kill();
-        process_.waitForFinished(3000);
-    }
-}
+void SinkPlayer::stop() { process_.stop(); }
 
 double toneAmplitude(const float* data, size_t count, size_t stride, double frequency,
                      double sampleRate) {

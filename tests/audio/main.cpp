@@ -1,10 +1,11 @@
 #include <QCoreApplication>
-#include <QProcess>
 #include <QSettings>
 #include <QTemporaryDir>
 #include <QThread>
 
 #include <gtest/gtest.h>
+
+#include "TestSignals.h"
 
 namespace {
 
@@ -15,20 +16,17 @@ namespace {
 class SilenceKeepAlive : public ::testing::Environment {
 public:
     void SetUp() override {
-        process_.setStandardInputFile("/dev/zero");
-        process_.start("pacat", {"--playback", "--raw", "--format=float32le", "--rate=48000",
-                                 "--channels=2", "--latency-msec=10", "-d",
-                                 qEnvironmentVariable("WIDMO_TEST_SINK", "widmo_sink")});
-        process_.waitForStarted(5000);
+        process_.start("pacat",
+                       {"--playback", "--raw", "--format=float32le", "--rate=48000", "--channels=2",
+                        "--latency-msec=10", "-d",
+                        qEnvironmentVariable("WIDMO_TEST_SINK", "widmo_sink")},
+                       "/dev/zero");
         QThread::msleep(2000);
     }
-    void TearDown() override {
-        process_.kill();
-        process_.waitForFinished(3000);
-    }
+    void TearDown() override { process_.stop(); }
 
 private:
-    QProcess process_;
+    widmo::test::ChildProcess process_;
 };
 
 } // namespace
