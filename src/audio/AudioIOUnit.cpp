@@ -63,7 +63,8 @@ AudioIOUnit::Result AudioIOUnit::start(const Config& config) {
         sourceIO_ = source_->start();
         if (sourceIO_ == nullptr || source_->error() != QAudio::NoError) {
             logError(source_->error(), "QAudioSource::start");
-            result = {AudioIOFailure::InputOpenFailed, config.input.description()};
+            result = {streamFailure(source_->error(), AudioIOFailure::InputOpenFailed),
+                      config.input.description()};
             stop();
             return result;
         }
@@ -88,7 +89,8 @@ AudioIOUnit::Result AudioIOUnit::start(const Config& config) {
         sink_->start(renderDevice_);
         if (sink_->error() != QAudio::NoError || sink_->state() == QAudio::StoppedState) {
             logError(sink_->error(), "QAudioSink::start");
-            result = {AudioIOFailure::OutputOpenFailed, config.output.description()};
+            result = {streamFailure(sink_->error(), AudioIOFailure::OutputOpenFailed),
+                      config.output.description()};
             stop();
             return result;
         }
@@ -101,7 +103,7 @@ AudioIOUnit::Result AudioIOUnit::start(const Config& config) {
 void AudioIOUnit::stop() {
     if (source_ != nullptr) {
         source_->disconnect(this);
-        if (sourceIO_ != nullptr)
+        if (!sourceIO_.isNull())
             sourceIO_->disconnect(this);
         source_->stop();
         delete source_;
@@ -123,14 +125,14 @@ void AudioIOUnit::stop() {
 void AudioIOUnit::onInputReady() {
     // One notification may find several device buffers waiting (the stream is
     // polled); each capture-buffer-sized piece is one input cycle.
-    while (sourceIO_ != nullptr) {
+    while (!sourceIO_.isNull()) {
         const qint64 waiting = source_->bytesAvailable() / kInputFrameBytes;
         if (waiting <= 0)
             break;
         const int32_t frames = int32_t(std::min<qint64>(waiting, kMaxInputFrames));
         framesTaken_ = -1;
         client_.inputAvailable(frames);
-        if (sourceIO_ == nullptr)
+        if (sourceIO_.isNull())
             break; // the client stopped the unit
         if (framesTaken_ < 0)
             framesTaken_ = renderInput(reinterpret_cast<float*>(discard_.get()), frames);
@@ -140,7 +142,7 @@ void AudioIOUnit::onInputReady() {
 }
 
 int32_t AudioIOUnit::renderInput(float* dest, int32_t frames) {
-    if (sourceIO_ == nullptr)
+    if (sourceIO_.isNull())
         return framesTaken_ = 0;
     char* bytes = reinterpret_cast<char*>(dest);
     const qint64 wanted = qint64(frames) * kInputFrameBytes;

@@ -5,6 +5,7 @@
 #include <QAudio>
 #include <QAudioDevice>
 #include <QObject>
+#include <QPointer>
 #include <QString>
 
 #include <atomic>
@@ -91,7 +92,8 @@ private:
 
     AudioIOUnitClient& client_;
     QAudioSource* source_ = nullptr;
-    QIODevice* sourceIO_ = nullptr;
+    // The stream deletes its device itself when the sound server goes away.
+    QPointer<QIODevice> sourceIO_;
     QAudioSink* sink_ = nullptr;
     AudioRenderDevice* renderDevice_ = nullptr;
     QAudioDevice runningInput_;

@@ -358,10 +358,12 @@ void TQAudio::handleRunningFailure(AudioIOFailure failure, const QString& device
 
 void TQAudio::reportFailure(AudioIOFailure failure, const QString& deviceName, bool playback,
                             bool startFailed) {
-    const Alert alert = alertForFailure(
+    Alert alert = alertForFailure(
         failure, deviceName,
         runningSampleRate_ > 0 && !startFailed ? runningSampleRate_ : int(defaults_.sampleRate()),
         playback);
+    if (startFailed && failure == AudioIOFailure::ServerLost)
+        alert.title = playback ? "Playback disabled." : "Recording disabled.";
     auto show = [messages = messages_, alert] {
         if (messages != nullptr)
             messages->showMessage(alert.message, alert.title, "OK", {}, nullptr);
