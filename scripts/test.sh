@@ -40,7 +40,7 @@ case "$mode" in
     tsan)
         dir=build-tsan
         cmake_args+=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DWIDMO_TSAN=ON -DWIDMO_BUILD_BENCHMARKS=OFF)
-        export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1"
+        export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1:suppressions=$root/scripts/tsan.supp"
         ctest_args+=(-L '^(core|dsp|engine|audio)$') ;;
 esac
 

@@ -1,0 +1,34 @@
+#pragma once
+
+#include "audio/AudioIOFailure.h"
+
+#include <QString>
+
+#include <cstdint>
+
+namespace widmo {
+
+/// What the I/O unit calls back, the equivalent of the input and render
+/// callbacks of a hardware I/O unit.
+///
+/// Threading: every function is called on the audio thread, inside the unit's
+/// event processing. Implementations do not lock, wait or allocate in
+/// `inputAvailable` and `renderOutput`.
+class AudioIOUnitClient {
+public:
+    virtual ~AudioIOUnitClient() = default;
+
+    /// `frames` (1..32,768) interleaved stereo float frames of input are waiting.
+    /// Take them with `AudioIOUnit::renderInput` before returning; whatever is
+    /// not taken is discarded, as the hardware discards unrendered input.
+    virtual void inputAvailable(int32_t frames) = 0;
+
+    /// Fill `frames` mono float samples of output at `out`.
+    virtual void renderOutput(int32_t frames, float* out) = 0;
+
+    /// A running stream failed; the unit has already closed its streams.
+    /// `deviceName` is the description of the device concerned.
+    virtual void unitFailed(AudioIOFailure failure, const QString& deviceName) = 0;
+};
+
+} // namespace widmo

@@ -1,0 +1,139 @@
+#include "audio/AudioInputPickerViewDataSource.h"
+
+#include "audio/TQAudio.h"
+#include "core/AnalyzerDefaults.h"
+
+#include <QTimer>
+
+#include <algorithm>
+#include <cmath>
+
+namespace widmo {
+
+AudioInputPickerViewDataSource::AudioInputPickerViewDataSource(TQAudio& audio,
+                                                               AnalyzerDefaults& defaults,
+                                                               QObject* parent)
+    : QObject(parent), audio_(audio), defaults_(defaults) {
+    connect(&audio_, &TQAudio::availableInputsChanged, this,
+            &AudioInputPickerViewDataSource::onInputsChanged);
+}
+
+int AudioInputPickerViewDataSource::numberOfRowsInComponent(int component) const {
+    switch (component) {
+    case kComponentPort:
+        return int(inputs_.size());
+    case kComponentDataSource:
+        return 0; // Qt exposes no selectable data sources (microphone positions) of a port
+    case kComponentChannel:
+        return channelRows_;
+    default:
+        return 0;
+    }
+}
+
+QString AudioInputPickerViewDataSource::titleForRow(int row, int component) const {
+    if (row < 0 || row >= numberOfRowsInComponent(component))
+        return "---";
+    if (component == kComponentPort)
+        return inputs_[row].description();
+    return QString::asprintf("%d", row + 1);
+}
+
+void AudioInputPickerViewDataSource::didSelectRow(int row, int component) {
+    if (row < 0 || row >= numberOfRowsInComponent(component))
+        return;
+    selected_[size_t(component)] = row;
+    if (component == kComponentPort) {
+        audio_.setPreferredInput(inputs_[row]);
+        refreshPickerInputWithDelay(true);
+    } else if (component == kComponentChannel) {
+        audio_.setCurrentInputChannel(row);
+    }
+}
+
+int AudioInputPickerViewDataSource::selectedRowInComponent(int component) const {
+    if (component < 0 || component >= kNumberOfComponents)
+        return -1;
+    return selected_[size_t(component)];
+}
+
+void AudioInputPickerViewDataSource::refreshPickerInputSelection() {
+    inputs_ = audio_.availableInputs();
+    const QAudioDevice current = audio_.currentInput();
+    channelRows_ = std::min(std::max(current.isNull() ? 0 : current.maximumChannelCount(), 1), 2);
+
+    selected_[kComponentPort] = -1;
+    for (int i = 0; i < int(inputs_.size()); ++i) {
+        if (!current.isNull() && inputs_[i].id() == current.id()) {
+            selected_[kComponentPort] = i;
+            break;
+        }
+    }
+    selected_[kComponentDataSource] = -1;
+    int channel = int(audio_.currentInputChannel());
+    if (channel >= channelRows_) {
+        channel = 0;
+        audio_.setCurrentInputChannel(0);
+    }
+    selected_[kComponentChannel] = channel;
+    inputGainSettable_ = audio_.isInputGainSettable();
+    emit selectionRefreshed();
+}
+
+void AudioInputPickerViewDataSource::refreshPickerInputWithDelay(bool delay) {
+    if (delay)
+        QTimer::singleShot(kRefreshDelayMs, this,
+                           &AudioInputPickerViewDataSource::refreshPickerInputSelection);
+    else
+        refreshPickerInputSelection();
+}
+
+void AudioInputPickerViewDataSource::setObservingInputChanges(bool observe) {
+    observing_ = observe;
+}
+
+bool AudioInputPickerViewDataSource::inputSelectionEnabled() const { return !audio_.isPlaying(); }
+
+void AudioInputPickerViewDataSource::onInputsChanged() {
+    // A device arrived or went away: the platform settles its list first.
+    if (observing_ && inputSelectionEnabled())
+        refreshPickerInputWithDelay(true);
+}
+
+float AudioInputPickerViewDataSource::roundSoftwareGain(float gainDB) {
+    const float rounded = std::round(gainDB);
+    return std::fabs(rounded) < 3.0f ? 0.0f : rounded;
+}
+
+float AudioInputPickerViewDataSource::roundHardwareGain(float gain) {
+    return std::round(gain * 100.0f) / 100.0f;
+}
+
+float AudioInputPickerViewDataSource::setSoftwareInputGain(float sliderValue) {
+    const float value = roundSoftwareGain(sliderValue);
+    defaults_.setSoftwareInputGainValue(value);
+    return value;
+}
+
+float AudioInputPickerViewDataSource::softwareInputGain() const {
+    return defaults_.softwareInputGainValue();
+}
+
+QString AudioInputPickerViewDataSource::softwareInputGainLabel() const {
+    return QString::asprintf("%.0f dB", double(defaults_.softwareInputGainValue()));
+}
+
+float AudioInputPickerViewDataSource::setHardwareInputGain(float sliderValue) {
+    const float value = roundHardwareGain(sliderValue);
+    if (inputGainSettable_)
+        audio_.setInputGain(value);
+    return value;
+}
+
+float AudioInputPickerViewDataSource::hardwareInputGain() const { return audio_.inputGain(); }
+
+QString AudioInputPickerViewDataSource::hardwareInputGainLabel() const {
+    return QString::asprintf("%.2f", double(audio_.inputGain()));
+}
+
+} // namespace widmo

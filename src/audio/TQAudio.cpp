@@ -1,0 +1,425 @@
+#include "audio/TQAudio.h"
+
+#include "audio/AudioIOUnit.h"
+#include "core/AnalyzerDefaults.h"
+#include "core/AnalyzerFeatures.h"
+#include "engine/MainQueue.h"
+#include "engine/MainViewControllerInterface.h"
+#include "engine/TQAudioDelegate.h"
+#include "engine/TQMessageInterface.h"
+
+#include <QCoreApplication>
+#include <QMediaDevices>
+#include <QMetaObject>
+#include <QtGlobal>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <utility>
+
+namespace widmo {
+
+namespace {
+
+TQAudio* sharedInstance = nullptr;
+
+void deleteSharedAudio() {
+    delete sharedInstance;
+    sharedInstance = nullptr;
+}
+
+bool containsDevice(const QList<QAudioDevice>& devices, const QAudioDevice& device) {
+    return std::any_of(devices.begin(), devices.end(),
+                       [&](const QAudioDevice& d) { return d.id() == device.id(); });
+}
+
+} // namespace
+
+TQAudio::TQAudio(AnalyzerDefaults& defaults, const AnalyzerFeatures& features)
+    : defaults_(defaults), features_(features) {
+    for (DeliveryTask& task : deliveries_)
+        task.owner = this;
+    mediaDevices_ = new QMediaDevices(this);
+    connect(mediaDevices_, &QMediaDevices::audioInputsChanged, this, &TQAudio::checkInputs);
+    // Qt 6.4's PulseAudio back end updates its device list without announcing
+    // it, so the list is also compared on a timer.
+    for (const QAudioDevice& device : QMediaDevices::audioInputs())
+        knownInputIds_ << device.id();
+    inputsWatch_.setInterval(250);
+    connect(&inputsWatch_, &QTimer::timeout, this, &TQAudio::checkInputs);
+    inputsWatch_.start();
+
+    audioThread_.setObjectName("widmo audio");
+    unit_ = new AudioIOUnit(*this);
+    unit_->moveToThread(&audioThread_);
+    audioCalls_ = new CallMailbox;
+    audioCalls_->moveToThread(&audioThread_);
+    audioThread_.start(QThread::TimeCriticalPriority);
+}
+
+TQAudio::~TQAudio() {
+    stop();
+    stopAudioUnits();
+    setDelegate(nullptr);
+    AudioIOUnit* unit = unit_;
+    audioCalls_->postAndWait([unit] { delete unit; });
+    unit_ = nullptr;
+    audioThread_.quit();
+    audioThread_.wait();
+    delete audioCalls_;
+    audioDispatchQueue_.waitUntilEmpty();
+}
+
+TQAudio& TQAudio::sharedAudio() {
+    if (sharedInstance == nullptr) {
+        sharedInstance =
+            new TQAudio(AnalyzerDefaults::sharedDefaults(), AnalyzerFeatures::sharedFeatures());
+        // Streams must close while the platform's audio back end still exists,
+        // which is no longer so after the application object is gone.
+        qAddPostRoutine(deleteSharedAudio);
+    }
+    return *sharedInstance;
+}
+
+// --- Engine's view ------------------------------------------------------------------
+
+void TQAudio::setDelegate(TQAudioDelegate* delegate) {
+    TQAudioDelegate* old = delegate_.exchange(delegate, std::memory_order_acq_rel);
+    if (old != nullptr && old != delegate && !audioDispatchQueue_.isCurrent())
+        audioDispatchQueue_.waitUntilEmpty();
+}
+
+bool TQAudio::isSetupInProgress() const {
+    return (mWillPlay_.load(std::memory_order_acquire) && !isPlaying()) ||
+           (mWillRecord_.load(std::memory_order_acquire) && !isRecording());
+}
+
+void TQAudio::setCurrentInputChannel(int64_t channel) {
+    currentInputChannel_.store(std::clamp<int64_t>(channel, 0, 1), std::memory_order_release);
+}
+
+void TQAudio::startRecorder(std::function<void(bool)> completion) {
+    if (mWillPlay_.load(std::memory_order_acquire) || mWillRecord_.load(std::memory_order_acquire))
+        return;
+    mWillRecord_.store(true, std::memory_order_release);
+    setupAndStartAudioUnit([this, completion = std::move(completion)](bool ok) mutable {
+        finishStart(true, std::move(completion), ok);
+    });
+}
+
+void TQAudio::startPlayer(std::function<void(bool)> completion) {
+    if (mWillRecord_.load(std::memory_order_acquire) || mWillPlay_.load(std::memory_order_acquire))
+        return;
+    mWillPlay_.store(true, std::memory_order_release);
+    lastPortBeforePlaying_ = currentInput();
+    setupAndStartAudioUnit([this, completion = std::move(completion)](bool ok) mutable {
+        finishStart(false, std::move(completion), ok);
+    });
+}
+
+void TQAudio::finishStart(bool recording, std::function<void(bool)> completion, bool ok) {
+    if (recording) {
+        if (ok) {
+            // The first cycles after a start are dropped while the device settles:
+            // 7 at 44.1 and 48 kHz, 15 at 96 kHz.
+            renderCycles_.store(0, std::memory_order_release);
+            skipThreshold_.store(int32_t(double(defaults_.sampleRate()) * 7.0 / 44100.0),
+                                 std::memory_order_release);
+            isRecording_.store(true, std::memory_order_release);
+        } else {
+            isRecording_.store(false, std::memory_order_release);
+            mWillRecord_.store(false, std::memory_order_release);
+        }
+    } else {
+        isPlaying_.store(ok, std::memory_order_release);
+        if (!ok)
+            mWillPlay_.store(false, std::memory_order_release);
+    }
+    if (completion)
+        completion(ok);
+    if (!ok && lastStartFailure_ != AudioIOFailure::None)
+        reportFailure(lastStartFailure_, lastStartFailureDevice_, !recording, true);
+}
+
+void TQAudio::stop() {
+    const bool playing = isPlaying();
+    if (!playing && !isRecording())
+        return;
+    isRecording_.store(false, std::memory_order_release);
+    isPlaying_.store(false, std::memory_order_release);
+    mWillRecord_.store(false, std::memory_order_release);
+    mWillPlay_.store(false, std::memory_order_release);
+    stopAudioUnits();
+    if (playing)
+        setPreferredInput(lastPortBeforePlaying_);
+}
+
+// --- Session ----------------------------------------------------------------------------
+
+void TQAudio::activateAudioSession(std::function<void(bool)> completion) {
+    // No platform this runs on asks for microphone permission through Qt 6.4;
+    // the answer is "granted", delivered as the permission answer would be: on
+    // the main queue.
+    MainQueue::async(
+        [this, completion = std::move(completion)] {
+            if (mSessionActivatedForMultiRoute_) {
+                completion(true);
+                return;
+            }
+            // The session is usable when the platform's audio system answers with
+            // at least one device; without a sound server it lists none.
+            if (QMediaDevices::audioInputs().isEmpty() && QMediaDevices::audioOutputs().isEmpty()) {
+                qWarning("error %d from %s", -1, "QMediaDevices: no audio devices");
+                completion(false);
+                return;
+            }
+            mSessionActivatedForMultiRoute_ = true;
+            completion(true);
+        },
+        this);
+}
+
+void TQAudio::deactivateAudioSession() { mSessionActivatedForMultiRoute_ = false; }
+
+int TQAudio::ioBufferFrames() const {
+    // A small device buffer keeps the display responsive; the spectrogram
+    // products use longer ones, where every column costs more work.
+    if (!features_.featureSpectrogramEnabled())
+        return 512;
+    return features_.featureUltrasonicEnabled() ? 2048 : 1024;
+}
+
+void TQAudio::setupAndStartAudioUnit(std::function<void(bool)> completion) {
+    // The set-up runs whatever the activation reports: a failed activation
+    // shows up as a device that cannot be opened.
+    activateAudioSession([this, completion = std::move(completion)](bool) mutable {
+        const bool willRecord = mWillRecord_.load(std::memory_order_acquire);
+        const bool willPlay = mWillPlay_.load(std::memory_order_acquire);
+        const int sampleRate = int(defaults_.sampleRate());
+        if (willPlay)
+            setPrefferedToInternalInput();
+
+        AudioIOUnit::Config config;
+        config.enableInput = willRecord;
+        // Output runs for playback only: while recording, the cycles of the
+        // capture stream are the device's cycles, and no silence needs playing.
+        config.enableOutput = willPlay;
+        config.input = willRecord ? currentInput() : QAudioDevice();
+        config.output = willPlay ? QMediaDevices::defaultAudioOutput() : QAudioDevice();
+        config.sampleRate = sampleRate;
+        config.outputSampleRate = sampleRate;
+        if (willPlay && features_.featureTranspositionEnabled() &&
+            defaults_.playbackTranspType() == 1) {
+            // Slowed-down playback: the device plays the samples slower and lower.
+            config.outputSampleRate =
+                int(sampleRate / std::pow(2.0, defaults_.playbackSlowDownOctaves()));
+        }
+        config.ioBufferFrames = ioBufferFrames();
+        config.inputVolume = inputGain_;
+        outputRunning_.store(willPlay, std::memory_order_release);
+        ring_.reset();
+
+        AudioIOUnit* unit = unit_;
+        audioCalls_->post([this, unit, config, completion = std::move(completion)]() mutable {
+            const AudioIOUnit::Result result = unit->start(config);
+            mainCalls_.post([this, config, result, completion = std::move(completion)] {
+                lastStartFailure_ = result.failure;
+                lastStartFailureDevice_ = result.deviceName;
+                if (result.ok()) {
+                    runningInput_ = config.input;
+                    runningSampleRate_ =
+                        config.enableInput ? config.sampleRate : config.outputSampleRate;
+                } else {
+                    stopAudioUnits();
+                }
+                completion(result.ok());
+            });
+        });
+    });
+}
+
+void TQAudio::stopAudioUnits() {
+    AudioIOUnit* unit = unit_;
+    if (unit != nullptr)
+        audioCalls_->postAndWait([unit] { unit->stop(); });
+    outputRunning_.store(false, std::memory_order_release);
+    runningInput_ = QAudioDevice();
+}
+
+void TQAudio::setPrefferedToInternalInput() { setPreferredInput(QAudioDevice()); }
+
+QList<QAudioDevice> TQAudio::availableInputs() const { return QMediaDevices::audioInputs(); }
+
+QAudioDevice TQAudio::currentInput() const {
+    if (!runningInput_.isNull())
+        return runningInput_;
+    const QList<QAudioDevice> inputs = availableInputs();
+    if (!preferredInput_.isNull() && containsDevice(inputs, preferredInput_))
+        return preferredInput_;
+    if (inputs.isEmpty())
+        return QAudioDevice();
+    const QAudioDevice fallback = QMediaDevices::defaultAudioInput();
+    return fallback.isNull() ? inputs.first() : fallback;
+}
+
+bool TQAudio::isInputGainSettable() const {
+    return AudioIOUnit::probeInputVolumeSettable(currentInput());
+}
+
+float TQAudio::inputGain() const { return inputGain_; }
+
+void TQAudio::setInputGain(float gain) {
+    inputGain_ = std::clamp(gain, 0.0f, 1.0f);
+    AudioIOUnit* unit = unit_;
+    const float value = inputGain_;
+    audioCalls_->post([unit, value] { unit->setInputVolume(value); });
+}
+
+// --- Audio thread ---------------------------------------------------------------------------
+
+void TQAudio::inputAvailable(int32_t frames) {
+    // Without an output stream the capture cycles are the device's cycles and
+    // are counted here, as the render callback counts them during playback.
+    // (A read-modify-write, so that the reset of a new recording is never lost.)
+    const int64_t cycle = outputRunning_.load(std::memory_order_acquire)
+                              ? renderCycles_.load(std::memory_order_acquire)
+                              : renderCycles_.fetch_add(1, std::memory_order_acq_rel);
+    if (cycle <= skipThreshold_.load(std::memory_order_acquire))
+        return;
+    if (!isRecording())
+        return;
+    // The task (and buffer) of the next slot is still waiting when the queue
+    // lags 127 blocks behind; the block is then dropped rather than written
+    // over data not yet delivered.
+    DeliveryTask& task = deliveries_[size_t((ring_.actualBuffer() + 1) % kCaptureBufferCount)];
+    if (task.queued.load(std::memory_order_acquire))
+        return;
+    float* buffer = ring_.advance();
+    const int32_t rendered = unit_->renderInput(buffer, frames);
+    if (rendered <= 0)
+        return; // the stream delivered nothing: drop the block
+    task.data = buffer;
+    task.frames = rendered;
+    task.queued.store(true, std::memory_order_release);
+    audioDispatchQueue_.async(task);
+}
+
+void TQAudio::DeliveryTask::run() {
+    TQAudioDelegate* delegate = owner->delegate();
+    if (delegate != nullptr)
+        delegate->didGetNewAudioData(TQAudioData{frames, data});
+    queued.store(false, std::memory_order_release);
+}
+
+void TQAudio::renderOutput(int32_t frames, float* out) {
+    // Silence unless the delegate writes the samples.
+    std::memset(out, 0, size_t(frames) * sizeof(float));
+    if (isPlaying()) {
+        if (TQAudioDelegate* delegate = this->delegate()) {
+            TQAudioData block{frames, out};
+            delegate->giveNewAudioData(&block);
+        }
+    }
+    renderCycles_.fetch_add(1, std::memory_order_acq_rel);
+}
+
+void TQAudio::unitFailed(AudioIOFailure failure, const QString& deviceName) {
+    mainCalls_.post([this, failure, deviceName] { handleRunningFailure(failure, deviceName); });
+}
+
+// --- Failures (main thread) ----------------------------------------------------------------
+
+void TQAudio::checkInputs() {
+    QList<QByteArray> ids;
+    for (const QAudioDevice& device : QMediaDevices::audioInputs())
+        ids << device.id();
+    if (ids == knownInputIds_)
+        return;
+    knownInputIds_ = ids;
+    emit availableInputsChanged();
+    // A capture device that is no longer listed has gone away; the platform may
+    // quietly move its stream elsewhere, which would analyse the wrong input.
+    if (isRecording() && !runningInput_.isNull() &&
+        !containsDevice(availableInputs(), runningInput_)) {
+        qWarning("error %d from %s", int(QAudio::IOError), "QMediaDevices: input removed");
+        handleRunningFailure(AudioIOFailure::InputDeviceLost, runningInput_.description());
+    }
+}
+
+void TQAudio::handleRunningFailure(AudioIOFailure failure, const QString& deviceName) {
+    const bool playing = isPlaying();
+    if (!playing && !isRecording())
+        return; // already stopped (for example by the user meanwhile)
+    if (mainViewController_ == nullptr)
+        stop();
+    reportFailure(failure, deviceName, playing, false);
+}
+
+void TQAudio::reportFailure(AudioIOFailure failure, const QString& deviceName, bool playback,
+                            bool startFailed) {
+    Alert alert = alertForFailure(
+        failure, deviceName,
+        runningSampleRate_ > 0 && !startFailed ? runningSampleRate_ : int(defaults_.sampleRate()),
+        playback);
+    if (startFailed && failure == AudioIOFailure::ServerLost)
+        alert.title = playback ? "Playback disabled." : "Recording disabled.";
+    auto show = [messages = messages_, alert] {
+        if (messages != nullptr)
+            messages->showMessage(alert.message, alert.title, "OK", {}, nullptr);
+    };
+    if (mainViewController_ == nullptr) {
+        show();
+    } else if (startFailed) {
+        // As for a refused microphone: the main screen stops the analyser with
+        // its buttons refreshed, then the message appears.
+        mainViewController_->stopAnalyzerWithRefreshButtonsEnable(true);
+        show();
+    } else {
+        mainViewController_->stopAnalyzerWithoutBlockButtonsAndRunBlock(show);
+    }
+}
+
+TQAudio::Alert TQAudio::alertForFailure(AudioIOFailure failure, const QString& deviceName,
+                                        int sampleRate, bool playback) {
+    const QString stopped = playback ? "Playback stopped." : "Recording stopped.";
+    switch (failure) {
+    case AudioIOFailure::NoInputDevice:
+        return {"Recording disabled.",
+                "No audio input was found. Connect a microphone or another input device, then "
+                "start recording again."};
+    case AudioIOFailure::InputOpenFailed:
+        return {"Recording disabled.",
+                QString("The audio input \"%1\" could not be opened at %2 Hz. Choose another "
+                        "input or another sample rate in the settings, then start recording "
+                        "again.")
+                    .arg(deviceName)
+                    .arg(sampleRate)};
+    case AudioIOFailure::NoOutputDevice:
+        return {"Playback disabled.", "No audio output was found. Connect headphones or "
+                                      "speakers, then start playback again."};
+    case AudioIOFailure::OutputOpenFailed:
+        return {"Playback disabled.",
+                QString("The audio output \"%1\" could not be opened at %2 Hz. Choose another "
+                        "output in the system's sound settings, then start playback again.")
+                    .arg(deviceName)
+                    .arg(sampleRate)};
+    case AudioIOFailure::InputDeviceLost:
+        return {stopped, QString("The audio input \"%1\" was disconnected. Connect it again or "
+                                 "choose another input in the settings, then start recording "
+                                 "again.")
+                             .arg(deviceName)};
+    case AudioIOFailure::OutputDeviceLost:
+        return {stopped, QString("The audio output \"%1\" stopped working. Check headphones or "
+                                 "speakers, then start playback again.")
+                             .arg(deviceName)};
+    case AudioIOFailure::ServerLost:
+        return {stopped, "The connection to the sound server was lost. Make sure the sound "
+                         "server (PulseAudio or PipeWire) is running, then start again."};
+    case AudioIOFailure::None:
+        break;
+    }
+    return {};
+}
+
+} // namespace widmo

@@ -1,0 +1,237 @@
+#pragma once
+
+#include "audio/AudioIOFailure.h"
+#include "audio/AudioIOUnitClient.h"
+#include "audio/CallMailbox.h"
+#include "audio/CaptureBufferRing.h"
+#include "engine/DispatchQueue.h"
+#include "engine/TQAudioInterface.h"
+
+#include <QAudioDevice>
+#include <QList>
+#include <QObject>
+#include <QThread>
+#include <QTimer>
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+class QMediaDevices;
+
+namespace widmo {
+
+class AnalyzerDefaults;
+class AnalyzerFeatures;
+class AudioIOUnit;
+class MainViewControllerInterface;
+class TQMessageInterface;
+
+/// The device's audio: live capture for the analysis engine and playback of
+/// the document, on Qt Multimedia.
+///
+/// A dedicated audio thread runs the I/O unit (`AudioIOUnit`): every capture
+/// cycle renders the waiting frames, interleaved stereo 32-bit float at the
+/// document's sample rate, into the next of 128 capture buffers and posts the
+/// block, without a copy or an allocation, to the serial delivery queue
+/// `audioDispatchQueue`, which hands the blocks to the delegate's
+/// `didGetNewAudioData` in capture order. Playback pulls mono float samples
+/// from the delegate's `giveNewAudioData` once per render cycle.
+///
+/// The object also stands for the platform's audio session: the available
+/// inputs, the preferred input (the device that the next start opens; none
+/// means the system's default input), the hardware input gain (the capture
+/// volume) and the analysed channel.
+///
+/// Failures: a start that cannot open its device completes with false and then
+/// tells the user ("Recording disabled."); a device or sound server that goes
+/// away while running stops the analyser and tells the user what happened and
+/// what to do. Platform errors are logged as "error %d from %s".
+///
+/// Threading: starts, stops, the session functions and every completion run on
+/// the main thread. The capture and render callbacks run on the audio thread
+/// (no locks, no allocation, no waiting); deliveries run on the delivery
+/// queue. `isRecording`, `isPlaying`, `currentInputChannel`, the delegate and
+/// the start-up counters are atomics read across these threads.
+class TQAudio final : public QObject, public TQAudioInterface, private AudioIOUnitClient {
+    Q_OBJECT
+public:
+    static constexpr const char* kAudioQueueLabel = "org.widmo.analyzer.myAudioQueue";
+    static constexpr int kCaptureBufferCount = CaptureBufferRing::kBufferCount;
+
+    /// `defaults` and `features` must outlive the object. Main thread.
+    explicit TQAudio(AnalyzerDefaults& defaults, const AnalyzerFeatures& features);
+    /// Stops whatever runs, drains the delivery queue and ends the audio thread.
+    ~TQAudio() override;
+    TQAudio(const TQAudio&) = delete;
+    TQAudio& operator=(const TQAudio&) = delete;
+
+    /// The process's instance on the shared settings, created on first call
+    /// (main thread, after the QCoreApplication) and destroyed with the
+    /// application object.
+    static TQAudio& sharedAudio();
+
+    // --- The engine's view (TQAudioInterface) ------------------------------------
+
+    /// Replacing a delegate waits until the delivery queue has no block left for
+    /// the old one, so that it may be destroyed right after.
+    void setDelegate(TQAudioDelegate* delegate) override;
+    TQAudioDelegate* delegate() const override { return delegate_.load(std::memory_order_acquire); }
+    bool isRecording() const override { return isRecording_.load(std::memory_order_acquire); }
+    bool isPlaying() const override { return isPlaying_.load(std::memory_order_acquire); }
+    /// A playback or recording was requested and is not running yet.
+    bool isSetupInProgress() const override;
+    int64_t currentInputChannel() const override {
+        return currentInputChannel_.load(std::memory_order_acquire);
+    }
+    /// 0 or 1; other values are clamped.
+    void setCurrentInputChannel(int64_t channel) override;
+
+    /// Starts capture unless a start is pending or anything runs (then nothing
+    /// happens and the completion is never called). The completion gets the
+    /// outcome once, on the main thread; a device that cannot be opened gives
+    /// false and a "Recording disabled." message after the completion.
+    void startRecorder(std::function<void(bool)> completion) override;
+    /// Starts playback on the same terms; remembers the current input, which
+    /// `stop` makes the preferred input again.
+    void startPlayer(std::function<void(bool)> completion) override;
+    /// Stops whichever runs; after playback the input that was current at its
+    /// start becomes the preferred input again. Idle or pending: nothing.
+    void stop() override;
+
+    // --- Session ----------------------------------------------------------------------
+
+    /// Readies the audio session for recording and playback. The completion gets
+    /// false when the platform offers no audio device at all (no sound
+    /// server); it runs on the main thread, never inline. After one success,
+    /// later calls complete with true at once until `deactivateAudioSession`.
+    void activateAudioSession(std::function<void(bool)> completion);
+    void deactivateAudioSession();
+    bool sessionActivated() const { return mSessionActivatedForMultiRoute_; }
+
+    /// Activates the session, then opens and starts the streams for the pending
+    /// request (`mWillRecord` / `mWillPlay`). The completion gets the outcome.
+    void setupAndStartAudioUnit(std::function<void(bool)> completion);
+    /// Closes every stream (waits for the audio thread to do so).
+    void stopAudioUnits();
+    /// Makes the built-in microphone the preferred input. A desktop has no
+    /// device marked as built in; the system's default input stands for it.
+    void setPrefferedToInternalInput();
+
+    /// Input devices the platform offers now.
+    QList<QAudioDevice> availableInputs() const;
+    /// The device the next start opens; null = the system's default input.
+    QAudioDevice preferredInput() const { return preferredInput_; }
+    void setPreferredInput(const QAudioDevice& device) { preferredInput_ = device; }
+    /// The current route's input: the running capture device, else the
+    /// preferred input when it is available, else the default input; null when
+    /// the platform has no input.
+    QAudioDevice currentInput() const;
+    /// The input that was current when playback started (null when none).
+    QAudioDevice lastPortBeforePlaying() const { return lastPortBeforePlaying_; }
+
+    /// The platform can set the capture volume of the current input.
+    bool isInputGainSettable() const;
+    /// Hardware input gain (capture volume), 0..1.
+    float inputGain() const;
+    /// Sets the capture volume, applied at once to a running capture.
+    void setInputGain(float gain);
+
+    /// Index of the capture buffer last written, 0..127. Any thread.
+    int32_t actualBuffer() const { return ring_.actualBuffer(); }
+    DispatchQueue& audioDispatchQueue() { return audioDispatchQueue_; }
+
+    /// Render cycles counted since the recording started, and the number of
+    /// first cycles whose input is dropped: trunc(sampleRate * 7 / 44100).
+    int64_t renderCycleCounter() const { return renderCycles_.load(std::memory_order_acquire); }
+    int32_t startupSkipThreshold() const { return skipThreshold_.load(std::memory_order_acquire); }
+
+    /// Where failures are reported: the main screen stops the analyser, the
+    /// alert helper tells the user. Either may be null; without a main screen
+    /// the audio object stops itself. Main thread.
+    void setMainViewController(MainViewControllerInterface* mainViewController) {
+        mainViewController_ = mainViewController;
+    }
+    void setMessages(TQMessageInterface* messages) { messages_ = messages; }
+
+    /// The title and text users see for `failure` of `deviceName` at
+    /// `sampleRate` Hz while recording (or playing).
+    struct Alert {
+        QString title;
+        QString message;
+    };
+    static Alert alertForFailure(AudioIOFailure failure, const QString& deviceName, int sampleRate,
+                                 bool playback);
+
+signals:
+    /// The set of input devices changed (a device arrived or went away).
+    /// Noticed within a quarter of a second.
+    void availableInputsChanged();
+
+private:
+    /// One captured block on its way to the delegate; one per capture buffer,
+    /// built once, so that posting never allocates.
+    class DeliveryTask final : public DispatchQueue::Task {
+    public:
+        void run() override;
+        TQAudio* owner = nullptr;
+        float* data = nullptr;
+        int32_t frames = 0;
+        std::atomic<bool> queued{false};
+    };
+
+    // AudioIOUnitClient, audio thread.
+    void inputAvailable(int32_t frames) override;
+    void renderOutput(int32_t frames, float* out) override;
+    void unitFailed(AudioIOFailure failure, const QString& deviceName) override;
+
+    void finishStart(bool recording, std::function<void(bool)> completion, bool ok);
+    void handleRunningFailure(AudioIOFailure failure, const QString& deviceName);
+    void reportFailure(AudioIOFailure failure, const QString& deviceName, bool playback,
+                       bool startFailed);
+    void checkInputs();
+    int ioBufferFrames() const;
+
+    AnalyzerDefaults& defaults_;
+    const AnalyzerFeatures& features_;
+
+    // Fields of the audio object, in their declaration order.
+    bool mSessionActivatedForMultiRoute_ = false;
+    std::atomic<bool> mWillRecord_{false};
+    std::atomic<bool> mWillPlay_{false};
+    QAudioDevice lastPortBeforePlaying_;
+    std::atomic<bool> isRecording_{false};
+    std::atomic<bool> isPlaying_{false};
+    std::atomic<TQAudioDelegate*> delegate_{nullptr};
+    std::atomic<int64_t> currentInputChannel_{0};
+    CaptureBufferRing ring_;
+    DispatchQueue audioDispatchQueue_{kAudioQueueLabel};
+
+    // Shared with the audio thread's callbacks.
+    std::atomic<int64_t> renderCycles_{0};
+    std::atomic<int32_t> skipThreshold_{0};
+    std::atomic<bool> outputRunning_{false};
+    std::array<DeliveryTask, CaptureBufferRing::kBufferCount> deliveries_;
+
+    // Session state, main thread.
+    QAudioDevice preferredInput_;
+    QAudioDevice runningInput_;
+    int runningSampleRate_ = 0;
+    float inputGain_ = 1.0f;
+    AudioIOFailure lastStartFailure_ = AudioIOFailure::None;
+    QString lastStartFailureDevice_;
+    MainViewControllerInterface* mainViewController_ = nullptr;
+    TQMessageInterface* messages_ = nullptr;
+    QMediaDevices* mediaDevices_ = nullptr;
+    QTimer inputsWatch_;
+    QList<QByteArray> knownInputIds_;
+
+    CallMailbox mainCalls_; // runs on the main thread
+    QThread audioThread_;
+    AudioIOUnit* unit_ = nullptr;       // lives on audioThread_
+    CallMailbox* audioCalls_ = nullptr; // lives on audioThread_
+};
+
+} // namespace widmo

@@ -1,0 +1,212 @@
+#include "AudioTestDoubles.h"
+#include "TestSignals.h"
+#include "audio/AudioIOUnit.h"
+#include "audio/TQAudio.h"
+#include "core/AnalyzerDefaults.h"
+#include "core/AnalyzerFeatures.h"
+#include "dsp/FFTManager.h"
+#include "engine/AnalyzerController.h"
+
+#include <QMediaDevices>
+#include <QTest>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <memory>
+#include <numbers>
+#include <random>
+
+namespace widmo {
+namespace {
+
+using namespace test;
+
+// The whole live path: sound played into the test sink, captured from the
+// virtual microphone by the audio object, analysed by the engine, shown on a
+// recording chart.
+class EngineCaptureTest : public ::testing::Test {
+protected:
+    void build(float sampleRate, float softwareGainDb = 0.0f) {
+        defaults = std::make_unique<AnalyzerDefaults>(features, "audio-engine-test");
+        defaults->setSampleRate(sampleRate);
+        defaults->setFftSize(4096);
+        defaults->setSoftwareInputGainValue(softwareGainDb);
+        defaults->setOutputGainValue(0.0f);
+        audio = std::make_unique<TQAudio>(*defaults, features);
+        manager = std::make_unique<FFTManager>(*defaults);
+        chart = std::make_unique<ChartRecorder>(*defaults);
+        engine = std::make_unique<AnalyzerController>(*defaults, *manager, *audio);
+        engine->setChartViews(chart.get(), nullptr);
+        engine->setDelegate(&owner);
+        engine->rebuildDataWithClear();
+        defaults->setDataValid(true);
+    }
+    void TearDown() override { release(); }
+    // The audio object's teardown drains its delivery queue, so nothing reads
+    // the settings any more when the next stack is built.
+    void release() {
+        if (engine) {
+            engine->stopRecorder();
+            engine->stopPlayer();
+        }
+        engine.reset();
+        chart.reset();
+        manager.reset();
+        audio.reset();
+        defaults.reset();
+    }
+
+    void record(double seconds) {
+        bool started = false;
+        engine->startRecorder([&](bool ok) { started = ok; });
+        ASSERT_TRUE(QTest::qWaitFor([&] { return started; }, 5000));
+        QTest::qWait(int(seconds * 1000));
+    }
+
+    /// Level in dB of the newest spectrum at `bin`, and its strongest bin.
+    std::pair<double, int> newestPeak() const {
+        const std::vector<float>& s = chart->newest;
+        const auto peak = std::max_element(s.begin() + 1, s.end());
+        return {10.0 * std::log10(double(*peak) + 1e-14), int(peak - s.begin())};
+    }
+
+    /// What the FFT engine reads for an ideal -12 dBFS sine at `frequency`.
+    double referencePeakDb(double frequency, int bin) {
+        FFTManager reference(*defaults);
+        std::vector<float> window(size_t(defaults->fftSize()));
+        for (size_t i = 0; i < window.size(); ++i)
+            window[i] = kMinus12dBFS * float(std::sin(2.0 * std::numbers::pi * frequency *
+                                                      double(i) / defaults->sampleRate()));
+        std::vector<float> out(size_t(defaults->fftOutSize()));
+        reference.przeliczWithFFTWindowBufor(window.data(), out.data());
+        return 10.0 * std::log10(double(out[size_t(bin)]));
+    }
+
+    int binOf(double frequency) const {
+        return int(std::lround(frequency * defaults->fftSize() / defaults->sampleRate()));
+    }
+
+    AnalyzerFeatures features = AnalyzerFeatures::spectrumProduct();
+    std::unique_ptr<AnalyzerDefaults> defaults;
+    std::unique_ptr<TQAudio> audio;
+    std::unique_ptr<FFTManager> manager;
+    std::unique_ptr<ChartRecorder> chart;
+    std::unique_ptr<AnalyzerController> engine;
+    EngineOwnerRecorder owner;
+};
+
+float sine(double frequency, double t) {
+    return kMinus12dBFS * float(std::sin(2.0 * std::numbers::pi * frequency * t));
+}
+
+TEST_F(EngineCaptureTest, toneInTheSink_peaksAtItsBinAndLevel_onEitherChannel_andGainRaisesIt) {
+    build(44100.0f);
+    SinkPlayer player(
+        44100, 30.0, [](double t) { return sine(997.0, t); },
+        [](double t) { return sine(1999.0, t); });
+    ASSERT_TRUE(player.start());
+
+    record(1.5);
+    ASSERT_GT(chart->updates, 10);
+    auto [level, bin] = newestPeak();
+    EXPECT_EQ(bin, binOf(997.0));
+    const double reference997 = referencePeakDb(997.0, binOf(997.0));
+    EXPECT_NEAR(level, reference997, 0.5);
+    EXPECT_NEAR(reference997, -12.0, 1.5); // the window's scalloping, no more
+
+    // The second channel carries the other tone.
+    audio->setCurrentInputChannel(1);
+    QTest::qWait(600);
+    std::tie(level, bin) = newestPeak();
+    EXPECT_EQ(bin, binOf(1999.0));
+    EXPECT_NEAR(level, referencePeakDb(1999.0, binOf(1999.0)), 0.5);
+    engine->stopRecorder();
+
+    // +6 dB of software gain reads 6 dB higher.
+    release();
+    build(44100.0f, 6.0f);
+    record(1.0);
+    std::tie(level, bin) = newestPeak();
+    EXPECT_EQ(bin, binOf(997.0));
+    EXPECT_NEAR(level, reference997 + 6.0, 0.5);
+}
+
+TEST_F(EngineCaptureTest, recordedDocument_playsBackIntoTheSinkWithTheSameSamples) {
+    build(48000.0f);
+    defaults->setOutputGainValue(-6.0f);
+    std::mt19937 random(7);
+    std::uniform_real_distribution<float> noise(-kMinus12dBFS, kMinus12dBFS);
+    std::vector<float> signal(48000 * 20);
+    for (float& v : signal)
+        v = noise(random);
+    SinkPlayer player(
+        48000, 20.0, [&](double t) { return signal[size_t(t * 48000)]; },
+        [](double) { return 0.0f; });
+    ASSERT_TRUE(player.start());
+    record(1.5);
+    engine->stopRecorder();
+    player.stop();
+    const int64_t written = engine->framesWriteCount();
+    ASSERT_GT(written, 48000);
+
+    // Listen on the virtual microphone while the document plays.
+    struct Listener : AudioIOUnitClient {
+        void inputAvailable(int32_t frames) override {
+            const size_t at = samples.size();
+            samples.resize(at + size_t(frames) * 2);
+            samples.resize(at + size_t(unit->renderInput(samples.data() + at, frames)) * 2);
+        }
+        void renderOutput(int32_t, float*) override {}
+        void unitFailed(AudioIOFailure, const QString&) override {}
+        AudioIOUnit* unit = nullptr;
+        std::vector<float> samples;
+    } listener;
+    AudioIOUnit listening(listener);
+    listener.unit = &listening;
+    AudioIOUnit::Config config;
+    config.enableInput = true;
+    config.input = QMediaDevices::defaultAudioInput();
+    config.sampleRate = 48000;
+    ASSERT_TRUE(listening.start(config).ok());
+
+    bool started = false;
+    engine->startPlayer([&](bool ok) { started = ok; });
+    ASSERT_TRUE(QTest::qWaitFor([&] { return started; }, 5000));
+    // Playback ends by itself one block before the newest sample.
+    ASSERT_TRUE(QTest::qWaitFor([&] { return owner.playerStops == 1; }, 5000));
+    EXPECT_FALSE(audio->isPlaying());
+    QTest::qWait(200);
+    listening.stop();
+
+    // The store holds the recorded channel; playback is that times -6 dB.
+    const std::vector<float>& store = defaults->audioBuffersData();
+    const float gain = float(std::pow(10.0, -6.0 / 20.0));
+    auto expected = [&](int64_t frame) {
+        return gain * store[size_t(frame % int64_t(store.size()))];
+    };
+    const std::vector<float>& heard = listener.samples;
+    size_t onset = 0;
+    while (onset * 2 < heard.size() && std::fabs(heard[onset * 2]) < 1e-3f)
+        ++onset;
+    const size_t compare = 24000;
+    ASSERT_LT((onset + compare) * 2, heard.size());
+    int64_t offset = -1;
+    for (int64_t j = 0; j < written && offset < 0; ++j) {
+        bool match = true;
+        for (size_t k = 0; k < 64 && match; ++k)
+            match = std::fabs(heard[(onset + k) * 2] - expected(j + int64_t(k))) < 2e-4f;
+        if (match)
+            offset = j;
+    }
+    ASSERT_GE(offset, 0) << "the document's samples were not found in what the sink played";
+    double worst = 0.0;
+    for (size_t k = 0; k < compare; ++k)
+        worst = std::max(worst,
+                         double(std::fabs(heard[(onset + k) * 2] - expected(offset + int64_t(k)))));
+    EXPECT_LT(worst, 2e-4);
+}
+
+} // namespace
+} // namespace widmo

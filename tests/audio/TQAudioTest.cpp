@@ -1,0 +1,187 @@
+#include "audio/TQAudio.h"
+#include "AudioTestDoubles.h"
+#include "TestSignals.h"
+#include "core/AnalyzerDefaults.h"
+#include "core/AnalyzerFeatures.h"
+
+#include <QMediaDevices>
+#include <QTest>
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+namespace widmo {
+namespace {
+
+using namespace test;
+
+class TQAudioTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        defaults.setSampleRate(48000.0f);
+        audio.setDelegate(&delegate);
+        audio.setMainViewController(&mainScreen);
+        audio.setMessages(&messages);
+    }
+    void TearDown() override {
+        audio.stop();
+        if (virtualMicrophoneModule() < 0)
+            loadVirtualMicrophone();
+    }
+
+    /// Starts recording and waits for the outcome; counts completion calls.
+    bool startRecording(int* calls) {
+        bool result = false;
+        audio.startRecorder([&, calls](bool ok) {
+            ++*calls;
+            result = ok;
+        });
+        (void)QTest::qWaitFor([&] { return *calls > 0; }, 5000);
+        return result;
+    }
+
+    AnalyzerFeatures features = AnalyzerFeatures::spectrumProduct();
+    AnalyzerDefaults defaults{features, "audio-test"};
+    TQAudio audio{defaults, features};
+    RecordingDelegate delegate{audio};
+    MainScreenRecorder mainScreen{audio};
+    MessageRecorder messages;
+};
+
+TEST_F(TQAudioTest, recording_deliversBlocksInRingOrderOnTheQueue_afterTheStartupSkip) {
+    int calls = 0, ignoredCalls = 0;
+    bool outcome = false;
+    audio.startRecorder([&](bool ok) {
+        ++calls;
+        outcome = ok;
+    });
+    EXPECT_TRUE(audio.isSetupInProgress());
+    // Further starts while one is pending are ignored and never complete.
+    audio.startRecorder([&](bool) { ++ignoredCalls; });
+    audio.startPlayer([&](bool) { ++ignoredCalls; });
+    ASSERT_TRUE(QTest::qWaitFor([&] { return calls > 0; }, 5000));
+    EXPECT_TRUE(outcome);
+    EXPECT_TRUE(audio.isRecording());
+    EXPECT_FALSE(audio.isSetupInProgress());
+    EXPECT_EQ(audio.startupSkipThreshold(), 7);
+    audio.startRecorder([&](bool) { ++ignoredCalls; });
+
+    QTest::qWait(1500);
+    audio.stop();
+    EXPECT_FALSE(audio.isRecording());
+    audio.audioDispatchQueue().waitUntilEmpty();
+    QTest::qWait(100);
+    EXPECT_EQ(calls, 1);
+    EXPECT_EQ(ignoredCalls, 0);
+
+    const std::vector<float*> pointers = delegate.pointers();
+    ASSERT_GT(pointers.size(), 20u);
+    EXPECT_TRUE(delegate.allOnQueue());
+    // Every block sits in the ring slot after the previous one, from slot 0.
+    float* const first = pointers.front();
+    for (size_t i = 0; i < pointers.size(); ++i) {
+        const ptrdiff_t slot = (pointers[i] - first) / (CaptureBufferRing::kBufferFrames * 2);
+        ASSERT_EQ(slot, ptrdiff_t(i % TQAudio::kCaptureBufferCount)) << "block " << i;
+    }
+    EXPECT_EQ(audio.actualBuffer(), int32_t((pointers.size() - 1) % TQAudio::kCaptureBufferCount));
+    // The first eight cycles (counter 0..7) were dropped, every later one delivered.
+    EXPECT_NEAR(double(audio.renderCycleCounter()) - double(pointers.size()), 8.0, 1.0);
+    // About 1.5 s of 48 kHz audio arrived, in blocks of about the device buffer.
+    const double frames = double(delegate.samples().size()) / 2.0;
+    EXPECT_GT(frames, 48000 * 1.2);
+    EXPECT_LT(frames, 48000 * 1.7);
+    EXPECT_TRUE(messages.titles.isEmpty());
+
+    // Stopped means stopped: nothing more arrives.
+    const size_t blocks = delegate.blocks();
+    QTest::qWait(200);
+    EXPECT_EQ(delegate.blocks(), blocks);
+}
+
+TEST_F(TQAudioTest, microphoneRemovedWhileRecording_stopsAndSaysSo_andRecordingResumesWhenBack) {
+    int calls = 0;
+    ASSERT_TRUE(startRecording(&calls));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return delegate.blocks() > 10; }, 3000));
+
+    ASSERT_TRUE(unloadModule(virtualMicrophoneModule()));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !audio.isRecording(); }, 5000));
+    EXPECT_EQ(mainScreen.stopsWithBlock, 1);
+    ASSERT_EQ(messages.titles.size(), 1);
+    EXPECT_EQ(messages.titles[0], "Recording stopped.");
+    EXPECT_TRUE(messages.messages[0].contains("\"WidmoTestMic\" was disconnected"));
+    EXPECT_EQ(messages.buttons[0], "OK");
+    audio.audioDispatchQueue().waitUntilEmpty();
+    const size_t blocks = delegate.blocks();
+
+    // With no input at all a start completes once with NO and says why.
+    calls = 0;
+    EXPECT_FALSE(startRecording(&calls));
+    QTest::qWait(100);
+    EXPECT_EQ(calls, 1);
+    EXPECT_FALSE(audio.isRecording());
+    EXPECT_FALSE(audio.isSetupInProgress());
+    EXPECT_EQ(mainScreen.stopsWithRefresh, 1);
+    EXPECT_TRUE(mainScreen.lastRefreshEnable);
+    ASSERT_EQ(messages.titles.size(), 2);
+    EXPECT_EQ(messages.titles[1], "Recording disabled.");
+    EXPECT_TRUE(messages.messages[1].startsWith("No audio input was found."));
+    EXPECT_EQ(delegate.blocks(), blocks);
+
+    // Once the device is back, the next start records again.
+    ASSERT_GE(loadVirtualMicrophone(), 0);
+    ASSERT_TRUE(QTest::qWaitFor([] { return !QMediaDevices::audioInputs().isEmpty(); }, 3000));
+    calls = 0;
+    EXPECT_TRUE(startRecording(&calls));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return delegate.blocks() > blocks + 10; }, 3000));
+    EXPECT_EQ(messages.titles.size(), 2);
+}
+
+TEST_F(TQAudioTest, aRateTheDeviceCannotOpen_endsTheStartWithNo_once) {
+    defaults.setSampleRate(1000000.0f);
+    int calls = 0;
+    EXPECT_FALSE(startRecording(&calls));
+    QTest::qWait(100);
+    EXPECT_EQ(calls, 1);
+    EXPECT_FALSE(audio.isRecording());
+    ASSERT_EQ(messages.titles.size(), 1);
+    EXPECT_EQ(messages.titles[0], "Recording disabled.");
+    EXPECT_TRUE(
+        messages.messages[0].contains("\"WidmoTestMic\" could not be opened at 1000000 Hz"));
+
+    // The failure leaves nothing behind: a start at a rate the device takes works.
+    defaults.setSampleRate(48000.0f);
+    calls = 0;
+    EXPECT_TRUE(startRecording(&calls));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return delegate.blocks() > 5; }, 3000));
+}
+
+TEST_F(TQAudioTest, playback_pullsFromTheDelegateEveryCycle_andRestoresThePreferredInput) {
+    delegate.source = [](int64_t frame) { return 0.001f * float(frame % 100); };
+    const QAudioDevice mic = QMediaDevices::defaultAudioInput();
+    audio.setPreferredInput(mic);
+    int calls = 0;
+    bool started = false;
+    audio.startPlayer([&](bool ok) {
+        ++calls;
+        started = ok;
+    });
+    ASSERT_TRUE(QTest::qWaitFor([&] { return calls > 0; }, 5000));
+    EXPECT_TRUE(started);
+    EXPECT_TRUE(audio.isPlaying());
+    EXPECT_EQ(audio.lastPortBeforePlaying().id(), mic.id());
+    EXPECT_TRUE(audio.preferredInput().isNull()); // the built-in input during playback
+    QTest::qWait(1000);
+    audio.stop();
+    EXPECT_FALSE(audio.isPlaying());
+    EXPECT_EQ(audio.preferredInput().id(), mic.id());
+    // About 48,000 samples a second in cycles of at most 20 ms, and no
+    // capture: the delegate received no input block.
+    EXPECT_GT(delegate.renderCalls.load(), 40);
+    EXPECT_GT(audio.renderCycleCounter(), 40);
+    EXPECT_EQ(delegate.blocks(), 0u);
+    EXPECT_EQ(calls, 1);
+}
+
+} // namespace
+} // namespace widmo

@@ -1,0 +1,156 @@
+#include "TestSignals.h"
+
+#include <QFile>
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <numbers>
+
+namespace widmo::test {
+
+namespace {
+
+// argv for exec, kept alive in `storage`.
+std::vector<char*> argvFor(const QString& program, const QStringList& arguments,
+                           std::vector<QByteArray>& storage) {
+    storage.push_back(program.toLocal8Bit());
+    for (const QString& a : arguments)
+        storage.push_back(a.toLocal8Bit());
+    std::vector<char*> argv;
+    for (QByteArray& b : storage)
+        argv.push_back(b.data());
+    argv.push_back(nullptr);
+    return argv;
+}
+
+} // namespace
+
+int runTool(const QString& program, const QStringList& arguments, QString* output) {
+    std::vector<QByteArray> storage;
+    std::vector<char*> argv = argvFor(program, arguments, storage);
+    int pipeFds[2];
+    if (pipe(pipeFds) != 0)
+        return -1;
+    const pid_t pid = fork();
+    if (pid == 0) {
+        dup2(pipeFds[1], STDOUT_FILENO);
+        close(pipeFds[0]);
+        close(pipeFds[1]);
+        execvp(argv[0], argv.data());
+        _exit(127);
+    }
+    close(pipeFds[1]);
+    QByteArray text;
+    char chunk[4096];
+    ssize_t n;
+    while ((n = read(pipeFds[0], chunk, sizeof chunk)) > 0)
+        text.append(chunk, qsizetype(n));
+    close(pipeFds[0]);
+    int status = 0;
+    if (pid < 0 || waitpid(pid, &status, 0) != pid)
+        return -1;
+    if (output != nullptr)
+        *output = QString::fromLocal8Bit(text);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+bool ChildProcess::start(const QString& program, const QStringList& arguments,
+                         const QString& inputFile) {
+    stop();
+    std::vector<QByteArray> storage;
+    std::vector<char*> argv = argvFor(program, arguments, storage);
+    const QByteArray input = inputFile.toLocal8Bit();
+    pid_ = fork();
+    if (pid_ == 0) {
+        if (!input.isEmpty()) {
+            const int fd = open(input.constData(), O_RDONLY);
+            dup2(fd, STDIN_FILENO);
+        }
+        execvp(argv[0], argv.data());
+        _exit(127);
+    }
+    return pid_ > 0;
+}
+
+void ChildProcess::stop() {
+    if (pid_ <= 0)
+        return;
+    kill(pid_, SIGTERM);
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    pid_ = -1;
+}
+
+SinkPlayer::SinkPlayer(int sampleRate, double seconds, const std::function<float(double)>& left,
+                       const std::function<float(double)>& right)
+    : path_(dir_.filePath("signal.raw")), sampleRate_(sampleRate) {
+    const size_t frames = size_t(seconds * sampleRate);
+    std::vector<float> samples(frames * 2);
+    for (size_t i = 0; i < frames; ++i) {
+        const double t = double(i) / sampleRate;
+        samples[2 * i] = left(t);
+        samples[2 * i + 1] = right(t);
+    }
+    QFile file(path_);
+    if (file.open(QIODevice::WriteOnly))
+        file.write(reinterpret_cast<const char*>(samples.data()),
+                   qint64(samples.size() * sizeof(float)));
+}
+
+SinkPlayer::~SinkPlayer() { stop(); }
+
+bool SinkPlayer::start() {
+    return process_.start("pacat", {"--playback", "--raw", "--format=float32le",
+                                    QString("--rate=%1").arg(sampleRate_), "--channels=2",
+                                    "--latency-msec=10", "-d",
+                                    qEnvironmentVariable("WIDMO_TEST_SINK", "widmo_sink"), path_});
+}
+
+void SinkPlayer::stop() { process_.stop(); }
+
+double toneAmplitude(const float* data, size_t count, size_t stride, double frequency,
+                     double sampleRate) {
+    const double w = 2.0 * std::numbers::pi * frequency / sampleRate;
+    double re = 0.0, im = 0.0, windowSum = 0.0;
+    for (size_t n = 0; n < count; ++n) {
+        const double hann = 0.5 * (1.0 - std::cos(2.0 * std::numbers::pi * double(n) / count));
+        const double x = hann * data[n * stride];
+        re += x * std::cos(w * double(n));
+        im -= x * std::sin(w * double(n));
+        windowSum += hann;
+    }
+    return 2.0 * std::sqrt(re * re + im * im) / windowSum;
+}
+
+int virtualMicrophoneModule() {
+    QString out;
+    if (runTool("pactl", {"list", "short", "modules"}, &out) != 0)
+        return -1;
+    for (const QString& line : out.split('\n')) {
+        if (line.contains("module-remap-source") && line.contains("widmo_mic"))
+            return line.section('\t', 0, 0).toInt();
+    }
+    return -1;
+}
+
+int loadVirtualMicrophone() {
+    const QString sink = qEnvironmentVariable("WIDMO_TEST_SINK", "widmo_sink");
+    QString out;
+    if (runTool("pactl",
+                {"load-module", "module-remap-source", "master=" + sink + ".monitor",
+                 "source_name=widmo_mic", "source_properties=device.description=WidmoTestMic"},
+                &out) != 0)
+        return -1;
+    runTool("pactl", {"set-default-source", "widmo_mic"});
+    return out.trimmed().toInt();
+}
+
+bool unloadModule(int module) {
+    return runTool("pactl", {"unload-module", QString::number(module)}) == 0;
+}
+
+} // namespace widmo::test

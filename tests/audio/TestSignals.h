@@ -1,0 +1,70 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+#include <QTemporaryDir>
+
+#include <cmath>
+#include <functional>
+#include <vector>
+
+namespace widmo::test {
+
+/// -12 dBFS as a linear amplitude.
+inline constexpr float kMinus12dBFS = 0.25118864f;
+
+/// Runs a command of the test sound server (pactl, ...) and returns its exit code.
+int runTool(const QString& program, const QStringList& arguments, QString* output = nullptr);
+
+/// A child process started with fork and exec. (Not QProcess: Qt starts
+/// children with a raw clone that ThreadSanitizer does not follow, after
+/// which it misreads every later hand-over between threads.)
+class ChildProcess {
+public:
+    ~ChildProcess() { stop(); }
+    /// Starts `program` with `arguments`; standard input from `inputFile`
+    /// when given. False when it could not be started.
+    bool start(const QString& program, const QStringList& arguments,
+               const QString& inputFile = QString());
+    /// Terminates the child and waits for it.
+    void stop();
+
+private:
+    int pid_ = -1;
+};
+
+/// Plays interleaved stereo float samples into the test sink through a
+/// low-latency stream (pacat), from a raw file written at construction. A
+/// low-latency stream also keeps the null sink rendering in small steps, so
+/// that its monitor (and the virtual microphone) deliver in real time.
+class SinkPlayer {
+public:
+    /// `left(t)` / `right(t)`: sample values at time t seconds.
+    SinkPlayer(int sampleRate, double seconds, const std::function<float(double)>& left,
+               const std::function<float(double)>& right);
+    ~SinkPlayer();
+    bool start();
+    void stop();
+
+private:
+    QTemporaryDir dir_;
+    QString path_;
+    int sampleRate_;
+    ChildProcess process_;
+};
+
+/// Amplitude of the component at `frequency` in `count` samples taken with
+/// `stride` from `data` (Goertzel with a Hann window, scaled so that a sine of
+/// amplitude A reads A).
+double toneAmplitude(const float* data, size_t count, size_t stride, double frequency,
+                     double sampleRate);
+
+inline double toDb(double amplitude) { return 20.0 * std::log10(amplitude + 1e-12); }
+
+/// The virtual microphone's module can be unloaded and loaded again.
+int loadVirtualMicrophone();
+bool unloadModule(int module);
+/// Index of the loaded remap module of the virtual microphone, or -1.
+int virtualMicrophoneModule();
+
+} // namespace widmo::test
