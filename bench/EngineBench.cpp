@@ -1,0 +1,239 @@
+// Real-time factor of the engine's whole intake and processing path: one
+// producer thread delivers interleaved stereo blocks of 512 frames (the audio
+// object's block size) through didGetNewAudioData, the analysis queue
+// transforms every complete interval; the clock stops when the queue has
+// drained. RTF = seconds of audio processed per second of wall time.
+//
+// Baseline in the same run: the bare FFTManager transforms (window, FFT,
+// squared magnitudes of one window buffer) for the same number of intervals,
+// and the per-interval transform that also copies the window out of the ring.
+// The table printed at the end gives the share of the path's time that is not
+// the FFT itself.
+//
+// Configurations: the defaults (44.1 kHz, FFT 4096, interval 512 frames) and
+// the worst settings reachable (384 kHz, interval 256 frames, FFT 65536).
+#include "core/AnalyzerDefaults.h"
+#include "dsp/FFTManager.h"
+#include "engine/AnalyzerController.h"
+#include "engine/TQAudioInterface.h"
+
+#include <QCoreApplication>
+#include <QSettings>
+#include <QTemporaryDir>
+
+#include <benchmark/benchmark.h>
+
+#include <chrono>
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using namespace widmo;
+using Clock = std::chrono::steady_clock;
+
+/// An audio object that is always recording: the benchmark thread delivers.
+class BenchAudio final : public TQAudioInterface {
+public:
+    void setDelegate(TQAudioDelegate* d) override { delegate_ = d; }
+    TQAudioDelegate* delegate() const override { return delegate_; }
+    bool isRecording() const override { return true; }
+    bool isPlaying() const override { return false; }
+    bool isSetupInProgress() const override { return false; }
+    int64_t currentInputChannel() const override { return 0; }
+    void setCurrentInputChannel(int64_t) override {}
+    void startRecorder(std::function<void(bool)> completion) override { completion(true); }
+    void startPlayer(std::function<void(bool)> completion) override { completion(false); }
+    void stop() override {}
+
+private:
+    TQAudioDelegate* delegate_ = nullptr;
+};
+
+struct Config {
+    const char* name;
+    bool ultrasonic;
+    float sampleRate;
+    int32_t intervalSizePower;
+    int32_t fftSize;
+    double audioSeconds; // per iteration
+};
+
+const Config kConfigs[] = {
+    {"defaults 44.1kHz fft4096 int512", false, 44100.0f, 4, 4096, 20.0},
+    {"worst 384kHz fft65536 int256", true, 384000.0f, 0, 65536, 2.0},
+};
+
+/// Settings, FFT manager and engine for one configuration.
+struct Rig {
+    explicit Rig(const Config& c) {
+        QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, dir.path());
+        defaults = std::make_unique<AnalyzerDefaults>(
+            c.ultrasonic ? AnalyzerFeatures::studioProduct() : AnalyzerFeatures::spectrumProduct(),
+            "engine-bench");
+        defaults->setSampleRate(c.sampleRate);
+        defaults->setIntervalSizePower(c.intervalSizePower);
+        defaults->setFftSize(c.fftSize);
+        defaults->setFftWindowType(2);
+        manager = std::make_unique<FFTManager>(*defaults);
+        engine = std::make_unique<AnalyzerController>(*defaults, *manager, audio);
+        engine->rebuildDataWithClear();
+        defaults->setDataValid(true);
+        std::mt19937 random(1);
+        std::uniform_real_distribution<float> value(-1.0f, 1.0f);
+        stereo.resize(2 * kBlock * 64);
+        for (float& v : stereo) {
+            v = value(random);
+        }
+        frames = static_cast<int64_t>(c.audioSeconds * c.sampleRate);
+        intervals = frames / defaults->intervalSizeInFrames();
+    }
+
+    static constexpr int32_t kBlock = 512;
+    QTemporaryDir dir;
+    BenchAudio audio;
+    std::unique_ptr<AnalyzerDefaults> defaults;
+    std::unique_ptr<FFTManager> manager;
+    std::unique_ptr<AnalyzerController> engine;
+    std::vector<float> stereo;
+    int64_t frames = 0;
+    int64_t intervals = 0;
+};
+
+struct Result {
+    double rtf = 0.0;
+    double pathMicrosPerInterval = 0.0;
+    double bareMicrosPerInterval = 0.0;
+    double intervalMicrosPerInterval = 0.0;
+};
+std::map<std::string, Result> gResults;
+
+/// One producer thread (this one) against the analysis queue.
+void BM_intakeAndProcessing(benchmark::State& state) {
+    const Config& c = kConfigs[state.range(0)];
+    Rig rig(c);
+    const int64_t n = rig.defaults->intervalSizeInFrames();
+    const int64_t ringCapacity = int64_t{rig.defaults->audioBuffersIntervalsCount()} * n;
+    const int64_t blocksInSignal = static_cast<int64_t>(rig.stereo.size()) / (2 * Rig::kBlock);
+    double seconds = 0.0;
+    int64_t iterations = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        rig.engine->rebuildDataWithClear();
+        rig.defaults->setDataValid(true);
+        state.ResumeTiming();
+        const auto start = Clock::now();
+        int64_t written = 0;
+        int64_t block = 0;
+        while (written < rig.frames) {
+            // Never lap the analysis (a real input would lose samples there).
+            while (written + Rig::kBlock >
+                   rig.defaults->actualInterval() * n - c.fftSize + ringCapacity) {
+                std::this_thread::yield();
+            }
+            float* data = rig.stereo.data() + 2 * Rig::kBlock * (block++ % blocksInSignal);
+            rig.engine->didGetNewAudioData(TQAudioData{Rig::kBlock, data});
+            written += Rig::kBlock;
+        }
+        rig.engine->analyzerQueue1().waitUntilEmpty();
+        const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+        state.SetIterationTime(elapsed);
+        seconds += elapsed;
+        ++iterations;
+    }
+    const double audio = c.audioSeconds * static_cast<double>(iterations);
+    Result& r = gResults[c.name];
+    r.rtf = audio / seconds;
+    r.pathMicrosPerInterval = seconds * 1e6 / static_cast<double>(rig.intervals * iterations);
+    state.counters["rtf"] = r.rtf;
+    state.counters["us_per_interval"] = r.pathMicrosPerInterval;
+    state.SetLabel(c.name);
+}
+
+/// Baseline: window + FFT + squared magnitudes of one buffer, as many times as
+/// the path computes intervals.
+void BM_bareTransforms(benchmark::State& state) {
+    const Config& c = kConfigs[state.range(0)];
+    Rig rig(c);
+    std::vector<float> window(rig.stereo.begin(), rig.stereo.begin() + c.fftSize);
+    std::vector<float> out(static_cast<size_t>(c.fftSize / 2));
+    rig.manager->przeliczWithFFTWindowBufor(window.data(), out.data()); // plans the size
+    double seconds = 0.0;
+    int64_t iterations = 0;
+    for (auto _ : state) {
+        const auto start = Clock::now();
+        for (int64_t i = 0; i < rig.intervals; ++i) {
+            rig.manager->przeliczWithFFTWindowBufor(window.data(), out.data());
+            benchmark::DoNotOptimize(out.data());
+        }
+        const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+        state.SetIterationTime(elapsed);
+        seconds += elapsed;
+        ++iterations;
+    }
+    Result& r = gResults[c.name];
+    r.bareMicrosPerInterval = seconds * 1e6 / static_cast<double>(rig.intervals * iterations);
+    state.counters["us_per_interval"] = r.bareMicrosPerInterval;
+    state.SetLabel(c.name);
+}
+
+/// Baseline: the per-interval transform out of the ring (adds the window copy
+/// into the result slot), on the calling thread, no intake and no queue.
+void BM_intervalTransforms(benchmark::State& state) {
+    const Config& c = kConfigs[state.range(0)];
+    Rig rig(c);
+    float* windowData = nullptr;
+    float* dataOut = nullptr;
+    rig.manager->przeliczFFTDlaIntervalIndex(0, &windowData, &dataOut);
+    double seconds = 0.0;
+    int64_t iterations = 0;
+    for (auto _ : state) {
+        const auto start = Clock::now();
+        for (int64_t i = 0; i < rig.intervals; ++i) {
+            rig.manager->przeliczFFTDlaIntervalIndex(i, &windowData, &dataOut);
+            benchmark::DoNotOptimize(dataOut);
+        }
+        const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+        state.SetIterationTime(elapsed);
+        seconds += elapsed;
+        ++iterations;
+    }
+    Result& r = gResults[c.name];
+    r.intervalMicrosPerInterval = seconds * 1e6 / static_cast<double>(rig.intervals * iterations);
+    state.counters["us_per_interval"] = r.intervalMicrosPerInterval;
+    state.SetLabel(c.name);
+}
+
+} // namespace
+
+BENCHMARK(BM_bareTransforms)->DenseRange(0, 1)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_intervalTransforms)->DenseRange(0, 1)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_intakeAndProcessing)->DenseRange(0, 1)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+int main(int argc, char** argv) {
+    QCoreApplication app(argc, argv);
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 1;
+    }
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+
+    std::printf("\n%-32s %8s %12s %12s %12s %10s\n", "configuration", "RTF", "path us/int",
+                "FFT us/int", "slot us/int", "non-FFT");
+    for (const auto& [name, r] : gResults) {
+        if (r.pathMicrosPerInterval <= 0.0 || r.bareMicrosPerInterval <= 0.0) {
+            continue;
+        }
+        const double nonFFT = 1.0 - r.bareMicrosPerInterval / r.pathMicrosPerInterval;
+        std::printf("%-32s %8.1f %12.2f %12.2f %12.2f %9.1f%%\n", name.c_str(), r.rtf,
+                    r.pathMicrosPerInterval, r.bareMicrosPerInterval, r.intervalMicrosPerInterval,
+                    100.0 * nonFFT);
+    }
+    return 0;
+}

@@ -1,0 +1,637 @@
+#include "engine/AnalyzerController.h"
+
+#include "core/AnalyzerDefaults.h"
+#include "dsp/FFTManager.h"
+#include "engine/AnalyzerControllerDelegate.h"
+#include "engine/ChartViewInterface.h"
+#include "engine/MainQueue.h"
+#include "engine/MainViewControllerInterface.h"
+#include "engine/SpectrogramScrollViewInterface.h"
+#include "engine/SpectrogramViewInterface.h"
+#include "engine/TQAudioInterface.h"
+#include "engine/TQMessageInterface.h"
+
+#include <QDir>
+#include <QStandardPaths>
+#include <QtGlobal>
+
+#include <sndfile.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+#include <thread>
+#include <utility>
+
+namespace widmo {
+
+const char* const AnalyzerController::kTooSlowMessage =
+    "Your device is too slow for current settings. Real-time analysis is not possible. Try to "
+    "change the settings. Choose a smaller window size, a larger FFT calculations interval, or a "
+    "smaller spectrogram size, etc.";
+const char* const AnalyzerController::kTestFileName = "rta-audio_v5.aif";
+
+namespace {
+
+constexpr const char* kQueue1Label = "org.widmo.analyzer.myAnalyzerQueue1";
+constexpr const char* kQueue2Label = "org.widmo.analyzer.myAnalyzerQueue2";
+
+/// dst[k] = gain * src[stride * k]: one channel out of an interleaved block.
+void scaleWithStride(const float* src, int32_t stride, float gain, float* dst, int32_t count) {
+    for (int32_t k = 0; k < count; ++k) {
+        dst[k] = gain * src[static_cast<int64_t>(stride) * k];
+    }
+}
+
+/// Copies `count` samples into the ring `ring` (length `capacity`) starting at
+/// ring position `position`, wrapping to the ring's start.
+void writeToRing(float* ring, int64_t capacity, int64_t position, const float* src, int64_t count) {
+    while (count > 0) {
+        const int64_t n = std::min(count, capacity - position);
+        std::copy_n(src, n, ring + position);
+        src += n;
+        count -= n;
+        position = 0;
+    }
+}
+
+float decibelsToFactor(float decibels) {
+    return static_cast<float>(std::pow(10.0, static_cast<double>(decibels) / 20.0));
+}
+
+bool isSlotOf(int64_t reading, int64_t writing) {
+    return reading >= 0 &&
+           FFTManager::slotOfInterval(reading) == FFTManager::slotOfInterval(writing);
+}
+
+// The slot writer's state: interval j being written is 2j + 1, finished 2j.
+int64_t slotWriteBusy(int64_t interval) { return 2 * interval + 1; }
+int64_t slotWriteDone(int64_t interval) { return 2 * interval; }
+
+} // namespace
+
+void AnalyzerController::ProcessingTask::run() { owner_.processIntervals(); }
+
+AnalyzerController::AnalyzerController(AnalyzerDefaults& defaults, FFTManager& fftManager,
+                                       TQAudioInterface& audio)
+    : defaults_(defaults), fftManager_(fftManager), audio_(audio),
+      mAnalyzerQueue1(std::make_unique<DispatchQueue>(kQueue1Label)),
+      mAnalyzerQueue2(std::make_unique<DispatchQueue>(kQueue2Label)) {
+    audio_.setDelegate(this);
+    mAudioData = TQAudioData{};
+    mEggData = TQAudioData{};
+    // Transposition: with featureTranspositionEnabled the engine creates its
+    // Transposer here; no product of this system offers it yet.
+    mAnalyzerQueue1Counter.store(0, std::memory_order_release);
+    mAnalyzerQueue2Counter.store(0, std::memory_order_release);
+}
+
+AnalyzerController::~AnalyzerController() {
+    timer_.invalidate();
+    if (audio_.isRecording() || audio_.isPlaying()) {
+        audio_.stop();
+    }
+    if (audio_.delegate() == this) {
+        audio_.setDelegate(nullptr);
+    }
+    // The queues' destructors run what is still queued; the processing task and
+    // the recalculation tasks refer to this object, so they go first.
+    mAnalyzerQueue1.reset();
+    mAnalyzerQueue2.reset();
+    closeTestFile();
+}
+
+void AnalyzerController::setChartViews(ChartViewInterface* chartView,
+                                       SpectrogramViewInterface* spectrogramView) {
+    chartView_ = chartView;
+    spectrogramView_ = spectrogramView;
+    SpectrogramScrollViewInterface* spectrogramScroll = spectrogramScrollView();
+    TQGLScrollViewInterface* chartScroll = chartScrollView();
+    if (spectrogramScroll != nullptr && chartScroll != nullptr) {
+        spectrogramScroll->setScrollViewDelegate(chartScroll);
+        chartScroll->setScrollViewDelegate(spectrogramScroll);
+    }
+}
+
+SpectrogramScrollViewInterface* AnalyzerController::spectrogramScrollView() const {
+    return spectrogramView_ != nullptr ? spectrogramView_->spectrogramScrollView() : nullptr;
+}
+
+TQGLScrollViewInterface* AnalyzerController::chartScrollView() const {
+    return chartView_ != nullptr ? chartView_->chartScrollView() : nullptr;
+}
+
+int64_t AnalyzerController::intervalSize() const { return defaults_.intervalSizeInFrames(); }
+
+// --- Intake ------------------------------------------------------------------------------
+
+void AnalyzerController::didGetNewAudioData(TQAudioData data) {
+    if (!defaults_.dataValid()) {
+        return;
+    }
+    const int64_t packets = mPacketsCount.fetch_add(1, std::memory_order_acq_rel) + 1;
+    // Trigger: a recording that waits for the trigger skips its first
+    // trunc(sampleRate * 7 / 44100) blocks and hands the rest to the trigger's
+    // intake until it fires; with automatic stop it also cuts the document at the
+    // spectrogram's width. Without the trigger nothing is skipped and the store
+    // is a ring that never fills.
+    const int64_t skip = 0;
+    if (audio_.isRecording() && packets > skip) {
+        didGetNewAudioDataStandard(data.count, data.data, false);
+    }
+}
+
+void AnalyzerController::audioEffectDidGetAudioData(TQAudioData data) {
+    if (!defaults_.dataValid()) {
+        return;
+    }
+    mPacketsCount.fetch_add(1, std::memory_order_acq_rel);
+    didGetNewAudioDataStandard(data.count, data.data, false);
+}
+
+void AnalyzerController::createMDataBufferIfNeededWithSize(int32_t count) {
+    if (count > mAudioData.count) {
+        // Free first, then a fresh zero-filled block: the old contents are scratch.
+        std::vector<float>().swap(mAudioDataStorage);
+        mAudioDataStorage.assign(static_cast<size_t>(count), 0.0f);
+        mAudioData = TQAudioData{count, mAudioDataStorage.data()};
+    }
+    if (defaults_.features().featureVoiceEGG() && count > mEggData.count) {
+        std::vector<float>().swap(mEggDataStorage);
+        mEggDataStorage.assign(static_cast<size_t>(count), 0.0f);
+        mEggData = TQAudioData{count, mEggDataStorage.data()};
+    }
+}
+
+void AnalyzerController::didGetNewAudioDataStandard(int32_t count, const float* data,
+                                                    bool fromTrig) {
+    if (count <= 0 || data == nullptr) {
+        return;
+    }
+    std::vector<float>& store = defaults_.audioBuffersData();
+    const int64_t n = intervalSize();
+    const int64_t capacity = static_cast<int64_t>(defaults_.audioBuffersIntervalsCount()) * n;
+    if (capacity <= 0 || static_cast<int64_t>(store.size()) < capacity) {
+        return; // no document prepared
+    }
+    createMDataBufferIfNeededWithSize(count);
+
+    const bool egg = defaults_.features().featureVoiceEGG();
+    if (!fromTrig) {
+        const float gain = decibelsToFactor(defaults_.softwareInputGainValue());
+        const int64_t channel = audio_.currentInputChannel() == 1 ? 1 : 0;
+        scaleWithStride(data + channel, 2, gain, mAudioData.data, count);
+        if (egg) {
+            scaleWithStride(data + (1 - channel), 2, 1.0f, mEggData.data, count);
+        }
+    } else {
+        std::copy_n(data, count, mAudioData.data);
+        // The pre-trigger ring holds one channel only; the EGG block keeps its
+        // previous contents, as the trigger's replay has no second channel.
+    }
+
+    // Pairs with the release store of actualInterval on queue 1: every window
+    // the queue has finished reading is ordered before the writes below, which
+    // may reuse its samples one ring lap later.
+    (void)defaults_.actualInterval();
+
+    const int64_t written = mFramesWriteCount.load(std::memory_order_relaxed);
+    const int64_t position = written % capacity;
+    writeToRing(store.data(), capacity, position, mAudioData.data, count);
+    std::vector<float>& eggStore = defaults_.eggBuffersData();
+    if (egg && static_cast<int64_t>(eggStore.size()) >= capacity) {
+        writeToRing(eggStore.data(), capacity, position, mEggData.data, count);
+    }
+    if (sf_private_tag* file = mTestWavFileRef.load(std::memory_order_acquire)) {
+        sf_write_float(file, mAudioData.data, count);
+    }
+    mFramesWriteCount.store(written + count, std::memory_order_release);
+
+    // At most one processing task is queued; a block arriving while one is
+    // pending only adds samples, which the running task picks up.
+    int expected = 0;
+    if (mAnalyzerQueue1Counter.compare_exchange_strong(expected, 1, std::memory_order_acq_rel)) {
+        mAnalyzerQueue1->async(processingTask_);
+    }
+}
+
+// --- Processing (queue 1) ----------------------------------------------------------------------
+
+void AnalyzerController::processIntervals() {
+    const int64_t n = intervalSize();
+    const double intervalSeconds = static_cast<double>(
+        static_cast<float>(static_cast<double>(n) / static_cast<double>(defaults_.sampleRate())));
+    const int64_t maxLag = static_cast<int64_t>(0.7 / intervalSeconds);
+    const bool spectrogramOn = defaults_.features().featureSpectrogramEnabled();
+
+    for (;;) {
+        int64_t interval = defaults_.actualInterval();
+        int64_t written = mFramesWriteCount.load(std::memory_order_acquire);
+        while (interval * n + n <= written) {
+            // Only a product with a spectrogram tells the user; without one a
+            // lagging engine falls behind silently, by design.
+            if (spectrogramOn && written / n - interval > maxLag &&
+                !mTooSlow.load(std::memory_order_acquire) &&
+                interval - mStartIntervalMem.load(std::memory_order_acquire) > maxLag) {
+                mTooSlow.store(true, std::memory_order_release);
+                raiseTooSlow();
+            }
+            computeInterval(interval);
+            mComputedIntervalIndex.store(interval, std::memory_order_release);
+            ++interval;
+            defaults_.setActualInterval(interval);
+            written = mFramesWriteCount.load(std::memory_order_acquire);
+        }
+        mAnalyzerQueue1Counter.fetch_sub(1, std::memory_order_acq_rel);
+        // A block that arrived between the last check and the release above saw
+        // the task pending and did not submit one. Claim the flag again and go on
+        // rather than leave its intervals until the next block.
+        written = mFramesWriteCount.load(std::memory_order_acquire);
+        if (interval * n + n > written) {
+            return;
+        }
+        int expected = 0;
+        if (!mAnalyzerQueue1Counter.compare_exchange_strong(expected, 1,
+                                                            std::memory_order_acq_rel)) {
+            return; // the intake submitted a new task, which will do it
+        }
+    }
+}
+
+void AnalyzerController::computeInterval(int64_t intervalIndex) {
+    // Announce the slot, then wait while the display timer reads an interval
+    // that shares it (only possible 256 intervals apart; it reads for a few
+    // microseconds). See the Threading paragraph of the header.
+    mSlotWriteState.store(slotWriteBusy(intervalIndex), std::memory_order_seq_cst);
+    while (isSlotOf(mChartReadIntervalIndex.load(std::memory_order_seq_cst), intervalIndex)) {
+        std::this_thread::yield();
+    }
+    float* windowData = nullptr;
+    float* dataOut = nullptr;
+    fftManager_.przeliczFFTDlaIntervalIndex(intervalIndex, &windowData, &dataOut);
+    if (spectrogramView_ != nullptr && dataOut != nullptr) {
+        spectrogramView_->addFFTdata(dataOut, intervalIndex);
+    }
+    mSlotWriteState.store(slotWriteDone(intervalIndex), std::memory_order_seq_cst);
+}
+
+void AnalyzerController::raiseTooSlow() {
+    MainQueue::async(
+        [this] {
+            auto showMessage = [messages = messages_] {
+                if (messages != nullptr) {
+                    messages->showMessage(QString::fromLatin1(kTooSlowMessage),
+                                          QStringLiteral("OK"));
+                }
+            };
+            if (mainViewController_ != nullptr) {
+                mainViewController_->stopAnalyzerWithoutBlockButtonsAndRunBlock(showMessage);
+            } else {
+                stopRecorder();
+                showMessage();
+            }
+        },
+        &mainContext_);
+}
+
+// --- Display (main thread) -----------------------------------------------------------------
+
+void AnalyzerController::displayChart() {
+    Q_ASSERT(MainQueue::isMainThread());
+    if (!audio_.isRecording()) {
+        return;
+    }
+    // Trigger: while a recording waits for the trigger, the chart shows the
+    // trigger's latest measurement instead (unless energy saving is on).
+    const int64_t computed = mComputedIntervalIndex.load(std::memory_order_acquire);
+    SpectrogramScrollViewInterface* scroll = spectrogramScrollView();
+    const int64_t scrolledTo =
+        scroll != nullptr ? scroll->getIntervalIndexForSpectrogramPosition(1.0f) : 0;
+    const int64_t followRange = defaults_.spectrogramWidth() / 3;
+    int64_t shown = -1;
+    if (scrolledTo >= 1 && std::llabs(scrolledTo - computed) < followRange && computed >= 1 &&
+        scrolledTo <= computed) {
+        shown = scrolledTo; // the chart follows what the user scrolled to
+    } else if (computed >= 0) {
+        shown = computed;
+    }
+    // Trigger: after the trigger fired, intervals up to the replayed pre-trigger
+    // audio are not shown.
+    if (shown >= 0) {
+        showChartInterval(shown);
+    }
+}
+
+void AnalyzerController::showChartInterval(int64_t intervalIndex) {
+    if (chartView_ == nullptr) {
+        return;
+    }
+    mChartReadIntervalIndex.store(intervalIndex, std::memory_order_seq_cst);
+    const int64_t state = mSlotWriteState.load(std::memory_order_seq_cst);
+    const int64_t writing = state >= 0 ? state / 2 : -1;
+    const bool busy = state >= 0 && state % 2 == 1;
+    // The slot is lost once an interval 256 or more later has started in it, and
+    // busy while the interval itself is being computed.
+    const bool overwritten = writing >= intervalIndex + FFTManager::kSlotsCount;
+    const bool inProgress = busy && writing == intervalIndex;
+    if (!overwritten && !inProgress) {
+        float* windowData = nullptr;
+        float* dataOut = nullptr;
+        float* eggWindowData = nullptr;
+        fftManager_.podajFFTDlaIntervalIndex(intervalIndex, &windowData, &dataOut, &eggWindowData);
+        if (dataOut != nullptr && windowData != nullptr) {
+            chartView_->addFFTdata(dataOut, windowData, eggWindowData);
+        }
+    }
+    mChartReadIntervalIndex.store(-1, std::memory_order_seq_cst);
+}
+
+// --- Recording and playback (main thread) --------------------------------------------------------
+
+void AnalyzerController::startRecorder(std::function<void(bool)> completion) {
+    Q_ASSERT(MainQueue::isMainThread());
+    if (audio_.isRecording() || audio_.isPlaying()) {
+        return;
+    }
+    const int64_t current = defaults_.actualInterval();
+    mPacketsCount.store(0, std::memory_order_release);
+    mTooSlow.store(false, std::memory_order_release);
+    mComputedIntervalIndex.store(current, std::memory_order_release);
+    mStartIntervalMem.store(current, std::memory_order_release);
+    // Trigger: here the trigger's fields are reset and its pre-trigger ring is
+    // allocated when the recording uses it (trigOn).
+    audio_.startRecorder([this, completion = std::move(completion)](bool success) {
+        if (success) {
+            if (spectrogramView_ != nullptr) {
+                spectrogramView_->startScrolling();
+                spectrogramView_->setAnalyzerRunning(true);
+            }
+            if (chartView_ != nullptr) {
+                chartView_->setAnalyzerRunning(true);
+            }
+            timer_.start([this] { displayChart(); });
+        }
+        if (completion) {
+            completion(success);
+        }
+    });
+}
+
+void AnalyzerController::stopRecorder() {
+    Q_ASSERT(MainQueue::isMainThread());
+    if (!audio_.isRecording()) {
+        return;
+    }
+    timer_.invalidate();
+    audio_.stop();
+    if (spectrogramView_ != nullptr) {
+        spectrogramView_->pauseScrolling();
+        spectrogramView_->setAnalyzerRunning(false);
+    }
+    if (chartView_ != nullptr) {
+        chartView_->setAnalyzerRunning(false);
+    }
+    if (spectrogramView_ != nullptr) {
+        spectrogramView_->setNeedsDisplayWithSubviews();
+    }
+    if (chartView_ != nullptr) {
+        chartView_->setNeedsDisplayWithSubviews();
+    }
+}
+
+int64_t AnalyzerController::getFirstIntervalToPlay() {
+    const int64_t current = defaults_.actualInterval();
+    SpectrogramScrollViewInterface* scroll = spectrogramScrollView();
+    int64_t p = 0;
+    bool measuring = false;
+    if (scroll != nullptr) {
+        scroll->setMeasureScrollType(1);
+        p = scroll->getIntervalIndexForSpectrogramActualPosition();
+        if (p == current) {
+            // The cursor stands at the newest interval: play the whole screen.
+            scroll->setMeasuringActivated(false);
+            if (TQGLScrollViewInterface* chartScroll = chartScrollView()) {
+                chartScroll->setMeasuringActivated(false);
+            }
+        }
+        measuring = scroll->measuringActivated();
+    }
+    if (!measuring) {
+        const int64_t width = defaults_.spectrogramWidth();
+        if (current < width) {
+            return 0;
+        }
+        p = current - width;
+    }
+    return std::max<int64_t>(p, 0);
+}
+
+void AnalyzerController::startPlayer(std::function<void(bool)> completion) {
+    Q_ASSERT(MainQueue::isMainThread());
+    if (audio_.isRecording() || audio_.isPlaying()) {
+        return;
+    }
+    // Transposition: with featureTranspositionEnabled the transposer is set up
+    // and its filter set here, before the first block is played.
+    const int64_t n = intervalSize();
+    const int64_t first = getFirstIntervalToPlay();
+    mStartIntervalMem.store(first, std::memory_order_release);
+    mActualPlayedFrame.store(first * n, std::memory_order_release);
+    mPlayerStopPosted.store(false, std::memory_order_release);
+    if (SpectrogramScrollViewInterface* scroll = spectrogramScrollView()) {
+        const int64_t behind = (defaults_.actualInterval() * n - first * n - 1) / n;
+        scroll->setPlayLinePosition(static_cast<float>(behind));
+    }
+    if (chartView_ != nullptr) {
+        chartView_->setAnalyzerRunning(true);
+    }
+    audio_.startPlayer([completion = std::move(completion)](bool success) {
+        if (completion) {
+            completion(success);
+        }
+    });
+}
+
+void AnalyzerController::stopPlayer() {
+    Q_ASSERT(MainQueue::isMainThread());
+    if (!audio_.isPlaying()) {
+        return;
+    }
+    audio_.stop();
+    if (chartView_ != nullptr) {
+        chartView_->setAnalyzerRunning(false);
+    }
+    if (SpectrogramScrollViewInterface* scroll = spectrogramScrollView()) {
+        scroll->computeFFTInDelegateChart();
+        scroll->setNeedsPanningStopRamp();
+        scroll->setMeasureScrollType(2);
+        scroll->setMeasuringActualPosition(scroll->measuringActualPosition());
+    }
+}
+
+void AnalyzerController::giveNewAudioData(TQAudioData* data) {
+    if (data == nullptr || !defaults_.dataValid()) {
+        return;
+    }
+    const int64_t n = intervalSize();
+    const int64_t played = mActualPlayedFrame.load(std::memory_order_acquire);
+    const int64_t remaining = defaults_.actualInterval() * n - played - 1;
+    const std::vector<float>& store = defaults_.audioBuffersData();
+    const int64_t capacity = static_cast<int64_t>(defaults_.audioBuffersIntervalsCount()) * n;
+    const bool storeReady = capacity > 0 && static_cast<int64_t>(store.size()) >= capacity;
+    if (storeReady && remaining > data->count) {
+        if (SpectrogramScrollViewInterface* scroll = spectrogramScrollView()) {
+            scroll->setPlayLinePosition(static_cast<float>(remaining / n));
+        }
+        const float gain = decibelsToFactor(defaults_.outputGainValue());
+        int64_t position = played % capacity;
+        int64_t left = data->count;
+        float* out = data->data;
+        while (left > 0) {
+            const int64_t chunk = std::min(left, capacity - position);
+            const float* src = store.data() + position;
+            for (int64_t k = 0; k < chunk; ++k) {
+                out[k] = gain * src[k];
+            }
+            out += chunk;
+            left -= chunk;
+            position = 0;
+        }
+        // Transposition: with playbackTranspType 2 the block goes through the
+        // transposer here and is replaced by its output.
+        mActualPlayedFrame.store(played + data->count, std::memory_order_release);
+    } else if (!mPlayerStopPosted.exchange(true, std::memory_order_acq_rel)) {
+        // The render thread keeps calling until the main thread has stopped the
+        // audio object; one request is enough.
+        MainQueue::async(
+            [this] {
+                stopPlayer();
+                if (delegate_ != nullptr) {
+                    delegate_->playerDidStop();
+                }
+            },
+            &mainContext_);
+    }
+    if (spectrogramView_ != nullptr) {
+        spectrogramView_->setNeedsDisplay();
+    }
+}
+
+// --- Document (main thread)
+// ------------------------------------------------------------------------
+
+void AnalyzerController::rebuildDataWithClear() {
+    Q_ASSERT(MainQueue::isMainThread());
+    defaults_.recalculateDocumentSettings();
+    defaults_.generateAllIndexes();
+    prepareData();
+    prepareTextures();
+}
+
+void AnalyzerController::prepareData() {
+    prepareAudioBuffersData();
+    if (defaults_.features().featureSpectrogramEnabled() && spectrogramView_ != nullptr) {
+        spectrogramView_->prepareData();
+        spectrogramView_->clearData();
+    }
+    if (chartView_ != nullptr) {
+        chartView_->clearData();
+    }
+    if (SpectrogramScrollViewInterface* scroll = spectrogramScrollView()) {
+        scroll->zoomOut();
+    }
+    if (chartView_ != nullptr && chartView_->typeOfChart() != 2) {
+        chartView_->chartScrollView()->zoomOut();
+    }
+}
+
+void AnalyzerController::prepareAudioBuffersData() {
+    // Queue 1 reads the store; whatever it still has queued finishes first.
+    mAnalyzerQueue1->waitUntilEmpty();
+    std::vector<float>& store = defaults_.audioBuffersData();
+    if (!mFirsInitAudioBufferDone && !store.empty() && defaults_.actualInterval() != 0) {
+        // A store restored from the last session: keep its samples. The caller
+        // restores actualInterval afterwards and recalculates.
+        mFramesWriteCount.store(0, std::memory_order_release);
+        defaults_.setActualInterval(0);
+        mFirsInitAudioBufferDone = true;
+        return;
+    }
+    const size_t samples = static_cast<size_t>(std::max(defaults_.audioBufferByteSize(), 0)) / 4;
+    // Release before allocating, so the old and the new store never coexist.
+    std::vector<float>().swap(store);
+    std::vector<float>().swap(defaults_.eggBuffersData());
+    store.assign(samples, 0.0f);
+    if (defaults_.features().featureVoiceEGG()) {
+        defaults_.eggBuffersData().assign(samples, 0.0f);
+    }
+    mFramesWriteCount.store(0, std::memory_order_release);
+    defaults_.setActualInterval(0);
+    mFirsInitAudioBufferDone = true;
+}
+
+void AnalyzerController::prepareTextures() {
+    if (defaults_.features().featureSpectrogramEnabled() && spectrogramView_ != nullptr) {
+        spectrogramView_->prepareTextures();
+    }
+    if (defaults_.features().featureSecondChartEnabled() && chartView_ != nullptr) {
+        chartView_->prepareTextures();
+    }
+}
+
+void AnalyzerController::recalculateDataWithFinishBlock(std::function<void()> finishBlock) {
+    Q_ASSERT(MainQueue::isMainThread());
+    defaults_.setDataValid(true);
+    const int64_t end = defaults_.actualInterval();
+    mFramesWriteCount.store(end * intervalSize(), std::memory_order_release);
+    const int64_t width = defaults_.spectrogramWidth();
+    const int64_t start = end >= width ? end - width : 0;
+    if (spectrogramView_ != nullptr) {
+        spectrogramView_->clearData();
+    }
+    if (chartView_ != nullptr) {
+        chartView_->clearData();
+    }
+    defaults_.generateAllIndexes();
+    if (start >= end) {
+        MainQueue::async(std::move(finishBlock), &mainContext_);
+        return;
+    }
+    // One task per interval, in order; the last one reports.
+    for (int64_t i = start; i < end - 1; ++i) {
+        mAnalyzerQueue1->async([this, i] { computeInterval(i); });
+    }
+    mAnalyzerQueue1->async([this, last = end - 1, finishBlock = std::move(finishBlock)] {
+        computeInterval(last);
+        MainQueue::async(finishBlock, &mainContext_);
+    });
+}
+
+bool AnalyzerController::openTestFile() {
+    closeTestFile();
+    const QString folder = QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation);
+    QDir().mkpath(folder);
+    const QByteArray path = QDir(folder).filePath(QLatin1String(kTestFileName)).toLocal8Bit();
+    SF_INFO info{};
+    info.samplerate = static_cast<int>(defaults_.sampleRate());
+    info.channels = 1;
+    info.format = SF_FORMAT_AIFF | SF_FORMAT_FLOAT;
+    SNDFILE* file = sf_open(path.constData(), SFM_WRITE, &info);
+    if (file == nullptr) {
+        qWarning("error %d from %s", sf_error(nullptr), "sf_open");
+        return false;
+    }
+    mTestWavFileRef.store(file, std::memory_order_release);
+    return true;
+}
+
+void AnalyzerController::closeTestFile() {
+    if (SNDFILE* file = mTestWavFileRef.exchange(nullptr, std::memory_order_acq_rel)) {
+        const int status = sf_close(file);
+        if (status != 0) {
+            qWarning("error %d from %s", status, "sf_close");
+        }
+    }
+}
+
+} // namespace widmo

@@ -1,0 +1,256 @@
+#pragma once
+
+#include "engine/DispatchQueue.h"
+#include "engine/DisplayTimer.h"
+#include "engine/TQAudioData.h"
+#include "engine/TQAudioDelegate.h"
+
+#include <QObject>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <vector>
+
+struct sf_private_tag;
+
+namespace widmo {
+
+class AnalyzerControllerDelegate;
+class AnalyzerDefaults;
+class ChartViewInterface;
+class FFTManager;
+class MainViewControllerInterface;
+class SpectrogramScrollViewInterface;
+class SpectrogramViewInterface;
+class TQAudioInterface;
+class TQGLScrollViewInterface;
+class TQMessageInterface;
+
+/// The analysis engine between the audio input and the displays.
+///
+/// Captured blocks arrive through `didGetNewAudioData` (or the inter-app node's
+/// `audioEffectDidGetAudioData`); the engine takes the selected input channel,
+/// applies the software input gain and writes the samples into the document's
+/// ring-shaped sample store. Every complete interval is then transformed by the
+/// FFT engine on the serial analysis queue 1 and handed to the spectrogram; a
+/// 60 Hz display timer on the main thread shows the newest analysed interval on
+/// the second chart. The engine also starts and stops recording and playback,
+/// prepares the sample store and recomputes the document from stored samples.
+///
+/// Threading: three contexts, no locks between them.
+/// - Intake context: the audio object's serial delivery queue (or the inter-app
+///   node's thread) runs `didGetNewAudioData`, `audioEffectDidGetAudioData` and
+///   `didGetNewAudioDataStandard`: it writes the ring, then publishes the write
+///   count with a release store of `mFramesWriteCount`. Steady state: no lock, no
+///   allocation (the scratch blocks grow only for a block larger than any
+///   before; the processing task is a member object submitted with the queue's
+///   allocation-free `async(Task&)`).
+/// - Analysis queue 1: the processing task and the recalculation tasks. It reads
+///   only intervals that are complete (acquire load of `mFramesWriteCount`) and
+///   publishes progress with release stores of `actualInterval` and
+///   `mComputedIntervalIndex`. The intake reads `actualInterval` with acquire
+///   before writing, so every window the queue has finished with is ordered
+///   before the writes that reuse its samples; the ring's spare intervals keep
+///   the two apart. `mAnalyzerQueue1Counter` is 1 while a task is queued or
+///   running; both sides claim it with compare-and-swap, so at most one
+///   processing task is ever queued.
+/// - Main thread: everything else (the display timer, starts and stops, the
+///   rebuild steps, delegate calls). Work for the main thread from the other
+///   contexts is always posted, never run inline.
+/// - Real-time playback thread: `giveNewAudioData` reads the ring and the
+///   atomic `mActualPlayedFrame`; it does not lock or allocate (it posts once,
+///   when playback runs out).
+/// The display timer reads a result slot of the FFT engine while queue 1 may
+/// be computing 256 intervals ahead into the same slot: the main thread marks
+/// the interval it reads (`mChartReadIntervalIndex`), queue 1 marks the one it
+/// writes and when it is done (`mSlotWriteState`), both sequentially consistent; the reader
+/// skips a slot being or already overwritten and the writer waits (briefly,
+/// only in that case) until the reader has finished with its slot.
+/// Settings and geometry change only while the engine is stopped.
+class AnalyzerController final : public TQAudioDelegate {
+public:
+    /// The too-slow message (spectrogram products only).
+    static const char* const kTooSlowMessage;
+    /// Name of the test capture file in the documents folder.
+    static const char* const kTestFileName;
+
+    /// Registers the engine as `audio`'s delegate and creates the two analysis
+    /// queues. `defaults`, `fftManager` and `audio` must outlive the engine.
+    /// Main thread (the display timer lives on the constructing thread).
+    AnalyzerController(AnalyzerDefaults& defaults, FFTManager& fftManager, TQAudioInterface& audio);
+    /// Stops recording and playback, runs the queued analysis work to its end
+    /// and unregisters from the audio object.
+    ~AnalyzerController() override;
+    AnalyzerController(const AnalyzerController&) = delete;
+    AnalyzerController& operator=(const AnalyzerController&) = delete;
+
+    // --- Collaborators (main thread, engine stopped) --------------------------------
+
+    /// The chart views, owned by the widget tree that shows them. Either may be
+    /// null (no second chart, no spectrogram). Makes the two scroll views each
+    /// other's scroll delegate when both exist.
+    void setChartViews(ChartViewInterface* chartView, SpectrogramViewInterface* spectrogramView);
+    ChartViewInterface* chartView() const { return chartView_; }
+    SpectrogramViewInterface* spectrogramView() const { return spectrogramView_; }
+    void setDelegate(AnalyzerControllerDelegate* delegate) { delegate_ = delegate; }
+    AnalyzerControllerDelegate* delegate() const { return delegate_; }
+    /// The main screen and the alert helper, used for the too-slow message.
+    void setMainViewController(MainViewControllerInterface* mainViewController) {
+        mainViewController_ = mainViewController;
+    }
+    void setMessages(TQMessageInterface* messages) { messages_ = messages; }
+
+    bool isBackground() const { return isBackground_; }
+    void setIsBackground(bool background) { isBackground_ = background; }
+
+    // --- Intake ---------------------------------------------------------------------
+
+    /// One captured block (interleaved stereo). Dropped while the document is not
+    /// valid or the audio object is not recording. Delivery queue.
+    void didGetNewAudioData(TQAudioData data) override;
+    /// One block from the inter-app node (interleaved stereo); only while the
+    /// document is valid. The node's processing thread.
+    void audioEffectDidGetAudioData(TQAudioData data);
+    /// Writes `count` frames into the store and schedules processing. `data` is
+    /// interleaved stereo, or with `fromTrig` mono samples already gained.
+    /// Intake context; a count of 0 or less does nothing.
+    void didGetNewAudioDataStandard(int32_t count, const float* data, bool fromTrig);
+    /// Grows the scratch blocks to hold `count` samples (zero-filled; only when
+    /// `count` exceeds their size). Intake context.
+    void createMDataBufferIfNeededWithSize(int32_t count);
+
+    // --- Display ----------------------------------------------------------------------
+
+    /// The display timer's action: shows the interval to display on the chart.
+    /// Main thread; nothing happens unless the audio object is recording.
+    void displayChart();
+
+    // --- Recording and playback (main thread) -------------------------------------------
+
+    /// Starts recording unless recording or playing (then the completion is not
+    /// called). On success the spectrogram scrolls, both charts run and the
+    /// display timer starts; the completion gets the audio object's outcome.
+    void startRecorder(std::function<void(bool)> completion);
+    /// Stops recording (only while recording).
+    void stopRecorder();
+    /// Plays the document from `getFirstIntervalToPlay` unless recording or
+    /// playing (then the completion is not called).
+    void startPlayer(std::function<void(bool)> completion);
+    /// Stops playback (only while playing).
+    void stopPlayer();
+    /// The interval where playback starts: the one under the spectrogram's
+    /// measuring cursor, or with measuring off the oldest one on screen.
+    int64_t getFirstIntervalToPlay();
+    /// Playback source: fills `data->count` mono samples from the store with the
+    /// output gain, or, when fewer samples than the block remain before the
+    /// newest one, leaves the block as it is and stops playback through the
+    /// main thread (once). Real-time thread.
+    void giveNewAudioData(TQAudioData* data) override;
+
+    // --- Document (main thread, engine stopped) ---------------------------------------------
+
+    /// New geometry, empty document: geometry, index tables, data, textures.
+    void rebuildDataWithClear();
+    /// Prepares the store and clears both charts.
+    void prepareData();
+    /// Prepares the sample store (waiting for any queued analysis first). The
+    /// first call in the engine's life keeps a restored store (one that exists
+    /// with actualInterval != 0) and only resets the counters; every other call
+    /// replaces the store with a zero-filled one of `audioBufferByteSize` bytes.
+    void prepareAudioBuffersData();
+    /// The charts rebuild their textures for the current geometry.
+    void prepareTextures();
+    /// Recomputes the last `spectrogramWidth` intervals from the stored samples
+    /// on queue 1, then runs `finishBlock` on the main thread (always posted,
+    /// also when there is nothing to compute).
+    void recalculateDataWithFinishBlock(std::function<void()> finishBlock);
+
+    /// Opens "rta-audio_v5.aif" in the documents folder for writing (AIFF, mono
+    /// 32-bit float at the sample rate); while open, the intake appends every
+    /// gained block to it. False (and an "error %d from %s" log) on failure.
+    /// Main thread, only while not recording.
+    bool openTestFile();
+    /// Closes the test file, if open. Main thread, only while not recording.
+    void closeTestFile();
+
+    // --- State, for the main screen and tests -----------------------------------------
+
+    int64_t framesWriteCount() const { return mFramesWriteCount.load(std::memory_order_acquire); }
+    int64_t computedIntervalIndex() const {
+        return mComputedIntervalIndex.load(std::memory_order_acquire);
+    }
+    int64_t packetsCount() const { return mPacketsCount.load(std::memory_order_acquire); }
+    int64_t actualPlayedFrame() const { return mActualPlayedFrame.load(std::memory_order_acquire); }
+    bool tooSlow() const { return mTooSlow.load(std::memory_order_acquire); }
+    bool displayTimerActive() const { return timer_.isActive(); }
+    DispatchQueue& analyzerQueue1() { return *mAnalyzerQueue1; }
+    DispatchQueue& analyzerQueue2() { return *mAnalyzerQueue2; }
+
+private:
+    /// The processing task: one object, resubmitted whenever the intake finds no
+    /// task pending, so that submitting never allocates.
+    class ProcessingTask final : public DispatchQueue::Task {
+    public:
+        explicit ProcessingTask(AnalyzerController& owner) : owner_(owner) {}
+        void run() override;
+
+    private:
+        AnalyzerController& owner_;
+    };
+
+    void processIntervals();
+    /// FFT of `intervalIndex` into its result slot, then the spectrogram column.
+    /// Queue 1.
+    void computeInterval(int64_t intervalIndex);
+    void raiseTooSlow();
+    /// Hands interval `intervalIndex`'s cached results to the chart. Main thread.
+    void showChartInterval(int64_t intervalIndex);
+    SpectrogramScrollViewInterface* spectrogramScrollView() const;
+    TQGLScrollViewInterface* chartScrollView() const;
+    int64_t intervalSize() const;
+
+    AnalyzerDefaults& defaults_;
+    FFTManager& fftManager_;
+    TQAudioInterface& audio_;
+
+    // Fields in the engine's declaration order. The trigger's fields (pre-trigger
+    // ring, its counters and chart buffers) belong beside these once the trigger
+    // is built.
+    std::atomic<int64_t> mFramesWriteCount{0};
+    std::unique_ptr<DispatchQueue> mAnalyzerQueue1;
+    std::unique_ptr<DispatchQueue> mAnalyzerQueue2; // created, deliberately given no work
+    std::atomic<int64_t> mPacketsCount{0};
+    std::atomic<int64_t> mActualPlayedFrame{0};
+    bool mFirsInitAudioBufferDone = false;
+    std::atomic<int64_t> mComputedIntervalIndex{0};
+    std::atomic<int64_t> mStartIntervalMem{0};
+    std::atomic<sf_private_tag*> mTestWavFileRef{nullptr};
+    TQAudioData mAudioData;
+    TQAudioData mEggData;
+    std::vector<float> mAudioDataStorage;
+    std::vector<float> mEggDataStorage;
+    std::atomic<int> mAnalyzerQueue1Counter{0};
+    std::atomic<int> mAnalyzerQueue2Counter{0};
+    std::atomic<bool> mTooSlow{false};
+    bool isBackground_ = false;
+    ChartViewInterface* chartView_ = nullptr;
+    SpectrogramViewInterface* spectrogramView_ = nullptr;
+    AnalyzerControllerDelegate* delegate_ = nullptr;
+    DisplayTimer timer_;
+
+    MainViewControllerInterface* mainViewController_ = nullptr;
+    TQMessageInterface* messages_ = nullptr;
+    ProcessingTask processingTask_{*this};
+    // Result-slot hand-over between queue 1 and the display timer (see Threading).
+    std::atomic<int64_t> mSlotWriteState{-1}; // 2j + 1 writing interval j, 2j done; -1 none
+    std::atomic<int64_t> mChartReadIntervalIndex{-1};
+    // Set when playback ran out, so the render thread posts the stop only once.
+    std::atomic<bool> mPlayerStopPosted{false};
+    // Context of posted main-thread work: destroyed with the engine, which drops
+    // work still waiting in the event loop.
+    QObject mainContext_;
+};
+
+} // namespace widmo

@@ -1,0 +1,672 @@
+#include "EngineFixture.h"
+
+#include <QDir>
+#include <QFile>
+#include <QStandardPaths>
+
+#include <sndfile.h>
+
+#include <algorithm>
+#include <future>
+#include <numeric>
+
+namespace widmo {
+namespace {
+
+using test::EngineFixture;
+using test::runEventsFor;
+using test::runEventsUntil;
+
+float gainOf(float decibels) {
+    return static_cast<float>(std::pow(10.0, static_cast<double>(decibels) / 20.0));
+}
+
+/// Channel `channel` of an interleaved block, times `gain`.
+std::vector<float> channelOf(const std::vector<float>& stereo, int channel, float gain) {
+    std::vector<float> mono(stereo.size() / 2);
+    for (size_t k = 0; k < mono.size(); ++k) {
+        mono[k] = gain * stereo[2 * k + static_cast<size_t>(channel)];
+    }
+    return mono;
+}
+
+// --- Intake: writing blocks into the ring ------------------------------------------------
+
+class IntakeTest : public EngineFixture {};
+
+TEST_F(IntakeTest, blockOfTwoIntervals_bothProcessedInOrder) {
+    build(Options{.withSpectrogram = true});
+    startRecording();
+    std::mt19937 random(1);
+    std::vector<float> block = stereoBlock(1024, random);
+    push(block);
+    drain();
+
+    EXPECT_EQ(engine_->framesWriteCount(), 1024);
+    EXPECT_EQ(defaults_->actualInterval(), 2);
+    EXPECT_EQ(engine_->computedIntervalIndex(), 1);
+    EXPECT_EQ(spectrogram_.columns, (std::vector<int64_t>{0, 1}));
+
+    // Each slot holds the window that ends with its interval: interval 0 reaches
+    // back into the (silent) end of the ring.
+    const std::vector<float> mono = channelOf(block, 0, 1.0f);
+    for (int64_t i = 0; i < 2; ++i) {
+        const std::vector<float> window = expectedWindow(mono, i);
+        const auto [slotWindow, slotOut] = slot(i);
+        ASSERT_TRUE(std::equal(window.begin(), window.end(), slotWindow)) << "interval " << i;
+        const std::vector<float> spectrum = referenceSpectrum(window);
+        EXPECT_TRUE(std::equal(spectrum.begin(), spectrum.end(), slotOut)) << "interval " << i;
+    }
+}
+
+TEST_F(IntakeTest, partialInterval_waitsForTheRest) {
+    build();
+    startRecording();
+    std::mt19937 random(2);
+    std::vector<float> first = stereoBlock(300, random);
+    push(first);
+    drain();
+    EXPECT_EQ(defaults_->actualInterval(), 0);
+    std::vector<float> second = stereoBlock(212, random);
+    push(second);
+    drain();
+    EXPECT_EQ(defaults_->actualInterval(), 1);
+    EXPECT_EQ(engine_->framesWriteCount(), 512);
+}
+
+TEST_F(IntakeTest, blockCrossingRingEnd_wrapsTail) {
+    build();
+    startRecording();
+    std::mt19937 random(3);
+    // Fill the ring up to 100 samples before its end, at the analysis' pace (a
+    // block may not overwrite samples that an interval not yet analysed needs).
+    int64_t left = capacity() - 100;
+    while (left > 0) {
+        std::vector<float> block =
+            stereoBlock(static_cast<int32_t>(std::min<int64_t>(left, 4096)), random);
+        push(block);
+        drain();
+        left -= static_cast<int64_t>(block.size() / 2);
+    }
+    drain();
+    std::vector<float> crossing = stereoBlock(300, random);
+    push(crossing);
+    drain();
+
+    const std::vector<float> mono = channelOf(crossing, 0, 1.0f);
+    const std::vector<float>& store = defaults_->audioBuffersData();
+    EXPECT_TRUE(std::equal(mono.begin(), mono.begin() + 100, store.end() - 100));
+    EXPECT_TRUE(std::equal(mono.begin() + 100, mono.end(), store.begin()));
+    EXPECT_EQ(engine_->framesWriteCount(), capacity() + 200);
+}
+
+TEST_F(IntakeTest, gainAndChannel_selectChannelAndScale) {
+    build();
+    startRecording();
+    std::mt19937 random(4);
+
+    defaults_->setSoftwareInputGainValue(6.0f);
+    audio_.setCurrentInputChannel(1);
+    std::vector<float> first = stereoBlock(256, random);
+    push(first);
+
+    defaults_->setSoftwareInputGainValue(-20.0f);
+    audio_.setCurrentInputChannel(0);
+    std::vector<float> second = stereoBlock(256, random);
+    push(second);
+    drain();
+
+    const std::vector<float> a = channelOf(first, 1, gainOf(6.0f));
+    const std::vector<float> b = channelOf(second, 0, gainOf(-20.0f));
+    const std::vector<float>& store = defaults_->audioBuffersData();
+    EXPECT_TRUE(std::equal(a.begin(), a.end(), store.begin()));
+    EXPECT_TRUE(std::equal(b.begin(), b.end(), store.begin() + 256));
+    EXPECT_TRUE(defaults_->eggBuffersData().empty());
+}
+
+TEST_F(IntakeTest, eggProduct_storesOtherChannelUngained) {
+    build(Options{.features = AnalyzerFeatures::voiceProduct()});
+    startRecording();
+    std::mt19937 random(5);
+    defaults_->setSoftwareInputGainValue(6.0f);
+    std::vector<float> block = stereoBlock(700, random);
+    push(block);
+    drain();
+
+    const std::vector<float> voice = channelOf(block, 0, gainOf(6.0f));
+    const std::vector<float> egg = channelOf(block, 1, 1.0f);
+    ASSERT_EQ(defaults_->eggBuffersData().size(), defaults_->audioBuffersData().size());
+    EXPECT_TRUE(std::equal(voice.begin(), voice.end(), defaults_->audioBuffersData().begin()));
+    EXPECT_TRUE(std::equal(egg.begin(), egg.end(), defaults_->eggBuffersData().begin()));
+}
+
+TEST_F(IntakeTest, blocksIgnored_whenDocumentInvalidOrNotRecording) {
+    build();
+    std::mt19937 random(6);
+    std::vector<float> block = stereoBlock(512, random);
+
+    push(block); // not recording: counted, not written
+    EXPECT_EQ(engine_->packetsCount(), 1);
+    EXPECT_EQ(engine_->framesWriteCount(), 0);
+
+    startRecording();
+    defaults_->setDataValid(false);
+    push(block); // invalid document: dropped before counting
+    EXPECT_EQ(engine_->packetsCount(), 0);
+    EXPECT_EQ(engine_->framesWriteCount(), 0);
+
+    defaults_->setDataValid(true);
+    engine_->didGetNewAudioDataStandard(0, block.data(), false);
+    EXPECT_EQ(engine_->framesWriteCount(), 0);
+    push(block);
+    drain();
+    EXPECT_EQ(engine_->packetsCount(), 1);
+    EXPECT_EQ(engine_->framesWriteCount(), 512);
+    EXPECT_EQ(defaults_->actualInterval(), 1);
+}
+
+TEST_F(IntakeTest, interAppBlocks_bypassRecordingState) {
+    build();
+    std::mt19937 random(7);
+    std::vector<float> block = stereoBlock(512, random);
+    engine_->audioEffectDidGetAudioData(TQAudioData{512, block.data()});
+    drain();
+    EXPECT_EQ(engine_->packetsCount(), 1);
+    EXPECT_EQ(defaults_->actualInterval(), 1);
+}
+
+// --- Too-slow detection ----------------------------------------------------------------
+
+class TooSlowTest : public EngineFixture {
+protected:
+    int64_t maxLag() const {
+        const float seconds =
+            static_cast<float>(static_cast<double>(n()) / defaults_->sampleRate());
+        return static_cast<int64_t>(0.7 / static_cast<double>(seconds));
+    }
+
+    void pushIntervals(int64_t count, std::mt19937& random) {
+        for (int64_t i = 0; i < count; ++i) {
+            std::vector<float> block = stereoBlock(static_cast<int32_t>(n()), random);
+            push(block);
+        }
+    }
+
+    /// Pushes more than `maxLag` intervals while queue 1 is held up.
+    void lagBehind(std::mt19937& random) {
+        std::promise<void> gate;
+        std::shared_future<void> open = gate.get_future().share();
+        engine_->analyzerQueue1().async([open] { open.wait(); });
+        pushIntervals(maxLag() + 3, random);
+        gate.set_value();
+        drain();
+    }
+};
+
+TEST_F(TooSlowTest, spectrogramProduct_lagStopsEngineAndWarnsOnce) {
+    build(Options{.features = AnalyzerFeatures::studioProduct()});
+    startRecording();
+    std::mt19937 random(8);
+    // First more than maxLag intervals in step, so the recording is old enough.
+    pushIntervals(maxLag() + 2, random);
+    drain();
+    runEventsFor(20);
+    EXPECT_FALSE(engine_->tooSlow());
+    EXPECT_EQ(mainScreen_.stopsWithoutBlock, 0);
+
+    lagBehind(random);
+    EXPECT_TRUE(engine_->tooSlow());
+    ASSERT_TRUE(runEventsUntil([this] { return mainScreen_.stopsWithoutBlock == 1; }));
+    ASSERT_TRUE(mainScreen_.pendingBlock);
+    EXPECT_TRUE(messages_.shown.empty()); // the message follows the stop
+    mainScreen_.pendingBlock();
+    ASSERT_EQ(messages_.shown.size(), 1u);
+    EXPECT_EQ(messages_.shown[0].first, QString::fromLatin1(AnalyzerController::kTooSlowMessage));
+    EXPECT_EQ(messages_.shown[0].second, QStringLiteral("OK"));
+    // Processing went on regardless.
+    EXPECT_EQ(defaults_->actualInterval() * n(), engine_->framesWriteCount());
+
+    lagBehind(random); // a second lag in the same recording stays silent
+    runEventsFor(20);
+    EXPECT_EQ(mainScreen_.stopsWithoutBlock, 1);
+}
+
+TEST_F(TooSlowTest, lagRightAfterStart_isNotReported) {
+    build(Options{.features = AnalyzerFeatures::studioProduct()});
+    startRecording();
+    std::mt19937 random(9);
+    lagBehind(random);
+    runEventsFor(20);
+    EXPECT_FALSE(engine_->tooSlow());
+    EXPECT_EQ(mainScreen_.stopsWithoutBlock, 0);
+}
+
+TEST_F(TooSlowTest, spectrumProduct_fallsBehindSilently) {
+    build();
+    startRecording();
+    std::mt19937 random(10);
+    pushIntervals(maxLag() + 2, random);
+    drain();
+    lagBehind(random);
+    runEventsFor(20);
+    EXPECT_FALSE(engine_->tooSlow());
+    EXPECT_EQ(mainScreen_.stopsWithoutBlock, 0);
+    EXPECT_TRUE(messages_.shown.empty());
+}
+
+// --- Display timer -------------------------------------------------------------------------
+
+class DisplayTest : public EngineFixture {
+protected:
+    void recordIntervals(int64_t count) {
+        std::mt19937 random(11);
+        for (int64_t i = 0; i < count; ++i) {
+            std::vector<float> block = stereoBlock(static_cast<int32_t>(n()), random);
+            push(block);
+        }
+        drain();
+    }
+    /// The interval whose slot the chart was given last.
+    int64_t lastShown() const {
+        const float* data = chart_.shownData.back();
+        for (int64_t i = 0; i < FFTManager::kSlotsCount; ++i) {
+            if (slot(i).second == data) {
+                return i;
+            }
+        }
+        return -1;
+    }
+};
+
+TEST_F(DisplayTest, noSpectrogram_showsNewestComputedInterval) {
+    build();
+    startRecording();
+    recordIntervals(3);
+    engine_->displayChart();
+    ASSERT_EQ(chart_.shownData.size(), 1u);
+    EXPECT_EQ(lastShown(), 2);
+    EXPECT_EQ(chart_.shownWindows.back(), slot(2).first);
+    EXPECT_EQ(chart_.shownEgg.back(), nullptr);
+
+    engine_->stopRecorder();
+    engine_->displayChart(); // not recording: nothing
+    EXPECT_EQ(chart_.shownData.size(), 1u);
+}
+
+TEST_F(DisplayTest, followsScrolledIntervalWithinOneThirdOfWidth) {
+    build(Options{.withSpectrogram = true});
+    startRecording();
+    const int64_t third = defaults_->spectrogramWidth() / 3;
+    recordIntervals(third + 20);
+    const int64_t newest = engine_->computedIntervalIndex();
+    ASSERT_EQ(newest, third + 19);
+
+    struct Case {
+        int64_t scrolledTo;
+        int64_t shown;
+    };
+    const Case cases[] = {
+        {newest - (third - 1), newest - (third - 1)}, // just inside the range: followed
+        {newest - third, newest},                     // one third behind: newest
+        {newest, newest},
+        {newest + 1, newest}, // ahead of the analysis: newest
+        {0, newest},          // no segments: newest
+        {1, newest},          // far behind
+    };
+    for (const Case& c : cases) {
+        spectrogram_.scroll.rightEdgeInterval = c.scrolledTo;
+        engine_->displayChart();
+        EXPECT_EQ(lastShown(), c.shown) << "scrolled to " << c.scrolledTo;
+    }
+}
+
+TEST_F(DisplayTest, atStart_showsIntervalOfRecordingStart) {
+    build();
+    startRecording();
+    // Nothing analysed yet: the newest index is the one the recording starts at.
+    engine_->displayChart();
+    ASSERT_EQ(chart_.shownData.size(), 1u);
+    EXPECT_EQ(lastShown(), 0);
+}
+
+// --- Recording and playback control ----------------------------------------------------------
+
+class ControlTest : public EngineFixture {};
+
+TEST_F(ControlTest, startRecorder_runsChartsAndTimer_stopUndoes) {
+    build(Options{.withSpectrogram = true});
+    bool result = false;
+    int completions = 0;
+    engine_->startRecorder([&](bool ok) {
+        result = ok;
+        ++completions;
+    });
+    ASSERT_TRUE(runEventsUntil([&] { return completions == 1; }));
+    EXPECT_TRUE(result);
+    EXPECT_TRUE(engine_->displayTimerActive());
+    EXPECT_EQ(spectrogram_.calls, (std::vector<std::string>{"startScrolling", "running"}));
+    EXPECT_EQ(chart_.calls.back(), "running");
+
+    // The timer really drives the chart.
+    std::vector<float> block(2 * 1024, 0.5f);
+    push(block);
+    drain();
+    chart_.shownData.clear();
+    ASSERT_TRUE(runEventsUntil([&] { return !chart_.shownData.empty(); }));
+
+    // A second start while recording is ignored, completion included.
+    engine_->startRecorder([&](bool) { ++completions; });
+    engine_->startPlayer([&](bool) { ++completions; });
+    runEventsFor(20);
+    EXPECT_EQ(completions, 1);
+    EXPECT_EQ(audio_.recorderStarts, 1);
+    EXPECT_EQ(audio_.playerStarts, 0);
+
+    engine_->stopRecorder();
+    EXPECT_FALSE(engine_->displayTimerActive());
+    EXPECT_FALSE(audio_.isRecording());
+    EXPECT_EQ(spectrogram_.calls,
+              (std::vector<std::string>{"startScrolling", "running", "pauseScrolling", "stopped",
+                                        "redraw"}));
+    EXPECT_EQ(chart_.calls.back(), "redraw");
+    const size_t shown = chart_.shownData.size();
+    runEventsFor(50);
+    EXPECT_EQ(chart_.shownData.size(), shown);
+}
+
+TEST_F(ControlTest, failedStart_reportsFailureWithoutTimer) {
+    build(Options{.withSpectrogram = true});
+    audio_.startsSucceed = false;
+    int completions = 0;
+    bool result = true;
+    engine_->startRecorder([&](bool ok) {
+        result = ok;
+        ++completions;
+    });
+    ASSERT_TRUE(runEventsUntil([&] { return completions == 1; }));
+    EXPECT_FALSE(result);
+    EXPECT_FALSE(engine_->displayTimerActive());
+    EXPECT_TRUE(spectrogram_.calls.empty());
+}
+
+TEST_F(ControlTest, startRecorder_resetsPerRecordingState) {
+    build();
+    defaults_->setActualInterval(40);
+    startRecording();
+    EXPECT_EQ(engine_->computedIntervalIndex(), 40);
+    EXPECT_EQ(engine_->packetsCount(), 0);
+}
+
+class PlaybackTest : public EngineFixture {
+protected:
+    /// A document of `intervals` intervals whose sample k is k / 10000.
+    void makeDocument(int64_t intervals) {
+        std::vector<float>& store = defaults_->audioBuffersData();
+        for (size_t k = 0; k < store.size(); ++k) {
+            store[k] = static_cast<float>(k) / 10000.0f;
+        }
+        defaults_->setActualInterval(intervals);
+    }
+
+    void startPlaying() {
+        bool done = false;
+        engine_->startPlayer([&done](bool) { done = true; });
+        ASSERT_TRUE(runEventsUntil([&done] { return done; }));
+        ASSERT_TRUE(audio_.isPlaying());
+    }
+};
+
+TEST_F(PlaybackTest, stopsOneBlockBeforeNewestSample) {
+    build(Options{.withSpectrogram = true});
+    makeDocument(4); // 2048 samples; the newest is sample 2047
+    defaults_->setOutputGainValue(-6.0f);
+    startPlaying();
+    EXPECT_EQ(engine_->actualPlayedFrame(), 0);
+    EXPECT_FLOAT_EQ(spectrogram_.scroll.playLine.load(), 3.0f); // (2048 - 0 - 1) / 512
+
+    const float gain = gainOf(-6.0f);
+    std::vector<float> out(512);
+    for (int block = 0; block < 3; ++block) {
+        TQAudioData data{512, out.data()};
+        engine_->giveNewAudioData(&data);
+        for (size_t k = 0; k < out.size(); ++k) {
+            ASSERT_EQ(out[k],
+                      gain * (static_cast<float>(block * 512 + static_cast<int>(k)) / 10000.0f))
+                << "block " << block << " sample " << k;
+        }
+    }
+    EXPECT_EQ(engine_->actualPlayedFrame(), 1536);
+    EXPECT_FLOAT_EQ(spectrogram_.scroll.playLine.load(), 1.0f); // 1023 / 512 before the third
+
+    // 511 samples remain, fewer than a block: the block is left alone and
+    // playback stops through the main thread, once however often it is asked.
+    std::fill(out.begin(), out.end(), 7.0f);
+    for (int repeat = 0; repeat < 3; ++repeat) {
+        TQAudioData data{512, out.data()};
+        engine_->giveNewAudioData(&data);
+    }
+    EXPECT_TRUE(std::all_of(out.begin(), out.end(), [](float v) { return v == 7.0f; }));
+    EXPECT_EQ(delegate_.playerStops, 0); // posted, not run inline
+    ASSERT_TRUE(runEventsUntil([this] { return delegate_.playerStops > 0; }));
+    runEventsFor(20);
+    EXPECT_EQ(delegate_.playerStops, 1);
+    EXPECT_FALSE(audio_.isPlaying());
+    EXPECT_EQ(spectrogram_.scroll.chartRecomputes, 1);
+    EXPECT_EQ(spectrogram_.scroll.panningStopRamps, 1);
+    EXPECT_EQ(spectrogram_.scroll.measureScrollTypes.back(), 2);
+    EXPECT_EQ(spectrogram_.scroll.positionSets, 1);
+    EXPECT_GE(spectrogram_.redraws.load(), 6);
+}
+
+TEST_F(PlaybackTest, readsAcrossRingEnd) {
+    build();
+    const int64_t c = defaults_->audioBuffersIntervalsCount();
+    makeDocument(c + 8); // the newest intervals sit at the ring's start
+    const int64_t width = defaults_->spectrogramWidth();
+    startPlaying();
+    const int64_t first = (c + 8 - width) * n();
+    EXPECT_EQ(engine_->actualPlayedFrame(), first);
+    // Play up to 100 samples before the ring's end, then a block that crosses it.
+    const int64_t toEnd = capacity() - first % capacity();
+    std::vector<float> out(static_cast<size_t>(toEnd - 100));
+    TQAudioData data{static_cast<int32_t>(out.size()), out.data()};
+    engine_->giveNewAudioData(&data);
+    std::vector<float> crossing(300);
+    TQAudioData cross{300, crossing.data()};
+    engine_->giveNewAudioData(&cross);
+    const std::vector<float>& store = defaults_->audioBuffersData();
+    EXPECT_TRUE(std::equal(crossing.begin(), crossing.begin() + 100, store.end() - 100));
+    EXPECT_TRUE(std::equal(crossing.begin() + 100, crossing.end(), store.begin()));
+}
+
+TEST_F(PlaybackTest, firstIntervalToPlay_followsCursorOrScreen) {
+    build(Options{.withSpectrogram = true});
+    ASSERT_EQ(defaults_->spectrogramWidth(), 172);
+    auto& scroll = spectrogram_.scroll;
+
+    // Measuring off: the oldest interval on screen, 0 for a short document.
+    defaults_->setActualInterval(100);
+    EXPECT_EQ(engine_->getFirstIntervalToPlay(), 0);
+    EXPECT_EQ(scroll.measureScrollTypes.back(), 1);
+    defaults_->setActualInterval(300);
+    EXPECT_EQ(engine_->getFirstIntervalToPlay(), 128);
+
+    // Measuring on: the interval under the cursor.
+    scroll.measuring = true;
+    chart_.scroll.measuring = true;
+    scroll.cursorInterval = 250;
+    EXPECT_EQ(engine_->getFirstIntervalToPlay(), 250);
+    EXPECT_TRUE(chart_.scroll.measuring);
+
+    // The cursor at the newest interval switches measuring off on both charts.
+    scroll.cursorInterval = 300;
+    EXPECT_EQ(engine_->getFirstIntervalToPlay(), 128);
+    EXPECT_FALSE(scroll.measuring);
+    EXPECT_FALSE(chart_.scroll.measuring);
+
+    scroll.measuring = true;
+    scroll.cursorInterval = -5;
+    EXPECT_EQ(engine_->getFirstIntervalToPlay(), 0);
+}
+
+TEST_F(PlaybackTest, firstIntervalToPlay_withoutSpectrogram) {
+    build();
+    defaults_->setActualInterval(100);
+    EXPECT_EQ(engine_->getFirstIntervalToPlay(), 0);
+    defaults_->setActualInterval(defaults_->spectrogramWidth() + 7);
+    EXPECT_EQ(engine_->getFirstIntervalToPlay(), 7);
+}
+
+// --- Document: rebuild and recalculation ---------------------------------------------------------
+
+class DocumentTest : public EngineFixture {};
+
+TEST_F(DocumentTest, firstRebuildKeepsRestoredStore_secondClearsIt) {
+    // A store restored from the last session exists before the engine's first rebuild.
+    defaults_ =
+        std::make_unique<AnalyzerDefaults>(AnalyzerFeatures::spectrumProduct(), "engine-test");
+    defaults_->recalculateDocumentSettings();
+    const size_t samples = static_cast<size_t>(defaults_->audioBufferByteSize() / 4);
+    std::vector<float> restored(samples);
+    std::iota(restored.begin(), restored.end(), 1.0f);
+    defaults_->audioBuffersData() = restored;
+    defaults_->setActualInterval(57);
+    manager_ = std::make_unique<FFTManager>(*defaults_);
+    engine_ = std::make_unique<AnalyzerController>(*defaults_, *manager_, audio_);
+    engine_->setChartViews(&chart_, nullptr);
+
+    engine_->rebuildDataWithClear();
+    EXPECT_EQ(defaults_->audioBuffersData(), restored);
+    EXPECT_EQ(defaults_->actualInterval(), 0);
+    EXPECT_EQ(engine_->framesWriteCount(), 0);
+    EXPECT_EQ(chart_.scroll.zoomOuts, 1);
+    EXPECT_EQ(std::count(chart_.calls.begin(), chart_.calls.end(), "clearData"), 1);
+    EXPECT_EQ(chart_.calls.back(), "prepareTextures");
+
+    defaults_->setActualInterval(57);
+    engine_->rebuildDataWithClear();
+    ASSERT_EQ(defaults_->audioBuffersData().size(), samples);
+    EXPECT_TRUE(std::all_of(defaults_->audioBuffersData().begin(),
+                            defaults_->audioBuffersData().end(),
+                            [](float v) { return v == 0.0f; }));
+    EXPECT_EQ(defaults_->actualInterval(), 0);
+}
+
+TEST_F(DocumentTest, firstRebuildWithoutRecording_makesFreshStore) {
+    defaults_ =
+        std::make_unique<AnalyzerDefaults>(AnalyzerFeatures::spectrumProduct(), "engine-test");
+    defaults_->recalculateDocumentSettings();
+    defaults_->audioBuffersData().assign(10, 3.0f); // a store, but actualInterval 0
+    manager_ = std::make_unique<FFTManager>(*defaults_);
+    engine_ = std::make_unique<AnalyzerController>(*defaults_, *manager_, audio_);
+    engine_->rebuildDataWithClear();
+    EXPECT_EQ(defaults_->audioBuffersData().size(),
+              static_cast<size_t>(defaults_->audioBufferByteSize() / 4));
+    EXPECT_EQ(defaults_->audioBuffersData()[0], 0.0f);
+}
+
+TEST_F(DocumentTest, rebuild_followsNewGeometry_andSparesOctaveZoom) {
+    build(Options{.withSpectrogram = true});
+    chart_.type = 2; // octave RTA keeps its zoom
+    const int zoomOuts = chart_.scroll.zoomOuts;
+    defaults_->setFftSize(16384);
+    defaults_->setIntervalSizePower(2);
+    engine_->rebuildDataWithClear();
+    EXPECT_EQ(defaults_->intervalSizeInFrames(), 128);
+    EXPECT_EQ(defaults_->audioBuffersData().size(),
+              static_cast<size_t>(defaults_->audioBufferByteSize() / 4));
+    EXPECT_EQ(chart_.scroll.zoomOuts, zoomOuts);
+    EXPECT_GE(spectrogram_.scroll.zoomOuts, 2);
+    // Without the spectrogram switch the spectrogram is neither prepared nor textured.
+    EXPECT_EQ(std::count(spectrogram_.calls.begin(), spectrogram_.calls.end(), "prepareData"), 0);
+    EXPECT_EQ(std::count(spectrogram_.calls.begin(), spectrogram_.calls.end(), "prepareTextures"),
+              0);
+}
+
+TEST_F(DocumentTest, setChartViews_pairsScrollViews) {
+    build(Options{.withSpectrogram = true});
+    EXPECT_EQ(spectrogram_.scroll.partner, &chart_.scroll);
+    EXPECT_EQ(chart_.scroll.partner, &spectrogram_.scroll);
+}
+
+TEST_F(DocumentTest, recalculate_nothingToDo_callsBlockAsynchronously) {
+    build();
+    defaults_->setDataValid(false);
+    int finished = 0;
+    engine_->recalculateDataWithFinishBlock([&finished] { ++finished; });
+    EXPECT_EQ(finished, 0);
+    EXPECT_TRUE(defaults_->dataValid());
+    ASSERT_TRUE(runEventsUntil([&finished] { return finished == 1; }));
+    runEventsFor(10);
+    EXPECT_EQ(finished, 1);
+}
+
+TEST_F(DocumentTest, recalculate_recomputesLastScreenInOrder) {
+    build(Options{.withSpectrogram = true});
+    const int64_t width = defaults_->spectrogramWidth();
+    const int64_t end = width + 10;
+    std::mt19937 random(12);
+    std::uniform_real_distribution<float> value(-1.0f, 1.0f);
+    std::vector<float> mono(static_cast<size_t>(end * n()));
+    for (float& v : mono) {
+        v = value(random);
+    }
+    std::copy(mono.begin(), mono.end(), defaults_->audioBuffersData().begin());
+    defaults_->setActualInterval(end);
+
+    int64_t columnsAtFinish = -1;
+    engine_->recalculateDataWithFinishBlock(
+        [&] { columnsAtFinish = static_cast<int64_t>(spectrogram_.columns.size()); });
+    ASSERT_TRUE(runEventsUntil([&] { return columnsAtFinish >= 0; }));
+    EXPECT_EQ(columnsAtFinish, width);
+    std::vector<int64_t> expected(static_cast<size_t>(width));
+    std::iota(expected.begin(), expected.end(), int64_t{10});
+    EXPECT_EQ(spectrogram_.columns, expected);
+    EXPECT_EQ(engine_->framesWriteCount(), end * n());
+    EXPECT_EQ(spectrogram_.calls.front(), "clearData");
+
+    for (int64_t i : {end - 1, end - 100}) {
+        const std::vector<float> spectrum = referenceSpectrum(expectedWindow(mono, i));
+        EXPECT_TRUE(std::equal(spectrum.begin(), spectrum.end(), slot(i).second)) << i;
+    }
+}
+
+// --- Test capture file -------------------------------------------------------------------
+
+TEST_F(DocumentTest, testFile_capturesGainedInputAsAiff) {
+    build();
+    ASSERT_TRUE(engine_->openTestFile());
+    startRecording();
+    defaults_->setSoftwareInputGainValue(-6.0f);
+    audio_.setCurrentInputChannel(1);
+    std::mt19937 random(13);
+    std::vector<float> a = stereoBlock(1000, random);
+    std::vector<float> b = stereoBlock(24, random);
+    push(a);
+    push(b);
+    drain();
+    engine_->stopRecorder();
+    engine_->closeTestFile();
+
+    const QString path = QDir(QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation))
+                             .filePath(QLatin1String(AnalyzerController::kTestFileName));
+    SF_INFO info{};
+    SNDFILE* file = sf_open(path.toLocal8Bit().constData(), SFM_READ, &info);
+    ASSERT_NE(file, nullptr) << sf_strerror(nullptr);
+    EXPECT_EQ(info.format & SF_FORMAT_TYPEMASK, SF_FORMAT_AIFF);
+    EXPECT_EQ(info.format & SF_FORMAT_SUBMASK, SF_FORMAT_FLOAT);
+    EXPECT_EQ(info.channels, 1);
+    EXPECT_EQ(info.samplerate, 44100);
+    ASSERT_EQ(info.frames, 1024);
+    std::vector<float> read(1024);
+    EXPECT_EQ(sf_readf_float(file, read.data(), 1024), 1024);
+    sf_close(file);
+    std::vector<float> expected = channelOf(a, 1, gainOf(-6.0f));
+    const std::vector<float> tail = channelOf(b, 1, gainOf(-6.0f));
+    expected.insert(expected.end(), tail.begin(), tail.end());
+    EXPECT_EQ(read, expected);
+    QFile::remove(path);
+}
+
+} // namespace
+} // namespace widmo

@@ -1,0 +1,205 @@
+#include "TestDoubles.h"
+
+#include "engine/DispatchQueue.h"
+#include "engine/DisplayTimer.h"
+#include "engine/MainQueue.h"
+
+#include <QCoreApplication>
+#include <QThread>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <future>
+#include <memory>
+#include <thread>
+#include <vector>
+
+namespace widmo {
+namespace {
+
+using test::runEventsFor;
+using test::runEventsUntil;
+
+// --- Serial queue ------------------------------------------------------------------------
+
+TEST(DispatchQueueTest, concurrentProducers_eachKeepTheirOrder_nothingLost) {
+    constexpr int kProducers = 4;
+    constexpr int kPerProducer = 20000;
+    std::vector<std::vector<int>> seen(kProducers); // touched by the worker only
+    std::atomic<int> running{0};
+    std::atomic<bool> overlapped{false};
+    {
+        DispatchQueue queue("org.widmo.test.fifo");
+        std::vector<std::thread> producers;
+        for (int p = 0; p < kProducers; ++p) {
+            producers.emplace_back([&, p] {
+                for (int k = 0; k < kPerProducer; ++k) {
+                    queue.async([&, p, k] {
+                        if (running.fetch_add(1) != 0) {
+                            overlapped = true;
+                        }
+                        seen[static_cast<size_t>(p)].push_back(k);
+                        running.fetch_sub(1);
+                    });
+                }
+            });
+        }
+        for (std::thread& t : producers) {
+            t.join();
+        }
+        queue.waitUntilEmpty();
+    }
+    EXPECT_FALSE(overlapped);
+    for (int p = 0; p < kProducers; ++p) {
+        const std::vector<int>& s = seen[static_cast<size_t>(p)];
+        ASSERT_EQ(s.size(), static_cast<size_t>(kPerProducer));
+        for (int k = 0; k < kPerProducer; ++k) {
+            ASSERT_EQ(s[static_cast<size_t>(k)], k) << "producer " << p;
+        }
+    }
+}
+
+/// A task that resubmits itself from its own run until it has run `limit` times.
+class CountingTask final : public DispatchQueue::Task {
+public:
+    CountingTask(DispatchQueue& queue, int limit) : queue_(queue), limit_(limit) {}
+    void run() override {
+        if (++runs < limit_) {
+            queue_.async(*this);
+        } else {
+            finished.set_value();
+        }
+    }
+    int runs = 0;
+    std::promise<void> finished;
+
+private:
+    DispatchQueue& queue_;
+    int limit_;
+};
+
+TEST(DispatchQueueTest, prebuiltTask_resubmittedFromItsOwnRun) {
+    DispatchQueue queue("org.widmo.test.resubmit");
+    CountingTask task(queue, 1000);
+    queue.async(task);
+    // Interleave other work: the list must stay consistent around the reused node.
+    std::atomic<int> others{0};
+    for (int k = 0; k < 1000; ++k) {
+        queue.async([&others] { others.fetch_add(1); });
+    }
+    task.finished.get_future().wait();
+    queue.waitUntilEmpty();
+    EXPECT_EQ(task.runs, 1000);
+    EXPECT_EQ(others.load(), 1000);
+}
+
+TEST(DispatchQueueTest, waitUntilEmpty_waitsForRunningAndQueuedWork) {
+    DispatchQueue queue("org.widmo.test.wait");
+    std::atomic<int> done{0};
+    queue.async([&done] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        done.fetch_add(1);
+    });
+    queue.async([&done] { done.fetch_add(1); });
+    queue.waitUntilEmpty();
+    EXPECT_EQ(done.load(), 2);
+}
+
+TEST(DispatchQueueTest, destruction_runsQueuedWorkFirst) {
+    std::atomic<int> done{0};
+    {
+        DispatchQueue queue("org.widmo.test.teardown");
+        for (int k = 0; k < 100; ++k) {
+            queue.async([&done] {
+                std::this_thread::sleep_for(std::chrono::microseconds(100));
+                done.fetch_add(1);
+            });
+        }
+    }
+    EXPECT_EQ(done.load(), 100);
+}
+
+TEST(DispatchQueueTest, tasksRunOnTheQueuesOwnThread) {
+    DispatchQueue queue("org.widmo.test.thread");
+    EXPECT_FALSE(queue.isCurrent());
+    std::promise<bool> onQueue;
+    queue.async([&] { onQueue.set_value(queue.isCurrent()); });
+    EXPECT_TRUE(onQueue.get_future().get());
+    EXPECT_EQ(queue.label(), "org.widmo.test.thread");
+}
+
+// --- Main queue --------------------------------------------------------------------------
+
+TEST(MainQueueTest, postFromMainThread_neverRunsInline) {
+    int ran = 0;
+    MainQueue::async([&ran] { ++ran; });
+    EXPECT_EQ(ran, 0);
+    ASSERT_TRUE(runEventsUntil([&ran] { return ran == 1; }));
+}
+
+TEST(MainQueueTest, postFromOtherThread_runsOnMainThread) {
+    std::atomic<bool> onMain{false};
+    std::atomic<bool> ran{false};
+    std::thread worker([&] {
+        MainQueue::async([&] {
+            onMain = MainQueue::isMainThread();
+            ran = true;
+        });
+    });
+    worker.join();
+    ASSERT_TRUE(runEventsUntil([&] { return ran.load(); }));
+    EXPECT_TRUE(onMain.load());
+    EXPECT_TRUE(MainQueue::isMainThread());
+}
+
+TEST(MainQueueTest, destroyedContext_dropsPendingWork) {
+    int ran = 0;
+    auto context = std::make_unique<QObject>();
+    MainQueue::async([&ran] { ++ran; }, context.get());
+    MainQueue::asyncAfter(
+        std::chrono::milliseconds(1), [&ran] { ++ran; }, context.get());
+    context.reset();
+    runEventsFor(30);
+    EXPECT_EQ(ran, 0);
+}
+
+TEST(MainQueueTest, asyncAfter_runsOnMainThreadNotBeforeDelay) {
+    std::atomic<bool> ran{false};
+    std::atomic<bool> onMain{false};
+    const auto start = std::chrono::steady_clock::now();
+    std::chrono::steady_clock::time_point at{};
+    std::thread worker([&] {
+        MainQueue::asyncAfter(std::chrono::milliseconds(40), [&] {
+            at = std::chrono::steady_clock::now();
+            onMain = MainQueue::isMainThread();
+            ran = true;
+        });
+    });
+    worker.join();
+    ASSERT_TRUE(runEventsUntil([&] { return ran.load(); }));
+    EXPECT_TRUE(onMain.load());
+    EXPECT_GE(at - start, std::chrono::milliseconds(40));
+}
+
+// --- Display timer -------------------------------------------------------------------------
+
+TEST(DisplayTimerTest, ticksUntilInvalidated_actionMayStopIt) {
+    DisplayTimer timer;
+    int ticks = 0;
+    timer.start([&] {
+        if (++ticks == 3) {
+            timer.invalidate();
+        }
+    });
+    EXPECT_TRUE(timer.isActive());
+    EXPECT_EQ(ticks, 0); // the first tick comes one period later
+    ASSERT_TRUE(runEventsUntil([&] { return ticks == 3; }));
+    EXPECT_FALSE(timer.isActive());
+    runEventsFor(60);
+    EXPECT_EQ(ticks, 3);
+}
+
+} // namespace
+} // namespace widmo

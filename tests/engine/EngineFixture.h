@@ -1,0 +1,133 @@
+#pragma once
+
+#include "TempSettings.h"
+#include "TestDoubles.h"
+
+#include "core/AnalyzerDefaults.h"
+#include "dsp/FFTManager.h"
+#include "engine/AnalyzerController.h"
+
+#include <cmath>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <random>
+#include <vector>
+
+namespace widmo::test {
+
+/// A real engine on its own settings, a real FFT manager and recording
+/// collaborators; the document is prepared and valid.
+class EngineFixture : public TempSettings {
+protected:
+    struct Options {
+        AnalyzerFeatures features = AnalyzerFeatures::spectrumProduct();
+        float sampleRate = 44100.0f;
+        int32_t intervalSizePower = 4; // 512 frames at 44.1 kHz
+        int32_t fftSize = 4096;
+        int32_t fftWindowType = 2;
+        bool withSpectrogram = false;
+    };
+
+    void build(const Options& options) {
+        defaults_ = std::make_unique<AnalyzerDefaults>(options.features, "engine-test");
+        defaults_->setSampleRate(options.sampleRate);
+        defaults_->setIntervalSizePower(options.intervalSizePower);
+        defaults_->setFftSize(options.fftSize);
+        defaults_->setFftWindowType(options.fftWindowType);
+        defaults_->setSoftwareInputGainValue(0.0f);
+        defaults_->setOutputGainValue(0.0f);
+        manager_ = std::make_unique<FFTManager>(*defaults_);
+        engine_ = std::make_unique<AnalyzerController>(*defaults_, *manager_, audio_);
+        engine_->setChartViews(&chart_, options.withSpectrogram ? &spectrogram_ : nullptr);
+        engine_->setDelegate(&delegate_);
+        engine_->setMainViewController(&mainScreen_);
+        engine_->setMessages(&messages_);
+        engine_->rebuildDataWithClear();
+        defaults_->setDataValid(true);
+    }
+
+    void build() { build(Options{}); }
+
+    void TearDown() override {
+        engine_.reset();
+        reference_.reset();
+        manager_.reset();
+        defaults_.reset();
+    }
+
+    int64_t n() const { return defaults_->intervalSizeInFrames(); }
+    int64_t capacity() const { return int64_t{defaults_->audioBuffersIntervalsCount()} * n(); }
+
+    void startRecording() {
+        bool done = false;
+        engine_->startRecorder([&done](bool) { done = true; });
+        ASSERT_TRUE(runEventsUntil([&done] { return done; }));
+        ASSERT_TRUE(audio_.isRecording());
+    }
+
+    /// Interleaved stereo block: left and right from two different sequences.
+    static std::vector<float> stereoBlock(int32_t frames, std::mt19937& random) {
+        std::uniform_real_distribution<float> value(-1.0f, 1.0f);
+        std::vector<float> block(static_cast<size_t>(frames) * 2);
+        for (float& v : block) {
+            v = value(random);
+        }
+        return block;
+    }
+
+    /// Delivers one block as the audio object's delivery queue would.
+    void push(std::vector<float>& stereo) {
+        engine_->didGetNewAudioData(
+            TQAudioData{static_cast<int32_t>(stereo.size() / 2), stereo.data()});
+    }
+
+    void drain() { engine_->analyzerQueue1().waitUntilEmpty(); }
+
+    /// The `fftSize` samples that end with interval `index`, taken from the
+    /// absolute sample sequence `mono` (zeros before its start).
+    std::vector<float> expectedWindow(const std::vector<float>& mono, int64_t index) const {
+        const int64_t size = defaults_->fftSize();
+        const int64_t end = (index + 1) * n();
+        std::vector<float> window(static_cast<size_t>(size), 0.0f);
+        for (int64_t k = 0; k < size; ++k) {
+            const int64_t frame = end - size + k;
+            if (frame >= 0 && frame < static_cast<int64_t>(mono.size())) {
+                window[static_cast<size_t>(k)] = mono[static_cast<size_t>(frame)];
+            }
+        }
+        return window;
+    }
+
+    /// The spectrum of `window` computed directly, by a manager of its own.
+    std::vector<float> referenceSpectrum(const std::vector<float>& window) {
+        if (!reference_) {
+            reference_ = std::make_unique<FFTManager>(*defaults_);
+        }
+        std::vector<float> out(static_cast<size_t>(defaults_->fftOutSize()));
+        reference_->przeliczWithFFTWindowBufor(window.data(), out.data());
+        return out;
+    }
+
+    /// The slot buffers of interval `index`.
+    std::pair<const float*, const float*> slot(int64_t index) const {
+        float* window = nullptr;
+        float* out = nullptr;
+        float* egg = nullptr;
+        manager_->podajFFTDlaIntervalIndex(index, &window, &out, &egg);
+        return {window, out};
+    }
+
+    FakeAudio audio_;
+    FakeChartView chart_;
+    FakeSpectrogramView spectrogram_;
+    FakeMessages messages_;
+    FakeMainScreen mainScreen_;
+    FakeDelegate delegate_;
+    std::unique_ptr<AnalyzerDefaults> defaults_;
+    std::unique_ptr<FFTManager> manager_;
+    std::unique_ptr<FFTManager> reference_;
+    std::unique_ptr<AnalyzerController> engine_;
+};
+
+} // namespace widmo::test

@@ -1,0 +1,225 @@
+#pragma once
+
+// Recording stand-ins for the engine's collaborators: each remembers what the
+// engine asked of it, and answers queries with values the test sets.
+
+#include "engine/AnalyzerControllerDelegate.h"
+#include "engine/ChartViewInterface.h"
+#include "engine/MainQueue.h"
+#include "engine/MainViewControllerInterface.h"
+#include "engine/SpectrogramScrollViewInterface.h"
+#include "engine/SpectrogramViewInterface.h"
+#include "engine/TQAudioInterface.h"
+#include "engine/TQMessageInterface.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace widmo::test {
+
+/// Runs the main event loop until `done` answers true or `timeoutMs` passed.
+inline bool runEventsUntil(const std::function<bool()>& done, int timeoutMs = 5000) {
+    QElapsedTimer clock;
+    clock.start();
+    while (!done()) {
+        if (clock.elapsed() > timeoutMs) {
+            return false;
+        }
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    return true;
+}
+
+/// Runs the main event loop for `ms` milliseconds.
+inline void runEventsFor(int ms) {
+    runEventsUntil([] { return false; }, ms);
+}
+
+/// The audio object: starts succeed or fail as told; completions arrive later
+/// on the main thread, as the real one delivers them.
+class FakeAudio : public TQAudioInterface {
+public:
+    void setDelegate(TQAudioDelegate* delegate) override { delegate_ = delegate; }
+    TQAudioDelegate* delegate() const override { return delegate_; }
+    bool isRecording() const override { return recording.load(std::memory_order_acquire); }
+    bool isPlaying() const override { return playing.load(std::memory_order_acquire); }
+    bool isSetupInProgress() const override { return false; }
+    int64_t currentInputChannel() const override { return channel.load(std::memory_order_acquire); }
+    void setCurrentInputChannel(int64_t c) override { channel.store(c, std::memory_order_release); }
+    void startRecorder(std::function<void(bool)> completion) override {
+        ++recorderStarts;
+        const bool ok = startsSucceed;
+        MainQueue::async([this, ok, completion = std::move(completion)] {
+            recording.store(ok, std::memory_order_release);
+            completion(ok);
+        });
+    }
+    void startPlayer(std::function<void(bool)> completion) override {
+        ++playerStarts;
+        const bool ok = startsSucceed;
+        MainQueue::async([this, ok, completion = std::move(completion)] {
+            playing.store(ok, std::memory_order_release);
+            completion(ok);
+        });
+    }
+    void stop() override {
+        ++stops;
+        recording.store(false, std::memory_order_release);
+        playing.store(false, std::memory_order_release);
+    }
+
+    std::atomic<bool> recording{false};
+    std::atomic<bool> playing{false};
+    std::atomic<int64_t> channel{0};
+    bool startsSucceed = true;
+    int recorderStarts = 0;
+    int playerStarts = 0;
+    int stops = 0;
+
+private:
+    TQAudioDelegate* delegate_ = nullptr;
+};
+
+class FakeScrollView : public TQGLScrollViewInterface {
+public:
+    void zoomOut() override { ++zoomOuts; }
+    bool measuringActivated() const override { return measuring; }
+    void setMeasuringActivated(bool a) override { measuring = a; }
+    void setScrollViewDelegate(TQGLScrollViewInterface* p) override { partner = p; }
+
+    int zoomOuts = 0;
+    bool measuring = false;
+    TQGLScrollViewInterface* partner = nullptr;
+};
+
+class FakeSpectrogramScrollView : public SpectrogramScrollViewInterface {
+public:
+    void zoomOut() override { ++zoomOuts; }
+    bool measuringActivated() const override { return measuring; }
+    void setMeasuringActivated(bool a) override { measuring = a; }
+    void setScrollViewDelegate(TQGLScrollViewInterface* p) override { partner = p; }
+    int64_t getIntervalIndexForSpectrogramPosition(float) const override {
+        return rightEdgeInterval.load(std::memory_order_acquire);
+    }
+    int64_t getIntervalIndexForSpectrogramActualPosition() const override { return cursorInterval; }
+    void setMeasureScrollType(int32_t t) override { measureScrollTypes.push_back(t); }
+    QPointF measuringActualPosition() const override { return position; }
+    void setMeasuringActualPosition(QPointF p) override {
+        position = p;
+        ++positionSets;
+    }
+    void setPlayLinePosition(float v) override { playLine.store(v, std::memory_order_release); }
+    void computeFFTInDelegateChart() override { ++chartRecomputes; }
+    void setNeedsPanningStopRamp() override { ++panningStopRamps; }
+
+    std::atomic<int64_t> rightEdgeInterval{0};
+    int64_t cursorInterval = 0;
+    bool measuring = false;
+    int zoomOuts = 0;
+    TQGLScrollViewInterface* partner = nullptr;
+    std::vector<int32_t> measureScrollTypes;
+    QPointF position{0.25, 0.5};
+    int positionSets = 0;
+    std::atomic<float> playLine{-1.0f};
+    int chartRecomputes = 0;
+    int panningStopRamps = 0;
+};
+
+/// The spectrogram: keeps the index of every column it receives (analysis queue)
+/// and optionally a copy of each column.
+class FakeSpectrogramView : public SpectrogramViewInterface {
+public:
+    SpectrogramScrollViewInterface* spectrogramScrollView() override { return &scroll; }
+    void addFFTdata(const float* fftData, int64_t intervalIndex) override {
+        columns.push_back(intervalIndex);
+        if (onColumn) {
+            onColumn(fftData, intervalIndex);
+        }
+    }
+    void startScrolling() override { calls.emplace_back("startScrolling"); }
+    void pauseScrolling() override { calls.emplace_back("pauseScrolling"); }
+    void setAnalyzerRunning(bool r) override { calls.emplace_back(r ? "running" : "stopped"); }
+    void setNeedsDisplay() override { redraws.fetch_add(1, std::memory_order_relaxed); }
+    void setNeedsDisplayWithSubviews() override { calls.emplace_back("redraw"); }
+    void prepareData() override { calls.emplace_back("prepareData"); }
+    void clearData() override { calls.emplace_back("clearData"); }
+    void prepareTextures() override { calls.emplace_back("prepareTextures"); }
+
+    FakeSpectrogramScrollView scroll;
+    std::vector<int64_t> columns; // written on the analysis queue; read after it drained
+    std::function<void(const float*, int64_t)> onColumn;
+    std::vector<std::string> calls;
+    std::atomic<int> redraws{0};
+};
+
+/// The second chart: remembers the pointers it was given, or copies the data.
+class FakeChartView : public ChartViewInterface {
+public:
+    TQGLScrollViewInterface* chartScrollView() override { return &scroll; }
+    void addFFTdata(const float* fftData, const float* fftWindowData,
+                    const float* eggWindowData) override {
+        shownData.push_back(fftData);
+        shownWindows.push_back(fftWindowData);
+        shownEgg.push_back(eggWindowData);
+        if (onData) {
+            onData(fftData, fftWindowData);
+        }
+    }
+    int32_t typeOfChart() const override { return type; }
+    void setAnalyzerRunning(bool r) override { calls.emplace_back(r ? "running" : "stopped"); }
+    void setNeedsDisplayWithSubviews() override { calls.emplace_back("redraw"); }
+    void clearData() override { calls.emplace_back("clearData"); }
+    void prepareTextures() override { calls.emplace_back("prepareTextures"); }
+
+    FakeScrollView scroll;
+    int32_t type = 0;
+    std::vector<const float*> shownData;
+    std::vector<const float*> shownWindows;
+    std::vector<const float*> shownEgg;
+    std::function<void(const float*, const float*)> onData;
+    std::vector<std::string> calls;
+};
+
+class FakeMessages : public TQMessageInterface {
+public:
+    void showMessage(const QString& message, const QString& button) override {
+        shown.emplace_back(message, button);
+    }
+    void showMessage(const QString& message, const QString&, const QString& cancelButton,
+                     const QStringList&, std::function<void(int)>) override {
+        shown.emplace_back(message, cancelButton);
+    }
+    std::vector<std::pair<QString, QString>> shown;
+};
+
+class FakeMainScreen : public MainViewControllerInterface {
+public:
+    void stopAnalyzerWithoutBlockButtonsAndRunBlock(std::function<void()> block) override {
+        ++stopsWithoutBlock;
+        pendingBlock = std::move(block);
+    }
+    void stopAnalyzerWithRefreshButtonsEnable(bool) override { ++stopsWithRefresh; }
+    int stopsWithoutBlock = 0;
+    int stopsWithRefresh = 0;
+    std::function<void()> pendingBlock;
+};
+
+class FakeDelegate : public AnalyzerControllerDelegate {
+public:
+    void recorderDidStop() override { ++recorderStops; }
+    void playerDidStop() override { ++playerStops; }
+    int recorderStops = 0;
+    int playerStops = 0;
+};
+
+} // namespace widmo::test
