@@ -1,0 +1,223 @@
+#include "render/LevelMeterView.h"
+
+#include "render/DeviceClass.h"
+
+#include <QFontMetricsF>
+#include <QOpenGLContext>
+#include <QOpenGLFunctions>
+#include <QPainter>
+
+#include <cmath>
+
+namespace widmo {
+
+namespace {
+
+const LevelMeterView::Metrics kPhone{44, 2.0, 1.0, 83.0, 11.5, 11.5, QPointF(1, 65), 40, 5};
+const LevelMeterView::Metrics kTablet{88, 1.0, 2.0, 157.0, 15.0, 14.0, QPointF(3, 135), 50, 7};
+
+const QColor kLegendColor = QColor::fromRgbF(0.5f, 0.5f, 0.5f);
+const QColor kReadoutColor = QColor::fromRgbF(1.0f, 0.1f, 0.1f);
+
+} // namespace
+
+const LevelMeterView::Metrics& LevelMeterView::metrics(bool pad) { return pad ? kTablet : kPhone; }
+
+LevelMeterView::LevelMeterView(QWidget* parent, const AnalyzerFeatures& features)
+    : TQGLView(parent), features_(features), pad_(DeviceClass::isPad(parent)) {
+    commonInit();
+}
+
+LevelMeterView::~LevelMeterView() {
+    makeCurrent();
+    releaseGLResources();
+    doneCurrent();
+}
+
+void LevelMeterView::commonInit() {
+    setLevelDB(-144.0f);
+    setClosedQuotient(0.0f);
+    mLastLevelDB = -144.0f;
+    mLastCQ = 0.0f;
+    mRefreshCounter = 0;
+    // The textures need the GL context, which exists from the first show or
+    // grab on; `setupGLResources` makes them then.
+
+    const Metrics& m = metrics(pad_);
+    const QFont font = DeviceClass::systemFont(m.readoutFontSize, true);
+    mDBLabel = new QLabel(this);
+    mDBLabel->setFont(font);
+    mDBLabel->setAlignment(Qt::AlignCenter);
+    mDBLabel->setAutoFillBackground(false);
+    mDBLabel->setAttribute(Qt::WA_TranslucentBackground);
+    QPalette palette = mDBLabel->palette();
+    palette.setColor(QPalette::WindowText, kReadoutColor);
+    mDBLabel->setPalette(palette);
+    const QSizeF size = QFontMetricsF(font).size(Qt::TextSingleLine, "-144.0");
+    mDBLabel->setGeometry(
+        static_cast<int>(m.readoutOrigin.x()), static_cast<int>(m.readoutOrigin.y()),
+        static_cast<int>(std::ceil(size.width())), static_cast<int>(std::ceil(size.height())));
+    mDBLabel->setText(features_.featureLevelMeterEnabled() ? "-144.0" : QString());
+}
+
+void LevelMeterView::setupGLResources() { prepareTextures(); }
+
+void LevelMeterView::releaseGLResources() {
+    mLegendOpisTexture_iPad.reset();
+    mLegendOpisTexture1_iPhone.reset();
+    mLegendOpisTexture2_iPhone.reset();
+    mPodkladTexture.reset();
+    dbTexture_.reset();
+}
+
+void LevelMeterView::prepareTextures() {
+    TQGLEffect* e = effect();
+    if (e == nullptr)
+        return;
+    mPodkladTexture = e->convertToTextureUIImage(scaleCQImage());
+
+    const bool cq = features_.featureVoiceEGG();
+    const Metrics& m = metrics(pad_);
+    const QFont font = DeviceClass::systemFont(m.legendFontSize * (cq ? 0.9 : 1.0), true);
+    if (pad_) {
+        mLegendOpisTexture_iPad = e->convertToTextureText(
+            cq ? "Closed quotient (%)" : "SPL Meter (dBFS)", font, kLegendColor);
+    } else {
+        mLegendOpisTexture1_iPhone =
+            e->convertToTextureText(cq ? "Closed" : "SPL Meter", font, kLegendColor);
+        mLegendOpisTexture2_iPhone =
+            e->convertToTextureText(cq ? "quotient (%)" : "(dBFS)", font, kLegendColor);
+    }
+}
+
+int LevelMeterView::litSegmentCount(double v, bool pad) {
+    const double k = pad ? 1.0 : 0.5;
+    return static_cast<int>(std::trunc(std::round(v + 88.0) * k));
+}
+
+void LevelMeterView::drawGLRect(const QRectF& rect) {
+    TQGLEffect* e = effect();
+    if (e == nullptr)
+        return;
+    QOpenGLFunctions* gl = context()->functions();
+    gl->glClearColor(0.05f, 0.05f, 0.05f, 1.0f);
+    gl->glClear(GL_COLOR_BUFFER_BIT);
+    if (!fullScreen_ || !features_.featureLevelMeterEnabled())
+        return;
+
+    const double w = rect.width();
+    const double h = rect.height();
+    const float level = levelDB();
+    double shown = -144.0;
+    if (level >= -144.0f) {
+        mLastLevelDB = static_cast<float>(mLastLevelDB + 0.4 * (double(level) - mLastLevelDB));
+        shown = mLastLevelDB;
+    }
+    const float cq = closedQuotient();
+    mLastCQ = static_cast<float>(mLastCQ + 0.2 * (double(cq) - mLastCQ));
+    if (cq == 0.0f)
+        mLastCQ = 0.0f; // the line drops at once instead of gliding down
+
+    if (features_.featureVoiceEGG())
+        drawClosedQuotient(w, h);
+    else
+        drawLevelColumn(shown, w, h);
+    drawLegend(w, h);
+
+    if (mRefreshCounter < 0) {
+        mRefreshCounter = 6;
+        mDBLabel->setText(features_.featureVoiceEGG()
+                              ? QString::asprintf("%.0f", double(cq) * 100.0)
+                              : QString::asprintf("%.1f", shown));
+        mDBLabel->update();
+    }
+    --mRefreshCounter;
+}
+
+void LevelMeterView::drawLevelColumn(double shownLevel, double /*w*/, double h) {
+    TQGLEffect* e = effect();
+    const Metrics& m = metrics(pad_);
+    const int n = m.segments;
+    const int lit = litSegmentCount(shownLevel, pad_);
+    const double columnHeight = 1.0 - m.legendSpace / h;
+    const double pitch = columnHeight / n;
+    const double gap = m.segmentGap / h;
+
+    // Walking down from the top, the colour turns red only after the segment
+    // with index L is drawn, so segments 0..L-1 are red and L itself stays grey
+    // (or yellow when it is the top one).
+    if (n - 1 <= lit)
+        e->prepareToDrawWithConstantColor(0.9f, 0.9f, 0.0f, 1.0f);
+    else
+        e->prepareToDrawWithConstantColor(0.2f, 0.2f, 0.2f, 1.0f);
+    for (int i = n - 1; i >= 0; --i) {
+        e->rysujRectanglePoint1(QPointF(0.2, i * pitch), QPointF(0.8, (i + 1) * pitch - gap));
+        if (i <= lit)
+            e->prepareToDrawWithConstantColor(1.0f, 0.1f, 0.1f, 1.0f);
+    }
+}
+
+void LevelMeterView::drawClosedQuotient(double w, double h) {
+    TQGLEffect* e = effect();
+    const Metrics& m = metrics(pad_);
+    const double columnHeight = 1.0 - m.legendSpace / h;
+    context()->functions()->glLineWidth(5.0f);
+    if (mPodkladTexture)
+        e->rysujTexture(mPodkladTexture->name(), QPointF(5.0 / w, columnHeight),
+                        QPointF(1.0 - 5.0 / w, 0.0));
+    e->prepareToDrawWithConstantColor(1.0f, 0.0f, 0.0f, 1.0f);
+    const double y = columnHeight * mLastCQ;
+    e->rysujLiniePoint1(QPointF(5.0 / w, y), QPointF(1.0 - 5.0 / w, y));
+}
+
+void LevelMeterView::drawLegend(double w, double h) {
+    TQGLEffect* e = effect();
+    const QSizeF frame(w, h);
+    if (pad_) {
+        e->rysujTextTexture(mLegendOpisTexture_iPad.get(), QPointF(0.5, 1.0), 1.0f,
+                            onTheRight_ ? 8 : 7, frame, QRectF());
+        return;
+    }
+    // Turned to read bottom to top (left) the first line stands further left;
+    // reading top to bottom (right) it stands further right.
+    const int orientation = onTheRight_ ? 8 : 7;
+    const double x1 = onTheRight_ ? 0.7 : 0.35;
+    const double x2 = onTheRight_ ? 0.35 : 0.7;
+    e->rysujTextTexture(mLegendOpisTexture1_iPhone.get(), QPointF(x1, 1.0), 1.0f, orientation,
+                        frame, QRectF());
+    e->rysujTextTexture(mLegendOpisTexture2_iPhone.get(), QPointF(x2, 1.0), 1.0f, orientation,
+                        frame, QRectF());
+}
+
+QImage LevelMeterView::scaleCQImage() {
+    constexpr int kWidth = 64;
+    constexpr int kHeight = 512;
+    constexpr int kMargin = 8; // keeps the 0 and 100 labels inside the picture
+    QImage image(kWidth, kHeight, QImage::Format_ARGB32_Premultiplied);
+    image.fill(Qt::transparent);
+    QPainter p(&image);
+    p.setRenderHint(QPainter::Antialiasing);
+    p.setRenderHint(QPainter::TextAntialiasing);
+    // Paint upright in a mirrored frame: 0 % ends up at the top of the image.
+    p.translate(0, kHeight);
+    p.scale(1, -1);
+    const double span = kHeight - 2.0 * kMargin;
+    QFont font = DeviceClass::systemFont(13, true);
+    p.setFont(font);
+    p.fillRect(QRectF(kWidth * 0.45, kMargin, 3, span), QColor(90, 90, 90));
+    for (int percent = 0; percent <= 100; percent += 10) {
+        const double y = kHeight - kMargin - span * percent / 100.0;
+        const bool major = percent % 50 == 0;
+        const double tick = major ? 20.0 : 12.0;
+        p.fillRect(QRectF(kWidth * 0.45 - tick + 3, y - 1, tick, 2), QColor(150, 150, 150));
+        if (major) {
+            p.setPen(QColor(200, 200, 200));
+            p.drawText(QRectF(kWidth * 0.5 + 4, y - 10, kWidth * 0.5 - 4, 20),
+                       Qt::AlignLeft | Qt::AlignVCenter, QString::number(percent));
+        }
+    }
+    p.end();
+    return image;
+}
+
+} // namespace widmo

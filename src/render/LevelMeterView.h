@@ -1,0 +1,115 @@
+#pragma once
+
+#include "core/AnalyzerFeatures.h"
+#include "render/AffineTransform.h"
+#include "render/TQGLView.h"
+
+#include <QImage>
+#include <QLabel>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+
+namespace widmo {
+
+/// A narrow vertical meter beside a chart: the level of the latest analysed
+/// interval in dBFS as a column of segments (red up to the level, the top one
+/// yellow near full scale) with a numeric read-out under a turned legend; or,
+/// with the EGG mode on, the closed quotient as a red line over a 0..100 % scale.
+///
+/// The feeder writes `levelDB` and `closedQuotient`; the meter smooths them
+/// itself once per drawn frame (40 % and 20 % of the remaining distance) and
+/// rewrites the read-out at most every seventh frame so that it stays readable.
+/// It draws nothing but its dark background while `fullScreen` is off.
+///
+/// Threading: every member runs on the main thread except `setLevelDB` and
+/// `setClosedQuotient`, which any single feeder thread may call; each value is
+/// one atomic float, read once per frame.
+class LevelMeterView : public TQGLView {
+    Q_OBJECT
+public:
+    /// Sizes of one device class (points unless stated).
+    struct Metrics {
+        int segments;           ///< number of segments N
+        double dbPerSegment;    ///< dB per segment
+        double segmentGap;      ///< gap between segments
+        double legendSpace;     ///< space kept free above the column for the legend (R)
+        double legendFontSize;  ///< bold system font
+        double readoutFontSize; ///< bold system font
+        QPointF readoutOrigin;  ///< top-left of the read-out label
+        int meterWidth;         ///< width in the owner's layout with the meter on
+        int widthWhenOff;       ///< width kept when the meter is off
+    };
+    static const Metrics& metrics(bool pad);
+
+    /// The device class is read once here, from the screen the parent is on.
+    explicit LevelMeterView(QWidget* parent = nullptr,
+                            const AnalyzerFeatures& features = AnalyzerFeatures::sharedFeatures());
+    ~LevelMeterView() override;
+
+    bool fullScreen() const { return fullScreen_; }
+    /// The meter draws only when set; takes effect at the next drawn frame.
+    void setFullScreen(bool on) { fullScreen_ = on; }
+    bool onTheRight() const { return onTheRight_; }
+    /// The meter stands at the right edge of its chart (turns the legend the other way).
+    void setOnTheRight(bool on) { onTheRight_ = on; }
+    float levelDB() const { return levelDB_.load(std::memory_order_relaxed); }
+    /// Latest level in dBFS; below -144 means no signal. Any thread.
+    void setLevelDB(float level) { levelDB_.store(level, std::memory_order_relaxed); }
+    float closedQuotient() const { return closedQuotient_.load(std::memory_order_relaxed); }
+    /// Latest closed quotient as a fraction 0..1, 0 when none is measured. Any thread.
+    void setClosedQuotient(float cq) { closedQuotient_.store(cq, std::memory_order_relaxed); }
+    /// Kept for the owner; the meter does not draw it.
+    std::shared_ptr<TQTexture> dbTexture() const { return dbTexture_; }
+    void setDbTexture(std::shared_ptr<TQTexture> texture) { dbTexture_ = std::move(texture); }
+    /// Kept for the owner; the meter does not use it.
+    const AffineTransform& contentTransform() const { return contentTransform_; }
+    void setContentTransform(const AffineTransform& t) { contentTransform_ = t; }
+
+    /// The smoothed level and closed quotient last shown.
+    float lastLevelDB() const { return mLastLevelDB; }
+    float lastCQ() const { return mLastCQ; }
+    /// The numeric read-out.
+    const QLabel* dbLabel() const { return mDBLabel; }
+    bool isPad() const { return pad_; }
+
+    /// Segments lit for a shown level `v` in dBFS: -88 dBFS and below light
+    /// none (the count may go negative), 0 dBFS lights all.
+    static int litSegmentCount(double v, bool pad);
+    /// The closed-quotient scale, 0..100 % with a tick every 10 %, painted
+    /// upside down because the meter stretches it with texture (0,0) at the top.
+    static QImage scaleCQImage();
+
+protected:
+    void drawGLRect(const QRectF& rect) override;
+    void setupGLResources() override;
+    void releaseGLResources() override;
+
+private:
+    void commonInit();
+    void prepareTextures();
+    void drawLevelColumn(double shownLevel, double w, double h);
+    void drawClosedQuotient(double w, double h);
+    void drawLegend(double w, double h);
+
+    AnalyzerFeatures features_;
+    bool pad_ = false;
+
+    float mLastLevelDB = -144.0f;
+    float mLastCQ = 0.0f;
+    std::shared_ptr<TQTexture> mLegendOpisTexture_iPad;
+    std::shared_ptr<TQTexture> mLegendOpisTexture1_iPhone;
+    std::shared_ptr<TQTexture> mLegendOpisTexture2_iPhone;
+    std::shared_ptr<TQTexture> mPodkladTexture;
+    QLabel* mDBLabel = nullptr;
+    int32_t mRefreshCounter = 0;
+    bool fullScreen_ = false;
+    bool onTheRight_ = false;
+    std::atomic<float> levelDB_{-144.0f};
+    std::atomic<float> closedQuotient_{0.0f};
+    std::shared_ptr<TQTexture> dbTexture_;
+    AffineTransform contentTransform_;
+};
+
+} // namespace widmo

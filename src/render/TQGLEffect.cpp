@@ -1,0 +1,364 @@
+#include "render/TQGLEffect.h"
+
+#include "render/DeviceClass.h"
+
+#include <QFontMetricsF>
+#include <QOpenGLContext>
+#include <QOpenGLFunctions>
+#include <QOpenGLShaderProgram>
+#include <QPainter>
+#include <QtDebug>
+
+#include <algorithm>
+#include <cmath>
+#include <functional>
+
+namespace widmo {
+
+namespace {
+
+// Written to the common subset of GLSL ES 1.00 and desktop GLSL 1.20; the
+// version line is prepended for the context at hand.
+const char* const kVertexShader = R"(
+attribute vec4 a_position;
+attribute vec2 a_texCoord0;
+uniform mat4 u_projection;
+varying vec2 v_texCoord0;
+void main() {
+    v_texCoord0 = a_texCoord0;
+    gl_Position = u_projection * a_position;
+}
+)";
+
+const char* const kFragmentShader = R"(
+#ifdef GL_ES
+precision mediump float;
+#endif
+uniform vec4 u_color;
+uniform float u_textured;
+uniform sampler2D u_texture0;
+varying vec2 v_texCoord0;
+void main() {
+    if (u_textured > 0.5)
+        gl_FragColor = texture2D(u_texture0, v_texCoord0);
+    else
+        gl_FragColor = u_color;
+}
+)";
+
+constexpr std::array<QPointF, 4> kPlainTexCoords{QPointF(0, 0), QPointF(1, 0), QPointF(0, 1),
+                                                 QPointF(1, 1)};
+constexpr std::array<QPointF, 4> kBottomToTopTexCoords{QPointF(0, 1), QPointF(0, 0), QPointF(1, 1),
+                                                       QPointF(1, 0)};
+constexpr std::array<QPointF, 4> kTopToBottomTexCoords{QPointF(1, 0), QPointF(1, 1), QPointF(0, 0),
+                                                       QPointF(0, 1)};
+
+TQGLEffect::Quad rectangleQuad(QPointF p1, QPointF p2) {
+    return {{QPointF(p1.x(), p1.y()), QPointF(p2.x(), p1.y()), QPointF(p1.x(), p2.y()),
+             QPointF(p2.x(), p2.y())},
+            kPlainTexCoords};
+}
+
+// Draws `image` into a transparent image of `pixels`, mirrored vertically so
+// that the first row in memory is the bottom of the picture as it reads.
+QImage flippedCanvas(QSize pixels, double scale, const std::function<void(QPainter&)>& paint) {
+    QImage canvas(pixels, QImage::Format_ARGB32_Premultiplied);
+    canvas.fill(Qt::transparent);
+    QPainter painter(&canvas);
+    painter.setRenderHint(QPainter::Antialiasing);
+    painter.setRenderHint(QPainter::TextAntialiasing);
+    painter.translate(0, pixels.height());
+    painter.scale(scale, -scale);
+    paint(painter);
+    painter.end();
+    return canvas;
+}
+
+} // namespace
+
+TQGLEffect::TQGLEffect(QOpenGLContext* context, float contentScaleFactor)
+    : context_(context), contentScaleFactor_(contentScaleFactor),
+      projection_(unitSpaceProjection()) {
+    if (context_ == nullptr || QOpenGLContext::currentContext() != context_) {
+        qWarning("TQGLEffect: created without its context current; nothing will draw");
+        return;
+    }
+    gl_ = context_->functions();
+    const QByteArray version = context_->isOpenGLES() ? "#version 100\n" : "#version 120\n";
+    auto program = std::make_unique<QOpenGLShaderProgram>();
+    const bool built =
+        program->addShaderFromSourceCode(QOpenGLShader::Vertex, version + kVertexShader) &&
+        program->addShaderFromSourceCode(QOpenGLShader::Fragment, version + kFragmentShader);
+    program->bindAttributeLocation("a_position", kAttribPosition);
+    program->bindAttributeLocation("a_texCoord0", kAttribTexCoord0);
+    if (!built || !program->link()) {
+        qWarning("TQGLEffect: shader program failed: %s", qPrintable(program->log()));
+        return;
+    }
+    program_ = std::move(program);
+    uProjection_ = program_->uniformLocation("u_projection");
+    uColor_ = program_->uniformLocation("u_color");
+    uTextured_ = program_->uniformLocation("u_textured");
+    uTexture_ = program_->uniformLocation("u_texture0");
+}
+
+TQGLEffect::~TQGLEffect() = default;
+
+std::array<float, 16> TQGLEffect::unitSpaceProjection() {
+    return {2, 0, 0, 0, 0, 2, 0, 0, 0, 0, -1, 0, -1, -1, 0, 1};
+}
+
+void TQGLEffect::prepareToDrawWithConstantColor(float r, float g, float b, float a) {
+    color_ = {r, g, b, a};
+    textured_ = false;
+    bindAndUpload();
+}
+
+void TQGLEffect::prepareToDrawWithConstantColor(const QColor& color) {
+    prepareToDrawWithConstantColor(color.redF(), color.greenF(), color.blueF(), color.alphaF());
+}
+
+void TQGLEffect::prepareToDrawWithTexture(uint32_t name) {
+    textured_ = true;
+    bindAndUpload();
+    if (program_ == nullptr)
+        return;
+    gl_->glActiveTexture(GL_TEXTURE0);
+    gl_->glBindTexture(GL_TEXTURE_2D, name);
+}
+
+void TQGLEffect::bindAndUpload() {
+    if (program_ == nullptr)
+        return;
+    program_->bind();
+    gl_->glUniformMatrix4fv(uProjection_, 1, GL_FALSE, projection_.data());
+    gl_->glUniform4fv(uColor_, 1, color_.data());
+    gl_->glUniform1f(uTextured_, textured_ ? 1.0f : 0.0f);
+    gl_->glUniform1i(uTexture_, 0);
+    // Vertex data come from client memory, so no buffer may stay bound.
+    gl_->glBindBuffer(GL_ARRAY_BUFFER, 0);
+    gl_->glEnableVertexAttribArray(kAttribPosition);
+}
+
+void TQGLEffect::drawStrip(const Quad& quad, bool textured) {
+    std::array<GLfloat, 8> positions{};
+    std::array<GLfloat, 8> texCoords{};
+    for (size_t i = 0; i < 4; ++i) {
+        positions[2 * i] = static_cast<GLfloat>(quad.vertices[i].x());
+        positions[2 * i + 1] = static_cast<GLfloat>(quad.vertices[i].y());
+        texCoords[2 * i] = static_cast<GLfloat>(quad.texCoords[i].x());
+        texCoords[2 * i + 1] = static_cast<GLfloat>(quad.texCoords[i].y());
+    }
+    gl_->glVertexAttribPointer(kAttribPosition, 2, GL_FLOAT, GL_FALSE, 0, positions.data());
+    if (textured) {
+        gl_->glEnableVertexAttribArray(kAttribTexCoord0);
+        gl_->glVertexAttribPointer(kAttribTexCoord0, 2, GL_FLOAT, GL_FALSE, 0, texCoords.data());
+    }
+    gl_->glDrawArrays(GL_TRIANGLE_STRIP, 0, 4);
+    if (textured)
+        gl_->glDisableVertexAttribArray(kAttribTexCoord0);
+}
+
+void TQGLEffect::rysujLiniePoint1(QPointF point1, QPointF point2) {
+    if (program_ == nullptr)
+        return;
+    const std::array<GLfloat, 4> positions{
+        static_cast<GLfloat>(point1.x()), static_cast<GLfloat>(point1.y()),
+        static_cast<GLfloat>(point2.x()), static_cast<GLfloat>(point2.y())};
+    gl_->glVertexAttribPointer(kAttribPosition, 2, GL_FLOAT, GL_FALSE, 0, positions.data());
+    gl_->glDrawArrays(GL_LINES, 0, 2);
+}
+
+void TQGLEffect::rysujRectanglePoint1(QPointF point1, QPointF point2) {
+    if (program_ == nullptr)
+        return;
+    drawStrip(rectangleQuad(point1, point2), false);
+}
+
+void TQGLEffect::rysujTexture(uint32_t name, QPointF point1, QPointF point2) {
+    rysujTexture(name, QPointF(point1.x(), point1.y()), QPointF(point2.x(), point1.y()),
+                 QPointF(point1.x(), point2.y()), QPointF(point2.x(), point2.y()));
+}
+
+void TQGLEffect::rysujTexture(uint32_t name, QPointF point1, QPointF point2, QPointF point3,
+                              QPointF point4) {
+    if (program_ == nullptr || name == 0)
+        return;
+    prepareToDrawWithTexture(name);
+    gl_->glDisable(GL_BLEND);
+    drawStrip({{point1, point2, point3, point4}, kPlainTexCoords}, true);
+}
+
+std::optional<TQGLEffect::Quad> TQGLEffect::textQuad(QSizeF texturePixels, QPointF anchor,
+                                                     double scale, int textDrawOrientation,
+                                                     QSizeF frameSize, double contentScaleFactor) {
+    const double k = scale / contentScaleFactor;
+    const double tw = texturePixels.width();
+    const double th = texturePixels.height();
+    const double W = frameSize.width();
+    const double H = frameSize.height();
+    // Upright extent, and the extent of a label turned to run along y.
+    const double wu = tw * k / W;
+    const double hu = th * k / H;
+    const double rx = th * k / W;
+    const double ry = tw * k / H;
+    const double x = anchor.x();
+    const double y = anchor.y();
+
+    double xmin = 0, xmax = 0, ymin = 0, ymax = 0;
+    std::array<QPointF, 4> texCoords = kPlainTexCoords;
+    switch (textDrawOrientation) {
+    case 0:
+        xmin = x;
+        xmax = x + wu;
+        ymin = y;
+        ymax = y + hu;
+        break;
+    case 1:
+        xmin = x - wu;
+        xmax = x;
+        ymin = y;
+        ymax = y + hu;
+        break;
+    case 2:
+        xmin = x - wu;
+        xmax = x;
+        ymin = y - hu / 2;
+        ymax = y + hu / 2;
+        break;
+    case 3:
+        xmin = x - wu / 2;
+        xmax = x + wu / 2;
+        ymin = y - hu;
+        ymax = y;
+        break;
+    case 4:
+        xmin = x - wu / 2;
+        xmax = x + wu / 2;
+        ymin = y;
+        ymax = y + hu;
+        break;
+    case 5:
+        xmin = x - rx;
+        xmax = x;
+        ymin = y - ry / 2;
+        ymax = y + ry / 2;
+        texCoords = kBottomToTopTexCoords;
+        break;
+    case 6:
+        xmin = x;
+        xmax = x + rx;
+        ymin = y - ry / 2;
+        ymax = y + ry / 2;
+        texCoords = kTopToBottomTexCoords;
+        break;
+    case 7:
+        xmin = x - rx / 2;
+        xmax = x + rx / 2;
+        ymin = y - ry;
+        ymax = y;
+        texCoords = kBottomToTopTexCoords;
+        break;
+    case 8:
+        xmin = x - rx / 2;
+        xmax = x + rx / 2;
+        ymin = y - ry;
+        ymax = y;
+        texCoords = kTopToBottomTexCoords;
+        break;
+    case 9:
+        xmin = x - wu / 2;
+        xmax = x + wu / 2;
+        ymin = y - hu / 2;
+        ymax = y + hu / 2;
+        break;
+    default:
+        return std::nullopt;
+    }
+    return Quad{
+        {QPointF(xmin, ymin), QPointF(xmax, ymin), QPointF(xmin, ymax), QPointF(xmax, ymax)},
+        texCoords};
+}
+
+bool TQGLEffect::quadFitsBounds(const Quad& quad, const QRectF& bounds) {
+    if (bounds.isEmpty())
+        return true;
+    const double x0 = std::min(bounds.left(), bounds.right());
+    const double x1 = std::max(bounds.left(), bounds.right());
+    const double y0 = std::min(bounds.top(), bounds.bottom());
+    const double y1 = std::max(bounds.top(), bounds.bottom());
+    const auto inside = [&](QPointF p) {
+        return p.x() >= x0 && p.x() <= x1 && p.y() >= y0 && p.y() <= y1;
+    };
+    return inside(quad.vertices[0]) && inside(quad.vertices[3]);
+}
+
+void TQGLEffect::rysujTextTexture(const TQTexture* texture, QPointF inPoint, float scale,
+                                  int textDrawOrientation, QSizeF frameSize, QRectF rectMaxBounds) {
+    if (program_ == nullptr || texture == nullptr || texture->name() == 0)
+        return;
+    const auto quad = textQuad(QSizeF(texture->width(), texture->height()), inPoint, scale,
+                               textDrawOrientation, frameSize, contentScaleFactor_);
+    if (!quad || !quadFitsBounds(*quad, rectMaxBounds))
+        return;
+    prepareToDrawWithTexture(texture->name());
+    gl_->glEnable(GL_BLEND);
+    gl_->glBlendFunc(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA);
+    drawStrip(*quad, true);
+    gl_->glDisable(GL_BLEND);
+}
+
+std::shared_ptr<TQTexture> TQGLEffect::convertToTextureText(const QString& text, const QFont& font,
+                                                            const QColor& color) {
+    const QFontMetricsF metrics(font);
+    const QSizeF points(std::ceil(metrics.horizontalAdvance(text)), std::ceil(metrics.height()));
+    const QSize pixels(static_cast<int>(std::ceil(points.width() * contentScaleFactor_)),
+                       static_cast<int>(std::ceil(points.height() * contentScaleFactor_)));
+    if (pixels.isEmpty())
+        return std::make_shared<TQTexture>(0, 0, 0);
+    const QImage canvas = flippedCanvas(pixels, contentScaleFactor_, [&](QPainter& painter) {
+        painter.setFont(font);
+        painter.setPen(color);
+        painter.drawText(QRectF(QPointF(0, 0), points), Qt::AlignLeft | Qt::AlignVCenter, text);
+    });
+    return TQTexture::textureWithCGImage(canvas);
+}
+
+std::shared_ptr<TQTexture> TQGLEffect::convertToTextureUIImage(const QImage& image) {
+    if (image.isNull())
+        return std::make_shared<TQTexture>(0, 0, 0);
+    const QImage canvas = flippedCanvas(image.size(), 1.0,
+                                        [&](QPainter& painter) { painter.drawImage(0, 0, image); });
+    return TQTexture::textureWithCGImage(canvas);
+}
+
+int TQGLEffect::skokWyswietlaniaDlaTekstury(const TQTexture& texture, int textureCount,
+                                            QSizeF frameSize, bool horizontal,
+                                            const AffineTransform& transform) const {
+    const double labelSize = horizontal
+                                 ? texture.width() / frameSize.width() / contentScaleFactor_
+                                 : texture.height() / frameSize.height() / contentScaleFactor_;
+    return labelStep(labelSize, textureCount, horizontal ? transform.a : transform.d, horizontal,
+                     DeviceClass::isPad());
+}
+
+int TQGLEffect::labelStep(double labelSize, int textureCount, double zoom, bool horizontal,
+                          bool pad) {
+    if (textureCount < 2 || !std::isfinite(labelSize) || labelSize <= 0.0)
+        return 1;
+    // Whole zoom levels only, so that the step does not flicker while zooming.
+    const double z = std::trunc(std::max(zoom, 1.0));
+    const double u = 1.0 / (textureCount - 1);
+    const double needed = (horizontal ? 1.5 : (pad ? 1.8 : 1.2)) * labelSize;
+    static constexpr int kFirstSteps[] = {1, 2, 5, 10, 20, 50};
+    for (int k : kFirstSteps) {
+        if (u * k * z >= needed)
+            return k;
+    }
+    int k = 100;
+    while (u * k * z < needed && k < (1 << 29))
+        k *= 2;
+    return k;
+}
+
+} // namespace widmo

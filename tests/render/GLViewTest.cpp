@@ -1,0 +1,96 @@
+#include "render/TQGLView.h"
+
+#include <QElapsedTimer>
+#include <QTest>
+
+#include <gtest/gtest.h>
+
+using widmo::TQGLView;
+
+namespace {
+
+class CountingView : public TQGLView {
+public:
+    using TQGLView::TQGLView;
+    int frames = 0;
+
+protected:
+    void drawGLRect(const QRectF&) override {
+        ++frames;
+        gl()->glClearColor(0.2f, 0.4f, 0.6f, 1.0f);
+        gl()->glClear(GL_COLOR_BUFFER_BIT);
+    }
+};
+
+// Runs the event loop until `done` or `ms` have passed.
+template <typename F> void spinUntil(F done, int ms) {
+    QElapsedTimer t;
+    t.start();
+    while (!done() && t.elapsed() < ms)
+        QTest::qWait(5);
+}
+
+class GLViewTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        view.resize(120, 80);
+        view.show();
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(&view));
+        spinUntil([&] { return view.isFrameDriverPaused(); }, 3000);
+        QTest::qWait(50);
+    }
+    CountingView view;
+};
+
+TEST_F(GLViewTest, redrawRequestDrawsSixtyFramesThenStops) {
+    ASSERT_TRUE(view.isFrameDriverPaused());
+    const int idle = view.frames;
+    QTest::qWait(200);
+    EXPECT_EQ(view.frames, idle) << "an idle view kept drawing";
+
+    view.setNeedsDisplay();
+    EXPECT_FALSE(view.isFrameDriverPaused());
+    spinUntil([&] { return view.isFrameDriverPaused(); }, 5000);
+    ASSERT_TRUE(view.isFrameDriverPaused());
+    const int drawn = view.frames - idle;
+    EXPECT_GE(drawn, 60);
+    EXPECT_LE(drawn, 62); // an expose may add a frame
+    EXPECT_GT(view.timeSinceLastDraw(), 0.0);
+    EXPECT_EQ(view.framesPerSecond(), 60.0);
+
+    QTest::qWait(200);
+    EXPECT_EQ(view.frames - idle, drawn) << "frames after the driver paused";
+
+    // A second request starts it again.
+    view.setNeedsDisplay();
+    spinUntil([&] { return view.frames > idle + drawn + 5; }, 3000);
+    EXPECT_GT(view.frames, idle + drawn + 5);
+}
+
+TEST_F(GLViewTest, everyFrameAndLayoutAnimationKeepItRunning) {
+    CountingView child(&view);
+    view.setRefreshViewEveryFrame(true);
+    spinUntil([&] { return view.frames > 80; }, 5000);
+    EXPECT_GT(view.frames, 80);
+    EXPECT_FALSE(view.isFrameDriverPaused());
+    view.setRefreshViewEveryFrame(false);
+    spinUntil([&] { return view.isFrameDriverPaused(); }, 3000);
+    EXPECT_TRUE(view.isFrameDriverPaused()) << "frames left from no request";
+
+    view.setViewLayoutIsAnimating(true);
+    EXPECT_TRUE(child.viewLayoutIsAnimating());
+    EXPECT_FALSE(view.isFrameDriverPaused());
+    EXPECT_FALSE(child.isFrameDriverPaused());
+    view.setViewLayoutIsAnimating(false);
+    EXPECT_TRUE(view.isFrameDriverPaused());
+    EXPECT_TRUE(child.isFrameDriverPaused());
+
+    // Child views get their request queued, not at once.
+    view.setNeedsDisplayWithSubviews();
+    EXPECT_EQ(view.needsDisplayFrames(), TQGLView::kRedrawFrames);
+    EXPECT_EQ(child.needsDisplayFrames(), 0);
+    QCoreApplication::processEvents();
+    EXPECT_GT(child.needsDisplayFrames(), 0);
+}
+
+} // namespace
