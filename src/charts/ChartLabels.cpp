@@ -1,8 +1,21 @@
 #include "charts/ChartLabels.h"
 
 #include <cmath>
+#include <cstdio>
 
 namespace widmo {
+
+namespace {
+
+// C's printf rounding (an exact half rounds to even: 15.625 reads "15.62"),
+// which the label texts are defined by; QString::asprintf rounds halves up.
+template <typename... Args> QString cformat(const char* format, Args... args) {
+    char text[64];
+    std::snprintf(text, sizeof text, format, args...);
+    return QString::fromLatin1(text);
+}
+
+} // namespace
 
 const char* const ChartLabels::kTitleFrequencyLinear = "Frequency (kHz)";
 const char* const ChartLabels::kTitleFrequencyLogaritmic = "Frequency (Hz)";
@@ -14,7 +27,7 @@ const char* const ChartLabels::kTitleFFTWindow = "FFT Window (points)";
 QStringList ChartLabels::dbLabels() {
     QStringList labels;
     for (int i = 0; i < kDBLabelsCount; ++i)
-        labels << QString::asprintf("%.0f", -144.0 * (18 - i) / 18.0);
+        labels << cformat("%.0f", -144.0 * (18 - i) / 18.0 + 0.0); // "0", not "-0", at the top
     return labels;
 }
 
@@ -22,7 +35,7 @@ QStringList ChartLabels::linearGainLabels(float gainDB) {
     const double g = std::pow(10.0, gainDB / 20.0);
     QStringList labels;
     for (int k = 0; k < kLinearGainLabelsCount; ++k)
-        labels << QString::asprintf("%.4f", (k / 20.0) / g);
+        labels << cformat("%.4f", (k / 20.0) / g);
     return labels;
 }
 
@@ -30,7 +43,7 @@ QStringList ChartLabels::osciloscopeAmplitudeLabels(float gainDB, bool negative)
     const double g = std::pow(10.0, gainDB / 20.0);
     QStringList labels;
     for (int k = 0; k < kOsciloscopeAmplitudeLabelsCount; ++k)
-        labels << QString::asprintf(negative ? "-%.4f" : "%.4f", (k / 10.0) / g);
+        labels << cformat(negative ? "-%.4f" : "%.4f", (k / 10.0) / g);
     return labels;
 }
 
@@ -43,7 +56,7 @@ QStringList ChartLabels::osciloscopePointsLabels(int32_t fftSize) {
 
 QString ChartLabels::linearFrequencyLabel(int32_t k, float minValue) {
     const double kHz = k * static_cast<double>(minValue) / 1000.0;
-    return minValue < 1000.0f ? QString::asprintf("%.1f", kHz) : QString::asprintf("%.0f  ", kHz);
+    return minValue < 1000.0f ? cformat("%.1f", kHz) : cformat("%.0f  ", kHz);
 }
 
 QString ChartLabels::widestLinearFrequencyLabel(int32_t count, float minValue) {
@@ -62,8 +75,8 @@ std::vector<int32_t> ChartLabels::logaritmicFrequencies(float maxFrequency) {
 }
 
 QString ChartLabels::logaritmicLabel(int32_t frequency) {
-    return frequency < 1000 ? QString::asprintf("%d ", frequency)
-                            : QString::asprintf("%dk ", frequency / 1000);
+    return frequency < 1000 ? cformat("%d ", frequency)
+                            : cformat("%dk ", frequency / 1000);
 }
 
 QStringList ChartLabels::octaveRTALabels() {
@@ -71,13 +84,13 @@ QStringList ChartLabels::octaveRTALabels() {
     for (int k = 0; k < kOctaveRTALabelsCount; ++k) {
         const double f = 15.625 * std::exp2(k);
         if (k < 2)
-            labels << QString::asprintf("%.2f", f);
+            labels << cformat("%.2f", f);
         else if (k == 2)
-            labels << QString::asprintf("%.1f", f);
+            labels << cformat("%.1f", f);
         else if (f < 1000.0)
-            labels << QString::asprintf("%.0f", f);
+            labels << cformat("%.0f", f);
         else
-            labels << QString::asprintf("%.0fk", f / 1000.0);
+            labels << cformat("%.0fk", f / 1000.0);
     }
     return labels;
 }

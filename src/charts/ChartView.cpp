@@ -330,7 +330,8 @@ void ChartView::drawXLabel(const TQTexture* texture, double contentX,
     const double w = std::max(1, width());
     const double h = std::max(1, height());
     const QPointF anchor(mapFromChart(QPointF(contentX, 0.0)).x(), chart.y() - kLabelGap / h);
-    const QRectF bounds(chart.x() - kLabelSlack / w, 0.0, chart.width() + 2.0 * kLabelSlack / w,
+    // The meter stands right of the chart and would cover a label reaching past it.
+    const QRectF bounds(chart.x() - kLabelSlack / w, 0.0, chart.width() + (kLabelSlack + 2.0) / w,
                         1.0);
     if (taken != nullptr) {
         const auto quad =
