@@ -150,6 +150,8 @@ int main(int argc, char** argv) {
         std::printf("  of which intake %.1f us, vertex fill %.1f us\n",
                     gNanos["BM_DataIntake65536"] / 1e3, gNanos["BM_VertexFill65536"] / 1e3);
     }
+    // The views go before the application object does.
+    rig().view.reset();
     benchmark::Shutdown();
     return 0;
 }

@@ -75,8 +75,7 @@ std::vector<int32_t> ChartLabels::logaritmicFrequencies(float maxFrequency) {
 }
 
 QString ChartLabels::logaritmicLabel(int32_t frequency) {
-    return frequency < 1000 ? cformat("%d ", frequency)
-                            : cformat("%dk ", frequency / 1000);
+    return frequency < 1000 ? cformat("%d ", frequency) : cformat("%dk ", frequency / 1000);
 }
 
 QStringList ChartLabels::octaveRTALabels() {
