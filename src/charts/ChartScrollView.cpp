@@ -42,7 +42,12 @@ ChartScrollView::ChartScrollView(AnalyzerDefaults& defaults, ChartView* chartVie
     clearData();
 }
 
-ChartScrollView::~ChartScrollView() = default;
+ChartScrollView::~ChartScrollView() {
+    // The panel goes first, while this object is still whole: the base view
+    // watches it for destruction.
+    setMeasuringView(nullptr);
+    delete measuringPanel_;
+}
 
 bool ChartScrollView::pad() const { return DeviceClass::isPad(this); }
 
