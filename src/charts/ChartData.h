@@ -1,0 +1,120 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+namespace widmo {
+
+class AnalyzerDefaults;
+
+/// The data side of the second chart: what each analysed interval becomes
+/// before it is drawn.
+///
+/// `addFFTdata` takes one interval's raw power spectrum (`fftOutSize` values,
+/// a full-scale sine reads 1.0) and its FFT-window samples (`fftSize` values),
+/// computes the broadband level `levelDB`, and converts the spectrum into the
+/// next of 16 display slots: dB with a -144 dB floor, or linear magnitude,
+/// by `valuesInDB`. `updateOctaveRTA` integrates the latest raw spectrum into
+/// fractional-octave bands with interpolated band edges, averages them with
+/// the attack and release of `octaveRTABandAverageType`, and keeps minimum and
+/// maximum holds that decay after `octaveRTAMinMaxDecayTime` seconds.
+///
+/// All buffers are allocated once, at construction, at their largest sizes;
+/// nothing allocates per interval or per frame. The settings are read from the
+/// `AnalyzerDefaults` at every call.
+///
+/// Threading: main thread only (the engine's display timer and the frame
+/// callback of the chart).
+class ChartData {
+public:
+    static constexpr int32_t kRingSlots = 16;
+    static constexpr int32_t kSlotSize = 32768;
+    static constexpr int32_t kMaxWindowSize = 65536;
+    static constexpr int32_t kBands = 169;
+    static constexpr float kFloorDB = -144.0f;
+
+    /// `defaults` must outlive this object.
+    explicit ChartData(AnalyzerDefaults& defaults);
+    ChartData(const ChartData&) = delete;
+    ChartData& operator=(const ChartData&) = delete;
+
+    /// One interval: `fftData` holds `fftOutSize` power values, `fftWindowData`
+    /// the `fftSize` samples of its window; both are copied here, because the
+    /// FFT engine reuses its result slots while the chart still draws them.
+    /// `eggWindowData` is the second channel's window of the EGG product.
+    /// A null `fftData` or `fftWindowData` is ignored.
+    void addFFTdata(const float* fftData, const float* fftWindowData, const float* eggWindowData);
+
+    /// Forgets the shown data (no spectrum, no window), `levelDB` = -144 and
+    /// `clearOctaveRTAValues`.
+    void clearData();
+    /// Every band value to -144 dB, then `clearOctaveRTAMinMaxLevels`.
+    void clearOctaveRTAValues();
+    /// Minimum holds to 0 dB, maximum holds to -144 dB, both timers to 1 s,
+    /// no minimum started. The averaged values stay as they are.
+    void clearOctaveRTAMinMaxLevels();
+
+    /// One drawn frame of the RTA chart: band update from the latest raw
+    /// spectrum. `refreshEveryFrame` is whether the view draws every frame (the
+    /// analyser runs; only then do the holds decay); `timeSinceLastDraw` in
+    /// seconds counts the hold timers down. Nothing without data or while the
+    /// band tables are not valid.
+    void updateOctaveRTA(bool refreshEveryFrame, double timeSinceLastDraw);
+
+    /// Broadband level of the last interval in dBFS; minus infinity for an
+    /// all-zero spectrum (no floor is applied).
+    float levelDB() const { return levelDB_; }
+    /// Closed quotient of the last interval (0 without the EGG product).
+    float closedQuotient() const { return closedQuotient_; }
+
+    /// The display spectrum of the last interval (`fftOutSize` values, dB or
+    /// linear); null when there is no data.
+    const float* fftOutData() const { return mFFTOutData; }
+    /// The last interval's window samples (`fftSize` values); null without data.
+    const float* fftWindowData() const { return mFFTWindowData; }
+    /// The last interval's raw power spectrum; null without data. Two zero
+    /// values follow the `fftOutSize` values (the band edges read past the end).
+    const float* rawFFTData() const { return mRAWFFTData; }
+    /// Ring slot that the next interval will use (0..15).
+    int32_t aktBuforFFTOutData() const { return mAktBuforFFTOutData; }
+    /// Start of display slot `slot` (0..15).
+    const float* displaySlot(int32_t slot) const {
+        return mBuforyFFTOutData.data() + static_cast<size_t>(slot) * kSlotSize;
+    }
+
+    /// Per band, indexed by band number (`octaveRTAMinIndex` .. `octaveRTAMaxIndex`).
+    const std::array<float, kBands>& octaveRTAValues() const { return mOctaveRTAValues; }
+    const std::array<float, kBands>& octaveRTAMinValues() const { return mOctaveRTAMinValues; }
+    const std::array<float, kBands>& octaveRTAMaxValues() const { return mOctaveRTAMaxValues; }
+    const std::array<float, kBands>& octaveRTAMinTimer() const { return mOctaveRTAMinTimer; }
+    const std::array<float, kBands>& octaveRTAMaxTimer() const { return mOctaveRTAMaxTimer; }
+    const std::array<bool, kBands>& octaveRTAMinStarted() const { return mOctaveRTAMinStarted; }
+
+    /// Attack (rising) and release (falling) coefficients of an averaging type.
+    static void averageCoefficients(int32_t averageType, float* attack, float* release);
+
+private:
+    AnalyzerDefaults& mDefaults;
+
+    const float* mFFTWindowData = nullptr;
+    const float* mFFTOutData = nullptr;
+    const float* mRAWFFTData = nullptr;
+    std::vector<float> mBuforyFFTOutData;
+    int32_t mAktBuforFFTOutData = 0;
+    // Copies of the engine's buffers of the last interval (see addFFTdata).
+    std::vector<float> mRawCopy;
+    std::vector<float> mWindowCopy;
+    std::array<float, kBands> mNewOctaveRTAValues{};
+    std::array<float, kBands> mOctaveRTAValues{};
+    std::array<float, kBands> mOctaveRTAMinValues{};
+    std::array<float, kBands> mOctaveRTAMaxValues{};
+    std::array<float, kBands> mOctaveRTAMinTimer{};
+    std::array<float, kBands> mOctaveRTAMaxTimer{};
+    std::array<bool, kBands> mOctaveRTAMinStarted{};
+    float levelDB_ = kFloorDB;
+    float closedQuotient_ = 0.0f;
+};
+
+} // namespace widmo

@@ -1,0 +1,88 @@
+#pragma once
+
+#include "render/AffineTransform.h"
+
+#include <QPointF>
+
+#include <cstdint>
+#include <vector>
+
+namespace widmo {
+
+/// One grid line in chart content space (x, y from 0 to 1 before zoom) with
+/// its width in pixels.
+struct GridLine {
+    QPointF p1;
+    QPointF p2;
+    float width = 1.0f;
+};
+
+/// Where the measuring cursor lands after snapping to the nearest data point.
+struct MeasurePosition {
+    double position = 0.0;  ///< x in content space
+    int32_t index = 0;      ///< spectrum bin, band number or window point (from 0)
+    double frequency = 0.0; ///< Hz (spectrum and RTA)
+};
+
+/// The arithmetic of the second chart's drawing: curve vertices, grid lines,
+/// the cursor's snapping and the zoom limits. Plain functions, so that the
+/// drawing code only hands their results to GL.
+///
+/// Threading: stateless; any thread.
+class ChartGeometry {
+public:
+    ChartGeometry() = delete;
+
+    /// Chart height of a level in dB: -144 dB at 0, 0 dB at 1.
+    static double levelToY(double levelDB) { return levelDB / 144.0 + 1.0; }
+
+    /// Spectrum curve: `count` vertices (x, y pairs) into `xy`, mapped through
+    /// `transform`. x = i / count on a linear axis, else `logPoints`[i]; y =
+    /// value / 144 + 1 in dB, else `gain` · value. Vertex 0 then takes x = 0 and
+    /// the y of vertex 1, so that the DC bin never shows and the curve starts at
+    /// the left edge. `count` must be at least 2.
+    static void spectrumPoints(const float* values, int32_t count, const float* logPoints,
+                               bool linearFrequency, bool valuesInDB, float gain,
+                               const AffineTransform& transform, float* xy);
+    /// Oscilloscope trace: x = i / count, y = 0.5 + 0.5 · gain · sample.
+    static void osciloscopePoints(const float* samples, int32_t count, float gain,
+                                  const AffineTransform& transform, float* xy);
+
+    /// Spectrum grid, vertical lines: linear axis every `step`-th of `labelCount`
+    /// labels `labelMinValue` Hz apart (a line's width decides the next line's:
+    /// 2 after a whole frequency, else 1), or on the logarithmic axis 20, 30, ...,
+    /// 100, 100 again (width 2), 200, ... up to `maxFrequency`; horizontal lines
+    /// every 8 dB (dB mode) or every 0.05 (linear).
+    static void spectrumGrid(bool linearFrequency, bool valuesInDB, double maxFrequency,
+                             double logStartFrequency, double logIntervalDelta,
+                             double labelMinValue, int32_t labelCount, int32_t step,
+                             std::vector<GridLine>& out);
+    /// Oscilloscope grid: 31 vertical lines at k/32 - 1/fftSize (even k wider),
+    /// 19 horizontal at 0.05 steps (the zero line wider).
+    static void osciloscopeGrid(int32_t fftSize, std::vector<GridLine>& out);
+    /// RTA grid: vertical lines at band centres (all bands with 1 or 3 bands per
+    /// octave, every second with 6, every fourth with 12, none otherwise; wider
+    /// at whole octaves); horizontal lines every 8 dB.
+    static void octaveRTAGrid(int32_t bandsPerOctave, int32_t minIndex, int32_t maxIndex,
+                              std::vector<GridLine>& out);
+
+    /// Snaps a cursor at content x to the nearest spectrum bin.
+    static MeasurePosition measureSpectrum(double x, bool linearFrequency, int32_t fftOutSize,
+                                           double maxFrequency, double logStartFrequency,
+                                           double logIntervalDelta);
+    /// Snaps to the centre of the nearest band; `index` is the band number.
+    static MeasurePosition measureOctaveRTA(double x, int32_t minIndex, int32_t maxIndex,
+                                            const float* bandFrequencies);
+    /// Snaps to the nearest window sample; `index` counts from 0.
+    static MeasurePosition measureOsciloscope(double x, int32_t fftSize);
+
+    /// Largest zoom of the chart view per axis (before the view's raise to 2):
+    /// horizontal L / 3.5 on a tablet, L / 3 on a phone, with L by chart type
+    /// (oscilloscope fftSize / 2048 · 33; RTA 14; spectrum: logarithmic
+    /// `logLabelCount` · fftSize / 2048, linear `linearLabelCount`); vertical
+    /// 90/19 on a tablet, 6 on a phone.
+    static QPointF maxContentZoom(int32_t typeOfChart, bool linearFrequency, int32_t logLabelCount,
+                                  int32_t linearLabelCount, int32_t fftSize, bool pad);
+};
+
+} // namespace widmo

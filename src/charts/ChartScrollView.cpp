@@ -1,0 +1,521 @@
+#include "charts/ChartScrollView.h"
+
+#include "charts/ChartView.h"
+#include "core/AnalyzerDefaults.h"
+#include "dsp/MusicConverter.h"
+#include "render/DeviceClass.h"
+#include "render/LevelMeterView.h"
+
+#include <QFontMetrics>
+#include <QGridLayout>
+#include <QLabel>
+#include <QVariantMap>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+
+namespace widmo {
+
+namespace {
+
+constexpr float kGridGrey = 0.12f;
+constexpr float kNoLevelY = -999.0f; // the level line of a cursor without data, off the chart
+
+const char* const kTitles[ChartScrollView::kLabelCount] = {"Frequency", "Note",    "Time",
+                                                           "SPL",       "RMS Max", "RMS Min"};
+
+double gainFactor(float gainDB) { return std::pow(10.0, gainDB / 20.0); }
+
+} // namespace
+
+ChartScrollView::ChartScrollView(AnalyzerDefaults& defaults, ChartView* chartView, QWidget* parent)
+    : TQGLScrollView(parent), mDefaults(defaults), data_(defaults),
+      mPointsOfChart(2 * static_cast<size_t>(ChartData::kMaxWindowSize), 0.0f),
+      chartView_(chartView) {
+    mGrid.reserve(128);
+    setDoubleTapZoomType(0);
+    setMeasureScrollType(0);
+    // Touches near the edge still count: the margin of one line width.
+    setBorderWidth(pad() ? 2.0f : 1.0f);
+    prepareMeasuringWindow();
+    clearData();
+}
+
+ChartScrollView::~ChartScrollView() {
+    // The panel goes first, while this object is still whole: the base view
+    // watches it for destruction.
+    setMeasuringView(nullptr);
+    delete measuringPanel_;
+}
+
+bool ChartScrollView::pad() const { return DeviceClass::isPad(this); }
+
+int32_t ChartScrollView::typeOfChart() const {
+    return chartView_ != nullptr ? chartView_->typeOfChart() : 0;
+}
+
+void ChartScrollView::setLevelMeterView(LevelMeterView* meter) { levelMeterView_ = meter; }
+
+void ChartScrollView::addFFTdata(const float* fftData, const float* fftWindowData,
+                                 const float* eggWindowData) {
+    data_.addFFTdata(fftData, fftWindowData, eggWindowData);
+    if (levelMeterView_ != nullptr) {
+        levelMeterView_->setLevelDB(data_.levelDB());
+        levelMeterView_->setNeedsDisplay();
+    }
+    setNeedsDisplay();
+}
+
+void ChartScrollView::clearData() {
+    data_.clearData();
+    if (levelMeterView_ != nullptr)
+        levelMeterView_->setLevelDB(ChartData::kFloorDB);
+    setMeasuringActivated(false);
+    if (TQGLScrollView* partner = scrollViewDelegate()) {
+        partner->setMeasuringActivated(false);
+        partner->setNeedsDisplay();
+    }
+    setNeedsDisplay();
+}
+
+void ChartScrollView::setScrollViewDelegate(TQGLScrollViewInterface* partner) {
+    TQGLScrollView::setScrollViewDelegate(dynamic_cast<TQGLScrollView*>(partner));
+}
+
+double ChartScrollView::getValueForParameters(const QVariant& parameters) {
+    const QVariantMap map = parameters.toMap();
+    const float* out = data_.fftOutData();
+    const double maxFrequency = mDefaults.maxFrequency();
+    const int32_t n = mDefaults.fftOutSize();
+    if (!map.contains("levelForFrequency") || out == nullptr || maxFrequency <= 0.0 || n < 1)
+        return std::numeric_limits<double>::quiet_NaN();
+    const double f = map.value("levelForFrequency").toDouble();
+    const auto bin = static_cast<int32_t>(std::lround(f * n / maxFrequency));
+    return out[std::clamp(bin, 0, n - 1)];
+}
+
+// --- Measuring ------------------------------------------------------------------------
+
+QPointF ChartScrollView::recalculateMeasuringActualPosition(QPointF position) {
+    switch (typeOfChart()) {
+    case 1: {
+        const MeasurePosition m =
+            ChartGeometry::measureOsciloscope(position.x(), mDefaults.fftSize());
+        mMeasurePointId = m.index;
+        setValueText(Label1, QString::asprintf("%d", m.index + 1));
+        return {m.position, position.y()};
+    }
+    case 2: {
+        const MeasurePosition m = ChartGeometry::measureOctaveRTA(
+            position.x(), mDefaults.octaveRTAMinIndex(), mDefaults.octaveRTAMaxIndex(),
+            mDefaults.octaveRTAFequencies());
+        mMeasureIdFrequency = m.index;
+        mMeasureFrequency = static_cast<float>(m.frequency);
+        setValueText(Label1, QString::asprintf("%.1f Hz", m.frequency));
+        setValueText(Label1B, MusicConverter::convertToNote(m.frequency));
+        return {m.position, position.y()};
+    }
+    default: {
+        const MeasurePosition m = ChartGeometry::measureSpectrum(
+            position.x(), mDefaults.linearFrequency(), mDefaults.fftOutSize(),
+            mDefaults.maxFrequency(), mDefaults.logStartFrequency(), mDefaults.logIntervalDelta());
+        mMeasureIdFrequency = m.index;
+        mMeasureFrequency = static_cast<float>(m.frequency);
+        setValueText(Label1, QString::asprintf("%.1f Hz", m.frequency));
+        setValueText(Label1B, MusicConverter::convertToNote(m.frequency));
+        return {m.position, position.y()};
+    }
+    }
+}
+
+void ChartScrollView::updateMeasuringActualPositionWith(double frequency) {
+    const double maxFrequency = mDefaults.maxFrequency();
+    if (maxFrequency <= 0.0 || typeOfChart() == 1)
+        return;
+    double x = frequency / maxFrequency;
+    if (typeOfChart() == 2) {
+        // The band whose centre lies nearest on the band axis.
+        const int32_t minIndex = mDefaults.octaveRTAMinIndex();
+        const int32_t n = mDefaults.octaveRTAMaxIndex() + 1 - minIndex;
+        const int32_t bands = std::max(1, mDefaults.octaveRTABandsPerOctave());
+        if (n < 1 || frequency <= 0.0)
+            return;
+        const double band = std::log2(frequency / 15.625) * bands;
+        x = (band - minIndex + 0.5) / n;
+    } else if (!mDefaults.linearFrequency()) {
+        if (frequency <= 0.0 || mDefaults.logIntervalDelta() <= 0.0f)
+            return;
+        x = std::log2(frequency / mDefaults.logStartFrequency()) / mDefaults.logIntervalDelta();
+    }
+    setMeasuringActivated(true);
+    setMeasuringActualPosition(QPointF(x, measuringActualPosition().y()));
+}
+
+void ChartScrollView::changeMeasuringTypeOpisy() {
+    const int32_t type = typeOfChart();
+    if (TQGLScrollView* partner = scrollViewDelegate(); partner && partner->measuringActivated()) {
+        if (type == 1)
+            setMeasuringActivated(false);
+        updateMeasuringActualPositionWith(partner->getValueForKey("measureFrequency"));
+        measuringActualPositionDidChanged();
+    }
+    const auto title = [&](MeasureLabel label, const char* text) {
+        opisLabels_[label]->setText(QString::fromLatin1(text));
+    };
+    title(Label1, type == 1 ? "Sample" : "Frequency");
+    title(Label3, type == 1 ? "Amplitude" : (type == 2 ? "RMS" : "SPL"));
+    const bool spectrogram = mDefaults.features().featureSpectrogramEnabled();
+    const auto showRow = [&](MeasureLabel label, bool on) {
+        opisLabels_[label]->setVisible(on);
+        valueLabels_[label]->setVisible(on);
+    };
+    showRow(Label1B, type != 1);
+    showRow(Label2, spectrogram);
+    showRow(Label4, type == 2 && mDefaults.octaveRTAMaxValuesEnabled());
+    showRow(Label5, type == 2 && mDefaults.octaveRTAMinValuesEnabled());
+    // Re-snap the cursor for the new chart so that its labels agree.
+    if (measuringActivated())
+        setMeasuringActualPosition(measuringActualPosition());
+    setupMeasuringViewConstraints();
+}
+
+QString ChartScrollView::infoMeasureText() const {
+    const auto pair = [&](MeasureLabel label) {
+        return QStringLiteral("%1 : %2").arg(titleText(label), valueText(label));
+    };
+    QString text = pair(Label1);
+    if (mDefaults.features().featureSpectrogramEnabled())
+        text += QStringLiteral("    ") + pair(Label2);
+    text += QStringLiteral("    ") + pair(Label3);
+    if (mDefaults.octaveRTAMaxValuesEnabled())
+        text += QStringLiteral("    ") + pair(Label4);
+    if (mDefaults.octaveRTAMinValuesEnabled())
+        text += QStringLiteral("    ") + pair(Label5);
+    return text;
+}
+
+QString ChartScrollView::titleText(MeasureLabel label) const { return opisLabels_[label]->text(); }
+
+QString ChartScrollView::valueText(MeasureLabel label) const { return valueLabels_[label]->text(); }
+
+void ChartScrollView::setValueText(MeasureLabel label, const QString& text) {
+    // Only changed texts reach the label: a relayout per frame would be wasted.
+    if (valueLabels_[label]->text() != text)
+        valueLabels_[label]->setText(text);
+}
+
+double ChartScrollView::spectrogramTime() const {
+    TQGLScrollView* partner = scrollViewDelegate();
+    return partner != nullptr ? partner->getValueForKey(QStringLiteral("time")) : 0.0;
+}
+
+QString ChartScrollView::spectrogramTimeText() const {
+    TQGLScrollView* partner = scrollViewDelegate();
+    if (partner == nullptr || !partner->measuringActivated())
+        return {};
+    return QString::asprintf("-%.3f s", spectrogramTime());
+}
+
+void ChartScrollView::prepareMeasuringWindow() {
+    measuringPanel_ = new QWidget(this);
+    measuringPanel_->setObjectName(QStringLiteral("chartMeasuringPanel"));
+    measuringPanel_->setAttribute(Qt::WA_StyledBackground);
+    measuringPanel_->setStyleSheet(QStringLiteral(
+        "#chartMeasuringPanel { background: rgba(20, 20, 20, 200); border: 1px solid #555; }"
+        "QLabel { color: white; background: transparent; }"));
+    auto* grid = new QGridLayout(measuringPanel_);
+    grid->setContentsMargins(6, 4, 6, 4);
+    grid->setHorizontalSpacing(8);
+    grid->setVerticalSpacing(1);
+    QFont font = DeviceClass::systemFont(pad() ? 13.0 : 11.0, false);
+    QFont bold = DeviceClass::systemFont(pad() ? 13.0 : 11.0, true);
+    const QFontMetrics metrics(bold);
+    // The widest texts each value can show size the value column.
+    const int valueWidth = std::max({metrics.horizontalAdvance(QStringLiteral("99999.9 Hz")),
+                                     metrics.horizontalAdvance(QStringLiteral("0.0000 s")),
+                                     metrics.horizontalAdvance(QStringLiteral("-999 dB")),
+                                     metrics.horizontalAdvance(QStringLiteral("C#10 -00.0c"))});
+    for (int i = 0; i < kLabelCount; ++i) {
+        opisLabels_[static_cast<size_t>(i)] = new QLabel(QString::fromLatin1(kTitles[i]));
+        opisLabels_[static_cast<size_t>(i)]->setFont(font);
+        valueLabels_[static_cast<size_t>(i)] = new QLabel;
+        valueLabels_[static_cast<size_t>(i)]->setFont(bold);
+        valueLabels_[static_cast<size_t>(i)]->setMinimumWidth(valueWidth);
+        valueLabels_[static_cast<size_t>(i)]->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
+        grid->addWidget(opisLabels_[static_cast<size_t>(i)], i, 0);
+        grid->addWidget(valueLabels_[static_cast<size_t>(i)], i, 1);
+    }
+    measuringPanel_->hide();
+    setMeasuringView(measuringPanel_);
+    changeMeasuringTypeOpisy();
+}
+
+void ChartScrollView::setupMeasuringViewConstraints() {
+    if (measuringPanel_ == nullptr)
+        return;
+    measuringPanel_->adjustSize();
+    const int margin = pad() ? 8 : 4;
+    measuringPanel_->move(std::max(0, width() - measuringPanel_->width() - margin), margin);
+}
+
+// --- Drawing --------------------------------------------------------------------------
+
+void ChartScrollView::drawGLRect(const QRectF& rect) {
+    TQGLEffect* e = effect();
+    if (e == nullptr)
+        return;
+    if (viewSize_ != rect.size()) {
+        viewSize_ = rect.size();
+        setupMeasuringViewConstraints();
+    }
+    // A margin of one line width on every side keeps lines on the chart's
+    // edges visible: x from -mx to 1 + mx, y from -my to 1 + my.
+    const double p = pad() ? 2.0 : 1.0;
+    const double mx = p / std::max(1.0, rect.width() - 2.0 * p);
+    const double my = p / std::max(1.0, rect.height() - 2.0 * p);
+    const auto sx = static_cast<float>(2.0 / (1.0 + 2.0 * mx));
+    const auto sy = static_cast<float>(2.0 / (1.0 + 2.0 * my));
+    e->setProjection({sx, 0, 0, 0, 0, sy, 0, 0, 0, 0, -1, 0,
+                      static_cast<float>(-1.0 / (1.0 + 2.0 * mx)),
+                      static_cast<float>(-1.0 / (1.0 + 2.0 * my)), 0, 1});
+    gl()->glClearColor(0.0f, 0.0f, 0.0f, 1.0f);
+    gl()->glClear(GL_COLOR_BUFFER_BIT);
+    if (mDefaults.dataValid() && mDefaults.features().featureSecondChartEnabled())
+        drawPoints();
+}
+
+void ChartScrollView::drawPoints() {
+    switch (typeOfChart()) {
+    case 0:
+        drawSpectrumPoints();
+        break;
+    case 1:
+        // The EGG product draws its glottal cycle here instead.
+        drawOsciloscopePoints();
+        break;
+    case 2:
+        if (mDefaults.octaveRTAValid())
+            drawOctaveRTAPoints();
+        break;
+    default:
+        break;
+    }
+}
+
+void ChartScrollView::drawLineStrip(int32_t count) {
+    gl()->glVertexAttribPointer(TQGLEffect::kAttribPosition, 2, GL_FLOAT, GL_FALSE, 0,
+                                mPointsOfChart.data());
+    gl()->glDrawArrays(GL_LINE_STRIP, 0, count);
+}
+
+void ChartScrollView::drawGrid() {
+    TQGLEffect* e = effect();
+    const AffineTransform& t = actualContentTransform();
+    e->prepareToDrawWithConstantColor(kGridGrey, kGridGrey, kGridGrey, 1.0f);
+    float width = -1.0f;
+    for (const GridLine& line : mGrid) {
+        if (line.width > width || line.width < width) {
+            width = line.width;
+            gl()->glLineWidth(width);
+        }
+        e->rysujLiniePoint1(t.map(line.p1), t.map(line.p2));
+    }
+    gl()->glLineWidth(1.0f);
+}
+
+void ChartScrollView::rysujSpectrumGrid() {
+    const int32_t step = chartView_ != nullptr ? chartView_->skokWyswietlaniaCzestotliwoscLiniowa()
+                                               : mDefaults.spectrumFrequencyTexturesCount();
+    ChartGeometry::spectrumGrid(
+        mDefaults.linearFrequency(), mDefaults.valuesInDB(), mDefaults.maxFrequency(),
+        mDefaults.logStartFrequency(), mDefaults.logIntervalDelta(),
+        mDefaults.spectrumFrequencyTexturesMinValue(), mDefaults.spectrumFrequencyTexturesCount(),
+        std::max(1, step), mGrid);
+    drawGrid();
+}
+
+void ChartScrollView::rysujOsciloscopeGrid() {
+    ChartGeometry::osciloscopeGrid(mDefaults.fftSize(), mGrid);
+    drawGrid();
+}
+
+void ChartScrollView::rysujOctaveRTAGrid() {
+    ChartGeometry::octaveRTAGrid(mDefaults.octaveRTABandsPerOctave(), mDefaults.octaveRTAMinIndex(),
+                                 mDefaults.octaveRTAMaxIndex(), mGrid);
+    drawGrid();
+}
+
+void ChartScrollView::drawSpectrumPoints() {
+    // In the small picture-in-picture size the curve stands alone.
+    if (fullScreen())
+        rysujSpectrumGrid();
+    const float* out = data_.fftOutData();
+    const int32_t n = std::min(mDefaults.fftOutSize(), ChartData::kSlotSize);
+    if (out != nullptr && n >= 2) {
+        ChartGeometry::spectrumPoints(
+            out, n, mDefaults.logPoints(), mDefaults.linearFrequency(), mDefaults.valuesInDB(),
+            static_cast<float>(gainFactor(mDefaults.spectrumWzmocnienieDB())),
+            actualContentTransform(), mPointsOfChart.data());
+        effect()->prepareToDrawWithConstantColor(0.0f, 1.0f, 0.0f, 1.0f);
+        gl()->glLineWidth(1.0f);
+        drawLineStrip(n);
+    }
+    if (measuringActivated())
+        rysujMeasureLinesSpectrum();
+}
+
+void ChartScrollView::drawOsciloscopePoints() {
+    rysujOsciloscopeGrid();
+    const float* samples = data_.fftWindowData();
+    const int32_t n = std::min(mDefaults.fftSize(), ChartData::kMaxWindowSize);
+    if (samples != nullptr && n >= 2) {
+        ChartGeometry::osciloscopePoints(
+            samples, n, static_cast<float>(gainFactor(mDefaults.osciloscopeWzmocnienieDB())),
+            actualContentTransform(), mPointsOfChart.data());
+        effect()->prepareToDrawWithConstantColor(0.0f, 1.0f, 0.0f, 1.0f);
+        gl()->glLineWidth(1.0f);
+        drawLineStrip(n);
+    }
+    if (measuringActivated())
+        rysujMeasureLinesOsciloscope();
+}
+
+void ChartScrollView::drawOctaveRTAPoints() {
+    rysujOctaveRTAGrid();
+    if (data_.fftOutData() == nullptr) {
+        if (measuringActivated())
+            rysujMeasureLinesOctaveRTA();
+        return;
+    }
+    data_.updateOctaveRTA(refreshViewEveryFrame(), timeSinceLastDraw());
+
+    const int32_t minIndex = mDefaults.octaveRTAMinIndex();
+    const int32_t n = mDefaults.octaveRTAMaxIndex() + 1 - minIndex;
+    if (minIndex >= 0 && n >= 1) {
+        const bool padDevice = pad();
+        const double inset = padDevice ? 4.0 : 2.0;
+        const double scale = effect()->contentScaleFactor();
+        // One pixel on each side of a bar (half a pixel in the small size).
+        const double gap =
+            (fullScreen() ? 1.0 : 0.5) / (std::max(1.0, viewSize_.width() - inset) * scale);
+        const double maxBarHeight =
+            (padDevice ? 1.5 : 1.0) / std::max(1.0, viewSize_.height() - inset);
+        const bool minOn = mDefaults.octaveRTAMinValuesEnabled();
+        const bool maxOn = mDefaults.octaveRTAMaxValuesEnabled();
+        const auto& values = data_.octaveRTAValues();
+        const auto& minima = data_.octaveRTAMinValues();
+        const auto& maxima = data_.octaveRTAMaxValues();
+        const AffineTransform& t = actualContentTransform();
+        TQGLEffect* e = effect();
+        const auto bar = [&](double x0, double y0, double x1, double y1) {
+            e->rysujRectanglePoint1(t.map(QPointF(x0, y0)), t.map(QPointF(x1, y1)));
+        };
+
+        gl()->glEnable(GL_BLEND);
+        gl()->glBlendFunc(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA);
+        for (int32_t b = 0; b < n; ++b) {
+            const auto band = static_cast<size_t>(b + minIndex);
+            const double x0 = static_cast<double>(b) / n + gap;
+            const double x1 = static_cast<double>(b + 1) / n - gap;
+            const double value = ChartGeometry::levelToY(values[band]);
+            if (!minOn) {
+                e->prepareToDrawWithConstantColor(0.5f, 0.5f, 1.0f, 0.8f);
+                bar(x0, 0.0, x1, value);
+            } else if (minima[band] < 0.0f) {
+                const double minimum = ChartGeometry::levelToY(minima[band]);
+                e->prepareToDrawWithConstantColor(1.0f, 0.2f, 0.2f, 0.9f);
+                bar(x0, 0.0, x1, minimum);
+                e->prepareToDrawWithConstantColor(0.5f, 0.5f, 1.0f, 0.8f);
+                bar(x0, minimum, x1, value);
+            }
+            if (maxOn) {
+                const double maximum = ChartGeometry::levelToY(maxima[band]);
+                e->prepareToDrawWithConstantColor(0.0f, 0.8f, 0.0f, 0.8f);
+                bar(x0, maximum - maxBarHeight, x1, maximum);
+            }
+        }
+        gl()->glDisable(GL_BLEND);
+    }
+    if (measuringActivated())
+        rysujMeasureLinesOctaveRTA();
+}
+
+void ChartScrollView::rysujMeasureLines(double position, double levelY) {
+    TQGLEffect* e = effect();
+    const AffineTransform& t = actualContentTransform();
+    gl()->glLineWidth(2.0f);
+    e->prepareToDrawWithConstantColor(0.8f, 0.3f, 0.3f, 1.0f);
+    e->rysujLiniePoint1(t.map(QPointF(0.0, levelY)), t.map(QPointF(1.0, levelY)));
+    e->prepareToDrawWithConstantColor(1.0f, 1.0f, 1.0f, 1.0f);
+    e->rysujLiniePoint1(t.map(QPointF(position, 0.0)), t.map(QPointF(position, 1.0)));
+    gl()->glLineWidth(1.0f);
+}
+
+void ChartScrollView::rysujMeasureLinesSpectrum() {
+    const float* out = data_.fftOutData();
+    const int32_t n = mDefaults.fftOutSize();
+    double levelY = kNoLevelY;
+    if (out != nullptr && n >= 1) {
+        const float v = out[std::clamp(mMeasureIdFrequency, 0, n - 1)];
+        if (mDefaults.valuesInDB()) {
+            levelY = ChartGeometry::levelToY(v);
+            setValueText(Label3, QString::asprintf("%.1f dB", static_cast<double>(v)));
+        } else {
+            // The line follows the displayed (gained) curve, the label the raw value.
+            levelY = gainFactor(mDefaults.spectrumWzmocnienieDB()) * v;
+            setValueText(Label3, QString::asprintf("%.4f", static_cast<double>(v)));
+        }
+    } else {
+        setValueText(Label3, QString());
+    }
+    setValueText(Label2, spectrogramTimeText());
+    rysujMeasureLines(measuringActualPosition().x(), levelY);
+}
+
+void ChartScrollView::rysujMeasureLinesOctaveRTA() {
+    double levelY = kNoLevelY;
+    const int32_t band = mMeasureIdFrequency;
+    if (data_.fftOutData() != nullptr && band >= 0 && band < ChartData::kBands) {
+        const auto b = static_cast<size_t>(band);
+        const float value = data_.octaveRTAValues()[b];
+        levelY = ChartGeometry::levelToY(value);
+        setValueText(Label3, QString::asprintf("%.1f dB", static_cast<double>(value)));
+        setValueText(Label4, QString::asprintf("%.1f dB",
+                                               static_cast<double>(data_.octaveRTAMaxValues()[b])));
+        setValueText(Label5, QString::asprintf("%.1f dB",
+                                               static_cast<double>(data_.octaveRTAMinValues()[b])));
+    } else {
+        setValueText(Label3, QString());
+        setValueText(Label4, QString());
+        setValueText(Label5, QString());
+    }
+    setValueText(Label2, spectrogramTimeText());
+    rysujMeasureLines(measuringActualPosition().x(), levelY);
+}
+
+void ChartScrollView::rysujMeasureLinesOsciloscope() {
+    const float* samples = data_.fftWindowData();
+    const int32_t fftSize = mDefaults.fftSize();
+    const int32_t point = std::clamp(mMeasurePointId, 0, std::max(0, fftSize - 1));
+    double levelY = kNoLevelY;
+    if (samples != nullptr && fftSize >= 1) {
+        const float sample = samples[point];
+        levelY = 0.5 + 0.5 * gainFactor(mDefaults.osciloscopeWzmocnienieDB()) * sample;
+        setValueText(Label3, QString::asprintf("%.4f", static_cast<double>(sample)));
+    } else {
+        setValueText(Label3, QStringLiteral("-"));
+    }
+    // Time of the sample before the end of the window, as seconds, then
+    // milliseconds and microseconds, each truncated.
+    const double t =
+        spectrogramTime() + (fftSize - 1 - point) / static_cast<double>(mDefaults.sampleRate());
+    const auto seconds = static_cast<int>(std::trunc(t));
+    const double rest = t - seconds;
+    const auto ms = static_cast<int>(std::trunc(rest * 1000.0));
+    const auto us = static_cast<int>(std::trunc(rest * 1000000.0)) % 1000;
+    setValueText(Label2, QString::asprintf("-%.2ds%.3dms%.3d", seconds, ms, us));
+    rysujMeasureLines(measuringActualPosition().x(), levelY);
+}
+
+} // namespace widmo

@@ -1,0 +1,132 @@
+#pragma once
+
+#include "charts/ChartData.h"
+#include "charts/ChartGeometry.h"
+#include "engine/TQGLScrollViewInterface.h"
+#include "render/TQGLScrollView.h"
+
+#include <QString>
+
+#include <array>
+#include <cstdint>
+#include <vector>
+
+class QLabel;
+class QGridLayout;
+
+namespace widmo {
+
+class AnalyzerDefaults;
+class ChartView;
+class LevelMeterView;
+
+/// The GL view of the second chart: the spectrum curve, the oscilloscope trace
+/// or the octave-band bars of the latest interval over their grid, with a
+/// measuring cursor whose read-out stands in a small panel in the corner.
+///
+/// The data side (display slots, level, bands and holds) is `ChartData`; this
+/// view feeds the level meter from it and draws it each frame in chart
+/// coordinates (x, y from 0 to 1) mapped through the pan and zoom of the
+/// content transform. The chart type, the linear axis's label step and the
+/// full-screen state come from the owning `ChartView`.
+///
+/// Threading: main thread only.
+class ChartScrollView : public TQGLScrollView, public TQGLScrollViewInterface {
+    Q_OBJECT
+public:
+    /// Measuring panel rows; 1B is the note name under the frequency.
+    enum MeasureLabel { Label1 = 0, Label1B, Label2, Label3, Label4, Label5, kLabelCount };
+
+    /// `defaults` must outlive the view; `chartView` is the owner (may be null
+    /// in tests: then the chart is a full-screen spectrum).
+    ChartScrollView(AnalyzerDefaults& defaults, ChartView* chartView, QWidget* parent = nullptr);
+    ~ChartScrollView() override;
+
+    ChartData& data() { return data_; }
+    const ChartData& data() const { return data_; }
+
+    /// One interval from the engine's display timer (see `ChartData::addFFTdata`);
+    /// feeds the level meter and redraws.
+    void addFFTdata(const float* fftData, const float* fftWindowData, const float* eggWindowData);
+    /// No data, level -144 dB, bands cleared, measuring off here and in the
+    /// partner view; redraws.
+    void clearData();
+    void clearOctaveRTAValues() { data_.clearOctaveRTAValues(); }
+    void clearOctaveRTAMinMaxLevels() { data_.clearOctaveRTAMinMaxLevels(); }
+    float levelDB() const { return data_.levelDB(); }
+    float closedQuotient() const { return data_.closedQuotient(); }
+
+    /// The meter fed with `levelDB`; not owned, may be null.
+    void setLevelMeterView(LevelMeterView* meter);
+    LevelMeterView* levelMeterView() const { return levelMeterView_; }
+
+    // TQGLScrollViewInterface (the engine and the spectrogram's partner view).
+    void zoomOut() override { TQGLScrollView::zoomOut(); }
+    bool measuringActivated() const override { return TQGLScrollView::measuringActivated(); }
+    void setMeasuringActivated(bool on) override { TQGLScrollView::setMeasuringActivated(on); }
+    void setScrollViewDelegate(TQGLScrollViewInterface* partner) override;
+    using TQGLScrollView::setScrollViewDelegate;
+
+    /// With key "levelForFrequency" (Hz) in a map: the display-spectrum value at
+    /// that frequency's bin. NaN without the key or without data.
+    double getValueForParameters(const QVariant& parameters) override;
+    /// Snaps the cursor to the nearest data point of the current chart and
+    /// updates the panel's frequency, note or sample labels.
+    QPointF recalculateMeasuringActualPosition(QPointF position) override;
+    /// Puts the cursor on `frequency` (Hz), as the spectrogram's cursor asks.
+    void updateMeasuringActualPositionWith(double frequency);
+    /// Retitles the panel for the current chart type.
+    void changeMeasuringTypeOpisy();
+    /// The panel as one line: "Title : value" pairs separated by four blanks.
+    QString infoMeasureText() const;
+    /// Current panel texts (tests and the exported image).
+    QString titleText(MeasureLabel label) const;
+    QString valueText(MeasureLabel label) const;
+    int32_t measureIdFrequency() const { return mMeasureIdFrequency; }
+    float measureFrequency() const { return mMeasureFrequency; }
+    int32_t measurePointId() const { return mMeasurePointId; }
+
+    /// 0 spectrum, 1 oscilloscope, 2 octave RTA (from the owner).
+    int32_t typeOfChart() const;
+
+protected:
+    void drawGLRect(const QRectF& rect) override;
+
+private:
+    bool pad() const;
+    void drawPoints();
+    void drawSpectrumPoints();
+    void drawOsciloscopePoints();
+    void drawOctaveRTAPoints();
+    void rysujSpectrumGrid();
+    void rysujOsciloscopeGrid();
+    void rysujOctaveRTAGrid();
+    void drawGrid();
+    void drawLineStrip(int32_t count);
+    void rysujMeasureLinesSpectrum();
+    void rysujMeasureLinesOctaveRTA();
+    void rysujMeasureLinesOsciloscope();
+    void rysujMeasureLines(double position, double levelY);
+    void prepareMeasuringWindow();
+    void setupMeasuringViewConstraints();
+    void setValueText(MeasureLabel label, const QString& text);
+    QString spectrogramTimeText() const;
+    double spectrogramTime() const;
+
+    AnalyzerDefaults& mDefaults;
+    ChartData data_;
+    std::vector<float> mPointsOfChart; // 65,536 (x, y) pairs
+    std::vector<GridLine> mGrid;       // reused every frame
+    int32_t mMeasureIdFrequency = 0;
+    float mMeasureFrequency = 0.0f;
+    int32_t mMeasurePointId = 0;
+    ChartView* chartView_;
+    LevelMeterView* levelMeterView_ = nullptr; // a sibling owned by the ChartView
+    QSizeF viewSize_{1.0, 1.0};
+
+    QWidget* measuringPanel_ = nullptr;
+    std::array<QLabel*, kLabelCount> opisLabels_{};
+    std::array<QLabel*, kLabelCount> valueLabels_{};
+};
+
+} // namespace widmo

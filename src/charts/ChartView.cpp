@@ -1,0 +1,541 @@
+#include "charts/ChartView.h"
+
+#include "charts/ChartGeometry.h"
+#include "charts/ChartScrollView.h"
+#include "core/AnalyzerDefaults.h"
+#include "render/DeviceClass.h"
+#include "render/LevelMeterView.h"
+#include "render/TQTexture.h"
+
+#include <QFontMetrics>
+#include <QOpenGLContext>
+#include <QPainter>
+#include <QResizeEvent>
+
+#include <algorithm>
+#include <cmath>
+
+namespace widmo {
+
+const char* const ChartView::kProductName = "Widmo";
+const char* const ChartView::kWatermark = "real-time sound analyser";
+
+namespace {
+
+const QColor kLabelGrey(142, 142, 147);
+// Room kept above the chart so that the top value label is not cut.
+constexpr int kTopMarginPad = 12;
+constexpr int kTopMarginPhone = 9;
+// Labels may stand out of the chart's span by this much (points) before they
+// are dropped: the labels at the ends are centred on the chart's edges.
+constexpr double kLabelSlack = 14.0;
+constexpr double kLabelGap = 4.0;
+
+QFont valueFont(bool pad) {
+    QFont font(QStringLiteral("Arial"));
+    font.setPixelSize(pad ? 14 : 13);
+    return font;
+}
+
+QFont titleFont(bool pad) { return DeviceClass::systemFont(pad ? 17.0 : 14.0, true); }
+
+} // namespace
+
+ChartView::ChartView(AnalyzerDefaults& defaults, QWidget* parent)
+    : TQGLView(parent), mDefaults(defaults), mSpectrumDebounce(defaults.spectrumWzmocnienieDB()),
+      mOsciloscopeDebounce(defaults.osciloscopeWzmocnienieDB()) {
+    chartScrollView_ = new ChartScrollView(defaults, this, this);
+    chartScrollView_->setDelegateRefresh(this);
+    levelMeterView_ = new LevelMeterView(this, defaults.features());
+    levelMeterView_->setOnTheRight(true);
+    chartScrollView_->setLevelMeterView(levelMeterView_);
+    fullScreenMargines_ = pad() ? QSize(80, 54) : QSize(66, 46);
+    logaritmicFrequencies_ = ChartLabels::logaritmicFrequencies(defaults.maxFrequency());
+    setFullScreen(true);
+    calculateMaxZoomWithZoomOut(true);
+}
+
+ChartView::~ChartView() {
+    // The base destructor can no longer reach releaseGLResources.
+    if (effect() != nullptr) {
+        makeCurrent();
+        releaseGLResources();
+        doneCurrent();
+    }
+}
+
+bool ChartView::pad() const { return DeviceClass::isPad(this); }
+
+TQGLScrollViewInterface* ChartView::chartScrollView() { return chartScrollView_; }
+
+void ChartView::addFFTdata(const float* fftData, const float* fftWindowData,
+                           const float* eggWindowData) {
+    chartScrollView_->addFFTdata(fftData, fftWindowData, eggWindowData);
+}
+
+void ChartView::setAnalyzerRunning(bool running) {
+    chartScrollView_->setRefreshViewEveryFrame(running);
+}
+
+void ChartView::clearData() {
+    chartScrollView_->clearData();
+    levelMeterView_->setLevelDB(ChartData::kFloorDB);
+    levelMeterView_->setNeedsDisplay();
+    setNeedsDisplayWithSubviews();
+}
+
+void ChartView::clearOctaveRTAValues() { chartScrollView_->clearOctaveRTAValues(); }
+
+void ChartView::clearOctaveRTAMinMaxLevels() { chartScrollView_->clearOctaveRTAMinMaxLevels(); }
+
+float ChartView::levelDB() const { return chartScrollView_->levelDB(); }
+
+void ChartView::contentWasChanged() { setNeedsDisplay(); }
+
+void ChartView::turnOffMeasuring() {
+    chartScrollView_->setMeasuringActivated(false);
+    chartScrollView_->setNeedsDisplay();
+}
+
+QString ChartView::nameOfChart() const {
+    switch (typeOfChart_) {
+    case 1:
+        return QStringLiteral("Oscilloscope");
+    case 2:
+        return QStringLiteral("Octave RTA");
+    default:
+        return QStringLiteral("Spectrum");
+    }
+}
+
+// --- Layout -----------------------------------------------------------------------------
+
+void ChartView::setFullScreen(bool on) {
+    fullScreen_ = on;
+    chartScrollView_->setFullScreen(on);
+    levelMeterView_->setFullScreen(on);
+    updateConstraints();
+    setNeedsDisplayWithSubviews();
+}
+
+QRect ChartView::chartRect() const {
+    if (!fullScreen_)
+        return rect();
+    const bool meterOn = mDefaults.features().featureLevelMeterEnabled();
+    const LevelMeterView::Metrics& m = LevelMeterView::metrics(pad());
+    const int meterWidth = meterOn ? m.meterWidth : m.widthWhenOff;
+    const int top = pad() ? kTopMarginPad : kTopMarginPhone;
+    return {fullScreenMargines_.width(), top,
+            std::max(1, width() - fullScreenMargines_.width() - meterWidth),
+            std::max(1, height() - top - fullScreenMargines_.height())};
+}
+
+void ChartView::updateConstraints() {
+    // Full screen: labels at the left and bottom, the meter at the right over
+    // the whole height. Picture in picture: the chart alone fills the view.
+    chartScrollView_->setGeometry(chartRect());
+    const bool meterShown = fullScreen_ && mDefaults.features().featureLevelMeterEnabled();
+    if (meterShown) {
+        const int meterWidth = LevelMeterView::metrics(pad()).meterWidth;
+        levelMeterView_->setGeometry(width() - meterWidth, 0, meterWidth, height());
+    }
+    levelMeterView_->setVisible(meterShown);
+}
+
+void ChartView::resizeEvent(QResizeEvent* event) {
+    TQGLView::resizeEvent(event);
+    updateConstraints();
+    calculateMaxZoomWithZoomOut(false);
+}
+
+// --- Chart types and zoom -----------------------------------------------------------------
+
+AffineTransform& ChartView::rememberedTransform(int32_t type) {
+    switch (type) {
+    case 1:
+        return mOsciloscopeContentTransform;
+    case 2:
+        return mOctaveDBContentTransform;
+    default:
+        return mSpectrumContentTransform;
+    }
+}
+
+void ChartView::setTypeOfChart(int32_t type) {
+    rememberedTransform(typeOfChart_) = chartScrollView_->contentTransform();
+    typeOfChart_ = type;
+    chartScrollView_->setActualContentTransform(rememberedTransform(type));
+    calculateMaxZoomWithZoomOut(false);
+    chartScrollView_->changeMeasuringTypeOpisy();
+    setNeedsDisplayWithSubviews();
+    chartScrollView_->setNeedsDisplay();
+}
+
+void ChartView::calculateMaxZoomWithZoomOut(bool zoomOut) {
+    chartScrollView_->setMaxContentZoom(ChartGeometry::maxContentZoom(
+        typeOfChart_, mDefaults.linearFrequency(),
+        static_cast<int32_t>(logaritmicFrequencies_.size()),
+        mDefaults.spectrumFrequencyTexturesCount(), mDefaults.fftSize(), pad()));
+    if (zoomOut)
+        chartScrollView_->zoomOut();
+}
+
+int32_t ChartView::skokWyswietlaniaCzestotliwoscLiniowa() const {
+    const int32_t count = mDefaults.spectrumFrequencyTexturesCount();
+    if (!mMaxSizeLiniearFrequencyTexture || mMaxSizeLiniearFrequencyTexture->width() == 0)
+        return std::max(1, count);
+    const double scale = DeviceClass::contentScaleFactor(this);
+    const double labelSize =
+        mMaxSizeLiniearFrequencyTexture->width() / scale / std::max(1, chartScrollView_->width());
+    return TQGLEffect::labelStep(labelSize, count, chartScrollView_->actualContentTransform().a,
+                                 true, pad());
+}
+
+// --- Textures -------------------------------------------------------------------------------
+
+ChartView::TextureList ChartView::makeTextures(const QStringList& texts, const QFont& font) {
+    TextureList list;
+    list.reserve(static_cast<size_t>(texts.size()));
+    for (const QString& text : texts)
+        list.push_back(effect()->convertToTextureText(text, font, kLabelGrey));
+    return list;
+}
+
+void ChartView::makeLinearWzmocnienieTextures() {
+    linearWzmocnienieTexts_ = ChartLabels::linearGainLabels(mDefaults.spectrumWzmocnienieDB());
+    mLinearWzmocnienieTextures = makeTextures(linearWzmocnienieTexts_, valueFont(pad()));
+    mSpectrumDebounce.reset(mDefaults.spectrumWzmocnienieDB());
+}
+
+void ChartView::makeOsciloscopeAmplitudeTextures() {
+    const float gain = mDefaults.osciloscopeWzmocnienieDB();
+    mOsciloscopeAmplitudePlusTextures =
+        makeTextures(ChartLabels::osciloscopeAmplitudeLabels(gain, false), valueFont(pad()));
+    mOsciloscopeAmplitudeMinusTextures =
+        makeTextures(ChartLabels::osciloscopeAmplitudeLabels(gain, true), valueFont(pad()));
+    mOsciloscopeDebounce.reset(gain);
+}
+
+void ChartView::makeTexturesNow() {
+    const QFont title = titleFont(pad());
+    const QFont value = valueFont(pad());
+    const auto text = [&](const char* s, const QFont& font) {
+        return effect()->convertToTextureText(QString::fromLatin1(s), font, kLabelGrey);
+    };
+    mLegendFrequencyTextureLinear = text(ChartLabels::kTitleFrequencyLinear, title);
+    mLegendFrequencyTextureLogaritmic = text(ChartLabels::kTitleFrequencyLogaritmic, title);
+    mLegendValuesInDBTexture = text(ChartLabels::kTitleValuesInDB, title);
+    mLegendAmplitudeTexture = text(ChartLabels::kTitleAmplitude, title);
+    mLegendRMSSPLTexture = text(ChartLabels::kTitleRMSSPL, title);
+    mLegendFFTWindowTexture = text(ChartLabels::kTitleFFTWindow, title);
+
+    mValuesInDBWzmocnienieTextures = makeTextures(ChartLabels::dbLabels(), value);
+    makeLinearWzmocnienieTextures();
+    makeOsciloscopeAmplitudeTextures();
+    mOsciloscopeFFTWindowPointsTextures =
+        makeTextures(ChartLabels::osciloscopePointsLabels(mDefaults.fftSize()), value);
+    mMaxSizeLiniearFrequencyTexture = effect()->convertToTextureText(
+        ChartLabels::widestLinearFrequencyLabel(mDefaults.spectrumFrequencyTexturesCount(),
+                                                mDefaults.spectrumFrequencyTexturesMinValue()),
+        value, kLabelGrey);
+    mFreqLinearTexturesDictionary.clear();
+    QStringList logTexts;
+    for (int32_t f : logaritmicFrequencies_)
+        logTexts << ChartLabels::logaritmicLabel(f);
+    mLogaritmicFrequencyTextures = makeTextures(logTexts, value);
+    mOctaveRTATextures = makeTextures(ChartLabels::octaveRTALabels(), value);
+    texturesPending_ = false;
+}
+
+void ChartView::prepareTextures() {
+    logaritmicFrequencies_ = ChartLabels::logaritmicFrequencies(mDefaults.maxFrequency());
+    if (effect() == nullptr) {
+        // No GL context yet: the textures are made as soon as it exists.
+        texturesPending_ = true;
+    } else {
+        const bool wasCurrent = QOpenGLContext::currentContext() == context();
+        if (!wasCurrent)
+            makeCurrent();
+        makeTexturesNow();
+        if (!wasCurrent)
+            doneCurrent();
+    }
+    calculateMaxZoomWithZoomOut(typeOfChart_ != 2);
+    setNeedsDisplayWithSubviews();
+}
+
+void ChartView::refreshTextures() {
+    refreshQueued_ = false;
+    if (!fullScreen_ || effect() == nullptr || texturesPending_)
+        return;
+    const bool spectrum = mSpectrumDebounce.refresh(mDefaults.spectrumWzmocnienieDB());
+    const bool osciloscope = mOsciloscopeDebounce.refresh(mDefaults.osciloscopeWzmocnienieDB());
+    if (!spectrum && !osciloscope)
+        return;
+    makeCurrent();
+    if (spectrum)
+        makeLinearWzmocnienieTextures();
+    if (osciloscope)
+        makeOsciloscopeAmplitudeTextures();
+    doneCurrent();
+    setNeedsDisplay();
+}
+
+void ChartView::setupGLResources() {
+    if (texturesPending_)
+        makeTexturesNow();
+}
+
+void ChartView::releaseGLResources() {
+    for (TextureList* list :
+         {&mLinearWzmocnienieTextures, &mValuesInDBWzmocnienieTextures,
+          &mLogaritmicFrequencyTextures, &mOctaveRTATextures, &mOsciloscopeAmplitudePlusTextures,
+          &mOsciloscopeAmplitudeMinusTextures, &mOsciloscopeFFTWindowPointsTextures})
+        list->clear();
+    mFreqLinearTexturesDictionary.clear();
+    for (std::shared_ptr<TQTexture>* texture :
+         {&mMaxSizeLiniearFrequencyTexture, &mLegendValuesInDBTexture, &mLegendAmplitudeTexture,
+          &mLegendFrequencyTextureLinear, &mLegendFrequencyTextureLogaritmic, &mLegendRMSSPLTexture,
+          &mLegendFFTWindowTexture})
+        texture->reset();
+    texturesPending_ = true;
+}
+
+// --- Drawing the labels ----------------------------------------------------------------------
+
+QRectF ChartView::chartUnitRect() const {
+    const QRect r = chartRect();
+    const double w = std::max(1, width());
+    const double h = std::max(1, height());
+    return {r.x() / w, (h - (r.y() + r.height())) / h, r.width() / w, r.height() / h};
+}
+
+QPointF ChartView::mapFromChart(QPointF content) const {
+    const QRect r = chartRect();
+    const double w = std::max(1, width());
+    const double h = std::max(1, height());
+    // The chart draws its content square inset by one line width (see its projection).
+    const double p = pad() ? 2.0 : 1.0;
+    const QPointF u = chartScrollView_->actualContentTransform().map(content);
+    const double x = r.x() + p + u.x() * (r.width() - 2.0 * p);
+    const double yUp = (h - (r.y() + r.height())) + p + u.y() * (r.height() - 2.0 * p);
+    return {x / w, yUp / h};
+}
+
+void ChartView::drawXLabel(const TQTexture* texture, double contentX,
+                           std::vector<std::pair<double, double>>* taken) {
+    if (texture == nullptr)
+        return;
+    const QRectF chart = chartUnitRect();
+    const double w = std::max(1, width());
+    const double h = std::max(1, height());
+    const QPointF anchor(mapFromChart(QPointF(contentX, 0.0)).x(), chart.y() - kLabelGap / h);
+    // The meter stands right of the chart and would cover a label reaching past it.
+    const QRectF bounds(chart.x() - kLabelSlack / w, 0.0, chart.width() + (kLabelSlack + 2.0) / w,
+                        1.0);
+    if (taken != nullptr) {
+        const auto quad =
+            TQGLEffect::textQuad(QSizeF(texture->width(), texture->height()), anchor, 1.0, 3,
+                                 QSizeF(w, h), effect()->contentScaleFactor());
+        if (!quad || !TQGLEffect::quadFitsBounds(*quad, bounds))
+            return;
+        const double gap = kLabelGap / w;
+        const double left = quad->vertices[0].x() - gap;
+        const double right = quad->vertices[3].x() + gap;
+        for (const auto& [l, r] : *taken)
+            if (left < r && right > l)
+                return;
+        taken->emplace_back(left, right);
+    }
+    effect()->rysujTextTexture(texture, anchor, 1.0f, 3, QSizeF(w, h), bounds);
+}
+
+void ChartView::drawYLabel(const TQTexture* texture, double contentY) {
+    const QRectF chart = chartUnitRect();
+    const double w = std::max(1, width());
+    const double h = std::max(1, height());
+    const QPointF anchor(chart.x() - kLabelGap / w, mapFromChart(QPointF(0.0, contentY)).y());
+    const QRectF bounds(0.0, chart.y() - kLabelSlack / h, 1.0,
+                        chart.height() + 2.0 * kLabelSlack / h);
+    effect()->rysujTextTexture(texture, anchor, 1.0f, 2, QSizeF(w, h), bounds);
+}
+
+void ChartView::drawTitles(const TQTexture* xTitle, const TQTexture* yTitle) {
+    const QRectF chart = chartUnitRect();
+    const double w = std::max(1, width());
+    const double h = std::max(1, height());
+    const QSizeF frame(w, h);
+    const double scale = DeviceClass::contentScaleFactor(this);
+    effect()->rysujTextTexture(xTitle, QPointF(chart.center().x(), 2.0 / h), 1.0f, 4, frame,
+                               QRectF());
+    if (yTitle != nullptr) {
+        // Turned to read upwards along the y axis, at the view's left edge.
+        const double across = (yTitle->height() / scale + 2.0) / w;
+        effect()->rysujTextTexture(yTitle, QPointF(across, chart.center().y()), 1.0f, 5, frame,
+                                   QRectF());
+    }
+}
+
+void ChartView::rysujOpisySpectrum() {
+    if (mDefaults.valuesInDB()) {
+        for (size_t i = 0; i < mValuesInDBWzmocnienieTextures.size(); ++i)
+            drawYLabel(mValuesInDBWzmocnienieTextures[i].get(), static_cast<double>(i) / 18.0);
+    } else {
+        // Label k shows the amplitude drawn at height k / 20 with the current gain.
+        for (size_t k = 0; k < mLinearWzmocnienieTextures.size(); ++k)
+            drawYLabel(mLinearWzmocnienieTextures[k].get(), static_cast<double>(k) / 20.0);
+    }
+
+    const double maxFrequency = mDefaults.maxFrequency();
+    if (mDefaults.linearFrequency()) {
+        const int32_t count = mDefaults.spectrumFrequencyTexturesCount();
+        const float minValue = mDefaults.spectrumFrequencyTexturesMinValue();
+        const int32_t step = std::max(1, skokWyswietlaniaCzestotliwoscLiniowa());
+        for (int32_t i = 0; i < count && maxFrequency > 0.0; i += step) {
+            const QString text = ChartLabels::linearFrequencyLabel(i, minValue);
+            auto it = mFreqLinearTexturesDictionary.find(text);
+            if (it == mFreqLinearTexturesDictionary.end())
+                it = mFreqLinearTexturesDictionary.insert(
+                    text, effect()->convertToTextureText(text, valueFont(pad()), kLabelGrey));
+            drawXLabel(it.value().get(), i * static_cast<double>(minValue) / maxFrequency);
+        }
+        drawTitles(mLegendFrequencyTextureLinear.get(), mDefaults.valuesInDB()
+                                                            ? mLegendValuesInDBTexture.get()
+                                                            : mLegendAmplitudeTexture.get());
+    } else {
+        const double start = mDefaults.logStartFrequency();
+        const double delta = mDefaults.logIntervalDelta();
+        // Ten labels a decade crowd each other at the top of every decade until
+        // the user zooms in: the decade labels are placed first, the others
+        // only where they find room.
+        const size_t count =
+            std::min(mLogaritmicFrequencyTextures.size(), logaritmicFrequencies_.size());
+        mTakenLabelSpans.clear();
+        for (int pass = 0; pass < 2 && start > 0.0 && delta > 0.0; ++pass) {
+            for (size_t j = 0; j < count; ++j) {
+                const int32_t f = logaritmicFrequencies_[j];
+                const bool decade = f == 100 || f == 1000 || f == 10000 || f == 100000;
+                if (decade == (pass == 0))
+                    drawXLabel(mLogaritmicFrequencyTextures[j].get(), std::log2(f / start) / delta,
+                               &mTakenLabelSpans);
+            }
+        }
+        drawTitles(mLegendFrequencyTextureLogaritmic.get(), mDefaults.valuesInDB()
+                                                                ? mLegendValuesInDBTexture.get()
+                                                                : mLegendAmplitudeTexture.get());
+    }
+}
+
+void ChartView::rysujOpisyOsciloscope() {
+    for (size_t k = 0; k < mOsciloscopeAmplitudePlusTextures.size(); ++k)
+        drawYLabel(mOsciloscopeAmplitudePlusTextures[k].get(), 0.5 + 0.05 * static_cast<double>(k));
+    for (size_t k = 1; k < mOsciloscopeAmplitudeMinusTextures.size(); ++k)
+        drawYLabel(mOsciloscopeAmplitudeMinusTextures[k].get(),
+                   0.5 - 0.05 * static_cast<double>(k));
+    const auto count = static_cast<int32_t>(mOsciloscopeFFTWindowPointsTextures.size());
+    if (count > 0) {
+        // The widest label (the last) decides how many may stand side by side.
+        const TQTexture& widest = *mOsciloscopeFFTWindowPointsTextures.back();
+        const double labelSize = widest.width() / DeviceClass::contentScaleFactor(this) /
+                                 std::max(1, chartScrollView_->width());
+        const int32_t step = TQGLEffect::labelStep(
+            labelSize, count, chartScrollView_->actualContentTransform().a, true, pad());
+        for (int32_t k = 0; k < count; k += std::max(1, step))
+            drawXLabel(mOsciloscopeFFTWindowPointsTextures[static_cast<size_t>(k)].get(), k / 32.0);
+    }
+    drawTitles(mLegendFFTWindowTexture.get(), mLegendAmplitudeTexture.get());
+}
+
+void ChartView::rysujOpisyOctaveRTA() {
+    for (size_t i = 0; i < mValuesInDBWzmocnienieTextures.size(); ++i)
+        drawYLabel(mValuesInDBWzmocnienieTextures[i].get(), static_cast<double>(i) / 18.0);
+    const int32_t minIndex = mDefaults.octaveRTAMinIndex();
+    const int32_t maxIndex = mDefaults.octaveRTAMaxIndex();
+    const int32_t bands = mDefaults.octaveRTABandsPerOctave();
+    const int32_t n = maxIndex + 1 - minIndex;
+    if (n >= 1 && minIndex >= 0) {
+        // Label k stands at the band of the octave centre 15.625 · 2^k Hz.
+        for (size_t k = 0; k < mOctaveRTATextures.size(); ++k) {
+            const auto band = static_cast<int32_t>(k) * bands;
+            if (band < minIndex || band > maxIndex)
+                continue;
+            drawXLabel(mOctaveRTATextures[k].get(), (band - minIndex + 0.5) / n);
+        }
+    }
+    drawTitles(mLegendFrequencyTextureLogaritmic.get(), mLegendRMSSPLTexture.get());
+}
+
+void ChartView::drawGLRect(const QRectF& /*rect*/) {
+    gl()->glClearColor(mOpisyBorderClearColor[0], mOpisyBorderClearColor[1],
+                       mOpisyBorderClearColor[2], mOpisyBorderClearColor[3]);
+    gl()->glClear(GL_COLOR_BUFFER_BIT);
+    if (!fullScreen_ || effect() == nullptr)
+        return;
+    if (texturesPending_)
+        makeTexturesNow();
+    switch (typeOfChart_) {
+    case 1:
+        rysujOpisyOsciloscope();
+        break;
+    case 2:
+        rysujOpisyOctaveRTA();
+        break;
+    default:
+        rysujOpisySpectrum();
+        break;
+    }
+    if (!refreshQueued_) {
+        refreshQueued_ = true;
+        QMetaObject::invokeMethod(
+            this, [this] { refreshTextures(); }, Qt::QueuedConnection);
+    }
+}
+
+// --- Image ----------------------------------------------------------------------------------
+
+QImage ChartView::imageOfChart() {
+    if (width() < 1 || height() < 1)
+        return {};
+    QImage image = grabFramebuffer();
+    if (image.isNull())
+        return image;
+    image = image.convertToFormat(QImage::Format_ARGB32);
+    QPainter painter(&image);
+    const QRect chart = chartScrollView_->geometry();
+    painter.drawImage(chart.topLeft(), chartScrollView_->grabFramebuffer());
+    if (levelMeterView_->isVisible())
+        painter.drawImage(levelMeterView_->geometry().topLeft(),
+                          levelMeterView_->grabFramebuffer());
+
+    painter.setPen(QPen(QColor(64, 64, 64), 2.0));
+    painter.setBrush(Qt::NoBrush);
+    painter.drawRect(QRectF(chart).adjusted(1.0, 1.0, -1.0, -1.0));
+
+    QFont font(QStringLiteral("Arial"));
+    font.setPixelSize(pad() ? 15 : 12);
+    painter.setFont(font);
+    const QFontMetrics metrics(font);
+    const int line = metrics.height();
+    const int x = chart.x() + 8;
+    int y = chart.y() + 6 + metrics.ascent();
+    painter.setPen(QColor(230, 230, 230));
+    painter.drawText(x, y,
+                     QStringLiteral("%1  -  %2")
+                         .arg(QString::fromLatin1(kProductName), QString::fromLatin1(kWatermark)));
+    y += line;
+    painter.setPen(QColor(190, 190, 190));
+    painter.drawText(x, y, QString::asprintf("FFT window size : %d", mDefaults.fftSize()));
+    if (chartScrollView_->measuringActivated()) {
+        y += line;
+        painter.drawText(x, y, chartScrollView_->infoMeasureText());
+    }
+    painter.end();
+    return image;
+}
+
+bool ChartView::writeImageOfChart(const QString& path) {
+    const QImage image = imageOfChart();
+    return !image.isNull() && image.save(path, "PNG");
+}
+
+} // namespace widmo

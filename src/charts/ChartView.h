@@ -1,0 +1,177 @@
+#pragma once
+
+#include "charts/ChartLabels.h"
+#include "engine/ChartViewInterface.h"
+#include "render/AffineTransform.h"
+#include "render/TQGLView.h"
+#include "render/TQGLViewScrolling.h"
+
+#include <QHash>
+#include <QImage>
+#include <QRect>
+#include <QSize>
+#include <QString>
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <utility>
+#include <vector>
+
+namespace widmo {
+
+class AnalyzerDefaults;
+class ChartScrollView;
+class LevelMeterView;
+class TQTexture;
+
+/// The second chart as the main screen places it: the GL chart
+/// (`ChartScrollView`) with its axis labels and titles around it and the level
+/// meter at its right (full screen), or the bare curve (picture in picture).
+///
+/// It forwards the engine's data calls to the chart, remembers a separate pan
+/// and zoom for each chart type, limits the zoom, rebuilds the gain-dependent
+/// labels while the user drags a gain slider (at most every 21st refresh), and
+/// renders the chart as an image for export.
+///
+/// To show it: create it with the document's `AnalyzerDefaults`, set
+/// `setFullScreen(true)` (labels and meter; false is the small PIP layout),
+/// pick `setTypeOfChart`, hand it to `AnalyzerController::setChartViews`, and
+/// call `prepareTextures` after every geometry change (the engine does at set-up).
+///
+/// Threading: main thread only.
+class ChartView : public TQGLView, public ChartViewInterface, public TQGLViewScrolling {
+    Q_OBJECT
+public:
+    /// `defaults` must outlive the view; its product switches decide the meter.
+    explicit ChartView(AnalyzerDefaults& defaults, QWidget* parent = nullptr);
+    ~ChartView() override;
+
+    // ChartViewInterface
+    TQGLScrollViewInterface* chartScrollView() override;
+    void addFFTdata(const float* fftData, const float* fftWindowData,
+                    const float* eggWindowData) override;
+    int32_t typeOfChart() const override { return typeOfChart_; }
+    /// While running the chart draws every frame (the RTA holds decay only then).
+    void setAnalyzerRunning(bool running) override;
+    void setNeedsDisplayWithSubviews() override { TQGLView::setNeedsDisplayWithSubviews(); }
+    /// Clears the chart; the meter drops to -144 dB; redraws everything.
+    void clearData() override;
+    /// Makes every axis text texture for the current geometry, then the zoom
+    /// limits (zooming out unless the chart is the RTA). Before the GL context
+    /// exists the textures are made when it does.
+    void prepareTextures() override;
+
+    // TQGLViewScrolling: the chart's transform moved, the labels follow.
+    void contentWasChanged() override;
+
+    ChartScrollView* chart() const { return chartScrollView_; }
+    LevelMeterView* levelMeterView() const { return levelMeterView_; }
+
+    void clearOctaveRTAValues();
+    void clearOctaveRTAMinMaxLevels();
+    float levelDB() const;
+
+    bool fullScreen() const { return fullScreen_; }
+    /// Full screen: labels, grid and meter; otherwise the bare chart fills the view.
+    void setFullScreen(bool on);
+    /// Saves the chart's pan and zoom for the old type, restores the new type's,
+    /// sets the zoom limits and retitles the measuring panel.
+    void setTypeOfChart(int32_t type);
+    /// "Spectrum", "Oscilloscope" or "Octave RTA".
+    QString nameOfChart() const;
+
+    /// Switches the chart's cursor off.
+    void turnOffMeasuring();
+    /// Rebuilds the gain labels when the debounce allows (full screen only).
+    void refreshTextures();
+    /// The chart's zoom limits for the current type; optionally zooms out.
+    void calculateMaxZoomWithZoomOut(bool zoomOut);
+
+    /// Display step of the linear frequency labels and grid lines.
+    int32_t skokWyswietlaniaCzestotliwoscLiniowa() const;
+    /// Frequencies of the logarithmic labels.
+    const std::vector<int32_t>& logaritmicFrequencies() const { return logaritmicFrequencies_; }
+
+    /// The chart, labels and meter as they are on screen, framed, with the
+    /// product name, a watermark, "FFT window size : N" and, while measuring,
+    /// the cursor's read-out. Null image before the view has a size.
+    QImage imageOfChart();
+    /// `imageOfChart` as a PNG file; false when it cannot be written.
+    bool writeImageOfChart(const QString& path);
+
+    /// The chart's rectangle inside this view (points).
+    QRect chartRect() const;
+    /// Margins kept for the labels at the left and at the bottom in full screen.
+    QSize fullScreenMargines() const { return fullScreenMargines_; }
+    /// Text of the linear gain labels currently shown (tests).
+    QStringList linearWzmocnienieLabelTexts() const { return linearWzmocnienieTexts_; }
+
+    /// Product name drawn into exported images.
+    static const char* const kProductName;
+    static const char* const kWatermark;
+
+protected:
+    void drawGLRect(const QRectF& rect) override;
+    void setupGLResources() override;
+    void releaseGLResources() override;
+    void resizeEvent(QResizeEvent* event) override;
+
+private:
+    using TextureList = std::vector<std::shared_ptr<TQTexture>>;
+    TextureList makeTextures(const QStringList& texts, const QFont& font);
+    void makeTexturesNow();
+    void makeLinearWzmocnienieTextures();
+    void makeOsciloscopeAmplitudeTextures();
+    void updateConstraints();
+    bool pad() const;
+    /// Chart content point (through the chart's transform) to unit space of this view.
+    QPointF mapFromChart(QPointF content) const;
+    /// Chart rectangle in this view's unit space.
+    QRectF chartUnitRect() const;
+    void rysujOpisySpectrum();
+    void rysujOpisyOsciloscope();
+    void rysujOpisyOctaveRTA();
+    /// With `taken`, a label that would overlap one already drawn is left out.
+    void drawXLabel(const TQTexture* texture, double contentX,
+                    std::vector<std::pair<double, double>>* taken = nullptr);
+    void drawYLabel(const TQTexture* texture, double contentY);
+    void drawTitles(const TQTexture* xTitle, const TQTexture* yTitle);
+    AffineTransform& rememberedTransform(int32_t type);
+
+    AnalyzerDefaults& mDefaults;
+
+    TextureList mLinearWzmocnienieTextures;
+    TextureList mValuesInDBWzmocnienieTextures;
+    QHash<QString, std::shared_ptr<TQTexture>> mFreqLinearTexturesDictionary;
+    TextureList mLogaritmicFrequencyTextures;
+    std::shared_ptr<TQTexture> mMaxSizeLiniearFrequencyTexture;
+    TextureList mOctaveRTATextures;
+    TextureList mOsciloscopeAmplitudePlusTextures;
+    TextureList mOsciloscopeAmplitudeMinusTextures;
+    TextureList mOsciloscopeFFTWindowPointsTextures;
+    std::shared_ptr<TQTexture> mLegendValuesInDBTexture;
+    std::shared_ptr<TQTexture> mLegendAmplitudeTexture;
+    std::shared_ptr<TQTexture> mLegendFrequencyTextureLinear;
+    std::shared_ptr<TQTexture> mLegendFrequencyTextureLogaritmic;
+    std::shared_ptr<TQTexture> mLegendRMSSPLTexture;
+    std::shared_ptr<TQTexture> mLegendFFTWindowTexture;
+    GainLabelDebounce mSpectrumDebounce;
+    GainLabelDebounce mOsciloscopeDebounce;
+    AffineTransform mSpectrumContentTransform;
+    AffineTransform mOctaveDBContentTransform;
+    AffineTransform mOsciloscopeContentTransform;
+    std::array<float, 4> mOpisyBorderClearColor{0.0f, 0.0f, 0.0f, 1.0f};
+    bool fullScreen_ = true;
+    int32_t typeOfChart_ = 0;
+    ChartScrollView* chartScrollView_ = nullptr;
+    std::vector<int32_t> logaritmicFrequencies_;
+    LevelMeterView* levelMeterView_ = nullptr;
+    QSize fullScreenMargines_;
+    bool texturesPending_ = true;
+    bool refreshQueued_ = false;
+    QStringList linearWzmocnienieTexts_;
+    std::vector<std::pair<double, double>> mTakenLabelSpans; // reused every frame
+};
+
+} // namespace widmo

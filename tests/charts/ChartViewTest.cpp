@@ -1,0 +1,327 @@
+#include "charts/ChartView.h"
+#include "charts/ChartScrollView.h"
+
+#include "render/DeviceClass.h"
+#include "render/LevelMeterView.h"
+
+#include "ChartTestSupport.h"
+#include "TempSettings.h"
+
+#include <QDir>
+#include <QImage>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <cmath>
+#include <optional>
+#include <random>
+
+namespace widmo {
+namespace {
+
+bool isGreen(QRgb c) { return qGreen(c) > 150 && qRed(c) < 100 && qBlue(c) < 100; }
+bool isBar(QRgb c) { return qBlue(c) > 150 && qBlue(c) > qRed(c) + 50 && qGreen(c) < 160; }
+bool isInk(QRgb c) { return qRed(c) > 40 && qGreen(c) > 40 && qBlue(c) > 40; }
+
+/// Centre of the label ink inside `region`, or nothing when there is hardly any.
+std::optional<QPointF> inkCentroid(const QImage& image, QRect region) {
+    region = region.intersected(image.rect());
+    double sx = 0.0;
+    double sy = 0.0;
+    int count = 0;
+    for (int y = region.top(); y <= region.bottom(); ++y)
+        for (int x = region.left(); x <= region.right(); ++x)
+            if (isInk(image.pixel(x, y))) {
+                sx += x;
+                sy += y;
+                ++count;
+            }
+    if (count < 8)
+        return std::nullopt;
+    return QPointF(sx / count, sy / count);
+}
+
+/// Topmost row that `match` finds and the mean column of its pixels there.
+std::optional<QPointF> topmost(const QImage& image, bool (*match)(QRgb)) {
+    for (int y = 0; y < image.height(); ++y) {
+        double sx = 0.0;
+        int count = 0;
+        for (int x = 0; x < image.width(); ++x)
+            if (match(image.pixel(x, y))) {
+                sx += x;
+                ++count;
+            }
+        if (count > 0)
+            return QPointF(sx / count, y);
+    }
+    return std::nullopt;
+}
+
+class ChartViewTest : public test::TempSettings {
+protected:
+    void SetUp() override {
+        TempSettings::SetUp();
+        defaults_ = test::makeDefaults(48000.0f, 4096, 6);
+        fft_ = std::make_unique<FFTManager>(*defaults_);
+        view_ = std::make_unique<ChartView>(*defaults_);
+        view_->resize(1000, 600);
+        view_->show();
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(view_.get()));
+        view_->prepareTextures();
+        showSine(997.0);
+    }
+    void TearDown() override {
+        view_.reset();
+        fft_.reset();
+    }
+
+    void showSine(double frequency, double amplitude = 1.0) {
+        samples_ = test::sine(frequency, 48000.0, defaults_->fftSize(), amplitude);
+        const test::Interval interval = test::analyse(*fft_, samples_);
+        view_->addFFTdata(interval.spectrum, interval.window, nullptr);
+    }
+
+    ChartScrollView* chart() const { return view_->chart(); }
+    QImage chartImage() const { return chart()->grabFramebuffer(); }
+    QImage labelImage() const { return view_->grabFramebuffer(); }
+    /// Line width margin of the chart's drawing (points).
+    double margin() const { return DeviceClass::isPad(chart()) ? 2.0 : 1.0; }
+    /// Pixel column of content x at zoom 1.
+    double column(double x) const { return margin() + x * (chart()->width() - 2.0 * margin()); }
+    /// Pixel row of content y at zoom 1.
+    double row(double y) const {
+        return margin() + (1.0 - y) * (chart()->height() - 2.0 * margin());
+    }
+    double logX(double f) const {
+        return std::log2(f / defaults_->logStartFrequency()) / defaults_->logIntervalDelta();
+    }
+
+    std::unique_ptr<AnalyzerDefaults> defaults_;
+    std::unique_ptr<FFTManager> fft_;
+    std::unique_ptr<ChartView> view_;
+    std::vector<float> samples_;
+};
+
+// --- Spectrum peak on both frequency axes -------------------------------------------------
+
+TEST_F(ChartViewTest, fullScaleSine_peakAtItsFrequencyAndZeroDB_logAxis) {
+    const auto peak = topmost(chartImage(), isGreen);
+    ASSERT_TRUE(peak);
+    EXPECT_NEAR(peak->x(), column(logX(997.0)), 2.0);
+    EXPECT_NEAR(peak->y(), row(1.0), 2.0);
+}
+
+TEST_F(ChartViewTest, fullScaleSine_peakAtItsFrequencyAndZeroDB_linearAxis) {
+    defaults_->setLinearFrequency(true);
+    view_->prepareTextures();
+    const auto peak = topmost(chartImage(), isGreen);
+    ASSERT_TRUE(peak);
+    EXPECT_NEAR(peak->x(), column(997.0 / defaults_->maxFrequency()), 2.0);
+    EXPECT_NEAR(peak->y(), row(1.0), 2.0);
+}
+
+TEST_F(ChartViewTest, quieterSine_peakLowerByItsLevel_linearDisplayFollowsGain) {
+    showSine(997.0, 0.1); // -20 dBFS
+    auto peak = topmost(chartImage(), isGreen);
+    ASSERT_TRUE(peak);
+    EXPECT_NEAR(peak->y(), row(1.0 - 20.0 / 144.0), 2.0);
+
+    // Linear display at +10 dB gain: magnitude 0.1 drawn at 0.316 of the height.
+    defaults_->setValuesInDB(false);
+    defaults_->setSpectrumWzmocnienieDB(10.0f);
+    showSine(997.0, 0.1);
+    peak = topmost(chartImage(), isGreen);
+    ASSERT_TRUE(peak);
+    EXPECT_NEAR(peak->y(), row(0.1 * std::sqrt(10.0)), 2.0);
+}
+
+// --- Axis labels ------------------------------------------------------------------------------
+
+TEST_F(ChartViewTest, axisLabels_standWhereTheirValuesAre) {
+    const QRect chartRect = view_->chartRect();
+    const auto checkX = [&](double contentX, int halfWidth, const char* what) {
+        const QImage labels = labelImage();
+        const double expected = chartRect.x() + column(contentX);
+        const auto ink = inkCentroid(labels, QRect(static_cast<int>(expected) - halfWidth,
+                                                   chartRect.bottom() + 2, 2 * halfWidth, 20));
+        ASSERT_TRUE(ink) << what;
+        EXPECT_NEAR(ink->x(), expected, 4.0) << what;
+    };
+    const auto checkY = [&](double contentY, const char* what) {
+        const double expected = chartRect.y() + row(contentY);
+        const auto ink = inkCentroid(
+            labelImage(), QRect(chartRect.x() - 40, static_cast<int>(expected) - 8, 38, 16));
+        ASSERT_TRUE(ink) << what;
+        EXPECT_NEAR(ink->y(), expected, 3.0) << what;
+    };
+    // Logarithmic axis: the decade labels, and the dB axis every 8 dB.
+    checkX(logX(1000.0), 14, "1k");
+    checkX(logX(10000.0), 14, "10k");
+    checkY(0.5, "-72");
+    checkY(16.0 / 18.0, "-16");
+    // No label below the chart between 1k and 2k's neighbours' reach.
+    const double between = chartRect.x() + column(logX(1410.0));
+    EXPECT_FALSE(inkCentroid(labelImage(),
+                             QRect(static_cast<int>(between) - 3, chartRect.bottom() + 2, 6, 20)));
+
+    // Linear axis: labels every step-th multiple of the label spacing.
+    defaults_->setLinearFrequency(true);
+    view_->prepareTextures();
+    labelImage(); // the widest label's texture sets the step
+    const int step = view_->skokWyswietlaniaCzestotliwoscLiniowa();
+    const double spacing = defaults_->spectrumFrequencyTexturesMinValue() * step;
+    const double pixels = column(spacing / defaults_->maxFrequency()) - column(0.0);
+    ASSERT_GT(pixels, 20.0);
+    checkX(2.0 * spacing / defaults_->maxFrequency(), static_cast<int>(pixels / 2) - 1,
+           "second linear label");
+}
+
+// --- Chart types -----------------------------------------------------------------------------
+
+TEST_F(ChartViewTest, spectrumOscilloscopeSpectrum_restoresSpectrumZoom) {
+    const AffineTransform zoomed{3.0, 0.0, 0.0, 1.0, -0.8, 0.0};
+    chart()->setActualContentTransform(zoomed);
+    view_->setTypeOfChart(1);
+    EXPECT_TRUE(chart()->actualContentTransform().isIdentity());
+    const AffineTransform scope{2.0, 0.0, 0.0, 2.0, -0.5, -0.5};
+    chart()->setActualContentTransform(scope);
+    view_->setTypeOfChart(0);
+    EXPECT_EQ(chart()->actualContentTransform(), zoomed);
+    view_->setTypeOfChart(1);
+    EXPECT_EQ(chart()->actualContentTransform(), scope);
+    // The zoomed spectrum shows its peak three times further from the left edge.
+    view_->setTypeOfChart(0);
+    const auto peak = topmost(chartImage(), isGreen);
+    ASSERT_TRUE(peak);
+    EXPECT_NEAR(peak->x(), column(3.0 * logX(997.0) - 0.8), 3.0);
+    EXPECT_EQ(view_->nameOfChart(), "Spectrum");
+}
+
+TEST_F(ChartViewTest, octaveRTA_steadySineLightsItsBand) {
+    defaults_->setOctaveRTABandAverageType(3);
+    view_->setTypeOfChart(2);
+    chartImage(); // one frame of band update
+    const QImage image = chartImage();
+    const auto top = topmost(image, isBar);
+    ASSERT_TRUE(top);
+    const int32_t minIndex = defaults_->octaveRTAMinIndex();
+    const int32_t n = defaults_->octaveRTAMaxIndex() + 1 - minIndex;
+    const double x = (top->x() - margin()) / (chart()->width() - 2.0 * margin());
+    EXPECT_EQ(static_cast<int>(std::floor(x * n)) + minIndex, 36); // the 1 kHz band
+    // The whole sine (about +1.3 dB with the window's spread) tops the chart.
+    EXPECT_LT(top->y(), row(1.0 - 3.0 / 144.0));
+    EXPECT_EQ(view_->nameOfChart(), "Octave RTA");
+}
+
+TEST_F(ChartViewTest, oscilloscopeCursorOnLastSample_showsPointCountAndSpectrogramTime) {
+    view_->setTypeOfChart(1);
+    chart()->setMeasuringActivated(true);
+    chart()->setMeasuringActualPosition(QPointF(1.0, 0.5));
+    chartImage();
+    EXPECT_EQ(chart()->titleText(ChartScrollView::Label1), "Sample");
+    EXPECT_EQ(chart()->valueText(ChartScrollView::Label1), "4096");
+    EXPECT_EQ(chart()->valueText(ChartScrollView::Label2), "-00s000ms000");
+    EXPECT_EQ(chart()->valueText(ChartScrollView::Label3),
+              QString::asprintf("%.4f", static_cast<double>(samples_.back())));
+    // 73 samples before the end at 48 kHz: 1.520833 ms.
+    chart()->setMeasuringActualPosition(QPointF((4095.0 - 73.0) / 4096.0, 0.5));
+    chartImage();
+    EXPECT_EQ(chart()->valueText(ChartScrollView::Label1), "4023");
+    EXPECT_EQ(chart()->valueText(ChartScrollView::Label2), "-00s001ms520");
+}
+
+TEST_F(ChartViewTest, spectrumCursor_readsBinAndLevel_infoText) {
+    chart()->setMeasuringActivated(true);
+    chart()->setMeasuringActualPosition(QPointF(logX(997.0), 0.5));
+    chartImage();
+    EXPECT_EQ(chart()->measureIdFrequency(), 85);
+    EXPECT_EQ(chart()->valueText(ChartScrollView::Label1), "996.1 Hz");
+    EXPECT_EQ(chart()->valueText(ChartScrollView::Label3), "-0.0 dB");
+    EXPECT_TRUE(chart()->infoMeasureText().startsWith("Frequency : 996.1 Hz    SPL : -0.0 dB"))
+        << chart()->infoMeasureText().toStdString();
+    QVariantMap ask;
+    ask.insert("levelForFrequency", 997.0);
+    EXPECT_NEAR(chart()->getValueForParameters(ask), 0.0, 0.05);
+    view_->clearData();
+    EXPECT_TRUE(std::isnan(chart()->getValueForParameters(ask)));
+    EXPECT_FALSE(chart()->measuringActivated());
+    EXPECT_FLOAT_EQ(view_->levelMeterView()->levelDB(), -144.0f);
+}
+
+// --- Layout and image ----------------------------------------------------------------------------
+
+TEST_F(ChartViewTest, pictureInPicture_chartFillsView_meterHidden) {
+    EXPECT_TRUE(view_->levelMeterView()->isVisible());
+    EXPECT_EQ(view_->levelMeterView()->geometry().right(), view_->width() - 1);
+    EXPECT_LE(view_->chartRect().right(), view_->levelMeterView()->geometry().left());
+    view_->setFullScreen(false);
+    EXPECT_EQ(chart()->geometry(), view_->rect());
+    EXPECT_FALSE(view_->levelMeterView()->isVisible());
+    view_->setFullScreen(true);
+    EXPECT_TRUE(view_->levelMeterView()->isVisible());
+}
+
+TEST_F(ChartViewTest, imageOfChart_writesPngShowingTheCurve) {
+    QTemporaryDir dir;
+    const QString path = dir.filePath("chart.png");
+    ASSERT_TRUE(view_->writeImageOfChart(path));
+    const QImage image(path);
+    ASSERT_FALSE(image.isNull());
+    EXPECT_EQ(image.size(), view_->size() * view_->devicePixelRatio());
+    const QRect chartRect = view_->chartRect();
+    int green = 0;
+    for (int y = chartRect.top(); y <= chartRect.bottom(); ++y)
+        for (int x = chartRect.left(); x <= chartRect.right(); ++x)
+            green += isGreen(image.pixel(x, y)) ? 1 : 0;
+    EXPECT_GT(green, 500);
+    // The level meter beside the chart shows red segments for the full-scale sine.
+    int red = 0;
+    const QRect meter = view_->levelMeterView()->geometry();
+    for (int y = meter.top(); y <= meter.bottom(); ++y)
+        for (int x = meter.left(); x <= meter.right(); ++x) {
+            const QRgb c = image.pixel(x, y);
+            red += qRed(c) > 200 && qGreen(c) < 80 ? 1 : 0;
+        }
+    EXPECT_GT(red, 0);
+}
+
+/// Renders the four charts of a richer signal; writes them to the folder named
+/// by WIDMO_CHART_SCREENSHOTS when that is set (the pictures in docs/).
+TEST_F(ChartViewTest, screenshotsOfEveryChart) {
+    std::mt19937 random(3);
+    std::normal_distribution<double> noise(0.0, 1e-4);
+    const int32_t n = defaults_->fftSize();
+    samples_ = test::sine(997.0, 48000.0, n, 0.7);
+    const auto second = test::sine(6300.0, 48000.0, n, 0.05);
+    for (int32_t i = 0; i < n; ++i)
+        samples_[static_cast<size_t>(i)] +=
+            second[static_cast<size_t>(i)] + static_cast<float>(noise(random));
+    const test::Interval interval = test::analyse(*fft_, samples_);
+    defaults_->setOctaveRTABandAverageType(3);
+    defaults_->setOsciloscopeWzmocnienieDB(0.0f);
+    const QString folder = qEnvironmentVariable("WIDMO_CHART_SCREENSHOTS");
+    const auto shoot = [&](const char* name) {
+        view_->addFFTdata(interval.spectrum, interval.window, nullptr);
+        view_->imageOfChart();
+        const QImage image = view_->imageOfChart();
+        ASSERT_FALSE(image.isNull()) << name;
+        if (!folder.isEmpty()) {
+            ASSERT_TRUE(image.save(QDir(folder).filePath(QString::fromLatin1(name)), "PNG"));
+        }
+    };
+    shoot("chart-spectrum-log.png");
+    defaults_->setLinearFrequency(true);
+    view_->prepareTextures();
+    chart()->setMeasuringActivated(true);
+    chart()->setMeasuringActualPosition(QPointF(997.0 / defaults_->maxFrequency(), 0.5));
+    shoot("chart-spectrum-linear.png");
+    view_->turnOffMeasuring();
+    view_->setTypeOfChart(1);
+    shoot("chart-oscilloscope.png");
+    view_->setTypeOfChart(2);
+    shoot("chart-rta.png");
+    EXPECT_TRUE(topmost(chartImage(), isBar));
+}
+
+} // namespace
+} // namespace widmo
