@@ -34,7 +34,7 @@ case "$mode" in
     asan)
         dir=build-asan
         cmake_args+=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DWIDMO_ASAN=ON -DWIDMO_BUILD_BENCHMARKS=OFF)
-        export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1:strict_string_checks=1:suppressions=$root/scripts/asan.supp"
+        export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1"
         export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
         export LSAN_OPTIONS="suppressions=$root/scripts/lsan.supp" ;;
     tsan)
