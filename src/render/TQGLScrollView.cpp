@@ -47,7 +47,13 @@ TQGLScrollView::TQGLScrollView(QWidget* parent) : TQGLView(parent) {
     pointerClock_.start();
 }
 
-TQGLScrollView::~TQGLScrollView() { model_.setHost(nullptr); }
+TQGLScrollView::~TQGLScrollView() {
+    // A measuring view that is a child dies later, in the widget base's
+    // destructor; its destruction must not call back into this half-destroyed view.
+    if (measuringView_ != nullptr)
+        disconnect(measuringView_, &QObject::destroyed, this, nullptr);
+    model_.setHost(nullptr);
+}
 
 void TQGLScrollView::setFullScreen(bool on) {
     fullScreen_ = on;
