@@ -1,27 +1,3 @@
-#include <QApplication>
-#include <QTemporaryDir>
+#include "../GuiTestMain.h"
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <cstring>
-
-// Widget tests run on the X server that the test command starts. The home
-// folder is a temporary one, so that documents, caches and settings of the run
-// never touch the user's own.
-int main(int argc, char** argv) {
-    // Listing the tests (ctest's discovery) needs no display.
-    for (int i = 1; i < argc; ++i)
-        if (std::strcmp(argv[i], "--gtest_list_tests") == 0) {
-            ::testing::InitGoogleTest(&argc, argv);
-            return RUN_ALL_TESTS();
-        }
-    QTemporaryDir home;
-    qputenv("HOME", home.path().toLocal8Bit());
-    for (const char* var : {"XDG_CONFIG_HOME", "XDG_DATA_HOME", "XDG_CACHE_HOME"})
-        qunsetenv(var);
-    QApplication app(argc, argv);
-    QApplication::setApplicationName("widmo-ui-tests");
-    ::testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
-}
+int main(int argc, char** argv) { return widmo::test::runGuiTests(argc, argv, "widmo-ui-tests"); }
