@@ -1,6 +1,11 @@
 #include "dsp/VectorHelpers.h"
 
 #include <cmath>
+#include <cstdint>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 // glibc's vector maths library (libmvec) has SIMD versions of log10f, but its
 // header announces them only under -ffast-math, which this library does not
@@ -84,14 +89,33 @@ void VectorHelpers::multiply(const float* a, const float* b, float* out, int32_t
         multiplyLoop(a, b, out, count);
 }
 
-WIDMO_VECTOR_CLONES void VectorHelpers::copyAndMultiply(const float* __restrict in,
-                                                        const float* __restrict b,
-                                                        float* __restrict copy,
-                                                        float* __restrict product, int32_t count) {
-    for (int32_t k = 0; k < count; ++k) {
-        const float v = in[k];
-        copy[k] = v;
-        product[k] = v * b[k];
+void VectorHelpers::copyAndMultiply(const float* __restrict in, const float* __restrict b,
+                                    float* __restrict copy, float* __restrict product,
+                                    int32_t count) {
+    int32_t k = 0;
+#if defined(__SSE2__)
+    // The copy goes into a result slot that is read again only much later (the
+    // slots rotate through far more memory than the caches hold), so large
+    // blocks are copied with streaming stores that bypass the caches instead of
+    // evicting the windowed block that the transform reads next. Small blocks
+    // stay in the caches anyway and gain nothing from it.
+    constexpr int32_t kStreamingMinimum = 4096;
+    if (count >= kStreamingMinimum) {
+        for (; (reinterpret_cast<uintptr_t>(copy + k) & 15u) != 0; ++k) {
+            copy[k] = in[k];
+            product[k] = in[k] * b[k];
+        }
+        for (; k + 4 <= count; k += 4) {
+            const __m128 v = _mm_loadu_ps(in + k);
+            _mm_stream_ps(copy + k, v);
+            _mm_storeu_ps(product + k, _mm_mul_ps(v, _mm_loadu_ps(b + k)));
+        }
+        _mm_sfence();
+    }
+#endif
+    for (; k < count; ++k) {
+        copy[k] = in[k];
+        product[k] = in[k] * b[k];
     }
 }
 
