@@ -1,0 +1,146 @@
+#include "ui/AppDelegate.h"
+
+#include "audio/TQAudio.h"
+#include "core/AnalyzerDefaults.h"
+#include "core/AnalyzerFeatures.h"
+#include "dsp/FFTManager.h"
+#include "engine/MainQueue.h"
+#include "ui/MainViewController.h"
+#include "ui/TQHelpers.h"
+#include "ui/ToolbarImages.h"
+
+#include <QApplication>
+#include <QFile>
+#include <QMainWindow>
+#include <QSettings>
+#include <QSocketNotifier>
+
+#include <csignal>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace widmo {
+namespace {
+
+constexpr const char* kWindowGeometryKey = "window/geometry";
+
+// SIGTERM and SIGINT end the program like a closed window: the handler only
+// writes a byte, the event loop does the rest.
+int gSignalPipe[2] = {-1, -1};
+
+void onTerminationSignal(int) {
+    const char byte = 1;
+    [[maybe_unused]] const ssize_t written = ::write(gSignalPipe[1], &byte, 1);
+}
+
+void quitOnTerminationSignals(QObject* context) {
+    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, gSignalPipe) != 0)
+        return;
+    auto* notifier = new QSocketNotifier(gSignalPipe[0], QSocketNotifier::Read, context);
+    QObject::connect(notifier, &QSocketNotifier::activated, context, [] {
+        char byte = 0;
+        [[maybe_unused]] const ssize_t got = ::read(gSignalPipe[0], &byte, 1);
+        QApplication::closeAllWindows();
+        QApplication::quit();
+    });
+    struct sigaction action {};
+    action.sa_handler = onTerminationSignal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    sigaction(SIGTERM, &action, nullptr);
+    sigaction(SIGINT, &action, nullptr);
+}
+
+} // namespace
+
+AppDelegate::AppDelegate(AnalyzerDefaults& defaults, TQAudio& audio, FFTManager& fftManager,
+                         QObject* parent)
+    : QObject(parent), defaults_(defaults), audio_(audio), fftManager_(fftManager) {}
+
+AppDelegate::~AppDelegate() = default;
+
+std::unique_ptr<QSettings> AppDelegate::restorationStore() {
+    return std::make_unique<QSettings>(
+        QSettings::NativeFormat, QSettings::UserScope, QCoreApplication::organizationName(),
+        QCoreApplication::applicationName() + QStringLiteral("-state"));
+}
+
+bool AppDelegate::didFinishLaunchingWithOptions() {
+    window_ = std::make_unique<QMainWindow>();
+    window_->setWindowTitle(QGuiApplication::applicationDisplayName());
+    window_->setWindowIcon(ToolbarImages::applicationIcon());
+    auto* screen = new MainViewController(defaults_, audio_, fftManager_, window_.get());
+    mainViewController_ = screen;
+    window_->setCentralWidget(screen);
+    mDataPrepared = false;
+
+    const std::unique_ptr<QSettings> store = restorationStore();
+    if (!window_->restoreGeometry(store->value(QLatin1String(kWindowGeometryKey)).toByteArray()))
+        window_->resize(1000, 640);
+    screen->decodeRestorableStateWithCoder(*store);
+    screen->applicationFinishedRestoringState();
+
+    connect(qApp, &QGuiApplication::applicationStateChanged, this,
+            [this](Qt::ApplicationState state) {
+                if (state == Qt::ApplicationActive)
+                    applicationDidBecomeActive();
+                else if (state == Qt::ApplicationHidden || state == Qt::ApplicationSuspended)
+                    applicationWillResignActive();
+            });
+    window_->show();
+    // The first activation: a bare X server without a window manager never
+    // reports the window as active.
+    MainQueue::async([this] { applicationDidBecomeActive(); }, this);
+    return true;
+}
+
+void AppDelegate::applicationWillResignActive() {
+    if (!mainViewController_ || audio_.isSetupInProgress())
+        return;
+    mainViewController_->stopAnalyzerWithRefreshButtonsEnable(true);
+    audio_.deactivateAudioSession();
+}
+
+void AppDelegate::applicationDidBecomeActive() {
+    if (mDataPrepared || !mainViewController_)
+        return;
+    mainViewController_->prepareAnalyzerData();
+    mDataPrepared = true;
+}
+
+void AppDelegate::applicationWillTerminate() {
+    if (mainViewController_) {
+        mainViewController_->stopAnalyzerWithRefreshButtonsEnable(false);
+        const std::unique_ptr<QSettings> store = restorationStore();
+        mainViewController_->encodeRestorableStateWithCoder(*store);
+        store->setValue(QLatin1String(kWindowGeometryKey), window_->saveGeometry());
+        store->sync();
+    }
+    for (const char* name : kTemporaryFiles)
+        QFile::remove(TQHelpers::urlInTempWithFileName(QLatin1String(name)).toLocalFile());
+}
+
+int AppDelegate::run(int argc, char** argv, const AnalyzerFeatures& features,
+                     const QString& applicationName, const QString& displayName) {
+    AnalyzerFeatures::selectProduct(features);
+    QApplication app(argc, argv);
+    QCoreApplication::setOrganizationName(QStringLiteral("widmo"));
+    QCoreApplication::setApplicationName(applicationName);
+    QGuiApplication::setApplicationDisplayName(displayName);
+    QGuiApplication::setDesktopFileName(applicationName);
+    QApplication::setWindowIcon(ToolbarImages::applicationIcon());
+    quitOnTerminationSignals(&app);
+
+    int status = 0;
+    {
+        AppDelegate delegate(AnalyzerDefaults::sharedDefaults(), TQAudio::sharedAudio(),
+                             FFTManager::sharedManager());
+        QObject::connect(&app, &QCoreApplication::aboutToQuit, &delegate,
+                         [&delegate] { delegate.applicationWillTerminate(); });
+        delegate.didFinishLaunchingWithOptions();
+        status = QApplication::exec();
+    }
+    return status;
+}
+
+} // namespace widmo

@@ -1,0 +1,76 @@
+#pragma once
+
+#include <QObject>
+#include <QString>
+
+#include <memory>
+
+class QMainWindow;
+class QSettings;
+
+namespace widmo {
+
+class AnalyzerDefaults;
+class AnalyzerFeatures;
+class FFTManager;
+class MainViewController;
+class TQAudio;
+
+/// The application's life: builds the window with the main screen, restores
+/// the screen's state, prepares the analyser on the first activation, stops
+/// it when the application is hidden or suspended, and saves the state and
+/// removes the temporary export files when the application quits (window
+/// closed, session ended, SIGTERM or SIGINT).
+///
+/// On a desktop a window that merely loses the focus stays active: the
+/// analyser keeps running beside other programs. Only a hidden or suspended
+/// application counts as leaving the foreground.
+///
+/// Threading: main thread only.
+class AppDelegate : public QObject {
+    Q_OBJECT
+public:
+    /// Files of a session's exports, removed at termination (cache folder).
+    static constexpr const char* kTemporaryFiles[] = {"recording.wav", "chart.png"};
+
+    /// `defaults`, `audio` and `fftManager` must outlive the delegate.
+    AppDelegate(AnalyzerDefaults& defaults, TQAudio& audio, FFTManager& fftManager,
+                QObject* parent = nullptr);
+    /// Closes the window; the main screen stops the analyser.
+    ~AppDelegate() override;
+
+    /// Builds and shows the window, restores the main screen from the
+    /// restoration store and follows the application's state from then on.
+    bool didFinishLaunchingWithOptions();
+    /// Stops the analyser and releases the audio session, unless a start is
+    /// still being set up.
+    void applicationWillResignActive();
+    /// The first call prepares the analyser's document; later calls do nothing.
+    void applicationDidBecomeActive();
+    /// Saves the state and settings; removes the temporary export files.
+    void applicationWillTerminate();
+
+    QMainWindow* window() const { return window_.get(); }
+    MainViewController* mainViewController() const { return mainViewController_; }
+    bool dataPrepared() const { return mDataPrepared; }
+
+    /// The restoration store: the main screen's keys and the window's geometry,
+    /// in a settings file of their own beside the application's settings.
+    static std::unique_ptr<QSettings> restorationStore();
+
+    /// The whole program: one application object, the product `features`,
+    /// the shared settings, FFT engine and audio object, the event loop.
+    /// `applicationName` names the settings files and the window.
+    static int run(int argc, char** argv, const AnalyzerFeatures& features,
+                   const QString& applicationName, const QString& displayName);
+
+private:
+    AnalyzerDefaults& defaults_;
+    TQAudio& audio_;
+    FFTManager& fftManager_;
+    std::unique_ptr<QMainWindow> window_;
+    MainViewController* mainViewController_ = nullptr; // owned by the window
+    bool mDataPrepared = false;
+};
+
+} // namespace widmo

@@ -1,0 +1,554 @@
+#include "ui/MainViewController.h"
+
+#include "audio/TQAudio.h"
+#include "charts/ChartScrollView.h"
+#include "charts/ChartView.h"
+#include "core/AnalyzerDefaults.h"
+#include "core/AnalyzerFeatures.h"
+#include "engine/AnalyzerController.h"
+#include "engine/MainQueue.h"
+#include "render/DeviceClass.h"
+#include "ui/TQMessage.h"
+#include "ui/ToolbarImages.h"
+
+#include <QApplication>
+#include <QFrame>
+#include <QGuiApplication>
+#include <QKeySequence>
+#include <QLabel>
+#include <QPalette>
+#include <QSettings>
+#include <QShortcut>
+#include <QSlider>
+#include <QTimer>
+#include <QToolBar>
+#include <QToolButton>
+#include <QVBoxLayout>
+
+#include <cmath>
+
+namespace widmo {
+namespace {
+
+MainViewController* gSharedMainViewController = nullptr;
+
+// The gain slider works in whole decibels, as its label shows them.
+struct GainRange {
+    int minimum;
+    int maximum;
+};
+constexpr GainRange kWzmocnienieRange{0, 70};
+
+const QColor kStartGreen = QColor::fromRgbF(0.0f, 0.6f, 0.0f);
+const QColor kRecordRed = QColor(220, 30, 30);
+
+} // namespace
+
+MainViewController::MainViewController(AnalyzerDefaults& defaults, TQAudio& audio,
+                                       FFTManager& fftManager, QWidget* parent)
+    : QWidget(parent), defaults_(defaults), audio_(audio), fftManager_(fftManager),
+      screenSaver_(QGuiApplication::applicationDisplayName()) {
+    gSharedMainViewController = this;
+    setupEnvironment();
+    commonSetup();
+}
+
+MainViewController::~MainViewController() {
+    analyzerController_->stopRecorder();
+    analyzerController_->stopPlayer();
+    audio_.setMainViewController(nullptr);
+    audio_.setMessages(nullptr);
+    // The engine unhooks itself from the audio object; the chart it shows goes
+    // with this widget afterwards.
+    analyzerController_.reset();
+    if (gSharedMainViewController == this)
+        gSharedMainViewController = nullptr;
+}
+
+MainViewController* MainViewController::sharedMainViewController() {
+    return gSharedMainViewController;
+}
+
+void MainViewController::setupEnvironment() {
+    analyzerController_ = std::make_unique<AnalyzerController>(defaults_, fftManager_, audio_);
+    analyzerController_->setDelegate(this);
+    analyzerController_->setMainViewController(this);
+    analyzerController_->setMessages(&messages_);
+    audio_.setMainViewController(this);
+    audio_.setMessages(&messages_);
+    TQMessage::setMainScreen(this);
+}
+
+QToolButton* MainViewController::addToolButton(const QString& toolTip) {
+    auto* button = new QToolButton(toolBar_);
+    button->setToolTip(toolTip);
+    // Space belongs to start/pause, never to the button that has the focus.
+    button->setFocusPolicy(Qt::NoFocus);
+    button->setToolButtonStyle(Qt::ToolButtonIconOnly);
+    toolBar_->addWidget(button);
+    return button;
+}
+
+void MainViewController::commonSetup() {
+    const AnalyzerFeatures& features = defaults_.features();
+    auto* layout = new QVBoxLayout(this);
+    layout->setContentsMargins(0, 0, 0, 0);
+    layout->setSpacing(0);
+
+    chartArea_ = new QWidget(this);
+    chartArea_->setAutoFillBackground(true);
+    QPalette dark = chartArea_->palette();
+    dark.setColor(QPalette::Window, Qt::black);
+    chartArea_->setPalette(dark);
+    layout->addWidget(chartArea_, 1);
+
+    chartView_ = new ChartView(defaults_, chartArea_);
+    chartView_->setFullScreen(true);
+    analyzerController_->setChartViews(chartView_, nullptr);
+
+    pleaseWaitView_ = new QLabel(QStringLiteral("Please wait..."), chartArea_);
+    auto* wait = static_cast<QLabel*>(pleaseWaitView_);
+    wait->setAlignment(Qt::AlignCenter);
+    wait->setStyleSheet(QStringLiteral("QLabel { background: rgba(0, 0, 0, 160); color: white; "
+                                       "font-size: 18px; border-radius: 8px; }"));
+    wait->hide();
+
+    toolBar_ = new QToolBar(this);
+    toolBar_->setMovable(false);
+    toolBar_->setIconSize(QSize(24, 24));
+    layout->addWidget(toolBar_);
+
+    recordPauseButton_ = addToolButton(QStringLiteral("Start or pause the analyser (Space)"));
+    recordPauseButton_->setMinimumWidth(64);
+    connect(recordPauseButton_, &QToolButton::clicked, this, [this] { startStopRecorder(); });
+    if (features.featureSecondChartSelectionEnabled()) {
+        typeOfChartButton_ = addToolButton(QStringLiteral("Type of the second chart"));
+        typeOfChartButton_->setToolButtonStyle(Qt::ToolButtonTextBesideIcon);
+        connect(typeOfChartButton_, &QToolButton::clicked, this, [this] { typeOfChartChange(); });
+    }
+    auto* flexibleButtonItem = new QWidget(toolBar_);
+    flexibleButtonItem->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Preferred);
+    toolBar_->addWidget(flexibleButtonItem);
+    gainSliderAndMaxMinResetButton_ = addToolButton(QStringLiteral("Gain"));
+    connect(gainSliderAndMaxMinResetButton_, &QToolButton::clicked, this,
+            [this] { gainSliderAndMinMaxButtonButton(); });
+    settingsButton_ = addToolButton(QStringLiteral("Settings (Ctrl+,)"));
+    connect(settingsButton_, &QToolButton::clicked, this, [this] { settingsPopover(); });
+    helpButton_ = addToolButton(QStringLiteral("Help (F1)"));
+    connect(helpButton_, &QToolButton::clicked, this, [this] { openHelp(); });
+
+    const QColor tint = palette().color(QPalette::ButtonText);
+    settingsButton_->setIcon(ToolbarImages::imageNamed(QStringLiteral("settings"), tint));
+    helpButton_->setIcon(ToolbarImages::imageNamed(QStringLiteral("help"), tint));
+    if (typeOfChartButton_)
+        typeOfChartButton_->setIcon(ToolbarImages::imageNamed(QStringLiteral("chart"), tint));
+
+    // The gain panel: a popup, so a click anywhere outside closes it.
+    gainView_ = new QFrame(this, Qt::Popup);
+    gainView_->setFrameShape(QFrame::StyledPanel);
+    auto* gainLayout = new QVBoxLayout(gainView_);
+    gainOpisLabel_ = new QLabel(gainView_);
+    gainSlider_ = new QSlider(Qt::Horizontal, gainView_);
+    gainSlider_->setMinimumWidth(280);
+    gainValueLabel_ = new QLabel(gainView_);
+    gainValueLabel_->setAlignment(Qt::AlignCenter);
+    gainLayout->addWidget(gainOpisLabel_);
+    gainLayout->addWidget(gainSlider_);
+    gainLayout->addWidget(gainValueLabel_);
+    connect(gainSlider_, &QSlider::valueChanged, this,
+            [this](int value) { gainSliderValueChanged(float(value)); });
+
+    // Keyboard: the desktop's ways to the toolbar's main actions.
+    auto shortcut = [this](const QKeySequence& keys, std::function<void()> action) {
+        auto* s = new QShortcut(keys, this);
+        s->setContext(Qt::WindowShortcut);
+        connect(s, &QShortcut::activated, this, std::move(action));
+    };
+    shortcut(QKeySequence(Qt::Key_Space), [this] {
+        if (recordPauseButton_->isEnabled())
+            startStopRecorder();
+    });
+    shortcut(QKeySequence(Qt::CTRL | Qt::Key_Comma), [this] {
+        if (settingsButton_->isEnabled())
+            settingsPopover();
+    });
+    shortcut(QKeySequence(QKeySequence::HelpContents), [this] { openHelp(); });
+    shortcut(QKeySequence(Qt::CTRL | Qt::Key_Q), [] { QApplication::closeAllWindows(); });
+
+    refreshSegmentedControlTypeOfChartName();
+    refreshGainSlider();
+    refreshPlayRecordPauseButtonsWithChangeEnabled(true);
+}
+
+void MainViewController::resizeEvent(QResizeEvent* event) {
+    QWidget::resizeEvent(event);
+    layoutViewPositionsWithoutAnimation();
+}
+
+void MainViewController::layoutViewPositionsWithoutAnimation() {
+    if (!chartArea_)
+        return;
+    // The chart fills the area above the toolbar; the wait view sits centred on it.
+    chartArea_->updateGeometry();
+    const QRect area = chartArea_->rect();
+    chartView_->setGeometry(area);
+    const QSize wait(220, 64);
+    pleaseWaitView_->setGeometry(
+        QRect(area.center() - QPoint(wait.width() / 2, wait.height() / 2), wait));
+}
+
+bool MainViewController::panelOpen() const {
+    const auto visible = [](const QPointer<QWidget>& w) {
+        const QWidget* widget = w.data();
+        return widget != nullptr && widget->isVisible();
+    };
+    return visible(settingsPopoverViewController_) || visible(typeOfChartViewController_);
+}
+
+// --- Start and stop ----------------------------------------------------------------------------
+
+void MainViewController::startStopRecorder() {
+    if (audio_.isSetupInProgress())
+        return;
+    if (audio_.isRecording()) {
+        analyzerController_->stopRecorder();
+        refreshPlayRecordPauseButtonsWithChangeEnabled(true);
+        return;
+    }
+    if (panelOpen() || buttonsBlocked_)
+        return;
+    analyzerController_->startRecorder([this, alive = std::weak_ptr<int>(lifeToken_)](bool ok) {
+        if (alive.expired())
+            return;
+        if (ok)
+            mTrigStarted = false;
+        // Trigger: the armed trigger's blink timer starts here (products with a trigger).
+        refreshPlayRecordPauseButtonsWithChangeEnabled(true);
+    });
+    // The button shows the pending start at once; the completion settles it.
+    refreshPlayRecordPauseButtonsWithChangeEnabled(false);
+}
+
+void MainViewController::recorderDidStop() { refreshPlayRecordPauseButtonsWithChangeEnabled(true); }
+
+void MainViewController::playerDidStop() { refreshPlayRecordPauseButtonsWithChangeEnabled(true); }
+
+void MainViewController::refreshPlayRecordPauseButtonsWithChangeEnabled(bool changeEnabled) {
+    const AnalyzerFeatures& features = defaults_.features();
+    const QColor defaultTint = palette().color(QPalette::ButtonText);
+    const bool recording = audio_.isRecording();
+    if (recording) {
+        recordPauseButton_->setText(QString());
+        recordPauseButton_->setToolButtonStyle(Qt::ToolButtonIconOnly);
+        recordPauseButton_->setIcon(
+            ToolbarImages::imageNamed(QStringLiteral("pause"), defaultTint));
+        recordPauseButton_->setStyleSheet(QString());
+    } else if (features.featurePlayback()) {
+        recordPauseButton_->setText(QString());
+        recordPauseButton_->setToolButtonStyle(Qt::ToolButtonIconOnly);
+        recordPauseButton_->setIcon(
+            ToolbarImages::imageNamed(QStringLiteral("record"), kRecordRed));
+        recordPauseButton_->setStyleSheet(QString());
+    } else {
+        recordPauseButton_->setIcon(QIcon());
+        recordPauseButton_->setToolButtonStyle(Qt::ToolButtonTextOnly);
+        recordPauseButton_->setText(QStringLiteral("Start"));
+        recordPauseButton_->setStyleSheet(
+            QStringLiteral("QToolButton { color: %1; font-weight: bold; }")
+                .arg(kStartGreen.name()));
+    }
+    if (changeEnabled && !buttonsBlocked_)
+        recordPauseButton_->setEnabled(recording || !defaults_.readOnly());
+    screenSaver_.setInhibited(recording);
+    toolBar_->update();
+}
+
+void MainViewController::stopAnalyzerWithRefreshButtonsEnable(bool enable) {
+    // Trigger: the blink timer is invalidated here.
+    analyzerController_->stopPlayer();
+    analyzerController_->stopRecorder();
+    refreshPlayRecordPauseButtonsWithChangeEnabled(enable);
+}
+
+void MainViewController::stopAnalyzerAndRunBlock(std::function<void()> block) {
+    const bool running = audio_.isPlaying() || audio_.isRecording();
+    const int wait = running ? kStopWaitRunningMs : kStopWaitIdleMs;
+    defaults_.setDataValid(false);
+    blockButtonsForRebuild();
+    stopAnalyzerWithRefreshButtonsEnable(false);
+    MainQueue::asyncAfter(std::chrono::milliseconds(wait), std::move(block), &delayedContext_);
+}
+
+void MainViewController::stopAnalyzerWithoutBlockButtonsAndRunBlock(std::function<void()> block) {
+    const bool running = audio_.isPlaying() || audio_.isRecording();
+    const int wait = running ? kStopWaitRunningMs : kStopWaitIdleMs;
+    stopAnalyzerWithRefreshButtonsEnable(true);
+    MainQueue::asyncAfter(std::chrono::milliseconds(wait), std::move(block), &delayedContext_);
+}
+
+void MainViewController::blockButtonsForRebuild() {
+    buttonsBlocked_ = true;
+    gainView_->hide();
+    pleaseWaitView_->raise();
+    pleaseWaitView_->show();
+    for (QToolButton* b : {recordPauseButton_, gainSliderAndMaxMinResetButton_, settingsButton_})
+        b->setEnabled(false);
+    toolBar_->update();
+    chartView_->setNeedsDisplayWithSubviews();
+}
+
+void MainViewController::unblockButtonsAfterRebuild() {
+    buttonsBlocked_ = false;
+    pleaseWaitView_->hide();
+    settingsButton_->setEnabled(true);
+    refreshMaxMinResetButton();
+    refreshPlayRecordPauseButtonsWithChangeEnabled(true);
+    chartView_->setNeedsDisplayWithSubviews();
+}
+
+void MainViewController::prepareAnalyzerData() {
+    defaults_.setDataValid(false);
+    blockButtonsForRebuild();
+    MainQueue::async(
+        [this] {
+            // Geometry, index tables, sample store and textures in one chain.
+            analyzerController_->rebuildDataWithClear();
+            defaults_.setDataValid(true);
+            unblockButtonsAfterRebuild();
+        },
+        &delayedContext_);
+}
+
+// --- Chart type ----------------------------------------------------------------------------------
+
+void MainViewController::typeOfChartChange() {
+    const AnalyzerFeatures& features = defaults_.features();
+    QStringList titles;
+    std::vector<int32_t> types;
+    const auto offer = [&](bool on, const char* title, int32_t type) {
+        if (on) {
+            titles << QString::fromLatin1(title);
+            types.push_back(type);
+        }
+    };
+    offer(features.featureSpectrumEnabled(), "Spectrum", 0);
+    offer(features.featureOsciloscopeEnabled(), "Oscilloscope", 1);
+    offer(features.featureOctaveRTAEnabled(), "Octave RTA", 2);
+    TQMessage::showActionSheetWithTitle(
+        QStringLiteral("Type of the Second Chart"), this, QStringLiteral("Cancel"), titles,
+        [this, alive = std::weak_ptr<int>(lifeToken_), types](int button) {
+            if (!alive.expired() && button >= 1 && size_t(button) <= types.size())
+                setTypeOfChart(types[size_t(button - 1)]);
+        });
+}
+
+void MainViewController::setTypeOfChart(int32_t type) {
+    chartView_->setTypeOfChart(type);
+    refreshSegmentedControlTypeOfChartName();
+    refreshGainSlider();
+    chartView_->setNeedsDisplayWithSubviews();
+}
+
+void MainViewController::refreshSegmentedControlTypeOfChartName() {
+    if (typeOfChartButton_)
+        typeOfChartButton_->setText(chartView_->nameOfChart());
+}
+
+// --- Gain panel
+// ------------------------------------------------------------------------------------
+
+MainViewController::GainMeaning MainViewController::gainMeaning() const {
+    switch (chartView_->typeOfChart()) {
+    case 0:
+        return GainMeaning::Spectrum;
+    case 1:
+        return GainMeaning::Osciloscope;
+    default:
+        return GainMeaning::None;
+    }
+}
+
+float MainViewController::gainSliderValue() const {
+    switch (gainMeaning()) {
+    case GainMeaning::Spectrum:
+        return defaults_.spectrumWzmocnienieDB();
+    case GainMeaning::Osciloscope:
+        return defaults_.osciloscopeWzmocnienieDB();
+    case GainMeaning::None:
+        break;
+    }
+    return 0.0f;
+}
+
+void MainViewController::refreshGainSlider() {
+    const GainMeaning meaning = gainMeaning();
+    const QSignalBlocker quiet(gainSlider_);
+    gainSlider_->setRange(kWzmocnienieRange.minimum, kWzmocnienieRange.maximum);
+    gainSlider_->setValue(int(std::lround(gainSliderValue())));
+    gainOpisLabel_->setText(meaning == GainMeaning::Osciloscope
+                                ? QStringLiteral("Oscilloscope input level gain (dB)")
+                                : QStringLiteral("Spectrum level gain (dB)"));
+    gainValueLabel_->setText(QString::asprintf("%.0fdB", double(gainSliderValue())));
+    refreshMaxMinResetButton();
+}
+
+void MainViewController::gainSliderValueChanged(float valueDB) {
+    switch (gainMeaning()) {
+    case GainMeaning::Spectrum:
+        defaults_.setSpectrumWzmocnienieDB(valueDB);
+        break;
+    case GainMeaning::Osciloscope:
+        defaults_.setOsciloscopeWzmocnienieDB(valueDB);
+        break;
+    case GainMeaning::None:
+        return;
+    }
+    gainValueLabel_->setText(QString::asprintf("%.0fdB", double(valueDB)));
+    // The labels follow the gain through the chart's debounce.
+    chartView_->refreshTextures();
+    chartView_->setNeedsDisplayWithSubviews();
+}
+
+void MainViewController::refreshMaxMinResetButton() {
+    const QColor tint = palette().color(QPalette::ButtonText);
+    gainSliderButtonEnabled_ = gainMeaning() != GainMeaning::None;
+    resetMinMaxButtonEnabled_ = false;
+    QString image = QStringLiteral("Gain");
+    if (!gainSliderButtonEnabled_ && chartView_->typeOfChart() == 2) {
+        const bool minOn = defaults_.octaveRTAMinValuesEnabled();
+        const bool maxOn = defaults_.octaveRTAMaxValuesEnabled();
+        if (minOn || maxOn) {
+            resetMinMaxButtonEnabled_ = true;
+            image = minOn && maxOn ? QStringLiteral("reset_maxmin")
+                    : minOn        ? QStringLiteral("reset_min")
+                                   : QStringLiteral("reset_max");
+        }
+    }
+    gainSliderAndMaxMinResetButton_->setIcon(ToolbarImages::imageNamed(image, tint));
+    gainSliderAndMaxMinResetButton_->setToolTip(
+        resetMinMaxButtonEnabled_ ? QStringLiteral("Reset the minimum and maximum")
+                                  : QStringLiteral("Gain"));
+    if (!buttonsBlocked_)
+        gainSliderAndMaxMinResetButton_->setEnabled(gainSliderButtonEnabled_ ||
+                                                    resetMinMaxButtonEnabled_);
+}
+
+void MainViewController::gainSliderAndMinMaxButtonButton() {
+    if (resetMinMaxButtonEnabled_) {
+        chartView_->clearOctaveRTAMinMaxLevels();
+        chartView_->setNeedsDisplayWithSubviews();
+        return;
+    }
+    if (!gainSliderButtonEnabled_)
+        return;
+    refreshGainSlider();
+    gainView_->adjustSize();
+    // Above the button, kept inside the screen.
+    const QPoint anchor = gainSliderAndMaxMinResetButton_->mapToGlobal(
+        QPoint(gainSliderAndMaxMinResetButton_->width(), 0));
+    gainView_->move(anchor - QPoint(gainView_->width(), gainView_->height() + 4));
+    gainView_->show();
+}
+
+void MainViewController::tapRecognizerDismissGainView() { gainView_->hide(); }
+
+// --- Settings ------------------------------------------------------------------------------------
+
+void MainViewController::settingsPopover() {
+    // The settings screens are their own widgets; see the settings library.
+}
+
+void MainViewController::openHelp() { stopAnalyzerWithRefreshButtonsEnable(true); }
+
+void MainViewController::settingsWillClose() {
+    if (defaults_.preferredChange() == AnalyzerDefaults::PreferredChange::None) {
+        refreshAllViews();
+        return;
+    }
+    stopAnalyzerAndRunBlock([this] {
+        bool fftSizeChanged = false;
+        const AnalyzerDefaults::PreferredChange change =
+            defaults_.applyPreferredSettings(&fftSizeChanged);
+        refreshGainSlider();
+        if (change == AnalyzerDefaults::PreferredChange::Geometry) {
+            // New geometry: a new, empty document.
+            analyzerController_->rebuildDataWithClear();
+            defaults_.setDataValid(true);
+            unblockButtonsAfterRebuild();
+            return;
+        }
+        // Display settings: the document stays and is computed again.
+        analyzerController_->prepareTextures();
+        analyzerController_->recalculateDataWithFinishBlock(
+            [this] { unblockButtonsAfterRebuild(); });
+    });
+}
+
+void MainViewController::refreshAllViews() { chartView_->setNeedsDisplayWithSubviews(); }
+
+void MainViewController::generateOctaveRTAIndexes() {
+    defaults_.setOctaveRTAValid(false);
+    MainQueue::asyncAfter(
+        std::chrono::milliseconds(kStopWaitIdleMs),
+        [this] {
+            defaults_.generateOctaveRTAIndexes();
+            chartView_->clearOctaveRTAValues();
+            chartView_->turnOffMeasuring();
+            defaults_.setOctaveRTAValid(true);
+            refreshAllViews();
+        },
+        &delayedContext_);
+}
+
+void MainViewController::refreshSecondChartMeasuringView() {
+    chartView_->chart()->changeMeasuringTypeOpisy();
+    refreshMaxMinResetButton();
+    refreshAllViews();
+}
+
+void MainViewController::setSettingsPopOverContentSize(QSize size) {
+    if (settingsPopoverViewController_)
+        settingsPopoverViewController_->resize(size);
+}
+
+// --- State restoration
+// ----------------------------------------------------------------------------
+
+void MainViewController::encodeRestorableStateWithCoder(QSettings& coder) {
+    defaults_.saveDefaults();
+    // Document keys: written with the last-session file (spectrogram products).
+    coder.setValue(QLatin1String(kTypeOfChartKey), chartView_->typeOfChart());
+    coder.setValue(QLatin1String(kSpectrogramPIPKey), spectrogramPIP_);
+    coder.setValue(QLatin1String(kChartPIPKey), chartPIP_);
+    coder.setValue(QLatin1String(kSegmentKey), spectrogramVsChartSegment_);
+    coder.setValue(QLatin1String(AnalyzerDefaults::kVersionKey),
+                   QLatin1String(AnalyzerDefaults::kVersionTag));
+    coder.sync();
+}
+
+void MainViewController::decodeRestorableStateWithCoder(const QSettings& coder) {
+    if (coder.value(QLatin1String(AnalyzerDefaults::kVersionKey)).toString() !=
+        QLatin1String(AnalyzerDefaults::kVersionTag))
+        return;
+    const AnalyzerFeatures& features = defaults_.features();
+    if (features.featureSecondChartEnabled() && coder.contains(QLatin1String(kTypeOfChartKey))) {
+        bool ok = false;
+        const int type = coder.value(QLatin1String(kTypeOfChartKey)).toInt(&ok);
+        if (ok && type >= 0 && type <= 2)
+            chartView_->setTypeOfChart(type);
+    }
+    if (features.featurePIPEnabled()) {
+        spectrogramPIP_ = coder.value(QLatin1String(kSpectrogramPIPKey), spectrogramPIP_).toBool();
+        chartPIP_ = coder.value(QLatin1String(kChartPIPKey), chartPIP_).toBool();
+    }
+    if (coder.contains(QLatin1String(kSegmentKey)))
+        spectrogramVsChartSegment_ = coder.value(QLatin1String(kSegmentKey)).toInt() == 0 ? 0 : 1;
+}
+
+void MainViewController::applicationFinishedRestoringState() {
+    refreshSegmentedControlTypeOfChartName();
+    refreshGainSlider();
+    layoutViewPositionsWithoutAnimation();
+}
+
+} // namespace widmo

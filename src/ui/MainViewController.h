@@ -1,0 +1,213 @@
+#pragma once
+
+#include "engine/AnalyzerControllerDelegate.h"
+#include "engine/MainViewControllerInterface.h"
+#include "ui/ScreenSaverInhibitor.h"
+#include "ui/SettingsDelegate.h"
+#include "ui/TQMessagePresenter.h"
+
+#include <QPointer>
+#include <QWidget>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+class QFrame;
+class QLabel;
+class QSettings;
+class QSlider;
+class QStackedLayout;
+class QToolBar;
+class QToolButton;
+
+namespace widmo {
+
+class AnalyzerController;
+class AnalyzerDefaults;
+class ChartView;
+class FFTManager;
+class TQAudio;
+
+/// The application's one screen: the chart area (the second chart with its
+/// level meter) above a toolbar, owning the analysis engine.
+///
+/// The toolbar follows the audio object: a green "Start" while idle (the red
+/// record image in products with playback), the pause image while the
+/// analyser runs. It also holds the chart-type button (products with more than
+/// one second chart), the gain button (the gain panel, or the octave RTA's
+/// min/max reset), the settings and the help button.
+///
+/// Every change of document geometry runs with the engine stopped: the screen
+/// stops the analyser, shows the please-wait view with the buttons blocked,
+/// and runs the change 0.5 s later (0.3 s when nothing ran).
+///
+/// Threading: main thread only; the engine and the audio object post their
+/// callbacks to the main queue.
+class MainViewController final : public QWidget,
+                                 public MainViewControllerInterface,
+                                 public AnalyzerControllerDelegate,
+                                 public SettingsDelegate {
+    Q_OBJECT
+public:
+    /// Restoration keys of the screen (own store, see `encodeRestorableStateWithCoder`).
+    static constexpr const char* kTypeOfChartKey = "mainViewController.typeOfChart";
+    static constexpr const char* kSpectrogramPIPKey = "mainViewController.spectrogramPIP";
+    static constexpr const char* kChartPIPKey = "mainViewController.chartPIP";
+    static constexpr const char* kSegmentKey =
+        "mainViewController.spectrogramVsChartSegmentedControl";
+    /// Waits between stopping the analyser and a rebuild, in milliseconds.
+    static constexpr int kStopWaitRunningMs = 500;
+    static constexpr int kStopWaitIdleMs = 300;
+
+    /// `defaults`, `audio` and `fftManager` must outlive the screen. Creates the
+    /// engine and the chart, and wires them and the alert helper to the audio
+    /// object. The document is prepared by `prepareAnalyzerData`.
+    MainViewController(AnalyzerDefaults& defaults, TQAudio& audio, FFTManager& fftManager,
+                       QWidget* parent = nullptr);
+    /// Stops the analyser and unhooks the engine from the audio object.
+    ~MainViewController() override;
+
+    /// The screen most recently created and still alive; null when none.
+    static MainViewController* sharedMainViewController();
+
+    // --- Toolbar actions -----------------------------------------------------------------
+
+    /// Start / pause. Ignored during audio set-up and while the settings panel is open.
+    void startStopRecorder();
+    /// The chart-type choice ("Type of the Second Chart").
+    void typeOfChartChange();
+    void typeOfChartSpectrumSelected() { setTypeOfChart(0); }
+    void typeOfChartOsciloscopeSelected() { setTypeOfChart(1); }
+    void typeOfChartOctaveRTASelected() { setTypeOfChart(2); }
+    /// Opens the gain panel, or resets the octave RTA's holds.
+    void gainSliderAndMinMaxButtonButton();
+    /// Stores the slider's value in the setting it stands for and redraws.
+    void gainSliderValueChanged(float valueDB);
+    /// A click outside the gain panel closes it.
+    void tapRecognizerDismissGainView();
+    /// The settings panel (a popover below the settings button on a desktop).
+    void settingsPopover();
+    /// The help screen; the analyser stops first.
+    void openHelp();
+
+    // --- AnalyzerControllerDelegate -----------------------------------------------------------
+
+    void recorderDidStop() override;
+    void playerDidStop() override;
+
+    // --- MainViewControllerInterface -------------------------------------------------------
+
+    void stopAnalyzerWithoutBlockButtonsAndRunBlock(std::function<void()> block) override;
+    void stopAnalyzerWithRefreshButtonsEnable(bool enable) override;
+
+    // --- SettingsDelegate -------------------------------------------------------------------
+
+    void settingsWillClose() override;
+    void settingsNeedStopAnalyzer() override { stopAnalyzerWithRefreshButtonsEnable(true); }
+    void refreshAllViews() override;
+    void generateOctaveRTAIndexes() override;
+    void refreshSecondChartMeasuringView() override;
+    void setSettingsPopOverContentSize(QSize size) override;
+
+    // --- Helpers -------------------------------------------------------------------------------
+
+    /// Invalidates the document, blocks the buttons, stops the analyser and runs
+    /// `block` on the main queue after the stop wait.
+    void stopAnalyzerAndRunBlock(std::function<void()> block);
+    void blockButtonsForRebuild();
+    void unblockButtonsAfterRebuild();
+    /// Images and titles from the audio state; the enabled states only when
+    /// `changeEnabled`.
+    void refreshPlayRecordPauseButtonsWithChangeEnabled(bool changeEnabled);
+    /// The gain panel's setting, range, title and value for the chart on screen.
+    void refreshGainSlider();
+    void refreshMaxMinResetButton();
+    void refreshSegmentedControlTypeOfChartName();
+    /// Builds the document on first activation: geometry, tables, store,
+    /// textures; the buttons are blocked until it is done.
+    void prepareAnalyzerData();
+
+    // --- State restoration ----------------------------------------------------------------------
+
+    /// Saves the settings, then the screen's keys and the "VersionKey" tag.
+    void encodeRestorableStateWithCoder(QSettings& coder);
+    /// Restores the screen's keys, only from a record with this build's tag.
+    void decodeRestorableStateWithCoder(const QSettings& coder);
+    void applicationFinishedRestoringState();
+
+    // --- Parts, for the application and tests -----------------------------------------------
+
+    AnalyzerController& analyzerController() { return *analyzerController_; }
+    ChartView* chartView() const { return chartView_; }
+    QToolButton* recordPauseButton() const { return recordPauseButton_; }
+    QToolButton* typeOfChartButton() const { return typeOfChartButton_; }
+    QToolButton* gainSliderAndMaxMinResetButton() const { return gainSliderAndMaxMinResetButton_; }
+    QToolButton* settingsButton() const { return settingsButton_; }
+    QToolButton* helpButton() const { return helpButton_; }
+    QFrame* gainView() const { return gainView_; }
+    QSlider* gainSlider() const { return gainSlider_; }
+    QLabel* gainValueLabel() const { return gainValueLabel_; }
+    QLabel* gainOpisLabel() const { return gainOpisLabel_; }
+    QWidget* pleaseWaitView() const { return pleaseWaitView_; }
+    bool gainSliderButtonEnabled() const { return gainSliderButtonEnabled_; }
+    bool resetMinMaxButtonEnabled() const { return resetMinMaxButtonEnabled_; }
+    bool buttonsBlocked() const { return buttonsBlocked_; }
+    bool screenSaverInhibited() const { return screenSaver_.isInhibited(); }
+    /// A settings, help or chart-type panel is open.
+    bool panelOpen() const;
+
+    /// The gain panel's meanings.
+    enum class GainMeaning { None, Osciloscope, Spectrum };
+    GainMeaning gainMeaning() const;
+
+protected:
+    void resizeEvent(QResizeEvent* event) override;
+
+private:
+    void commonSetup();
+    void setupEnvironment();
+    void setTypeOfChart(int32_t type);
+    void layoutViewPositionsWithoutAnimation();
+    float gainSliderValue() const;
+    QToolButton* addToolButton(const QString& toolTip);
+
+    AnalyzerDefaults& defaults_;
+    TQAudio& audio_;
+    FFTManager& fftManager_;
+    TQMessagePresenter messages_;
+    ScreenSaverInhibitor screenSaver_;
+
+    std::unique_ptr<AnalyzerController> analyzerController_;
+    QWidget* chartArea_ = nullptr;
+    ChartView* chartView_ = nullptr;
+    QToolBar* toolBar_ = nullptr;
+    QToolButton* recordPauseButton_ = nullptr;
+    QToolButton* typeOfChartButton_ = nullptr;
+    QToolButton* gainSliderAndMaxMinResetButton_ = nullptr;
+    QToolButton* settingsButton_ = nullptr;
+    QToolButton* helpButton_ = nullptr;
+    QFrame* gainView_ = nullptr;
+    QSlider* gainSlider_ = nullptr;
+    QLabel* gainValueLabel_ = nullptr;
+    QLabel* gainOpisLabel_ = nullptr;
+    QWidget* pleaseWaitView_ = nullptr;
+    QPointer<QWidget> settingsPopoverViewController_;
+    QPointer<QWidget> helpViewController_;
+    QPointer<QWidget> typeOfChartViewController_;
+
+    bool chartPIP_ = false;
+    bool spectrogramPIP_ = false;
+    int spectrogramVsChartSegment_ = 1; // the chart fills the screen
+    bool gainSliderButtonEnabled_ = false;
+    bool resetMinMaxButtonEnabled_ = false;
+    bool buttonsBlocked_ = false;
+    bool mTrigStarted = false;
+    // Context of delayed main-queue work: dropped when the screen goes away.
+    QObject delayedContext_;
+    // Callbacks that may outlive the screen (audio completions, messages) hold
+    // a weak reference to this and do nothing once it has expired.
+    std::shared_ptr<int> lifeToken_ = std::make_shared<int>(0);
+};
+
+} // namespace widmo
