@@ -61,7 +61,7 @@ AppDelegate::~AppDelegate() = default;
 
 std::unique_ptr<QSettings> AppDelegate::restorationStore() {
     return std::make_unique<QSettings>(
-        QSettings::NativeFormat, QSettings::UserScope, QCoreApplication::organizationName(),
+        QSettings::NativeFormat, QSettings::UserScope, QStringLiteral("Widmo"),
         QCoreApplication::applicationName() + QStringLiteral("-state"));
 }
 
@@ -124,7 +124,7 @@ int AppDelegate::run(int argc, char** argv, const AnalyzerFeatures& features,
                      const QString& applicationName, const QString& displayName) {
     AnalyzerFeatures::selectProduct(features);
     QApplication app(argc, argv);
-    QCoreApplication::setOrganizationName(QStringLiteral("widmo"));
+    QCoreApplication::setOrganizationName(QStringLiteral("Widmo"));
     QCoreApplication::setApplicationName(applicationName);
     QGuiApplication::setApplicationDisplayName(displayName);
     QGuiApplication::setDesktopFileName(applicationName);

@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# Starts a built application against the test services, lets it run, ends it
+# with SIGTERM as a session manager would, and fails on a crash, an error in
+# its log, or a state record that was not saved on the way out.
+#   smoke.sh <executable> <application name>
+set -u
+exe=$1
+name=$2
+home=$(mktemp -d)
+trap 'rm -rf "$home"' EXIT
+log="$home/log"
+
+HOME="$home" XDG_CONFIG_HOME="$home/.config" XDG_CACHE_HOME="$home/.cache" \
+    XDG_DATA_HOME="$home/.local/share" "$exe" >"$log" 2>&1 &
+pid=$!
+sleep 4
+if ! kill -0 "$pid" 2>/dev/null; then
+    echo "smoke: $name ended by itself:"; cat "$log"; exit 1
+fi
+kill -TERM "$pid"
+wait "$pid"
+status=$?
+cat "$log"
+if [ "$status" -ne 0 ]; then
+    echo "smoke: $name exited with $status after SIGTERM"; exit 1
+fi
+# Lines the program or Qt print for real faults (the X server's own focus
+# warning under Xvfb is not one).
+if grep -i -E 'error|fatal|critical|assert|segmentation' "$log" | grep -v -i 'XGetInputFocus'; then
+    echo "smoke: $name logged an error"; exit 1
+fi
+state="$home/.config/Widmo/$name-state.conf"
+if ! grep -q 'VersionKey=kzr4410pwmq2093xa' "$state" 2>/dev/null; then
+    echo "smoke: $name did not save its state to $state"; exit 1
+fi
+echo "smoke: $name ran, quit cleanly and saved its state"

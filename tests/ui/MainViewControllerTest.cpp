@@ -1,0 +1,252 @@
+#include "ui/MainViewController.h"
+#include "ui/AppDelegate.h"
+
+#include "audio/TQAudio.h"
+#include "charts/ChartScrollView.h"
+#include "charts/ChartView.h"
+#include "core/AnalyzerDefaults.h"
+#include "core/AnalyzerFeatures.h"
+#include "dsp/FFTManager.h"
+#include "engine/AnalyzerController.h"
+#include "render/LevelMeterView.h"
+#include "ui/TQMessage.h"
+
+#include "TempSettings.h"
+#include "TestSignals.h"
+
+#include <QApplication>
+#include <QLabel>
+#include <QMainWindow>
+#include <QMessageBox>
+#include <QSettings>
+#include <QTest>
+#include <QToolButton>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <memory>
+#include <optional>
+
+namespace widmo {
+namespace {
+
+using test::kMinus12dBFS;
+
+bool isGreen(QRgb c) { return qGreen(c) > 150 && qRed(c) < 100 && qBlue(c) < 100; }
+
+/// Column of the highest curve pixel, or nothing when no curve is drawn.
+std::optional<int> peakColumn(const QImage& image) {
+    for (int y = 0; y < image.height(); ++y)
+        for (int x = 0; x < image.width(); ++x)
+            if (isGreen(image.pixel(x, y)))
+                return x;
+    return std::nullopt;
+}
+
+QMessageBox* visibleMessage() {
+    for (QWidget* w : QApplication::topLevelWidgets())
+        if (auto* box = qobject_cast<QMessageBox*>(w); box && box->isVisible())
+            return box;
+    return nullptr;
+}
+
+// The whole application stack of one product on the test sound server and X
+// server: settings, FFT engine, audio object, main screen in its window.
+class MainScreenTest : public test::TempSettings {
+protected:
+    void TearDown() override {
+        release();
+        if (QMessageBox* box = visibleMessage())
+            box->close();
+    }
+
+    void launch(const AnalyzerFeatures& features) {
+        features_ = std::make_unique<AnalyzerFeatures>(features);
+        defaults_ = std::make_unique<AnalyzerDefaults>(*features_, "main-screen-test");
+        audio_ = std::make_unique<TQAudio>(*defaults_, *features_);
+        fft_ = std::make_unique<FFTManager>(*defaults_);
+        app_ = std::make_unique<AppDelegate>(*defaults_, *audio_, *fft_);
+        ASSERT_TRUE(app_->didFinishLaunchingWithOptions());
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(app_->window()));
+        // The first activation prepares the document with the buttons blocked.
+        ASSERT_TRUE(QTest::qWaitFor(
+            [&] { return app_->dataPrepared() && !screen()->buttonsBlocked(); }, 5000));
+        ASSERT_TRUE(defaults_->dataValid());
+    }
+    /// Quits as the application does, then releases everything.
+    void quit() {
+        app_->applicationWillTerminate();
+        release();
+    }
+    void release() {
+        app_.reset();
+        audio_.reset();
+        fft_.reset();
+        defaults_.reset();
+    }
+
+    MainViewController* screen() const { return app_->mainViewController(); }
+    void clickStartPause() { QTest::mouseClick(screen()->recordPauseButton(), Qt::LeftButton); }
+    bool waitRecording(bool recording) {
+        return QTest::qWaitFor([&] { return audio_->isRecording() == recording; }, 5000);
+    }
+    double logX(double f) const {
+        return std::log2(f / defaults_->logStartFrequency()) / defaults_->logIntervalDelta();
+    }
+    /// Pixel column of content x at zoom 1 in the chart.
+    double column(double x) const {
+        ChartScrollView* chart = screen()->chartView()->chart();
+        const double margin = 2.0; // line margin on a desktop (tablet) screen
+        return margin + x * (chart->width() - 2.0 * margin);
+    }
+
+    std::unique_ptr<AnalyzerFeatures> features_;
+    std::unique_ptr<AnalyzerDefaults> defaults_;
+    std::unique_ptr<TQAudio> audio_;
+    std::unique_ptr<FFTManager> fft_;
+    std::unique_ptr<AppDelegate> app_;
+};
+
+// --- Products ----------------------------------------------------------------------------------
+
+TEST_F(MainScreenTest, eachProductOffersItsButtons) {
+    struct Case {
+        AnalyzerFeatures features;
+        bool chartTypeButton;
+        bool startTitle; // green "Start"; products with playback show the record image
+    };
+    const Case cases[] = {{AnalyzerFeatures::spectrumProduct(), false, true},
+                          {AnalyzerFeatures::studioProduct(), true, false},
+                          {AnalyzerFeatures::voiceProduct(), true, true}};
+    for (const Case& c : cases) {
+        launch(c.features);
+        MainViewController* s = screen();
+        EXPECT_EQ(s->typeOfChartButton() != nullptr, c.chartTypeButton);
+        EXPECT_EQ(s->recordPauseButton()->text() == "Start", c.startTitle);
+        EXPECT_EQ(s->recordPauseButton()->icon().isNull(), c.startTitle);
+        EXPECT_TRUE(s->recordPauseButton()->isEnabled());
+        EXPECT_TRUE(s->settingsButton()->isEnabled());
+        // The spectrum fills the screen, so the gain button opens the spectrum gain.
+        EXPECT_TRUE(s->gainSliderAndMaxMinResetButton()->isEnabled());
+        EXPECT_EQ(s->gainMeaning(), MainViewController::GainMeaning::Spectrum);
+        EXPECT_FALSE(s->pleaseWaitView()->isVisible());
+        release();
+    }
+}
+
+// --- Live analysis -------------------------------------------------------------------------------
+
+TEST_F(MainScreenTest, startWithTone_chartPeaksAtToneAndMeterMoves_pauseStops) {
+    launch(AnalyzerFeatures::spectrumProduct());
+    test::SinkPlayer tone(
+        48000, 20.0, [](double t) { return kMinus12dBFS * float(std::sin(2 * M_PI * 997.0 * t)); },
+        [](double) { return 0.0f; });
+    ASSERT_TRUE(tone.start());
+
+    clickStartPause();
+    ASSERT_TRUE(waitRecording(true));
+    EXPECT_TRUE(screen()->recordPauseButton()->text().isEmpty()); // the pause image
+    EXPECT_FALSE(screen()->recordPauseButton()->icon().isNull());
+
+    ChartView* chart = screen()->chartView();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return chart->levelDB() > -30.0f; }, 5000));
+    // The meter glides towards the level it is given.
+    ASSERT_TRUE(QTest::qWaitFor([&] { return chart->levelMeterView()->levelDB() > -30.0f; }, 3000));
+    QTest::qWait(300);
+    const std::optional<int> peak = peakColumn(chart->chart()->grabFramebuffer());
+    ASSERT_TRUE(peak);
+    EXPECT_NEAR(*peak, column(logX(997.0)), 3.0);
+
+    clickStartPause();
+    ASSERT_TRUE(waitRecording(false));
+    EXPECT_EQ(screen()->recordPauseButton()->text(), "Start");
+    EXPECT_TRUE(screen()->recordPauseButton()->isEnabled());
+}
+
+TEST_F(MainScreenTest, startWithoutInputDevice_showsMessage_buttonsStayUsable) {
+    launch(AnalyzerFeatures::spectrumProduct());
+    const int mic = test::virtualMicrophoneModule();
+    ASSERT_GE(mic, 0);
+    ASSERT_TRUE(test::unloadModule(mic));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return audio_->availableInputs().isEmpty(); }, 3000));
+
+    clickStartPause();
+    const bool shown = QTest::qWaitFor([] { return visibleMessage() != nullptr; }, 5000);
+    test::loadVirtualMicrophone();
+    ASSERT_TRUE(shown);
+    EXPECT_TRUE(visibleMessage()->text().contains("Recording disabled."));
+    EXPECT_FALSE(audio_->isRecording());
+    EXPECT_EQ(screen()->recordPauseButton()->text(), "Start");
+    EXPECT_TRUE(screen()->recordPauseButton()->isEnabled());
+    EXPECT_TRUE(screen()->settingsButton()->isEnabled());
+}
+
+// --- Settings ------------------------------------------------------------------------------------
+
+TEST_F(MainScreenTest, settingsCloseWithNewFftSizeOrRate_rebuildsDocumentAndChart) {
+    launch(AnalyzerFeatures::spectrumProduct());
+    ASSERT_EQ(defaults_->fftSize(), 4096);
+
+    defaults_->copyCurrentToPreferred();
+    defaults_->setPreferredFftSize(16384);
+    screen()->settingsWillClose();
+    // Blocked behind the wait view until the document is rebuilt.
+    EXPECT_TRUE(screen()->buttonsBlocked());
+    EXPECT_TRUE(screen()->pleaseWaitView()->isVisible());
+    EXPECT_FALSE(defaults_->dataValid());
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !screen()->buttonsBlocked(); }, 5000));
+    EXPECT_EQ(defaults_->fftSize(), 16384);
+    EXPECT_EQ(defaults_->fftOutSize(), 8192);
+    EXPECT_TRUE(defaults_->dataValid());
+
+    defaults_->copyCurrentToPreferred();
+    defaults_->setPreferredSampleRate(96000.0f);
+    screen()->settingsWillClose();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !screen()->buttonsBlocked(); }, 5000));
+    EXPECT_EQ(defaults_->sampleRate(), 96000.0f);
+    EXPECT_EQ(defaults_->audioBuffersData().size() * 4, size_t(defaults_->audioBufferByteSize()));
+
+    // The new document analyses: a tone peaks where it should on the new axis.
+    test::SinkPlayer tone(
+        48000, 20.0, [](double t) { return kMinus12dBFS * float(std::sin(2 * M_PI * 997.0 * t)); },
+        [](double) { return 0.0f; });
+    ASSERT_TRUE(tone.start());
+    clickStartPause();
+    ASSERT_TRUE(waitRecording(true));
+    ChartView* chart = screen()->chartView();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return chart->levelDB() > -30.0f; }, 5000));
+    QTest::qWait(300);
+    const std::optional<int> peak = peakColumn(chart->chart()->grabFramebuffer());
+    ASSERT_TRUE(peak);
+    EXPECT_NEAR(*peak, column(logX(997.0)), 3.0);
+    clickStartPause();
+    ASSERT_TRUE(waitRecording(false));
+}
+
+// --- State across runs
+// ----------------------------------------------------------------------------
+
+TEST_F(MainScreenTest, quitAndStartAgain_restoresSettingsAndChartType_onlyFromItsOwnTag) {
+    launch(AnalyzerFeatures::studioProduct());
+    screen()->typeOfChartOctaveRTASelected();
+    defaults_->copyCurrentToPreferred();
+    defaults_->setPreferredFftWindowType(1);
+    screen()->settingsWillClose();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !screen()->buttonsBlocked(); }, 5000));
+    quit();
+
+    launch(AnalyzerFeatures::studioProduct());
+    EXPECT_EQ(screen()->chartView()->typeOfChart(), 2);
+    EXPECT_EQ(screen()->typeOfChartButton()->text(), "Octave RTA");
+    EXPECT_EQ(defaults_->fftWindowType(), 1);
+    quit();
+
+    // A record with another tag restores nothing of the screen.
+    AppDelegate::restorationStore()->setValue(AnalyzerDefaults::kVersionKey, "another-format");
+    launch(AnalyzerFeatures::studioProduct());
+    EXPECT_EQ(screen()->chartView()->typeOfChart(), 0);
+}
+
+} // namespace
+} // namespace widmo
