@@ -1,5 +1,9 @@
 #!/usr/bin/env bash
-# Installs every package Widmo needs to build, test and run on Debian 12.
+# Installs every package Widmo needs on Debian 12.
+#   install-deps.sh          to build, run and test (with the test services)
+#   install-deps.sh --build  to build and run only: the test services (a
+#                            PulseAudio server, Xvfb, jackd) are left out, so a
+#                            desktop's own sound server is never replaced
 # Idempotent: packages already present are skipped, and apt-get update runs
 # only when something is missing.
 set -euo pipefail
@@ -7,15 +11,20 @@ set -euo pipefail
 PACKAGES=(
     build-essential cmake ninja-build ccache pkg-config git clang-format
     qt6-base-dev qt6-base-dev-tools libqt6opengl6-dev qt6-multimedia-dev
-    libgl-dev libgles-dev
+    libgl-dev libgles-dev libgl1-mesa-dri
     libfftw3-dev libsndfile1-dev libsoxr-dev libjack-jackd2-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     fonts-liberation
     gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-pulseaudio
+)
+TEST_PACKAGES=(
     pulseaudio pulseaudio-utils sox
-    xvfb xauth libgl1-mesa-dri mesa-utils
+    xvfb xauth mesa-utils
     jackd2
 )
+if [ "${1:-}" != "--build" ]; then
+    PACKAGES+=("${TEST_PACKAGES[@]}")
+fi
 
 if [ "$(id -u)" -eq 0 ]; then
     SUDO=()
@@ -40,4 +49,4 @@ export DEBIAN_FRONTEND=noninteractive
 # jackd2 asks whether to enable real-time scheduling; answer once, non-interactively.
 echo "jackd2 jackd/tweak_rt_limits boolean false" | "${SUDO[@]}" debconf-set-selections
 "${SUDO[@]}" apt-get update -q
-"${SUDO[@]}" apt-get install -y -q --no-install-recommends "${missing[@]}"
+"${SUDO[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends "${missing[@]}"
