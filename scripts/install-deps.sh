@@ -19,7 +19,7 @@ PACKAGES=(
 )
 TEST_PACKAGES=(
     pulseaudio pulseaudio-utils sox
-    xvfb xauth mesa-utils
+    xvfb xauth mesa-utils x11-utils
     jackd2
 )
 if [ "${1:-}" != "--build" ]; then

@@ -13,7 +13,18 @@ log="$home/log"
 HOME="$home" XDG_CONFIG_HOME="$home/.config" XDG_CACHE_HOME="$home/.cache" \
     XDG_DATA_HOME="$home/.local/share" "$exe" >"$log" 2>&1 &
 pid=$!
-sleep 4
+# Up to 30 s for the window (a sanitizer build under load starts slowly),
+# then a few seconds of running.
+shown=no
+for _ in $(seq 300); do
+    if xwininfo -root -tree 2>/dev/null | grep -q '"Widmo'; then shown=yes; break; fi
+    kill -0 "$pid" 2>/dev/null || break
+    sleep 0.1
+done
+sleep 3
+if [ "$shown" != yes ]; then
+    echo "smoke: $name showed no window"; kill -KILL "$pid" 2>/dev/null; cat "$log"; exit 1
+fi
 if ! kill -0 "$pid" 2>/dev/null; then
     echo "smoke: $name ended by itself:"; cat "$log"; exit 1
 fi

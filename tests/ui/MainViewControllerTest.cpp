@@ -19,6 +19,7 @@
 #include <QMainWindow>
 #include <QMessageBox>
 #include <QSettings>
+#include <QSlider>
 #include <QTest>
 #include <QToolButton>
 
@@ -133,6 +134,41 @@ TEST_F(MainScreenTest, eachProductOffersItsButtons) {
         EXPECT_FALSE(s->pleaseWaitView()->isVisible());
         release();
     }
+}
+
+// --- Gain panel and the min/max reset ---------------------------------------------------------
+
+TEST_F(MainScreenTest, gainButtonFollowsTheChartOnScreen) {
+    launch(AnalyzerFeatures::studioProduct());
+    MainViewController* s = screen();
+    QToolButton* button = s->gainSliderAndMaxMinResetButton();
+
+    QTest::mouseClick(button, Qt::LeftButton);
+    ASSERT_TRUE(s->gainView()->isVisible());
+    EXPECT_EQ(s->gainOpisLabel()->text(), "Spectrum level gain (dB)");
+    EXPECT_EQ(s->gainSlider()->maximum(), 70);
+    s->gainSlider()->setValue(20);
+    EXPECT_EQ(defaults_->spectrumWzmocnienieDB(), 20.0f);
+    EXPECT_EQ(s->gainValueLabel()->text(), "20dB");
+    s->tapRecognizerDismissGainView();
+
+    s->typeOfChartOsciloscopeSelected();
+    EXPECT_EQ(s->gainOpisLabel()->text(), "Oscilloscope input level gain (dB)");
+    s->gainSlider()->setValue(35);
+    EXPECT_EQ(defaults_->osciloscopeWzmocnienieDB(), 35.0f);
+    EXPECT_EQ(defaults_->spectrumWzmocnienieDB(), 20.0f);
+
+    // The octave RTA has no gain: the button resets its holds, or is off without any.
+    defaults_->setOctaveRTAMaxValuesEnabled(false);
+    defaults_->setOctaveRTAMinValuesEnabled(false);
+    s->typeOfChartOctaveRTASelected();
+    EXPECT_FALSE(button->isEnabled());
+    defaults_->setOctaveRTAMaxValuesEnabled(true);
+    s->refreshSecondChartMeasuringView();
+    EXPECT_TRUE(button->isEnabled());
+    EXPECT_TRUE(s->resetMinMaxButtonEnabled());
+    QTest::mouseClick(button, Qt::LeftButton);
+    EXPECT_FALSE(s->gainView()->isVisible());
 }
 
 // --- Live analysis -------------------------------------------------------------------------------
