@@ -218,6 +218,27 @@ TEST_F(MainScreenTest, startWithoutInputDevice_showsMessage_buttonsStayUsable) {
     EXPECT_TRUE(screen()->settingsButton()->isEnabled());
 }
 
+// --- Lifecycle
+// -------------------------------------------------------------------------------------
+
+TEST_F(MainScreenTest, leavingForeground_stopsAnalyser_comingBackKeepsTheDocument) {
+    launch(AnalyzerFeatures::spectrumProduct());
+    clickStartPause();
+    ASSERT_TRUE(waitRecording(true));
+
+    app_->applicationWillResignActive();
+    EXPECT_FALSE(audio_->isRecording());
+    EXPECT_FALSE(audio_->sessionActivated());
+    EXPECT_EQ(screen()->recordPauseButton()->text(), "Start");
+
+    // Coming back does not prepare the document again: what it holds stays.
+    defaults_->setActualInterval(7);
+    app_->applicationDidBecomeActive();
+    QTest::qWait(100);
+    EXPECT_FALSE(screen()->buttonsBlocked());
+    EXPECT_EQ(defaults_->actualInterval(), 7);
+}
+
 // --- Settings ------------------------------------------------------------------------------------
 
 TEST_F(MainScreenTest, settingsCloseWithNewFftSizeOrRate_rebuildsDocumentAndChart) {
