@@ -225,8 +225,6 @@ void MainViewController::startStopRecorder() {
         // Trigger: the armed trigger's blink timer starts here (products with a trigger).
         refreshPlayRecordPauseButtonsWithChangeEnabled(true);
     });
-    // The button shows the pending start at once; the completion settles it.
-    refreshPlayRecordPauseButtonsWithChangeEnabled(false);
 }
 
 void MainViewController::recorderDidStop() { refreshPlayRecordPauseButtonsWithChangeEnabled(true); }
