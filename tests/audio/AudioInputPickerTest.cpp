@@ -1,4 +1,3 @@
-#include "AudioTestDoubles.h"
 #include "TestSignals.h"
 #include "audio/AudioInputPickerViewDataSource.h"
 #include "audio/TQAudio.h"

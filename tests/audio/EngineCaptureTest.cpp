@@ -1,4 +1,4 @@
-#include "AudioTestDoubles.h"
+#include "TestDoubles.h"
 #include "TestSignals.h"
 #include "audio/AudioIOUnit.h"
 #include "audio/TQAudio.h"
@@ -36,9 +36,12 @@ protected:
         defaults->setOutputGainValue(0.0f);
         audio = std::make_unique<TQAudio>(*defaults, features);
         manager = std::make_unique<FFTManager>(*defaults);
-        chart = std::make_unique<ChartRecorder>(*defaults);
+        newest.clear();
+        chart.onData = [this](const float* data) {
+            newest.assign(data, data + this->defaults->fftOutSize());
+        };
         engine = std::make_unique<AnalyzerController>(*defaults, *manager, *audio);
-        engine->setChartViews(chart.get(), nullptr);
+        engine->setChartViews(&chart, nullptr);
         engine->setDelegate(&owner);
         engine->rebuildDataWithClear();
         defaults->setDataValid(true);
@@ -52,7 +55,6 @@ protected:
             engine->stopPlayer();
         }
         engine.reset();
-        chart.reset();
         manager.reset();
         audio.reset();
         defaults.reset();
@@ -65,11 +67,12 @@ protected:
         QTest::qWait(int(seconds * 1000));
     }
 
-    /// Level in dB of the newest spectrum at `bin`, and its strongest bin.
+    /// Level in dB of the newest spectrum's strongest bin, and that bin.
     std::pair<double, int> newestPeak() const {
-        const std::vector<float>& s = chart->newest;
-        const auto peak = std::max_element(s.begin() + 1, s.end());
-        return {10.0 * std::log10(double(*peak) + 1e-14), int(peak - s.begin())};
+        if (newest.size() < 2)
+            return {-1000.0, -1};
+        const auto peak = std::max_element(newest.begin() + 1, newest.end());
+        return {10.0 * std::log10(double(*peak) + 1e-14), int(peak - newest.begin())};
     }
 
     /// What the FFT engine reads for an ideal -12 dBFS sine at `frequency`.
@@ -92,24 +95,21 @@ protected:
     std::unique_ptr<AnalyzerDefaults> defaults;
     std::unique_ptr<TQAudio> audio;
     std::unique_ptr<FFTManager> manager;
-    std::unique_ptr<ChartRecorder> chart;
+    FakeChartView chart;
+    std::vector<float> newest; ///< a copy of the newest spectrum the engine showed
     std::unique_ptr<AnalyzerController> engine;
-    EngineOwnerRecorder owner;
+    FakeDelegate owner;
 };
-
-float sine(double frequency, double t) {
-    return kMinus12dBFS * float(std::sin(2.0 * std::numbers::pi * frequency * t));
-}
 
 TEST_F(EngineCaptureTest, toneInTheSink_peaksAtItsBinAndLevel_onEitherChannel_andGainRaisesIt) {
     build(44100.0f);
     SinkPlayer player(
-        44100, 30.0, [](double t) { return sine(997.0, t); },
-        [](double t) { return sine(1999.0, t); });
+        44100, 30.0, [](double t) { return sineAt(997.0, t); },
+        [](double t) { return sineAt(1999.0, t); });
     ASSERT_TRUE(player.start());
 
     record(1.5);
-    ASSERT_GT(chart->updates, 10);
+    ASSERT_GT(chart.shownData.size(), 10u);
     auto [level, bin] = newestPeak();
     EXPECT_EQ(bin, binOf(997.0));
     const double reference997 = referencePeakDb(997.0, binOf(997.0));
@@ -152,24 +152,10 @@ TEST_F(EngineCaptureTest, recordedDocument_playsBackIntoTheSinkWithTheSameSample
     ASSERT_GT(written, 48000);
 
     // Listen on the virtual microphone while the document plays.
-    struct Listener : AudioIOUnitClient {
-        void inputAvailable(int32_t frames) override {
-            const size_t at = samples.size();
-            samples.resize(at + size_t(frames) * 2);
-            samples.resize(at + size_t(unit->renderInput(samples.data() + at, frames)) * 2);
-        }
-        void renderOutput(int32_t, float*) override {}
-        void unitFailed(AudioIOFailure, const QString&) override {}
-        AudioIOUnit* unit = nullptr;
-        std::vector<float> samples;
-    } listener;
+    CaptureRecorder listener;
     AudioIOUnit listening(listener);
     listener.unit = &listening;
-    AudioIOUnit::Config config;
-    config.enableInput = true;
-    config.input = QMediaDevices::defaultAudioInput();
-    config.sampleRate = 48000;
-    ASSERT_TRUE(listening.start(config).ok());
+    ASSERT_TRUE(listening.start(captureConfig(48000)).ok());
 
     bool started = false;
     engine->startPlayer([&](bool ok) { started = ok; });

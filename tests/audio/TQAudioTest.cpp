@@ -1,20 +1,69 @@
 #include "audio/TQAudio.h"
-#include "AudioTestDoubles.h"
+#include "TestDoubles.h"
 #include "TestSignals.h"
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
+#include "engine/TQAudioDelegate.h"
 
 #include <QMediaDevices>
 #include <QTest>
 
 #include <gtest/gtest.h>
 
-#include <memory>
+#include <mutex>
 
 namespace widmo {
 namespace {
 
 using namespace test;
+
+/// Records the blocks that reach the delegate (delivery queue) and serves
+/// playback samples from `source` (audio thread).
+class RecordingDelegate : public TQAudioDelegate {
+public:
+    explicit RecordingDelegate(TQAudio& audio) : audio_(audio) {}
+
+    void didGetNewAudioData(TQAudioData data) override {
+        std::lock_guard lock(mutex_);
+        onQueue_ = onQueue_ && audio_.audioDispatchQueue().isCurrent();
+        pointers_.push_back(data.data);
+        frames_ += size_t(data.count);
+    }
+    void giveNewAudioData(TQAudioData* data) override {
+        for (int32_t i = 0; i < data->count; ++i)
+            data->data[i] = source ? source(played_ + i) : 0.0f;
+        played_ += data->count;
+        renderCalls.fetch_add(1, std::memory_order_relaxed);
+    }
+
+    size_t blocks() const {
+        std::lock_guard lock(mutex_);
+        return pointers_.size();
+    }
+    std::vector<float*> pointers() const {
+        std::lock_guard lock(mutex_);
+        return pointers_;
+    }
+    size_t frames() const {
+        std::lock_guard lock(mutex_);
+        return frames_;
+    }
+    bool allOnQueue() const {
+        std::lock_guard lock(mutex_);
+        return onQueue_;
+    }
+
+    std::function<float(int64_t)> source; ///< playback sample at frame index
+    std::atomic<int> renderCalls{0};
+
+private:
+    TQAudio& audio_;
+    mutable std::mutex mutex_;
+    bool onQueue_ = true;
+    std::vector<float*> pointers_;
+    size_t frames_ = 0;
+    int64_t played_ = 0;
+};
 
 class TQAudioTest : public ::testing::Test {
 protected:
@@ -45,8 +94,8 @@ protected:
     AnalyzerDefaults defaults{features, "audio-test"};
     TQAudio audio{defaults, features};
     RecordingDelegate delegate{audio};
-    MainScreenRecorder mainScreen{audio};
-    MessageRecorder messages;
+    FakeMainScreen mainScreen{&audio};
+    FakeMessages messages;
 };
 
 TEST_F(TQAudioTest, recording_deliversBlocksInRingOrderOnTheQueue_afterTheStartupSkip) {
@@ -88,10 +137,10 @@ TEST_F(TQAudioTest, recording_deliversBlocksInRingOrderOnTheQueue_afterTheStartu
     // The first eight cycles (counter 0..7) were dropped, every later one delivered.
     EXPECT_NEAR(double(audio.renderCycleCounter()) - double(pointers.size()), 8.0, 1.0);
     // About 1.5 s of 48 kHz audio arrived, in blocks of about the device buffer.
-    const double frames = double(delegate.samples().size()) / 2.0;
+    const double frames = double(delegate.frames());
     EXPECT_GT(frames, 48000 * 1.2);
     EXPECT_LT(frames, 48000 * 1.7);
-    EXPECT_TRUE(messages.titles.isEmpty());
+    EXPECT_TRUE(messages.shown.empty());
 
     // Stopped means stopped: nothing more arrives.
     const size_t blocks = delegate.blocks();
@@ -106,11 +155,11 @@ TEST_F(TQAudioTest, microphoneRemovedWhileRecording_stopsAndSaysSo_andRecordingR
 
     ASSERT_TRUE(unloadModule(virtualMicrophoneModule()));
     ASSERT_TRUE(QTest::qWaitFor([&] { return !audio.isRecording(); }, 5000));
-    EXPECT_EQ(mainScreen.stopsWithBlock, 1);
-    ASSERT_EQ(messages.titles.size(), 1);
-    EXPECT_EQ(messages.titles[0], "Recording stopped.");
-    EXPECT_TRUE(messages.messages[0].contains("\"WidmoTestMic\" was disconnected"));
-    EXPECT_EQ(messages.buttons[0], "OK");
+    EXPECT_EQ(mainScreen.stopsWithoutBlock, 1);
+    ASSERT_EQ(messages.shown.size(), 1u);
+    EXPECT_EQ(messages.shown[0].title, "Recording stopped.");
+    EXPECT_TRUE(messages.shown[0].message.contains("\"WidmoTestMic\" was disconnected"));
+    EXPECT_EQ(messages.shown[0].button, "OK");
     audio.audioDispatchQueue().waitUntilEmpty();
     const size_t blocks = delegate.blocks();
 
@@ -123,9 +172,9 @@ TEST_F(TQAudioTest, microphoneRemovedWhileRecording_stopsAndSaysSo_andRecordingR
     EXPECT_FALSE(audio.isSetupInProgress());
     EXPECT_EQ(mainScreen.stopsWithRefresh, 1);
     EXPECT_TRUE(mainScreen.lastRefreshEnable);
-    ASSERT_EQ(messages.titles.size(), 2);
-    EXPECT_EQ(messages.titles[1], "Recording disabled.");
-    EXPECT_TRUE(messages.messages[1].startsWith("No audio input was found."));
+    ASSERT_EQ(messages.shown.size(), 2u);
+    EXPECT_EQ(messages.shown[1].title, "Recording disabled.");
+    EXPECT_TRUE(messages.shown[1].message.startsWith("No audio input was found."));
     EXPECT_EQ(delegate.blocks(), blocks);
 
     // Once the device is back, the next start records again.
@@ -134,7 +183,7 @@ TEST_F(TQAudioTest, microphoneRemovedWhileRecording_stopsAndSaysSo_andRecordingR
     calls = 0;
     EXPECT_TRUE(startRecording(&calls));
     EXPECT_TRUE(QTest::qWaitFor([&] { return delegate.blocks() > blocks + 10; }, 3000));
-    EXPECT_EQ(messages.titles.size(), 2);
+    EXPECT_EQ(messages.shown.size(), 2u);
 }
 
 TEST_F(TQAudioTest, aRateTheDeviceCannotOpen_endsTheStartWithNo_once) {
@@ -144,10 +193,10 @@ TEST_F(TQAudioTest, aRateTheDeviceCannotOpen_endsTheStartWithNo_once) {
     QTest::qWait(100);
     EXPECT_EQ(calls, 1);
     EXPECT_FALSE(audio.isRecording());
-    ASSERT_EQ(messages.titles.size(), 1);
-    EXPECT_EQ(messages.titles[0], "Recording disabled.");
+    ASSERT_EQ(messages.shown.size(), 1u);
+    EXPECT_EQ(messages.shown[0].title, "Recording disabled.");
     EXPECT_TRUE(
-        messages.messages[0].contains("\"WidmoTestMic\" could not be opened at 1000000 Hz"));
+        messages.shown[0].message.contains("\"WidmoTestMic\" could not be opened at 1000000 Hz"));
 
     // The failure leaves nothing behind: a start at a rate the device takes works.
     defaults.setSampleRate(48000.0f);

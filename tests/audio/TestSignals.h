@@ -1,17 +1,53 @@
 #pragma once
 
+#include "audio/AudioIOUnit.h"
+#include "audio/AudioIOUnitClient.h"
+
+#include <QMediaDevices>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
 
+#include <algorithm>
 #include <cmath>
 #include <functional>
+#include <numbers>
 #include <vector>
 
 namespace widmo::test {
 
 /// -12 dBFS as a linear amplitude.
 inline constexpr float kMinus12dBFS = 0.25118864f;
+
+/// A -12 dBFS sine of `frequency` Hz at time `t` seconds.
+inline float sineAt(double frequency, double t) {
+    return kMinus12dBFS * float(std::sin(2.0 * std::numbers::pi * frequency * t));
+}
+
+/// Keeps what an audio unit captures (interleaved stereo), on the unit's thread.
+class CaptureRecorder : public AudioIOUnitClient {
+public:
+    void inputAvailable(int32_t frames) override {
+        const size_t at = samples.size();
+        samples.resize(at + size_t(frames) * 2);
+        samples.resize(at + size_t(unit->renderInput(samples.data() + at, frames)) * 2);
+    }
+    void renderOutput(int32_t frames, float* out) override { std::fill(out, out + frames, 0.0f); }
+    void unitFailed(AudioIOFailure f, const QString&) override { failure = f; }
+
+    AudioIOUnit* unit = nullptr;
+    std::vector<float> samples;
+    AudioIOFailure failure = AudioIOFailure::None;
+};
+
+/// Capture from the default input (the virtual microphone) at `rate` Hz.
+inline AudioIOUnit::Config captureConfig(int rate) {
+    AudioIOUnit::Config config;
+    config.enableInput = true;
+    config.input = QMediaDevices::defaultAudioInput();
+    config.sampleRate = rate;
+    return config;
+}
 
 /// Runs a command of the test sound server (pactl, ...) and returns its exit code.
 int runTool(const QString& program, const QStringList& arguments, QString* output = nullptr);

@@ -134,43 +134,22 @@ TEST_F(ChartDataTest, bandEdges_interpolateBetweenBins) {
     EXPECT_NEAR(data_->octaveRTAValues()[k], 10.0 * std::log10((1.0 - p) / 2.0), 1e-3);
 }
 
-TEST_F(ChartDataTest, steadySine_throughFFT_lightsItsBand) {
-    defaults_->setOctaveRTABandAverageType(3);
-    FFTManager fft(*defaults_);
-    const auto samples = test::sine(1000.0, 48000.0, defaults_->fftSize());
-    const test::Interval interval = test::analyse(fft, samples);
-    data_->addFFTdata(interval.spectrum, interval.window, nullptr);
-    data_->updateOctaveRTA(true, 1.0 / 60.0);
-    const auto& values = data_->octaveRTAValues();
-    const int32_t lo = defaults_->octaveRTAMinIndex();
-    const int32_t hi = defaults_->octaveRTAMaxIndex();
-    const auto loudest = std::max_element(values.begin() + lo, values.begin() + hi + 1);
-    EXPECT_EQ(loudest - values.begin(), 36);
-    // The whole sine's power (the Hamming window spreads it over a few bins,
-    // 1.36 times its peak) lands in the band.
-    EXPECT_NEAR(*loudest, 1.3f, 0.5f);
-    EXPECT_LT(values[30], *loudest - 40.0f);
-}
-
-TEST_F(ChartDataTest, averagingType0_stepReachesHalfWayAfterOneFrame) {
-    defaults_->setOctaveRTABandAverageType(0);
-    frame(step_);
-    EXPECT_NEAR(value(), -72.0f, 1e-3f);
-    frame(step_);
-    EXPECT_NEAR(value(), -36.0f, 1e-3f);
-    // Falling uses the slow release of 0.075.
-    frame(silence_);
-    EXPECT_NEAR(value(), -36.0f - 108.0f * 0.075f, 1e-3f);
-}
-
-TEST_F(ChartDataTest, averagingType3_followsEachFrame) {
-    defaults_->setOctaveRTABandAverageType(3);
-    frame(step_);
-    EXPECT_NEAR(value(), 0.0f, 1e-3f);
-    frame(silence_);
-    EXPECT_NEAR(value(), -144.0f, 1e-3f);
-    frame(step_);
-    EXPECT_NEAR(value(), 0.0f, 1e-3f);
+TEST_F(ChartDataTest, averaging_type0HalvesTheStepAndFallsSlowly_type3FollowsEachFrame) {
+    // Frames of a full-scale step (true) or silence (false), and the band after each.
+    struct Row {
+        int32_t type;
+        std::vector<std::pair<bool, float>> frames;
+    };
+    const Row rows[] = {{0, {{true, -72.0f}, {true, -36.0f}, {false, -36.0f - 108.0f * 0.075f}}},
+                        {3, {{true, 0.0f}, {false, -144.0f}, {true, 0.0f}}}};
+    for (const Row& r : rows) {
+        defaults_->setOctaveRTABandAverageType(r.type);
+        data_->clearOctaveRTAValues();
+        for (const auto& [step, expected] : r.frames) {
+            frame(step ? step_ : silence_);
+            EXPECT_NEAR(value(), expected, 1e-3f) << "type " << r.type;
+        }
+    }
 }
 
 TEST_F(ChartDataTest, decayTime0_holdsNeverMove) {

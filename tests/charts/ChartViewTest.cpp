@@ -104,20 +104,16 @@ protected:
 
 // --- Spectrum peak on both frequency axes -------------------------------------------------
 
-TEST_F(ChartViewTest, fullScaleSine_peakAtItsFrequencyAndZeroDB_logAxis) {
-    const auto peak = topmost(chartImage(), isGreen);
-    ASSERT_TRUE(peak);
-    EXPECT_NEAR(peak->x(), column(logX(997.0)), 2.0);
-    EXPECT_NEAR(peak->y(), row(1.0), 2.0);
-}
-
-TEST_F(ChartViewTest, fullScaleSine_peakAtItsFrequencyAndZeroDB_linearAxis) {
-    defaults_->setLinearFrequency(true);
-    view_->prepareTextures();
-    const auto peak = topmost(chartImage(), isGreen);
-    ASSERT_TRUE(peak);
-    EXPECT_NEAR(peak->x(), column(997.0 / defaults_->maxFrequency()), 2.0);
-    EXPECT_NEAR(peak->y(), row(1.0), 2.0);
+TEST_F(ChartViewTest, fullScaleSine_peakAtItsFrequencyAndZeroDB_logAndLinearAxis) {
+    for (const bool linear : {false, true}) {
+        defaults_->setLinearFrequency(linear);
+        view_->prepareTextures();
+        const auto peak = topmost(chartImage(), isGreen);
+        ASSERT_TRUE(peak) << linear;
+        const double x = linear ? 997.0 / defaults_->maxFrequency() : logX(997.0);
+        EXPECT_NEAR(peak->x(), column(x), 2.0) << linear;
+        EXPECT_NEAR(peak->y(), row(1.0), 2.0) << linear;
+    }
 }
 
 TEST_F(ChartViewTest, quieterSine_peakLowerByItsLevel_linearDisplayFollowsGain) {

@@ -3,65 +3,49 @@
 
 #include <gtest/gtest.h>
 
+#include <bit>
+
 namespace widmo {
 namespace {
 
-TEST(AnalyzerFeaturesTest, spectrumProductOffersSpectrumAndMeterOnly) {
-    const AnalyzerFeatures f = AnalyzerFeatures::spectrumProduct();
-    EXPECT_TRUE(f.featureSpectrumEnabled());
-    EXPECT_TRUE(f.featureLevelMeterEnabled());
-    EXPECT_TRUE(f.featureSampleRatesStdEnabled());
-    EXPECT_TRUE(f.featureSampleRate96Enabled());
-    EXPECT_FALSE(f.featureOsciloscopeEnabled());
-    EXPECT_FALSE(f.featureOctaveRTAEnabled());
-    EXPECT_FALSE(f.featureSpectrogramEnabled());
-    EXPECT_FALSE(f.featurePlayback());
-    EXPECT_FALSE(f.featureRecordTrig());
-    EXPECT_FALSE(f.featureImportExportAudio());
-    EXPECT_FALSE(f.featureTranspositionEnabled());
-    EXPECT_FALSE(f.featureUltrasonicEnabled());
-    EXPECT_FALSE(f.featureHighResolution());
-    EXPECT_FALSE(f.featureVoiceEGG());
-    EXPECT_TRUE(f.featureSecondChartEnabled());
-    EXPECT_FALSE(f.featureSecondChartSelectionEnabled());
-    EXPECT_FALSE(f.featurePIPEnabled());
-    EXPECT_TRUE(f.featureSampleRatesEnabled());
-}
-
-TEST(AnalyzerFeaturesTest, studioHasEverythingButEgg_voiceHasEgg) {
-    const AnalyzerFeatures studio = AnalyzerFeatures::studioProduct();
-    EXPECT_TRUE(studio.featureSpectrogramEnabled());
-    EXPECT_TRUE(studio.featureUltrasonicEnabled());
-    EXPECT_TRUE(studio.featureHighResolution());
-    EXPECT_TRUE(studio.featureRecordTrig());
-    EXPECT_FALSE(studio.featureVoiceEGG());
-    EXPECT_TRUE(studio.featurePIPEnabled());
-    EXPECT_TRUE(studio.featureSecondChartSelectionEnabled());
-
-    const AnalyzerFeatures voice = AnalyzerFeatures::voiceProduct();
-    EXPECT_TRUE(voice.featureVoiceEGG());
-    EXPECT_TRUE(voice.featureOsciloscopeEnabled());
-    EXPECT_FALSE(voice.featureSpectrogramEnabled());
-    EXPECT_TRUE(voice.featureSecondChartSelectionEnabled());
-    EXPECT_FALSE(voice.featurePIPEnabled());
+TEST(AnalyzerFeaturesTest, productsDifferInSpectrogramEggAndChartChoice) {
+    struct Row {
+        AnalyzerFeatures f;
+        bool spectrogram, egg, chartChoice, pip, playback;
+    };
+    const Row rows[] = {{AnalyzerFeatures::spectrumProduct(), false, false, false, false, false},
+                        {AnalyzerFeatures::studioProduct(), true, false, true, true, true},
+                        {AnalyzerFeatures::voiceProduct(), false, true, true, false, false}};
+    for (const Row& r : rows) {
+        SCOPED_TRACE(&r - rows);
+        EXPECT_EQ(r.f.featureSpectrogramEnabled(), r.spectrogram);
+        EXPECT_EQ(r.f.featureVoiceEGG(), r.egg);
+        EXPECT_EQ(r.f.featureSecondChartSelectionEnabled(), r.chartChoice);
+        EXPECT_EQ(r.f.featurePIPEnabled(), r.pip);
+        EXPECT_EQ(r.f.featurePlayback(), r.playback);
+        EXPECT_TRUE(r.f.featureSecondChartEnabled());
+        EXPECT_TRUE(r.f.featureLevelMeterEnabled());
+    }
 }
 
 TEST(AnalyzerFeaturesTest, derivedQueriesFollowTheirSwitches) {
+    // Every combination of the three second charts: any one makes a second
+    // chart, any two make it selectable.
+    for (unsigned mask = 0; mask < 8; ++mask) {
+        AnalyzerFeatures::Switches s;
+        s.featureSpectrumEnabled = mask & 1u;
+        s.featureOsciloscopeEnabled = mask & 2u;
+        s.featureOctaveRTAEnabled = mask & 4u;
+        EXPECT_EQ(AnalyzerFeatures(s).featureSecondChartEnabled(), mask != 0) << mask;
+        EXPECT_EQ(AnalyzerFeatures(s).featureSecondChartSelectionEnabled(), std::popcount(mask) > 1)
+            << mask;
+        s.featureSpectrogramEnabled = true;
+        EXPECT_EQ(AnalyzerFeatures(s).featurePIPEnabled(), mask != 0) << mask;
+    }
     AnalyzerFeatures::Switches s;
-    EXPECT_FALSE(AnalyzerFeatures(s).featureSecondChartEnabled());
     EXPECT_FALSE(AnalyzerFeatures(s).featureSampleRatesEnabled());
-
-    s.featureOctaveRTAEnabled = true;
-    EXPECT_TRUE(AnalyzerFeatures(s).featureSecondChartEnabled());
-    EXPECT_FALSE(AnalyzerFeatures(s).featureSecondChartSelectionEnabled());
-    s.featureOsciloscopeEnabled = true;
-    EXPECT_TRUE(AnalyzerFeatures(s).featureSecondChartSelectionEnabled());
-
     s.featureUltrasonicEnabled = true;
     EXPECT_TRUE(AnalyzerFeatures(s).featureSampleRatesEnabled());
-
-    s.featureSpectrogramEnabled = true;
-    EXPECT_TRUE(AnalyzerFeatures(s).featurePIPEnabled());
 }
 
 // The only test that touches the shared instances: the product is chosen once.

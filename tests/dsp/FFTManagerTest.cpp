@@ -176,80 +176,36 @@ TEST_F(FFTManagerTest, fullScaleSineOnBinReadsOne_everyWindowAndSize) {
     }
 }
 
-TEST_F(FFTManagerTest, constantReadsFourTimesSquaredMeanInBinZero) {
-    configure(4096, 0);
-    const std::vector<float> out = transform(std::vector<float>(4096, 0.25f));
-    EXPECT_NEAR(out[0], 4.0 * 0.25 * 0.25, 1e-6);
-    EXPECT_NEAR(out[1], 0.0, 1e-10);
-}
-
-TEST_F(FFTManagerTest, nyquistTermIsDropped) {
-    configure(1024, 0);
-    std::vector<float> x(1024);
-    for (size_t t = 0; t < x.size(); ++t)
-        x[t] = (t % 2) ? -1.0f : 1.0f;
-    const std::vector<float> out = transform(x);
-    ASSERT_EQ(out.size(), 512u);
-    for (size_t k = 0; k < out.size(); ++k)
-        ASSERT_NEAR(out[k], 0.0, 1e-10) << "bin " << k;
-}
-
 // --- Window position in the ring ----------------------------------------------------
 
-TEST_F(FFTManagerTest, windowEndsWithInterval_inTheMiddleAndAfterManyRounds) {
-    configure(4096, 2);
-    fillStoreWithPositions();
-    const int i = defaults_->intervalSizeInFrames();
-    const int count = defaults_->audioBuffersIntervalsCount();
-    ASSERT_GT(4096, i); // the window reaches back over earlier intervals
-    for (int64_t interval : {int64_t{20}, int64_t{20} + 5 * int64_t{count}}) {
-        float* window = nullptr;
-        float* out = nullptr;
-        manager_->przeliczFFTDlaIntervalIndex(interval, &window, &out);
-        ASSERT_NE(window, nullptr);
-        ASSERT_NE(out, nullptr);
-        EXPECT_EQ(window[0], static_cast<float>(21 * i - 4096));
-        EXPECT_EQ(window[4095], static_cast<float>(21 * i - 1));
+// The store holds each sample's own position, so a window's contents tell
+// where it was read from: window sample k of interval i is store sample
+// (i + 1) * interval - fftSize + k, modulo the store's size.
+TEST_F(FFTManagerTest, windowEndsWithItsInterval_wrappingRoundTheStore) {
+    for (int size : {4096, 256}) {
+        configure(size, 0);
+        fillStoreWithPositions();
+        const int64_t i = defaults_->intervalSizeInFrames();
+        const int64_t t = storeSize();
+        // A window longer than an interval reaches back over earlier ones, for
+        // interval 0 over the store's end; a shorter one covers the interval's tail.
+        for (int64_t interval : {int64_t{0}, int64_t{20}, 20 + 5 * t / i}) {
+            float* window = nullptr;
+            manager_->przeliczFFTDlaIntervalIndex(interval, &window, nullptr);
+            for (int64_t k = 0; k < size; ++k)
+                ASSERT_EQ(window[k], static_cast<float>(((interval + 1) * i - size + k + t) % t))
+                    << "size " << size << " interval " << interval << " sample " << k;
+        }
     }
-}
-
-TEST_F(FFTManagerTest, intervalZeroWithLongWindow_readsRingEndThenStart) {
-    configure(4096, 0);
-    fillStoreWithPositions();
-    const int i = defaults_->intervalSizeInFrames();
-    const int t = storeSize();
-    float* window = nullptr;
-    manager_->przeliczFFTDlaIntervalIndex(0, &window, nullptr);
-    const int fromEnd = 4096 - i;
-    for (int k = 0; k < fromEnd; ++k)
-        ASSERT_EQ(window[k], static_cast<float>(t - fromEnd + k)) << k;
-    for (int k = 0; k < i; ++k)
-        ASSERT_EQ(window[fromEnd + k], static_cast<float>(k)) << k;
-}
-
-TEST_F(FFTManagerTest, windowCrossingStoreEnd_wrapsTail) {
+    // A window given by its start, 100 samples before the store's end.
     configure(4096, 0);
     fillStoreWithPositions();
     const int t = storeSize();
     float* window = nullptr;
-    // Starts 100 samples before the store's end.
     manager_->przeliczFFTDlaIntervalIndex(3, defaults_->audioBuffersData().data(), t - 100, t,
                                           &window, nullptr);
-    EXPECT_EQ(window[0], static_cast<float>(t - 100));
-    EXPECT_EQ(window[99], static_cast<float>(t - 1));
-    EXPECT_EQ(window[100], 0.0f);
-    EXPECT_EQ(window[4095], 3995.0f);
-}
-
-TEST_F(FFTManagerTest, windowShorterThanInterval_coversIntervalTail) {
-    configure(256, 0);
-    fillStoreWithPositions();
-    const int i = defaults_->intervalSizeInFrames();
-    ASSERT_GT(i, 256);
-    float* window = nullptr;
-    manager_->przeliczFFTDlaIntervalIndex(7, &window, nullptr);
-    EXPECT_EQ(window[0], static_cast<float>(8 * i - 256));
-    EXPECT_EQ(window[255], static_cast<float>(8 * i - 1));
+    for (int k = 0; k < 4096; ++k)
+        ASSERT_EQ(window[k], static_cast<float>((t - 100 + k) % t)) << k;
 }
 
 TEST_F(FFTManagerTest, negativeIndexOrMissingData_givesZeroWindowAndSilence) {

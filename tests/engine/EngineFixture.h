@@ -7,6 +7,7 @@
 #include "dsp/FFTManager.h"
 #include "engine/AnalyzerController.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <functional>
@@ -30,6 +31,8 @@ protected:
     };
 
     void build(const Options& options) {
+        release(); // a second build replaces the whole stack
+        audio_.stop();
         defaults_ = std::make_unique<AnalyzerDefaults>(options.features, "engine-test");
         defaults_->setSampleRate(options.sampleRate);
         defaults_->setIntervalSizePower(options.intervalSizePower);
@@ -49,7 +52,8 @@ protected:
 
     void build() { build(Options{}); }
 
-    void TearDown() override {
+    void TearDown() override { release(); }
+    void release() {
         engine_.reset();
         reference_.reset();
         manager_.reset();
@@ -70,10 +74,17 @@ protected:
     static std::vector<float> stereoBlock(int32_t frames, std::mt19937& random) {
         std::uniform_real_distribution<float> value(-1.0f, 1.0f);
         std::vector<float> block(static_cast<size_t>(frames) * 2);
-        for (float& v : block) {
+        for (float& v : block)
             v = value(random);
-        }
         return block;
+    }
+
+    /// Delivers `count` random blocks of one interval each.
+    void pushIntervals(int64_t count, std::mt19937& random) {
+        for (int64_t i = 0; i < count; ++i) {
+            std::vector<float> block = stereoBlock(static_cast<int32_t>(n()), random);
+            push(block);
+        }
     }
 
     /// Delivers one block as the audio object's delivery queue would.
@@ -88,34 +99,33 @@ protected:
     /// absolute sample sequence `mono` (zeros before its start).
     std::vector<float> expectedWindow(const std::vector<float>& mono, int64_t index) const {
         const int64_t size = defaults_->fftSize();
-        const int64_t end = (index + 1) * n();
         std::vector<float> window(static_cast<size_t>(size), 0.0f);
-        for (int64_t k = 0; k < size; ++k) {
-            const int64_t frame = end - size + k;
-            if (frame >= 0 && frame < static_cast<int64_t>(mono.size())) {
+        for (int64_t k = 0, frame = (index + 1) * n() - size; k < size; ++k, ++frame)
+            if (frame >= 0 && frame < static_cast<int64_t>(mono.size()))
                 window[static_cast<size_t>(k)] = mono[static_cast<size_t>(frame)];
-            }
-        }
         return window;
     }
 
-    /// The spectrum of `window` computed directly, by a manager of its own.
-    std::vector<float> referenceSpectrum(const std::vector<float>& window) {
-        if (!reference_) {
-            reference_ = std::make_unique<FFTManager>(*defaults_);
-        }
-        std::vector<float> out(static_cast<size_t>(defaults_->fftOutSize()));
-        reference_->przeliczWithFFTWindowBufor(window.data(), out.data());
-        return out;
-    }
-
-    /// The slot buffers of interval `index`.
+    /// The slot buffers (window, spectrum) of interval `index`.
     std::pair<const float*, const float*> slot(int64_t index) const {
         float* window = nullptr;
         float* out = nullptr;
         float* egg = nullptr;
         manager_->podajFFTDlaIntervalIndex(index, &window, &out, &egg);
         return {window, out};
+    }
+
+    /// The slot of interval `index` holds exactly the window of `mono` that ends
+    /// with it, and exactly the spectrum a manager of its own computes from it.
+    void expectSlotHolds(const std::vector<float>& mono, int64_t index) {
+        if (!reference_)
+            reference_ = std::make_unique<FFTManager>(*defaults_);
+        const std::vector<float> window = expectedWindow(mono, index);
+        std::vector<float> spectrum(static_cast<size_t>(defaults_->fftOutSize()));
+        reference_->przeliczWithFFTWindowBufor(window.data(), spectrum.data());
+        const auto [slotWindow, slotOut] = slot(index);
+        EXPECT_TRUE(std::equal(window.begin(), window.end(), slotWindow)) << "interval " << index;
+        EXPECT_TRUE(std::equal(spectrum.begin(), spectrum.end(), slotOut)) << "interval " << index;
     }
 
     FakeAudio audio_;

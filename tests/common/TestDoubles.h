@@ -1,7 +1,8 @@
 #pragma once
 
-// Recording stand-ins for the engine's collaborators: each remembers what the
-// engine asked of it, and answers queries with values the test sets.
+// Recording stand-ins for the engine's collaborators, shared by the engine and
+// audio tests: each remembers what it was asked, and answers queries with
+// values the test sets.
 
 #include "engine/AnalyzerControllerDelegate.h"
 #include "engine/ChartViewInterface.h"
@@ -31,16 +32,14 @@ inline bool runEventsUntil(const std::function<bool()>& done, int timeoutMs = 50
     QElapsedTimer clock;
     clock.start();
     while (!done()) {
-        if (clock.elapsed() > timeoutMs) {
+        if (clock.elapsed() > timeoutMs)
             return false;
-        }
         QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
         std::this_thread::sleep_for(std::chrono::microseconds(200));
     }
     return true;
 }
 
-/// Runs the main event loop for `ms` milliseconds.
 inline void runEventsFor(int ms) {
     runEventsUntil([] { return false; }, ms);
 }
@@ -58,22 +57,13 @@ public:
     void setCurrentInputChannel(int64_t c) override { channel.store(c, std::memory_order_release); }
     void startRecorder(std::function<void(bool)> completion) override {
         ++recorderStarts;
-        const bool ok = startsSucceed;
-        MainQueue::async([this, ok, completion = std::move(completion)] {
-            recording.store(ok, std::memory_order_release);
-            completion(ok);
-        });
+        complete(recording, std::move(completion));
     }
     void startPlayer(std::function<void(bool)> completion) override {
         ++playerStarts;
-        const bool ok = startsSucceed;
-        MainQueue::async([this, ok, completion = std::move(completion)] {
-            playing.store(ok, std::memory_order_release);
-            completion(ok);
-        });
+        complete(playing, std::move(completion));
     }
     void stop() override {
-        ++stops;
         recording.store(false, std::memory_order_release);
         playing.store(false, std::memory_order_release);
     }
@@ -84,9 +74,14 @@ public:
     bool startsSucceed = true;
     int recorderStarts = 0;
     int playerStarts = 0;
-    int stops = 0;
 
 private:
+    void complete(std::atomic<bool>& state, std::function<void(bool)> completion) {
+        MainQueue::async([&state, ok = startsSucceed, completion = std::move(completion)] {
+            state.store(ok, std::memory_order_release);
+            completion(ok);
+        });
+    }
     TQAudioDelegate* delegate_ = nullptr;
 };
 
@@ -135,16 +130,12 @@ public:
     int panningStopRamps = 0;
 };
 
-/// The spectrogram: keeps the index of every column it receives (analysis queue)
-/// and optionally a copy of each column.
+/// The spectrogram: keeps the index of every column it receives (analysis queue).
 class FakeSpectrogramView : public SpectrogramViewInterface {
 public:
     SpectrogramScrollViewInterface* spectrogramScrollView() override { return &scroll; }
-    void addFFTdata(const float* fftData, int64_t intervalIndex) override {
+    void addFFTdata(const float*, int64_t intervalIndex) override {
         columns.push_back(intervalIndex);
-        if (onColumn) {
-            onColumn(fftData, intervalIndex);
-        }
     }
     void startScrolling() override { calls.emplace_back("startScrolling"); }
     void pauseScrolling() override { calls.emplace_back("pauseScrolling"); }
@@ -157,12 +148,11 @@ public:
 
     FakeSpectrogramScrollView scroll;
     std::vector<int64_t> columns; // written on the analysis queue; read after it drained
-    std::function<void(const float*, int64_t)> onColumn;
     std::vector<std::string> calls;
     std::atomic<int> redraws{0};
 };
 
-/// The second chart: remembers the pointers it was given, or copies the data.
+/// The second chart: remembers the pointers it was given; `onData` may copy them.
 class FakeChartView : public ChartViewInterface {
 public:
     TQGLScrollViewInterface* chartScrollView() override { return &scroll; }
@@ -171,9 +161,8 @@ public:
         shownData.push_back(fftData);
         shownWindows.push_back(fftWindowData);
         shownEgg.push_back(eggWindowData);
-        if (onData) {
-            onData(fftData, fftWindowData);
-        }
+        if (onData)
+            onData(fftData);
     }
     int32_t typeOfChart() const override { return type; }
     void setAnalyzerRunning(bool r) override { calls.emplace_back(r ? "running" : "stopped"); }
@@ -186,32 +175,53 @@ public:
     std::vector<const float*> shownData;
     std::vector<const float*> shownWindows;
     std::vector<const float*> shownEgg;
-    std::function<void(const float*, const float*)> onData;
+    std::function<void(const float*)> onData;
     std::vector<std::string> calls;
 };
 
 class FakeMessages : public TQMessageInterface {
 public:
+    struct Shown {
+        QString title, message, button;
+    };
     void showMessage(const QString& message, const QString& button) override {
-        shown.emplace_back(message, button);
+        shown.push_back({QString(), message, button});
     }
-    void showMessage(const QString& message, const QString&, const QString& cancelButton,
+    void showMessage(const QString& message, const QString& title, const QString& cancelButton,
                      const QStringList&, std::function<void(int)>) override {
-        shown.emplace_back(message, cancelButton);
+        shown.push_back({title, message, cancelButton});
     }
-    std::vector<std::pair<QString, QString>> shown;
+    std::vector<Shown> shown;
 };
 
+/// The main screen. Wired to an audio object it stops it and runs the block at
+/// once, as the real one does through the engine; otherwise it keeps the block
+/// for the test to run.
 class FakeMainScreen : public MainViewControllerInterface {
 public:
+    explicit FakeMainScreen(TQAudioInterface* audio = nullptr) : audio_(audio) {}
     void stopAnalyzerWithoutBlockButtonsAndRunBlock(std::function<void()> block) override {
         ++stopsWithoutBlock;
         pendingBlock = std::move(block);
+        if (audio_) {
+            audio_->stop();
+            if (pendingBlock)
+                std::exchange(pendingBlock, nullptr)();
+        }
     }
-    void stopAnalyzerWithRefreshButtonsEnable(bool) override { ++stopsWithRefresh; }
+    void stopAnalyzerWithRefreshButtonsEnable(bool enable) override {
+        ++stopsWithRefresh;
+        lastRefreshEnable = enable;
+        if (audio_)
+            audio_->stop();
+    }
     int stopsWithoutBlock = 0;
     int stopsWithRefresh = 0;
+    bool lastRefreshEnable = false;
     std::function<void()> pendingBlock;
+
+private:
+    TQAudioInterface* audio_;
 };
 
 class FakeDelegate : public AnalyzerControllerDelegate {
