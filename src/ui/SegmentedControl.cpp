@@ -8,6 +8,7 @@ namespace widmo {
 
 SegmentedControl::SegmentedControl(const QStringList& titles, QWidget* parent)
     : QWidget(parent), layout_(new QHBoxLayout(this)), group_(new QButtonGroup(this)) {
+    setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Fixed);
     layout_->setContentsMargins(0, 0, 0, 0);
     layout_->setSpacing(0);
     group_->setExclusive(true);

@@ -75,10 +75,16 @@ SettingsRootViewController::SettingsRootViewController(AnalyzerDefaults& default
         pages_[kPageTrigger] = new TrigSettingsTableViewController(defaults, delegate);
     pages_[kPageAudioInput] = new AudioInputTableViewController(defaults, audio, delegate);
     for (int p = kPageGeneral; p < kPageCount; ++p) {
-        auto* button = new QPushButton(QString(kPageTitles[p]) + "  \u203a");
+        auto* button = new QPushButton(kPageTitles[p]);
         button->setFlat(true);
         button->setStyleSheet("text-align: left; padding: 8px 0px;");
-        const int row = list->addRow(section, button);
+        button->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Fixed);
+        auto* cell = new QWidget;
+        auto* cellLayout = new QHBoxLayout(cell);
+        cellLayout->setContentsMargins(0, 0, 0, 0);
+        cellLayout->addWidget(button, 1);
+        cellLayout->addWidget(new QLabel("\u203a", cell));
+        const int row = list->addRow(section, cell);
         list->setRowHidden(section, row, !isPageOffered(p));
         connect(button, &QPushButton::clicked, this, [this, p] { openPage(p); });
     }

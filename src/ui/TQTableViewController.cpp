@@ -114,9 +114,16 @@ int TQTableViewController::addRow(int section, const QString& title, QWidget* co
     auto* layout = new QHBoxLayout(cell);
     layout->setContentsMargins(0, 0, 0, 0);
     auto* label = new QLabel(title, cell);
+    label->setMinimumWidth(kRowTitleWidth);
     layout->addWidget(label);
-    layout->addStretch(1);
-    layout->addWidget(control);
+    // A control that can grow (segments, sliders) takes the rest of the row;
+    // others (switches) sit at its right end.
+    if (control->sizePolicy().horizontalPolicy() & QSizePolicy::ExpandFlag) {
+        layout->addWidget(control, 1);
+    } else {
+        layout->addStretch(1);
+        layout->addWidget(control);
+    }
     return addRow(section, cell);
 }
 

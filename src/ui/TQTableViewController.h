@@ -35,6 +35,8 @@ public:
     static constexpr int kStandardRowHeight = 44;
     /// Left and right inset of row content and of a single header title.
     static constexpr int kRowInset = 15;
+    /// Least width of the title of a row with a control.
+    static constexpr int kRowTitleWidth = 130;
 
     explicit TQTableViewController(QWidget* parent = nullptr);
     ~TQTableViewController() override;
@@ -46,7 +48,8 @@ public:
     /// Appends `cell` as the next row of `section` (the table takes ownership);
     /// returns the row's index.
     int addRow(int section, QWidget* cell);
-    /// A row with `title` at the left and `control` at the right.
+    /// A row with `title` at the left and `control` at the right; a control
+    /// whose size policy lets it expand fills the rest of the row.
     int addRow(int section, const QString& title, QWidget* control);
     /// A row of `text` wrapped over as many lines as it needs.
     int addTextRow(int section, const QString& text);

@@ -23,6 +23,7 @@ constexpr int kValueLabelWidth = 80;
 // A slider with its value label at the right.
 QWidget* sliderCell(QSlider* slider, QLabel* label) {
     auto* cell = new QWidget;
+    cell->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Preferred);
     auto* layout = new QHBoxLayout(cell);
     layout->setContentsMargins(0, 0, 0, 0);
     layout->addWidget(slider, 1);
@@ -60,8 +61,6 @@ TrigSettingsTableViewController::TrigSettingsTableViewController(AnalyzerDefault
     addSection("Frequency band");
     addRow(kSectionBand, "From", sliderCell(minFrequency_, minFrequencyLabel_));
     addRow(kSectionBand, "To", sliderCell(maxFrequency_, maxFrequencyLabel_));
-    for (int r = 0; r < 2; ++r)
-        cellForRow(kSectionBand, r)->setMinimumWidth(380);
     setScrollEnabled(!DeviceClass::isPad(this));
 
     connect(trig_, &QCheckBox::clicked, this, [this](bool on) { defaults_.setTrigOn(on); });
