@@ -73,8 +73,13 @@ AudioInputTableViewController::AudioInputTableViewController(AnalyzerDefaults& d
         pickerLayout->setColumnStretch(c, int(std::lround(share * 100.0f)));
         used += share;
         connect(column, &QListWidget::currentRowChanged, this, [this, c](int row) {
-            if (row >= 0)
-                dataSource_->didSelectRow(row, c);
+            if (row < 0)
+                return;
+            // A running capture keeps its device; stopping lets the next start
+            // open the chosen one. The channel applies to a running capture.
+            if (c == Picker::kComponentPort && audio_.isRecording())
+                delegate_.settingsNeedStopAnalyzer();
+            dataSource_->didSelectRow(row, c);
         });
     }
     pickerLayout->setColumnStretch(Picker::kNumberOfComponents,
@@ -90,7 +95,6 @@ AudioInputTableViewController::AudioInputTableViewController(AnalyzerDefaults& d
     addRow(kSectionHardwareGain, gainCell(hardwareLabel_, hardwareSlider_, hardwareValue_));
     hardwareNotAvailable_->setWordWrap(true);
     hardwareNotAvailableRow_ = addRow(kSectionHardwareGain, hardwareNotAvailable_);
-    setScrollEnabled(!DeviceClass::isPad(this));
 
     connect(dataSource_, &Picker::selectionRefreshed, this,
             &AudioInputTableViewController::reloadPicker);

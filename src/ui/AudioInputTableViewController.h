@@ -22,7 +22,8 @@ class TQAudio;
 /// While the audio object plays, input selection is not offered: the picker
 /// is hidden, the gains are disabled and `notAvaulableDuringPlayingLabel`
 /// says why. While the page is shown it follows devices arriving and going
-/// away.
+/// away. Choosing another input device while recording stops the analyser
+/// (`SettingsDelegate::settingsNeedStopAnalyzer`): the next start opens it.
 ///
 /// Threading: main thread only.
 class AudioInputTableViewController : public TQTableViewController {

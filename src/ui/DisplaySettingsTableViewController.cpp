@@ -36,7 +36,6 @@ DisplaySettingsTableViewController::DisplaySettingsTableViewController(
     addRow(kSectionOctave, "Hold maximum values", octaveMax_);
     addRow(kSectionOctave, "Hold minimum values", octaveMin_);
     addRow(kSectionOctave, "Hold decay time", octaveDecay_);
-    setScrollEnabled(!DeviceClass::isPad(this));
 
     connect(grid_, &QCheckBox::clicked, this, [this](bool on) {
         defaults_.setSpectrogramGridOn(on);

@@ -85,8 +85,6 @@ GeneralSettingsTableViewController::GeneralSettingsTableViewController(
     // Without high resolution the smallest interval goes: segment s is power s + 1.
     if (!features_.featureHighResolution())
         interval_->removeSegmentAtIndex(interval_->numberOfSegments() - 1);
-    // A popover shows the whole page.
-    setScrollEnabled(!DeviceClass::isPad(this));
 
     connect(fftWindowType_, &SegmentedControl::valueChanged, this,
             [this](int s) { defaults_.setPreferredFftWindowType(s); });

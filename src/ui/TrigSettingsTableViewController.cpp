@@ -61,7 +61,6 @@ TrigSettingsTableViewController::TrigSettingsTableViewController(AnalyzerDefault
     addSection("Frequency band");
     addRow(kSectionBand, "From", sliderCell(minFrequency_, minFrequencyLabel_));
     addRow(kSectionBand, "To", sliderCell(maxFrequency_, maxFrequencyLabel_));
-    setScrollEnabled(!DeviceClass::isPad(this));
 
     connect(trig_, &QCheckBox::clicked, this, [this](bool on) { defaults_.setTrigOn(on); });
     connect(automaticStop_, &QCheckBox::clicked, this,

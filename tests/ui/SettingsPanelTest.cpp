@@ -108,5 +108,28 @@ TEST_F(SettingsPanelTest, audioInputPage_listsTheTestMicrophone_channelTwoIsAnal
     EXPECT_FALSE(page.audioInputPickerViewDataSource()->observingInputChanges());
 }
 
+TEST_F(SettingsPanelTest, audioInputPage_duringPlayback_offersNoInputSelection) {
+    const AnalyzerFeatures features = AnalyzerFeatures::spectrumProduct();
+    AnalyzerDefaults defaults(features, "panel-playing");
+    TQAudio audio(defaults, features);
+    AudioInputTableViewController page(defaults, audio, delegate);
+    bool started = false;
+    audio.startPlayer([&](bool ok) { started = ok; });
+    ASSERT_TRUE(QTest::qWaitFor([&] { return started; }, 5000));
+
+    page.viewWillAppear();
+    EXPECT_FALSE(page.inputSelectionEnabled());
+    EXPECT_TRUE(page.isRowHidden(AudioInputTableViewController::kSectionInput, 0));
+    EXPECT_FALSE(page.isRowHidden(AudioInputTableViewController::kSectionInput, 1));
+    EXPECT_FALSE(page.inputSourceSoftwareGainSlider()->isEnabled());
+    EXPECT_FALSE(page.inputSourceHardwareGainSlider()->isEnabled());
+    EXPECT_FALSE(page.audioInputPickerViewDataSource()->observingInputChanges());
+    audio.stop();
+
+    page.viewWillAppear();
+    EXPECT_TRUE(page.inputSelectionEnabled());
+    EXPECT_TRUE(page.inputSourceSoftwareGainSlider()->isEnabled());
+}
+
 } // namespace
 } // namespace widmo
