@@ -1,0 +1,189 @@
+#include "ui/AudioInputTableViewController.h"
+
+#include "audio/AudioInputPickerViewDataSource.h"
+#include "audio/TQAudio.h"
+#include "core/AnalyzerDefaults.h"
+#include "render/DeviceClass.h"
+#include "ui/FloatSlider.h"
+#include "ui/SettingsDelegate.h"
+
+#include <QGridLayout>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QListWidget>
+#include <QSignalBlocker>
+
+#include <cmath>
+
+namespace widmo {
+
+namespace {
+
+using Picker = AudioInputPickerViewDataSource;
+
+constexpr int kPickerVisibleRows = 4;
+constexpr int kValueLabelWidth = 60;
+
+QWidget* gainCell(QLabel* title, FloatSlider* slider, QLabel* value) {
+    auto* cell = new QWidget;
+    auto* layout = new QHBoxLayout(cell);
+    layout->setContentsMargins(0, 0, 0, 0);
+    layout->addWidget(title);
+    layout->addWidget(slider, 1);
+    value->setFixedWidth(kValueLabelWidth);
+    value->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
+    layout->addWidget(value);
+    return cell;
+}
+
+} // namespace
+
+AudioInputTableViewController::AudioInputTableViewController(AnalyzerDefaults& defaults,
+                                                             TQAudio& audio,
+                                                             SettingsDelegate& delegate,
+                                                             QWidget* parent)
+    : TQTableViewController(parent), defaults_(defaults), audio_(audio), delegate_(delegate),
+      dataSource_(new Picker(audio, defaults, this)), picker_(new QWidget),
+      notAvailablePlaying_(new QLabel("Input selection is not available during playback.")),
+      softwareLabel_(new QLabel("Gain")),
+      softwareSlider_(new FloatSlider(kMinSoftwareGain, kMaxSoftwareGain,
+                                      int(kMaxSoftwareGain - kMinSoftwareGain))),
+      softwareValue_(new QLabel), hardwareLabel_(new QLabel("Gain")),
+      hardwareSlider_(new FloatSlider(0.0f, 1.0f, 100)), hardwareValue_(new QLabel),
+      hardwareNotAvailable_(new QLabel("The hardware gain of this input cannot be set.")) {
+    setTitle("Audio input");
+
+    // The picker: three titled lists side by side, in the platform picker's
+    // proportions of the width.
+    auto* pickerLayout = new QGridLayout(picker_);
+    pickerLayout->setContentsMargins(0, 0, 0, 0);
+    pickerLayout->setVerticalSpacing(2);
+    const QStringList titles{"Input", "Source", "Channel"};
+    const int listHeight = int(Picker::kRowHeight) * kPickerVisibleRows + 4;
+    float used = 0.0f;
+    for (int c = 0; c < Picker::kNumberOfComponents; ++c) {
+        auto* column = new QListWidget(picker_);
+        column->setFixedHeight(listHeight);
+        column->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+        column->setSizePolicy(QSizePolicy::Ignored, QSizePolicy::Fixed);
+        columns_[size_t(c)] = column;
+        pickerLayout->addWidget(new QLabel(titles[c], picker_), 0, c);
+        pickerLayout->addWidget(column, 1, c);
+        const float share = Picker::kComponentWidths[size_t(c)];
+        pickerLayout->setColumnStretch(c, int(std::lround(share * 100.0f)));
+        used += share;
+        connect(column, &QListWidget::currentRowChanged, this, [this, c](int row) {
+            if (row < 0)
+                return;
+            // A running capture keeps its device; stopping lets the next start
+            // open the chosen one. The channel applies to a running capture.
+            if (c == Picker::kComponentPort && audio_.isRecording())
+                delegate_.settingsNeedStopAnalyzer();
+            dataSource_->didSelectRow(row, c);
+        });
+    }
+    pickerLayout->setColumnStretch(Picker::kNumberOfComponents,
+                                   int(std::lround((1.0f - used) * 100.0f)));
+
+    addSection("Audio input");
+    pickerRow_ = addRow(kSectionInput, picker_);
+    notAvailablePlaying_->setWordWrap(true);
+    playingRow_ = addRow(kSectionInput, notAvailablePlaying_);
+    addSection("Software input gain");
+    addRow(kSectionSoftwareGain, gainCell(softwareLabel_, softwareSlider_, softwareValue_));
+    addSection("Hardware input gain");
+    addRow(kSectionHardwareGain, gainCell(hardwareLabel_, hardwareSlider_, hardwareValue_));
+    hardwareNotAvailable_->setWordWrap(true);
+    hardwareNotAvailableRow_ = addRow(kSectionHardwareGain, hardwareNotAvailable_);
+
+    connect(dataSource_, &Picker::selectionRefreshed, this,
+            &AudioInputTableViewController::reloadPicker);
+    connect(softwareSlider_, &FloatSlider::floatValueChanged, this, [this](float dB) {
+        softwareSlider_->setFloatValue(dataSource_->setSoftwareInputGain(dB));
+        refreshGainLabels();
+    });
+    connect(hardwareSlider_, &FloatSlider::floatValueChanged, this, [this](float gain) {
+        hardwareSlider_->setFloatValue(dataSource_->setHardwareInputGain(gain));
+        refreshGainLabels();
+    });
+
+    refreshInputSelectionEnabled();
+    refreshPickerInputSelection();
+}
+
+AudioInputTableViewController::~AudioInputTableViewController() {
+    dataSource_->setObservingInputChanges(false);
+}
+
+QListWidget* AudioInputTableViewController::inputSourcePickerColumn(int component) const {
+    if (component < 0 || component >= Picker::kNumberOfComponents)
+        return nullptr;
+    return columns_[size_t(component)];
+}
+
+void AudioInputTableViewController::refreshPickerInputSelection() {
+    dataSource_->refreshPickerInputSelection();
+}
+
+void AudioInputTableViewController::refreshPickerInputWithDelay(bool delay) {
+    dataSource_->refreshPickerInputWithDelay(delay);
+}
+
+void AudioInputTableViewController::refreshInputSelectionEnabled() {
+    inputSelectionEnabled_ = dataSource_->inputSelectionEnabled();
+    setRowHidden(kSectionInput, pickerRow_, !inputSelectionEnabled_);
+    setRowHidden(kSectionInput, playingRow_, inputSelectionEnabled_);
+    softwareSlider_->setEnabled(inputSelectionEnabled_);
+    softwareLabel_->setEnabled(inputSelectionEnabled_);
+    refreshGainLabels();
+}
+
+void AudioInputTableViewController::reloadPicker() {
+    for (int c = 0; c < Picker::kNumberOfComponents; ++c) {
+        QListWidget* column = columns_[size_t(c)];
+        const QSignalBlocker blocker(column);
+        column->clear();
+        for (int r = 0; r < dataSource_->numberOfRowsInComponent(c); ++r) {
+            auto* item = new QListWidgetItem(dataSource_->titleForRow(r, c), column);
+            item->setSizeHint(QSize(0, int(Picker::kRowHeight)));
+        }
+        column->setCurrentRow(dataSource_->selectedRowInComponent(c));
+    }
+    refreshGainLabels();
+}
+
+void AudioInputTableViewController::refreshGainLabels() {
+    softwareSlider_->setFloatValue(dataSource_->softwareInputGain());
+    softwareValue_->setText(dataSource_->softwareInputGainLabel());
+
+    const bool settable = inputSelectionEnabled_ && dataSource_->isInputGainSettable();
+    hardwareSlider_->setEnabled(settable);
+    hardwareLabel_->setEnabled(settable);
+    hardwareValue_->setEnabled(settable);
+    setRowHidden(kSectionHardwareGain, hardwareNotAvailableRow_,
+                 dataSource_->isInputGainSettable());
+    if (dataSource_->isInputGainSettable()) {
+        hardwareSlider_->setFloatValue(dataSource_->hardwareInputGain());
+        hardwareValue_->setText(dataSource_->hardwareInputGainLabel());
+    }
+}
+
+void AudioInputTableViewController::viewWillAppear() {
+    defaults_.setLastSettingsPage(kSettingsPage);
+    refreshInputSelectionEnabled();
+    if (inputSelectionEnabled_) {
+        dataSource_->setObservingInputChanges(true);
+        refreshPickerInputWithDelay(false);
+    }
+    reloadData();
+    if (!DeviceClass::isPad(this))
+        setVerticalOffset(int(defaults_.lastPositionSettingsAudioInput()));
+    delegate_.setSettingsPopOverContentSize(preferredContentSize());
+}
+
+void AudioInputTableViewController::viewWillDisappear() {
+    dataSource_->setObservingInputChanges(false);
+    defaults_.setLastPositionSettingsAudioInput(verticalOffset());
+}
+
+} // namespace widmo

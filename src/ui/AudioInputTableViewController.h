@@ -1,0 +1,93 @@
+#pragma once
+
+#include "ui/TQTableViewController.h"
+
+#include <array>
+
+class QLabel;
+class QListWidget;
+
+namespace widmo {
+
+class AnalyzerDefaults;
+class AudioInputPickerViewDataSource;
+class FloatSlider;
+class SettingsDelegate;
+class TQAudio;
+
+/// The "Audio input" settings page: the input picker (input device, data
+/// source, channel as three lists side by side) and the software and hardware
+/// input gains.
+///
+/// While the audio object plays, input selection is not offered: the picker
+/// is hidden, the gains are disabled and `notAvaulableDuringPlayingLabel`
+/// says why. While the page is shown it follows devices arriving and going
+/// away. Choosing another input device while recording stops the analyser
+/// (`SettingsDelegate::settingsNeedStopAnalyzer`): the next start opens it.
+///
+/// Threading: main thread only.
+class AudioInputTableViewController : public TQTableViewController {
+    Q_OBJECT
+public:
+    enum Section { kSectionInput = 0, kSectionSoftwareGain, kSectionHardwareGain };
+    /// Value of `lastSettingsPage` while this page is shown.
+    static constexpr int kSettingsPage = 4;
+    /// Software gain slider range in dB (1 dB steps; below 3 dB snaps to 0).
+    static constexpr float kMinSoftwareGain = -20.0f;
+    static constexpr float kMaxSoftwareGain = 40.0f;
+
+    /// `defaults`, `audio` and `delegate` must outlive the page.
+    AudioInputTableViewController(AnalyzerDefaults& defaults, TQAudio& audio,
+                                  SettingsDelegate& delegate, QWidget* parent = nullptr);
+    ~AudioInputTableViewController() override;
+
+    /// Reloads the three lists, their selection and both gains.
+    void refreshPickerInputSelection();
+    /// With `delay` the refresh runs 0.2 s later, else at once.
+    void refreshPickerInputWithDelay(bool delay);
+    /// Shows or hides the picker and enables the gains by whether anything plays.
+    void refreshInputSelectionEnabled();
+
+    bool inputSelectionEnabled() const { return inputSelectionEnabled_; }
+    void viewWillAppear() override;
+    void viewWillDisappear() override;
+
+    AudioInputPickerViewDataSource* audioInputPickerViewDataSource() const { return dataSource_; }
+    /// Column `component` of the picker (0 input, 1 data source, 2 channel).
+    QListWidget* inputSourcePickerColumn(int component) const;
+    QWidget* inputSourcePickerView() const { return picker_; }
+    QLabel* inputSourceSoftwareLabel() const { return softwareLabel_; }
+    FloatSlider* inputSourceSoftwareGainSlider() const { return softwareSlider_; }
+    QLabel* inputSourceSoftwareGainValueLabel() const { return softwareValue_; }
+    QLabel* inputSourceHardwareLabel() const { return hardwareLabel_; }
+    FloatSlider* inputSourceHardwareGainSlider() const { return hardwareSlider_; }
+    QLabel* inputSourceHardwareGainValueLabel() const { return hardwareValue_; }
+    QLabel* hardwareGainNotAvailableLabel() const { return hardwareNotAvailable_; }
+    QLabel* notAvaulableDuringPlayingLabel() const { return notAvailablePlaying_; }
+
+private:
+    void reloadPicker();
+    void refreshGainLabels();
+
+    AnalyzerDefaults& defaults_;
+    TQAudio& audio_;
+    SettingsDelegate& delegate_;
+    AudioInputPickerViewDataSource* dataSource_;
+    bool inputSelectionEnabled_ = true;
+
+    QWidget* picker_;
+    std::array<QListWidget*, 3> columns_{};
+    QLabel* notAvailablePlaying_;
+    int pickerRow_ = -1;
+    int playingRow_ = -1;
+    QLabel* softwareLabel_;
+    FloatSlider* softwareSlider_;
+    QLabel* softwareValue_;
+    QLabel* hardwareLabel_;
+    FloatSlider* hardwareSlider_;
+    QLabel* hardwareValue_;
+    QLabel* hardwareNotAvailable_;
+    int hardwareNotAvailableRow_ = -1;
+};
+
+} // namespace widmo

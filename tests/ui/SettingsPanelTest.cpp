@@ -1,0 +1,135 @@
+#include "../core/TempSettings.h"
+#include "RecordingSettingsDelegate.h"
+#include "audio/AudioInputPickerViewDataSource.h"
+#include "audio/TQAudio.h"
+#include "core/AnalyzerDefaults.h"
+#include "core/AnalyzerFeatures.h"
+#include "render/DeviceClass.h"
+#include "ui/AudioInputTableViewController.h"
+#include "ui/FloatSlider.h"
+#include "ui/SettingsRootViewController.h"
+
+#include <QLabel>
+#include <QListWidget>
+#include <QPushButton>
+#include <QTest>
+
+#include <gtest/gtest.h>
+
+namespace widmo {
+namespace {
+
+using Root = SettingsRootViewController;
+
+// The panel and the audio input page talk to the test sound server: this
+// binary holds its lock.
+class SettingsPanelTest : public test::TempSettings {
+protected:
+    void TearDown() override {
+        DeviceClass::setForcedIdiom(std::nullopt);
+        test::TempSettings::TearDown();
+    }
+    test::RecordingSettingsDelegate delegate;
+};
+
+TEST_F(SettingsPanelTest, everyWayOfClosingTellsTheMainScreenOnce_andReopensOnTheLastPage) {
+    DeviceClass::setForcedIdiom(DeviceClass::Idiom::Tablet);
+    const AnalyzerFeatures features = AnalyzerFeatures::spectrumProduct();
+    AnalyzerDefaults defaults(features, "panel-close");
+    TQAudio audio(defaults, features);
+    QWidget mainScreen;
+    mainScreen.resize(800, 600);
+    mainScreen.show();
+    Root panel(defaults, features, audio, delegate, &mainScreen);
+    EXPECT_FALSE(panel.isPageOffered(Root::kPageDisplay));
+    EXPECT_FALSE(panel.isPageOffered(Root::kPageTrigger));
+
+    defaults.setLastSettingsPage(0);
+    panel.presentFrom(&mainScreen);
+    ASSERT_TRUE(panel.isVisible());
+    EXPECT_EQ(panel.currentPage(), Root::kPageRoot);
+    panel.openPage(Root::kPageGeneral);
+    EXPECT_EQ(defaults.lastSettingsPage(), 1);
+    EXPECT_EQ(delegate.contentSize.width(), 520);
+    EXPECT_GT(delegate.contentSize.height(), 0);
+    panel.closeSettings();
+    panel.closeSettings();
+    EXPECT_EQ(delegate.willClose, 1);
+    EXPECT_FALSE(panel.isOpen());
+
+    // Reopens on General; Escape closes it.
+    panel.presentFrom(&mainScreen);
+    EXPECT_EQ(panel.currentPage(), Root::kPageGeneral);
+    QTest::keyClick(&panel, Qt::Key_Escape);
+    EXPECT_FALSE(panel.isVisible());
+    EXPECT_EQ(delegate.willClose, 2);
+
+    // A phone covers the window; Done closes it.
+    DeviceClass::setForcedIdiom(DeviceClass::Idiom::Phone);
+    panel.presentFrom(&mainScreen);
+    EXPECT_EQ(panel.geometry(), mainScreen.rect());
+    panel.openPage(Root::kPageTrigger); // not offered: the list
+    EXPECT_EQ(panel.currentPage(), Root::kPageRoot);
+    EXPECT_EQ(defaults.lastSettingsPage(), 0);
+    const auto buttons = panel.findChildren<QPushButton*>();
+    for (QPushButton* b : buttons)
+        if (b->text() == "Done")
+            b->click();
+    EXPECT_EQ(delegate.willClose, 3);
+}
+
+TEST_F(SettingsPanelTest, audioInputPage_listsTheTestMicrophone_channelTwoIsAnalysedChannelOne) {
+    const AnalyzerFeatures features = AnalyzerFeatures::spectrumProduct();
+    AnalyzerDefaults defaults(features, "panel-audio");
+    TQAudio audio(defaults, features);
+    AudioInputTableViewController page(defaults, audio, delegate);
+    page.viewWillAppear();
+    EXPECT_EQ(defaults.lastSettingsPage(), 4);
+    EXPECT_TRUE(page.inputSelectionEnabled());
+    EXPECT_FALSE(page.isRowHidden(AudioInputTableViewController::kSectionInput, 0));
+    EXPECT_TRUE(page.isRowHidden(AudioInputTableViewController::kSectionInput, 1))
+        << "the not-available label shows only during playback";
+
+    QListWidget* inputs = page.inputSourcePickerColumn(0);
+    ASSERT_FALSE(inputs->findItems("WidmoTestMic", Qt::MatchExactly).isEmpty());
+    EXPECT_EQ(inputs->currentItem()->text(), "WidmoTestMic");
+
+    QListWidget* channels = page.inputSourcePickerColumn(2);
+    ASSERT_EQ(channels->count(), 2);
+    EXPECT_EQ(channels->item(1)->text(), "2");
+    channels->setCurrentRow(1);
+    EXPECT_EQ(audio.currentInputChannel(), 1);
+
+    page.inputSourceSoftwareGainSlider()->setValue(
+        int(12.4f - AudioInputTableViewController::kMinSoftwareGain));
+    EXPECT_EQ(defaults.softwareInputGainValue(), 12.0f);
+    EXPECT_EQ(page.inputSourceSoftwareGainValueLabel()->text(), "12 dB");
+    page.viewWillDisappear();
+    EXPECT_FALSE(page.audioInputPickerViewDataSource()->observingInputChanges());
+}
+
+TEST_F(SettingsPanelTest, audioInputPage_duringPlayback_offersNoInputSelection) {
+    const AnalyzerFeatures features = AnalyzerFeatures::spectrumProduct();
+    AnalyzerDefaults defaults(features, "panel-playing");
+    TQAudio audio(defaults, features);
+    AudioInputTableViewController page(defaults, audio, delegate);
+    bool started = false;
+    audio.startPlayer([&](bool ok) { started = ok; });
+    ASSERT_TRUE(QTest::qWaitFor([&] { return started; }, 5000));
+
+    page.viewWillAppear();
+    EXPECT_FALSE(page.inputSelectionEnabled());
+    EXPECT_TRUE(page.isRowHidden(AudioInputTableViewController::kSectionInput, 0));
+    EXPECT_FALSE(page.isRowHidden(AudioInputTableViewController::kSectionInput, 1));
+    EXPECT_FALSE(page.inputSourceSoftwareGainSlider()->isEnabled());
+    EXPECT_FALSE(page.inputSourceHardwareGainSlider()->isEnabled());
+    EXPECT_FALSE(page.audioInputPickerViewDataSource()->observingInputChanges());
+    audio.stop();
+
+    page.viewWillAppear();
+    EXPECT_TRUE(page.inputSelectionEnabled());
+    EXPECT_TRUE(page.inputSourceSoftwareGainSlider()->isEnabled());
+}
+
+} // namespace
+} // namespace widmo

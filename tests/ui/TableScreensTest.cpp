@@ -1,0 +1,163 @@
+#include "core/AnalyzerFeatures.h"
+#include "render/DeviceClass.h"
+#include "ui/HelpViewController.h"
+#include "ui/TQTableViewController.h"
+#include "ui/iPad_GainInfoViewController.h"
+#include "ui/iPad_TypeOfChartViewController.h"
+
+#include <QApplication>
+#include <QLabel>
+#include <QLayout>
+#include <QPushButton>
+#include <QSignalSpy>
+
+#include <gtest/gtest.h>
+
+namespace widmo {
+namespace {
+
+// A table whose second section is hidden.
+class TwoOfThree : public TQTableViewController {
+public:
+    bool isHiddenSection(int section) const override { return section == 1; }
+};
+
+class TableScreensTest : public ::testing::Test {
+protected:
+    void TearDown() override { DeviceClass::setForcedIdiom(std::nullopt); }
+};
+
+TEST_F(TableScreensTest, hiddenSectionsAndRowsMeasureZero_bigLastHeaderIsNotCounted) {
+    DeviceClass::setForcedIdiom(DeviceClass::Idiom::Tablet);
+    TwoOfThree table;
+    for (int s = 0; s < 3; ++s) {
+        table.addSection(QString("Section %1").arg(s));
+        table.addRow(s, new QLabel("row"));
+        table.addRow(s, new QLabel("row"));
+    }
+    table.setRowHidden(2, 1, true);
+    const int row = TQTableViewController::kStandardRowHeight;
+    EXPECT_EQ(table.heightForHeaderInSection(0), 40);
+    EXPECT_EQ(table.heightForHeaderInSection(1), 0);
+    EXPECT_EQ(table.heightForRowAtIndexPath(1, 0), 0);
+    EXPECT_EQ(table.heightForRowAtIndexPath(2, 1), 0);
+    EXPECT_EQ(table.heightForRowAtIndexPath(2, 0), row);
+    EXPECT_EQ(table.heightForTableView(), 40 + 2 * row + 40 + row);
+
+    table.setBigLastSectionHeader(true);
+    EXPECT_EQ(table.heightForHeaderInSection(2), 1000);
+    EXPECT_EQ(table.heightForTableView(), 40 + 2 * row);
+
+    // The measures are what is laid out: the column is as tall as reported.
+    table.setBigLastSectionHeader(false);
+    table.resize(TQTableViewController::kPopoverWidth, 600);
+    table.show();
+    QWidget* content = table.cellForRow(0, 0)->parentWidget()->parentWidget()->parentWidget();
+    EXPECT_EQ(content->layout()->minimumSize().height(), table.heightForTableView());
+
+    DeviceClass::setForcedIdiom(DeviceClass::Idiom::Phone);
+    EXPECT_EQ(table.heightForHeaderInSection(0), 28);
+}
+
+TEST_F(TableScreensTest, wrappedTextRowGrowsWhenTheTableNarrows) {
+    TQTableViewController table;
+    table.addSection("Text");
+    table.addTextRow(0, QString("A sentence that needs several lines. ").repeated(12));
+    table.resize(TQTableViewController::kPopoverWidth, 400);
+    table.show();
+    const int wide = table.heightForRowAtIndexPath(0, 0);
+    table.resize(200, 400);
+    table.show();
+    QApplication::processEvents();
+    EXPECT_GT(table.heightForRowAtIndexPath(0, 0), wide);
+}
+
+TEST_F(TableScreensTest, helpOfTheSpectrumProduct_showsItsSevenTopicsExactly) {
+    HelpViewController help(AnalyzerFeatures::spectrumProduct());
+    ASSERT_EQ(help.numberOfSections(), HelpViewController::kTopicCount);
+    ASSERT_EQ(help.helpHeaders().size(), HelpViewController::kTopicCount);
+
+    QStringList shown;
+    for (int s = 0; s < help.numberOfSections(); ++s)
+        if (!help.isHiddenSection(s))
+            shown << help.titleForHeaderInSection(s);
+    shown.sort();
+    EXPECT_EQ(shown, (QStringList{"Audio input", "Audio input issues", "Export and sharing",
+                                  "FFT window size and type ", "Gestures", "Spectrum",
+                                  "Spectrum scales"}));
+
+    // The spectrogram variant differs only by the trailing space, and is hidden.
+    int withoutSpace = -1;
+    for (int s = 0; s < help.numberOfSections(); ++s)
+        if (help.titleForHeaderInSection(s) == "FFT window size and type")
+            withoutSpace = s;
+    ASSERT_GE(withoutSpace, 0);
+    EXPECT_TRUE(help.isHiddenSection(withoutSpace));
+    EXPECT_EQ(help.heightForHeaderInSection(withoutSpace), 0);
+    EXPECT_EQ(help.heightForRowAtIndexPath(withoutSpace, 0), 0);
+}
+
+TEST_F(TableScreensTest, helpRowsFollowTheirContent_andEveryProductsSetNamesRealTopics) {
+    HelpViewController help(AnalyzerFeatures::studioProduct());
+    for (int s = 0; s < help.numberOfSections(); ++s) {
+        const QVariant& content = help.helpContents()[s];
+        const int expected =
+            content.typeId() == QMetaType::QString ? 1 : int(content.toStringList().size());
+        EXPECT_EQ(help.numberOfRowsInSection(s), expected) << s;
+        EXPECT_GE(help.numberOfRowsInSection(s), 1) << s;
+    }
+    const int single = 0; // "Analysis": one paragraph
+    ASSERT_EQ(help.titleForHeaderInSection(single), "Analysis");
+    EXPECT_EQ(help.numberOfRowsInSection(single), 1);
+
+    QSet<QString> titles;
+    for (int s = 0; s < help.numberOfSections(); ++s)
+        titles.insert(help.titleForHeaderInSection(s));
+    for (const auto& features :
+         {AnalyzerFeatures::spectrumProduct(), AnalyzerFeatures::studioProduct(),
+          AnalyzerFeatures::voiceProduct()})
+        for (const QString& t : HelpViewController::helpSetForFeatures(features))
+            EXPECT_TRUE(titles.contains(t)) << t.toStdString();
+    // The studio product describes the spectrogram, not the voice product's EGG.
+    EXPECT_TRUE(help.helpSet().contains("Spectrogram"));
+    EXPECT_FALSE(help.helpSet().contains("Closed quotient"));
+}
+
+TEST_F(TableScreensTest, chartTypePopover_checkMarkFollowsChoice_absentChartsHidden) {
+    iPad_TypeOfChartViewController popover(AnalyzerFeatures::voiceProduct());
+    QSignalSpy chosen(&popover, &iPad_TypeOfChartViewController::typeOfChartSelected);
+    popover.setTypeOfChart(0);
+    EXPECT_TRUE(popover.hasCheckmark(0));
+    EXPECT_FALSE(popover.hasCheckmark(1));
+    EXPECT_EQ(popover.heightForHeaderInSection(0), 39);
+    EXPECT_TRUE(popover.isRowHidden(0, 2)) << "the voice product has no octave RTA";
+
+    qobject_cast<QPushButton*>(popover.cellForRow(0, 1))->click();
+    EXPECT_EQ(popover.typeOfChart(), 1);
+    EXPECT_FALSE(popover.hasCheckmark(0));
+    EXPECT_TRUE(popover.hasCheckmark(1));
+    ASSERT_EQ(chosen.count(), 1);
+    EXPECT_EQ(chosen.at(0).at(0).toInt(), 1);
+}
+
+TEST_F(TableScreensTest, gainInfoPopover_showsItsTextAndButtonState) {
+    iPad_GainInfoViewController popover;
+    popover.setText("Spectrum level gain");
+    popover.setValue("12dB");
+    popover.setRecalculateButtonEnable(false);
+    popover.setRecalculateButtonHidden(false);
+    EXPECT_EQ(popover.textLabel()->text(), "Spectrum level gain");
+    EXPECT_EQ(popover.valueLabel()->text(), "12dB");
+    EXPECT_FALSE(popover.recalculateButton()->isEnabled());
+    EXPECT_FALSE(popover.recalculateButton()->isHidden());
+    popover.setRecalculateButtonHidden(true);
+    EXPECT_TRUE(popover.recalculateButton()->isHidden());
+
+    QSignalSpy closed(&popover, &iPad_GainInfoViewController::closedWithNoAction);
+    popover.presentFrom(nullptr);
+    popover.closeViewController();
+    EXPECT_EQ(closed.count(), 1);
+}
+
+} // namespace
+} // namespace widmo
