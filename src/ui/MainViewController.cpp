@@ -8,8 +8,11 @@
 #include "engine/AnalyzerController.h"
 #include "engine/MainQueue.h"
 #include "render/DeviceClass.h"
+#include "ui/HelpViewController.h"
+#include "ui/SettingsRootViewController.h"
 #include "ui/TQMessage.h"
 #include "ui/ToolbarImages.h"
+#include "ui/iPad_TypeOfChartViewController.h"
 
 #include <QApplication>
 #include <QFrame>
@@ -198,11 +201,11 @@ void MainViewController::layoutViewPositionsWithoutAnimation() {
 }
 
 bool MainViewController::panelOpen() const {
-    const auto visible = [](const QPointer<QWidget>& w) {
-        const QWidget* widget = w.data();
-        return widget != nullptr && widget->isVisible();
-    };
-    return visible(settingsPopoverViewController_) || visible(typeOfChartViewController_);
+    const bool settingsOpen =
+        settingsPopoverViewController_ != nullptr && settingsPopoverViewController_->isOpen();
+    const bool typeOpen =
+        typeOfChartViewController_ != nullptr && typeOfChartViewController_->isVisible();
+    return settingsOpen || typeOpen;
 }
 
 // --- Start and stop ----------------------------------------------------------------------------
@@ -321,6 +324,22 @@ void MainViewController::prepareAnalyzerData() {
 
 void MainViewController::typeOfChartChange() {
     const AnalyzerFeatures& features = defaults_.features();
+    if (DeviceClass::isPad(this)) {
+        // A popover list with the chart on screen ticked.
+        if (!typeOfChartViewController_) {
+            auto* popover = new iPad_TypeOfChartViewController(features, this);
+            connect(popover, &iPad_TypeOfChartViewController::typeOfChartSelected, this,
+                    [this, popover](int32_t type) {
+                        setTypeOfChart(type);
+                        popover->close();
+                    });
+            typeOfChartViewController_ = popover;
+        }
+        iPad_TypeOfChartViewController* popover = typeOfChartViewController_;
+        popover->setTypeOfChart(chartView_->typeOfChart());
+        popover->presentFrom(typeOfChartButton_);
+        return;
+    }
     QStringList titles;
     std::vector<int32_t> types;
     const auto offer = [&](bool on, const char* title, int32_t type) {
@@ -453,10 +472,33 @@ void MainViewController::tapRecognizerDismissGainView() { gainView_->hide(); }
 // --- Settings ------------------------------------------------------------------------------------
 
 void MainViewController::settingsPopover() {
-    // The settings screens are their own widgets; see the settings library.
+    if (buttonsBlocked_)
+        return;
+    if (!settingsPopoverViewController_)
+        settingsPopoverViewController_ =
+            new SettingsRootViewController(defaults_, defaults_.features(), audio_, *this, this);
+    SettingsRootViewController* settings = settingsPopoverViewController_;
+    if (settings->isOpen())
+        return;
+    gainView_->hide();
+    // The pages edit the pending copies; closing applies them (settingsWillClose).
+    defaults_.copyCurrentToPreferred();
+    settings->presentFrom(settingsButton_);
 }
 
-void MainViewController::openHelp() { stopAnalyzerWithRefreshButtonsEnable(true); }
+void MainViewController::openHelp() {
+    stopAnalyzerWithRefreshButtonsEnable(true);
+    if (!helpViewController_) {
+        auto* help = new HelpViewController(defaults_.features(), this);
+        help->setWindowFlag(Qt::Window);
+        help->setWindowTitle(QGuiApplication::applicationDisplayName() + QStringLiteral(" Help"));
+        help->resize(640, 720);
+        helpViewController_ = help;
+    }
+    helpViewController_->show();
+    helpViewController_->raise();
+    helpViewController_->activateWindow();
+}
 
 void MainViewController::settingsWillClose() {
     if (defaults_.preferredChange() == AnalyzerDefaults::PreferredChange::None) {
@@ -505,8 +547,12 @@ void MainViewController::refreshSecondChartMeasuringView() {
 }
 
 void MainViewController::setSettingsPopOverContentSize(QSize size) {
-    if (settingsPopoverViewController_)
-        settingsPopoverViewController_->resize(size);
+    // The popover takes the size its page asks for, below its navigation bar;
+    // on a phone the panel covers the window and keeps its size.
+    SettingsRootViewController* settings = settingsPopoverViewController_;
+    if (settings != nullptr && settings->isOpen() && settings->isWindow())
+        settings->resize(size.width(),
+                         size.height() + SettingsRootViewController::kNavigationBarHeight);
 }
 
 // --- State restoration

@@ -6,7 +6,6 @@
 #include "ui/SettingsDelegate.h"
 #include "ui/TQMessagePresenter.h"
 
-#include <QPointer>
 #include <QWidget>
 
 #include <cstdint>
@@ -27,7 +26,10 @@ class AnalyzerController;
 class AnalyzerDefaults;
 class ChartView;
 class FFTManager;
+class HelpViewController;
+class SettingsRootViewController;
 class TQAudio;
+class iPad_TypeOfChartViewController;
 
 /// The application's one screen: the chart area (the second chart with its
 /// level meter) above a toolbar, owning the analysis engine.
@@ -150,6 +152,10 @@ public:
     QLabel* gainValueLabel() const { return gainValueLabel_; }
     QLabel* gainOpisLabel() const { return gainOpisLabel_; }
     QWidget* pleaseWaitView() const { return pleaseWaitView_; }
+    /// The settings panel; null before it was first opened.
+    SettingsRootViewController* settingsPopoverViewController() const {
+        return settingsPopoverViewController_;
+    }
     bool gainSliderButtonEnabled() const { return gainSliderButtonEnabled_; }
     bool resetMinMaxButtonEnabled() const { return resetMinMaxButtonEnabled_; }
     bool buttonsBlocked() const { return buttonsBlocked_; }
@@ -192,9 +198,10 @@ private:
     QLabel* gainValueLabel_ = nullptr;
     QLabel* gainOpisLabel_ = nullptr;
     QWidget* pleaseWaitView_ = nullptr;
-    QPointer<QWidget> settingsPopoverViewController_;
-    QPointer<QWidget> helpViewController_;
-    QPointer<QWidget> typeOfChartViewController_;
+    // Panels made on first use; children of this screen, kept for reuse.
+    SettingsRootViewController* settingsPopoverViewController_ = nullptr;
+    HelpViewController* helpViewController_ = nullptr;
+    iPad_TypeOfChartViewController* typeOfChartViewController_ = nullptr;
 
     bool chartPIP_ = false;
     bool spectrogramPIP_ = false;

@@ -9,6 +9,9 @@
 #include "dsp/FFTManager.h"
 #include "engine/AnalyzerController.h"
 #include "render/LevelMeterView.h"
+#include "ui/GeneralSettingsTableViewController.h"
+#include "ui/SegmentedControl.h"
+#include "ui/SettingsRootViewController.h"
 #include "ui/TQMessage.h"
 
 #include "TempSettings.h"
@@ -247,9 +250,16 @@ TEST_F(MainScreenTest, settingsCloseWithNewFftSizeOrRate_rebuildsDocumentAndChar
     launch(AnalyzerFeatures::spectrumProduct());
     ASSERT_EQ(defaults_->fftSize(), 4096);
 
-    defaults_->copyCurrentToPreferred();
-    defaults_->setPreferredFftSize(16384);
-    screen()->settingsWillClose();
+    // Through the panel: the choice waits until the panel closes.
+    QTest::mouseClick(screen()->settingsButton(), Qt::LeftButton);
+    SettingsRootViewController* panel = screen()->settingsPopoverViewController();
+    ASSERT_TRUE(panel != nullptr && panel->isOpen());
+    panel->openPage(SettingsRootViewController::kPageGeneral);
+    auto* general = static_cast<GeneralSettingsTableViewController*>(
+        panel->page(SettingsRootViewController::kPageGeneral));
+    QTest::mouseClick(general->fftSizeSegmentedControl()->buttonForSegment(6), Qt::LeftButton);
+    EXPECT_EQ(defaults_->fftSize(), 4096);
+    panel->closeSettings();
     // Blocked behind the wait view until the document is rebuilt.
     EXPECT_TRUE(screen()->buttonsBlocked());
     EXPECT_TRUE(screen()->pleaseWaitView()->isVisible());
