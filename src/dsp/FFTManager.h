@@ -1,5 +1,7 @@
 #pragma once
 
+#include "dsp/VectorHelpers.h"
+
 #include <fftw3.h>
 
 #include <array>
@@ -110,15 +112,17 @@ public:
 
 private:
     /// Copies `count` samples of the ring `store` from `position` into the
-    /// slot buffer `dest` and, windowed when `window` is set, into `mRealData`:
-    /// the ring is read once. A negative position or no store gives zeros.
+    /// slot buffer `dest` (written as `destStore` says) and, windowed when
+    /// `window` is set, into `mRealData`: the ring is read once. A negative
+    /// position or no store gives zeros.
     void copyFromRing(const float* store, int32_t position, int32_t storeSize, float* dest,
-                      const float* window, int32_t count);
-    /// Transforms `input` (`mRealData` or an array aligned like it) into `out`
-    /// with the scale of `windowType`.
+                      const float* window, int32_t count, VectorHelpers::Store destStore);
     /// Zero-fills `out` after an unplannable size, with a warning.
     void zeroSpectrum(int32_t n, float* out) const;
-    void transformToPower(fftwf_plan plan, float* input, int32_t windowType, float* out);
+    /// Transforms `input` (`mRealData` or an array aligned like it) into `out`
+    /// with the scale of `windowType`, written as `outStore` says.
+    void transformToPower(fftwf_plan plan, float* input, int32_t windowType, float* out,
+                          VectorHelpers::Store outStore);
 
     AnalyzerDefaults& mDefaults;
     /// The FFTW plans, one per size (serves every `fftSize` up to 65,536).
@@ -127,10 +131,10 @@ private:
     float* mWindow = nullptr;
     int32_t mLastFFTWindowType = 0;
     int32_t mLastFFTWindowSize = 0;
-    /// Scratch: the windowed time-domain block (fftwf_malloc'd, 65,536).
+    /// Scratch: the windowed time-domain block (65,536, 64-byte aligned).
     float* mRealData = nullptr;
-    /// Scratch: the transform's bins 0..N/2, interleaved re/im
-    /// (fftwf_malloc'd, 32,769 complex values).
+    /// Scratch: the transform's bins 0..N/2, interleaved re/im (32,769
+    /// complex values, 64-byte aligned).
     fftwf_complex* mSpectrum = nullptr;
     /// Per slot: the raw (unwindowed) samples of the FFT window.
     std::array<float*, kSlotsCount> mFFTWindowBuffers{};

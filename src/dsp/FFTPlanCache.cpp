@@ -7,6 +7,8 @@
 #include <QStandardPaths>
 #include <QtGlobal>
 
+#include <bit>
+#include <cstdint>
 #include <cstdlib>
 #include <mutex>
 
@@ -50,11 +52,11 @@ QString FFTPlanCache::defaultWisdomPath() {
 }
 
 int32_t FFTPlanCache::slotOf(int32_t size) {
-    for (int32_t log2 = kMinLog2Size; log2 <= kMaxLog2Size; ++log2) {
-        if (size == (int32_t{1} << log2))
-            return log2 - kMinLog2Size;
-    }
-    return -1;
+    const auto u = static_cast<uint32_t>(size);
+    if (size < (int32_t{1} << kMinLog2Size) || size > (int32_t{1} << kMaxLog2Size) ||
+        !std::has_single_bit(u))
+        return -1;
+    return std::countr_zero(u) - kMinLog2Size;
 }
 
 bool FFTPlanCache::hasPlan(int32_t size) const {
@@ -99,14 +101,15 @@ fftwf_plan FFTPlanCache::makePlanLocked(int32_t slot) {
     const int32_t n = int32_t{1} << (slot + kMinLog2Size);
     // Planning scratch: FFTW_MEASURE overwrites the arrays it plans on, so the
     // plan is made on its own pair and later executed on the caller's arrays
-    // (same fftwf_malloc alignment, same out-of-place layout).
-    float* in = fftwf_alloc_real(static_cast<size_t>(n));
-    fftwf_complex* out = fftwf_alloc_complex(static_cast<size_t>(n / 2 + 1));
+    // (64-byte aligned like the engine's own, same out-of-place layout).
+    auto* in = static_cast<float*>(std::aligned_alloc(64, static_cast<size_t>(n) * sizeof(float)));
+    auto* out = static_cast<fftwf_complex*>(
+        std::aligned_alloc(64, (static_cast<size_t>(n) + 16) * sizeof(float)));
     fftwf_plan p = nullptr;
     if (in && out)
         p = fftwf_plan_dft_r2c_1d(n, in, out, plannerFlags_);
-    fftwf_free(out);
-    fftwf_free(in);
+    std::free(out);
+    std::free(in);
     if (!p) {
         qWarning("FFTW could not plan a real transform of %d points", n);
         return nullptr;

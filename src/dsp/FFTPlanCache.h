@@ -14,8 +14,9 @@ namespace widmo {
 /// from 256 to 65,536 points, with their wisdom kept in a file.
 ///
 /// A plan is made once per size and kept for the life of the cache. Plans are
-/// made for arrays from `fftwf_malloc` (out of place, input preserved), so any
-/// pair of `fftwf_malloc`'d arrays of sufficient length can be transformed with
+/// made for 64-byte aligned arrays (out of place, input preserved), so any
+/// pair of arrays of sufficient length aligned like those (64 bytes, or what
+/// `fftwf_malloc` gives: `fftwf_alignment_of` 0) can be transformed with
 /// `fftwf_execute_dft_r2c(plan(n), in, out)`.
 ///
 /// Wisdom: loaded from `wisdomPath` when the cache is created, written back

@@ -3,7 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
+#include <random>
 #include <vector>
 
 namespace widmo {
@@ -54,6 +56,58 @@ TEST(VectorHelpersTest, scaledSquaredMagnitudesOfInterleavedComplex) {
     std::vector<float> scaled(3);
     VectorHelpers::scaledSquaredMagnitudes(c.data(), 0.5f, scaled.data(), 3);
     EXPECT_EQ(scaled, (std::vector<float>{6.25f, 0.3125f, 1.0f}));
+}
+
+// The streaming stores must change nothing but the way values reach memory:
+// same bits as the cached versions, at every offset from a cache line (head
+// and tail peeled, body streamed) and never a value past `count`.
+TEST(VectorHelpersTest, streamingStoresGiveTheCachedValues) {
+    std::mt19937 rng(99);
+    std::uniform_real_distribution<float> dist(-3.0f, 3.0f);
+    std::vector<float> in(5000);
+    std::vector<float> b(in.size());
+    for (size_t k = 0; k < in.size(); ++k) {
+        in[k] = dist(rng);
+        b[k] = dist(rng);
+    }
+    for (int32_t n : {0, 1, 15, 16, 17, 100, 1024, 1500}) {
+        for (int32_t offset : {0, 1, 5, 15}) {
+            SCOPED_TRACE(testing::Message() << "count " << n << " offset " << offset);
+            const size_t size = static_cast<size_t>(n + offset) + 1;
+            std::vector<float> copyCached(size, 7.0f), copyStreamed(size, 7.0f);
+            std::vector<float> productCached(size, 7.0f), productStreamed(size, 7.0f);
+            VectorHelpers::copyAndMultiply(in.data(), b.data(), copyCached.data() + offset,
+                                           productCached.data() + offset, n);
+            VectorHelpers::copyAndMultiply(in.data(), b.data(), copyStreamed.data() + offset,
+                                           productStreamed.data() + offset, n,
+                                           VectorHelpers::Store::Streaming);
+            ASSERT_EQ(copyStreamed, copyCached);
+            ASSERT_EQ(productStreamed, productCached);
+            for (int32_t k = 0; k < n; ++k) {
+                const auto at = static_cast<size_t>(k + offset);
+                ASSERT_EQ(copyCached[at], in[static_cast<size_t>(k)]);
+                ASSERT_EQ(productCached[at],
+                          in[static_cast<size_t>(k)] * b[static_cast<size_t>(k)]);
+            }
+            EXPECT_EQ(copyStreamed.back(), 7.0f);
+
+            std::vector<float> plain(size, 7.0f), streamed(size, 7.0f);
+            VectorHelpers::copy(in.data(), plain.data() + offset, n);
+            VectorHelpers::copy(in.data(), streamed.data() + offset, n,
+                                VectorHelpers::Store::Streaming);
+            ASSERT_EQ(streamed, plain);
+
+            // Powers of the interleaved input, as an FFT's output would be.
+            const int32_t bins = std::min<int32_t>(n, 2400);
+            std::vector<float> powerCached(size, 7.0f), powerStreamed(size, 7.0f);
+            VectorHelpers::scaledSquaredMagnitudes(in.data(), 0.37f, powerCached.data() + offset,
+                                                   bins);
+            VectorHelpers::scaledSquaredMagnitudes(in.data(), 0.37f, powerStreamed.data() + offset,
+                                                   bins, VectorHelpers::Store::Streaming);
+            ASSERT_EQ(powerStreamed, powerCached);
+            EXPECT_EQ(powerStreamed.back(), 7.0f);
+        }
+    }
 }
 
 TEST(VectorHelpersTest, decibelsHaveFloorAndMatchScalarLog) {
