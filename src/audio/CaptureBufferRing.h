@@ -11,7 +11,7 @@ namespace widmo {
 /// block travels to the delivery queue by pointer and the queue may lag up to
 /// 127 blocks behind the device without a copy or an allocation.
 ///
-/// Threading: `advance` and writing into the buffer it returns happen on the
+/// Threading: writing into the next buffer and `advance` happen on the
 /// audio thread only; the delivery queue reads a buffer after the audio thread
 /// has posted it. `actualBuffer` may be read from any thread.
 class CaptureBufferRing {

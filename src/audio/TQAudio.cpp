@@ -292,13 +292,17 @@ void TQAudio::inputAvailable(int32_t frames) {
     // The task (and buffer) of the next slot is still waiting when the queue
     // lags 127 blocks behind; the block is then dropped rather than written
     // over data not yet delivered.
-    DeliveryTask& task = deliveries_[size_t((ring_.actualBuffer() + 1) % kCaptureBufferCount)];
+    const int32_t next = (ring_.actualBuffer() + 1) % kCaptureBufferCount;
+    DeliveryTask& task = deliveries_[size_t(next)];
     if (task.queued.load(std::memory_order_acquire))
         return;
-    float* buffer = ring_.advance();
+    // Render before moving the ring on: a cycle whose stream delivered nothing
+    // leaves no empty slot behind, so blocks stay in consecutive slots.
+    float* buffer = ring_.buffer(next);
     const int32_t rendered = unit_->renderInput(buffer, frames);
     if (rendered <= 0)
-        return; // the stream delivered nothing: drop the block
+        return;
+    ring_.advance();
     task.data = buffer;
     task.frames = rendered;
     task.queued.store(true, std::memory_order_release);

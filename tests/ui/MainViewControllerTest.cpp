@@ -105,6 +105,24 @@ protected:
         return margin + x * (chart->width() - 2.0 * margin);
     }
 
+    /// A -12 dBFS 997 Hz tone into the test sink, on the first channel only.
+    static test::SinkPlayer toneOnFirstChannel() {
+        return test::SinkPlayer(
+            48000, 20.0,
+            [](double t) { return kMinus12dBFS * float(std::sin(2 * M_PI * 997.0 * t)); },
+            [](double) { return 0.0f; });
+    }
+    /// While analysing the tone: the level rises and the curve peaks at 997 Hz
+    /// on the logarithmic axis (3 px: the curve's width and the bin spacing).
+    void expectToneOnChart() {
+        ChartView* chart = screen()->chartView();
+        ASSERT_TRUE(QTest::qWaitFor([&] { return chart->levelDB() > -30.0f; }, 5000));
+        QTest::qWait(300);
+        const std::optional<int> peak = peakColumn(chart->chart()->grabFramebuffer());
+        ASSERT_TRUE(peak);
+        EXPECT_NEAR(*peak, column(logX(997.0)), 3.0);
+    }
+
     std::unique_ptr<AnalyzerFeatures> features_;
     std::unique_ptr<AnalyzerDefaults> defaults_;
     std::unique_ptr<TQAudio> audio_;
@@ -178,9 +196,7 @@ TEST_F(MainScreenTest, gainButtonFollowsTheChartOnScreen) {
 
 TEST_F(MainScreenTest, startWithTone_chartPeaksAtToneAndMeterMoves_pauseStops) {
     launch(AnalyzerFeatures::spectrumProduct());
-    test::SinkPlayer tone(
-        48000, 20.0, [](double t) { return kMinus12dBFS * float(std::sin(2 * M_PI * 997.0 * t)); },
-        [](double) { return 0.0f; });
+    test::SinkPlayer tone = toneOnFirstChannel();
     ASSERT_TRUE(tone.start());
 
     clickStartPause();
@@ -188,14 +204,10 @@ TEST_F(MainScreenTest, startWithTone_chartPeaksAtToneAndMeterMoves_pauseStops) {
     EXPECT_TRUE(screen()->recordPauseButton()->text().isEmpty()); // the pause image
     EXPECT_FALSE(screen()->recordPauseButton()->icon().isNull());
 
-    ChartView* chart = screen()->chartView();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return chart->levelDB() > -30.0f; }, 5000));
+    expectToneOnChart();
     // The meter glides towards the level it is given.
-    ASSERT_TRUE(QTest::qWaitFor([&] { return chart->levelMeterView()->levelDB() > -30.0f; }, 3000));
-    QTest::qWait(300);
-    const std::optional<int> peak = peakColumn(chart->chart()->grabFramebuffer());
-    ASSERT_TRUE(peak);
-    EXPECT_NEAR(*peak, column(logX(997.0)), 3.0);
+    LevelMeterView* meter = screen()->chartView()->levelMeterView();
+    EXPECT_TRUE(QTest::qWaitFor([&] { return meter->levelDB() > -30.0f; }, 3000));
 
     // Space pauses, as the button does.
     QApplication::setActiveWindow(app_->window()); // no window manager to do it
@@ -277,18 +289,11 @@ TEST_F(MainScreenTest, settingsCloseWithNewFftSizeOrRate_rebuildsDocumentAndChar
     EXPECT_EQ(defaults_->audioBuffersData().size() * 4, size_t(defaults_->audioBufferByteSize()));
 
     // The new document analyses: a tone peaks where it should on the new axis.
-    test::SinkPlayer tone(
-        48000, 20.0, [](double t) { return kMinus12dBFS * float(std::sin(2 * M_PI * 997.0 * t)); },
-        [](double) { return 0.0f; });
+    test::SinkPlayer tone = toneOnFirstChannel();
     ASSERT_TRUE(tone.start());
     clickStartPause();
     ASSERT_TRUE(waitRecording(true));
-    ChartView* chart = screen()->chartView();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return chart->levelDB() > -30.0f; }, 5000));
-    QTest::qWait(300);
-    const std::optional<int> peak = peakColumn(chart->chart()->grabFramebuffer());
-    ASSERT_TRUE(peak);
-    EXPECT_NEAR(*peak, column(logX(997.0)), 3.0);
+    expectToneOnChart();
     clickStartPause();
     ASSERT_TRUE(waitRecording(false));
 }
