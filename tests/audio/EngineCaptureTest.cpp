@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <deque>
 #include <memory>
 #include <numbers>
 #include <random>
@@ -36,9 +37,11 @@ protected:
         defaults->setOutputGainValue(0.0f);
         audio = std::make_unique<TQAudio>(*defaults, features);
         manager = std::make_unique<FFTManager>(*defaults);
-        newest.clear();
+        recent.clear();
         chart.onData = [this](const float* data) {
-            newest.assign(data, data + this->defaults->fftOutSize());
+            if (recent.size() == kRecent)
+                recent.pop_front();
+            recent.emplace_back(data, data + this->defaults->fftOutSize());
         };
         engine = std::make_unique<AnalyzerController>(*defaults, *manager, *audio);
         engine->setChartViews(&chart, nullptr);
@@ -67,12 +70,20 @@ protected:
         QTest::qWait(int(seconds * 1000));
     }
 
-    /// Level in dB of the newest spectrum's strongest bin, and that bin.
+    /// Level in dB of the strongest bin of the newest spectra, and that bin. The
+    /// loudest of the last few, so that a dropout of the playing stream on a busy
+    /// machine (a gap in one interval) does not read as a lower or shifted tone.
     std::pair<double, int> newestPeak() const {
-        if (newest.size() < 2)
-            return {-1000.0, -1};
-        const auto peak = std::max_element(newest.begin() + 1, newest.end());
-        return {10.0 * std::log10(double(*peak) + 1e-14), int(peak - newest.begin())};
+        std::pair<double, int> best{-1000.0, -1};
+        for (const std::vector<float>& s : recent) {
+            if (s.size() < 2)
+                continue;
+            const auto peak = std::max_element(s.begin() + 1, s.end());
+            const double level = 10.0 * std::log10(double(*peak) + 1e-14);
+            if (level > best.first)
+                best = {level, int(peak - s.begin())};
+        }
+        return best;
     }
 
     /// What the FFT engine reads for an ideal -12 dBFS sine at `frequency`.
@@ -96,7 +107,8 @@ protected:
     std::unique_ptr<TQAudio> audio;
     std::unique_ptr<FFTManager> manager;
     FakeChartView chart;
-    std::vector<float> newest; ///< a copy of the newest spectrum the engine showed
+    static constexpr size_t kRecent = 8;
+    std::deque<std::vector<float>> recent; ///< copies of the newest spectra shown
     std::unique_ptr<AnalyzerController> engine;
     FakeDelegate owner;
 };
