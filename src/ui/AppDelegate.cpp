@@ -16,6 +16,8 @@
 #include <QSocketNotifier>
 
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #if defined(__SANITIZE_ADDRESS__)
 #include <dlfcn.h>
 #endif
@@ -149,7 +151,13 @@ int AppDelegate::run(int argc, char** argv, const AnalyzerFeatures& features,
         delegate.didFinishLaunchingWithOptions();
         status = QApplication::exec();
     }
-    return status;
+    // The window, the engine and the chart are gone, and the settings and the
+    // screen's state are written and synced. The process ends here without
+    // the application object's and the audio back-end's global teardown: Qt
+    // Multimedia's PulseAudio main loop can abort on an assertion when it is
+    // torn down while its own thread winds down (seen after SIGTERM).
+    std::fflush(nullptr);
+    std::_Exit(status);
 }
 
 } // namespace widmo
