@@ -53,7 +53,9 @@ _start_pulse() {
 _start_xvfb() {
     local fdfile="$WIDMO_SERVICES_DIR/display"
     : >"$fdfile"
-    Xvfb -displayfd 3 -screen 0 1280x800x24 -nolisten tcp +extension GLX \
+    # -noreset: without it the server resets whenever its last client leaves,
+    # and a test connecting at that moment finds no display.
+    Xvfb -displayfd 3 -screen 0 1280x800x24 -nolisten tcp -noreset +extension GLX \
         3>"$fdfile" >"$WIDMO_SERVICES_DIR/xvfb.log" 2>&1 &
     _widmo_pids+=($!)
     if ! _wait_for 10 test -s "$fdfile"; then
