@@ -21,6 +21,7 @@
 // medians.
 #include "core/AnalyzerDefaults.h"
 #include "dsp/FFTManager.h"
+#include "dsp/FFTPlanCache.h"
 #include "engine/AnalyzerController.h"
 #include "engine/TQAudioInterface.h"
 
@@ -242,6 +243,10 @@ BENCHMARK(BM_intakeAndProcessing)->DenseRange(0, 1)->UseManualTime()->Unit(bench
 
 int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
+    // The plans the application runs with once its planning thread is done
+    // (large sizes refined), made (or read from wisdom) outside the timings.
+    FFTPlanCache::shared().startPreparing(0);
+    FFTPlanCache::shared().waitUntilPrepared();
     std::vector<char*> args(argv, argv + argc);
     bool repetitionsGiven = false;
     for (int k = 1; k < argc; ++k) {

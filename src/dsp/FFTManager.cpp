@@ -109,6 +109,10 @@ FFTManager& FFTManager::sharedManager() {
 
 void FFTManager::preparePlans() { mSpectrumAnalysis->prepareAll(mDefaults.fftSize()); }
 
+void FFTManager::preparePlansInBackground() {
+    mSpectrumAnalysis->startPreparing(mDefaults.fftSize());
+}
+
 void FFTManager::prepareWindow() {
     const int32_t type = mDefaults.fftWindowType();
     const int32_t n = mDefaults.fftSize();

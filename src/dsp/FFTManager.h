@@ -62,6 +62,11 @@ public:
     /// first transform; idempotent. Blocks while planning: about 2.5 s in all
     /// on a first run, milliseconds once the wisdom file exists.
     void preparePlans();
+    /// The same on a planning thread of the plan cache, which then also
+    /// refines the large sizes (FFTW_PATIENT); returns at once. A transform
+    /// that needs a size before it is planned waits for that size. The
+    /// application calls this once at launch.
+    void preparePlansInBackground();
 
     /// Rebuilds the window table when `fftWindowType` or `fftSize` changed
     /// since the last build. Types 1 Blackman, 2 Hamming, 3 Hann fill it; any

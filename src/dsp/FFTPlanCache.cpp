@@ -34,10 +34,17 @@ FFTPlanCache::FFTPlanCache(const QString& wisdomPath, unsigned plannerFlags)
 }
 
 FFTPlanCache::~FFTPlanCache() {
+    stopping_.store(true, std::memory_order_release);
+    waitUntilPrepared();
     std::lock_guard lock(plannerMutex());
     for (auto& p : plans_) {
         if (fftwf_plan plan = p.exchange(nullptr, std::memory_order_acq_rel))
             fftwf_destroy_plan(plan);
+    }
+    for (fftwf_plan& plan : retired_) {
+        if (plan)
+            fftwf_destroy_plan(plan);
+        plan = nullptr;
     }
 }
 
@@ -77,28 +84,77 @@ fftwf_plan FFTPlanCache::plan(int32_t size) {
 }
 
 void FFTPlanCache::prepareAll(int32_t firstSize) {
-    std::lock_guard lock(plannerMutex());
+    // The mutex is taken per size, so that a transform waiting for another
+    // size than the one being planned gets its turn in between.
     bool planned = false;
     const int32_t first = slotOf(firstSize);
-    if (first >= 0 && !plans_[static_cast<size_t>(first)].load(std::memory_order_acquire)) {
-        makePlanLocked(first);
-        planned = true;
-    }
-    for (int32_t slot = 0; slot < static_cast<int32_t>(plans_.size()); ++slot) {
+    for (int32_t k = -1; k < static_cast<int32_t>(kSlots); ++k) {
+        const int32_t slot = k < 0 ? first : k;
+        if (slot < 0 || stopping_.load(std::memory_order_acquire))
+            continue;
+        std::lock_guard lock(plannerMutex());
         if (!plans_[static_cast<size_t>(slot)].load(std::memory_order_acquire)) {
             makePlanLocked(slot);
             planned = true;
         }
     }
-    if (planned)
+    if (planned) {
+        std::lock_guard lock(plannerMutex());
         saveWisdomLocked();
+    }
+}
+
+void FFTPlanCache::refine(int32_t fromSize, int32_t toSize) {
+    for (int32_t slot = 0; slot < static_cast<int32_t>(kSlots); ++slot) {
+        const int32_t n = sizeOf(slot);
+        if (n < fromSize || n > toSize || stopping_.load(std::memory_order_acquire))
+            continue;
+        std::lock_guard lock(plannerMutex());
+        const auto s = static_cast<size_t>(slot);
+        if (refined_[s].load(std::memory_order_acquire))
+            continue;
+        fftwf_plan better = newPlanLocked(n, FFTW_PATIENT);
+        if (!better)
+            continue;
+        // The replaced plan may be executing on the analysis queue right now;
+        // it is destroyed with the cache, never earlier.
+        retired_[s] = plans_[s].exchange(better, std::memory_order_acq_rel);
+        refined_[s].store(true, std::memory_order_release);
+        saveWisdomLocked();
+    }
+}
+
+bool FFTPlanCache::isRefined(int32_t size) const {
+    const int32_t slot = slotOf(size);
+    return slot >= 0 && refined_[static_cast<size_t>(slot)].load(std::memory_order_acquire);
+}
+
+void FFTPlanCache::startPreparing(int32_t firstSize, int32_t patientFromSize) {
+    if (preparingStarted_)
+        return;
+    preparingStarted_ = true;
+    planner_ = std::thread([this, firstSize, patientFromSize] {
+        prepareAll(firstSize);
+        refine(patientFromSize);
+    });
+}
+
+void FFTPlanCache::waitUntilPrepared() {
+    if (planner_.joinable())
+        planner_.join();
 }
 
 fftwf_plan FFTPlanCache::makePlanLocked(int32_t slot) {
     auto& entry = plans_[static_cast<size_t>(slot)];
     if (fftwf_plan existing = entry.load(std::memory_order_acquire))
         return existing; // planned by another thread while this one waited
-    const int32_t n = int32_t{1} << (slot + kMinLog2Size);
+    fftwf_plan p = newPlanLocked(sizeOf(slot), plannerFlags_);
+    if (p)
+        entry.store(p, std::memory_order_release);
+    return p;
+}
+
+fftwf_plan FFTPlanCache::newPlanLocked(int32_t n, unsigned flags) {
     // Planning scratch: FFTW_MEASURE overwrites the arrays it plans on, so the
     // plan is made on its own pair and later executed on the caller's arrays
     // (64-byte aligned like the engine's own, same out-of-place layout).
@@ -107,14 +163,11 @@ fftwf_plan FFTPlanCache::makePlanLocked(int32_t slot) {
         std::aligned_alloc(64, (static_cast<size_t>(n) + 16) * sizeof(float)));
     fftwf_plan p = nullptr;
     if (in && out)
-        p = fftwf_plan_dft_r2c_1d(n, in, out, plannerFlags_);
+        p = fftwf_plan_dft_r2c_1d(n, in, out, flags);
     std::free(out);
     std::free(in);
-    if (!p) {
+    if (!p)
         qWarning("FFTW could not plan a real transform of %d points", n);
-        return nullptr;
-    }
-    entry.store(p, std::memory_order_release);
     return p;
 }
 

@@ -142,6 +142,12 @@ int AppDelegate::run(int argc, char** argv, const AnalyzerFeatures& features,
     QApplication::setWindowIcon(ToolbarImages::applicationIcon());
     quitOnTerminationSignals(&app);
 
+    // Every FFT size planned (and the large ones refined) on a thread of its
+    // own, the current size first: the analysis never stops to plan, and a
+    // change of size later costs nothing. Wisdom makes this milliseconds
+    // after the first run.
+    FFTManager::sharedManager().preparePlansInBackground();
+
     int status = 0;
     {
         AppDelegate delegate(AnalyzerDefaults::sharedDefaults(), TQAudio::sharedAudio(),

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cmath>
 #include <thread>
 #include <vector>
@@ -81,6 +82,49 @@ TEST(FFTPlanCacheTest, concurrentFirstUse_plansEachSizeOnceUnderTheMutex) {
     EXPECT_EQ(got[1], got[5]);
     expectWorkingPlan(got[2], 2048);
     expectWorkingPlan(got[3], 2048);
+}
+
+TEST(FFTPlanCacheTest, refinement_swapsPlansUnderRunningTransformsAndKeepsTheOldOnesValid) {
+    QTemporaryDir dir;
+    const QString path = dir.filePath("fftw-wisdom-f");
+    FFTPlanCache cache(path, FFTW_ESTIMATE);
+    cache.prepareAll();
+    const fftwf_plan first = cache.plan(512);
+    // The analysis queue keeps transforming while the planning thread swaps
+    // the refined plan in; the plan it loaded must stay alive throughout.
+    std::atomic<bool> done{false};
+    std::thread planner([&] {
+        cache.refine(256, 512);
+        done.store(true);
+    });
+    int transforms = 0;
+    while (!done.load() || transforms == 0) {
+        expectWorkingPlan(cache.plan(transforms % 2 ? 512 : 256), transforms % 2 ? 512 : 256);
+        ++transforms;
+    }
+    planner.join();
+    EXPECT_TRUE(cache.isRefined(256));
+    EXPECT_TRUE(cache.isRefined(512));
+    EXPECT_FALSE(cache.isRefined(1024));
+    const fftwf_plan refined = cache.plan(512);
+    EXPECT_NE(refined, first);
+    expectWorkingPlan(first, 512);
+    expectWorkingPlan(refined, 512);
+    cache.refine(256, 512); // once only
+    EXPECT_EQ(cache.plan(512), refined);
+    EXPECT_TRUE(QFile::exists(path));
+}
+
+TEST(FFTPlanCacheTest, planningThread_plansEverySizeWhileATransformAsksForOne) {
+    FFTPlanCache cache(QString(), FFTW_ESTIMATE);
+    cache.startPreparing(4096, 1 << 20); // nothing refined: that takes seconds
+    cache.startPreparing(256, 256);      // a second start changes nothing
+    expectWorkingPlan(cache.plan(1024), 1024);
+    cache.waitUntilPrepared();
+    for (int n = 256; n <= 65536; n *= 2) {
+        EXPECT_TRUE(cache.hasPlan(n)) << n;
+        EXPECT_FALSE(cache.isRefined(n)) << n;
+    }
 }
 
 } // namespace
