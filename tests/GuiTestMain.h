@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include "common/TestExit.h"
+
 #include <cstring>
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -17,7 +19,10 @@
 
 namespace widmo::test {
 
-inline int runGuiTests(int argc, char** argv, const char* applicationName) {
+/// `soundServer`: the tests play and record through Qt Multimedia, and the
+/// binary ends without Qt's global teardown (see exitAfterTests).
+inline int runGuiTests(int argc, char** argv, const char* applicationName,
+                       bool soundServer = false) {
     // Listing the tests (ctest's discovery) needs no display.
     for (int i = 1; i < argc; ++i)
         if (std::strcmp(argv[i], "--gtest_list_tests") == 0) {
@@ -41,7 +46,11 @@ inline int runGuiTests(int argc, char** argv, const char* applicationName) {
     QApplication::setApplicationName(QString::fromLatin1(applicationName));
     QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, home.path());
     ::testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
+    const int status = RUN_ALL_TESTS();
+    if (!soundServer)
+        return status;
+    home.remove();
+    exitAfterTests(status);
 }
 
 } // namespace widmo::test

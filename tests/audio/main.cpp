@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include "../common/TestExit.h"
 #include "TestSignals.h"
 
 namespace {
@@ -40,5 +41,7 @@ int main(int argc, char** argv) {
     QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, home.path());
     ::testing::InitGoogleTest(&argc, argv);
     ::testing::AddGlobalTestEnvironment(new SilenceKeepAlive);
-    return RUN_ALL_TESTS();
+    const int status = RUN_ALL_TESTS();
+    home.remove();
+    widmo::test::exitAfterTests(status);
 }
