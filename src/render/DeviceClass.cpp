@@ -1,6 +1,7 @@
 #include "render/DeviceClass.h"
 
 #include <QFontDatabase>
+#include <QFontMetricsF>
 #include <QGuiApplication>
 #include <QScreen>
 #include <QWidget>
@@ -43,6 +44,18 @@ QFont DeviceClass::systemFont(double points, bool bold) {
         dpi = screen->logicalDotsPerInchY();
     font.setPointSizeF(points * 72.0 / dpi);
     font.setBold(bold);
+    return font;
+}
+
+QFont DeviceClass::fittedFont(QFont font, const QString& text, double maxWidth) {
+    // Hinting does not scale the width exactly with the size: shrink again
+    // until it fits (two rounds at most in practice).
+    for (int round = 0; round < 4; ++round) {
+        const double width = QFontMetricsF(font).horizontalAdvance(text);
+        if (width <= maxWidth || width <= 0.0)
+            break;
+        font.setPointSizeF(font.pointSizeF() * maxWidth / width * (round == 0 ? 1.0 : 0.97));
+    }
     return font;
 }
 

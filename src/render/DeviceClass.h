@@ -34,6 +34,11 @@ public:
     /// The bold or regular system font whose em is `points` device-independent
     /// pixels, the unit in which every size of the views is given.
     static QFont systemFont(double points, bool bold);
+    /// `font`, made smaller if `text` would be wider than `maxWidth` pixels.
+    /// The views' text sizes leave room for a narrow system font; a wider
+    /// one (DejaVu Sans, the usual default on Linux, sets "-144.0" about a
+    /// tenth wider) would cut the text or run it into its neighbours.
+    static QFont fittedFont(QFont font, const QString& text, double maxWidth);
 
     /// Diagonal in inches at which a screen counts as a tablet.
     static constexpr double kTabletDiagonalInches = 7.0;

@@ -44,7 +44,9 @@ void LevelMeterView::commonInit() {
     // grab on; `setupGLResources` makes them then.
 
     const Metrics& m = metrics(pad_);
-    const QFont font = DeviceClass::systemFont(m.readoutFontSize, true);
+    // The read-out keeps the same margin on both sides of the meter.
+    const QFont font = DeviceClass::fittedFont(DeviceClass::systemFont(m.readoutFontSize, true),
+                                               "-144.0", m.meterWidth - 2.0 * m.readoutOrigin.x());
     mDBLabel = new QLabel(this);
     mDBLabel->setFont(font);
     mDBLabel->setAlignment(Qt::AlignCenter);
@@ -78,15 +80,22 @@ void LevelMeterView::prepareTextures() {
 
     const bool cq = features_.featureVoiceEGG();
     const Metrics& m = metrics(pad_);
-    const QFont font = DeviceClass::systemFont(m.legendFontSize * (cq ? 0.9 : 1.0), true);
+    const QFont base = DeviceClass::systemFont(m.legendFontSize * (cq ? 0.9 : 1.0), true);
+    // The legend hangs from the top edge and must end above the read-out,
+    // with the read-out's own margin between them.
+    const double room = m.readoutOrigin.y() - m.readoutOrigin.x();
     if (pad_) {
+        const QString legend = cq ? "Closed quotient (%)" : "SPL Meter (dBFS)";
         mLegendOpisTexture_iPad = e->convertToTextureText(
-            cq ? "Closed quotient (%)" : "SPL Meter (dBFS)", font, kLegendColor);
+            legend, DeviceClass::fittedFont(base, legend, room), kLegendColor);
     } else {
-        mLegendOpisTexture1_iPhone =
-            e->convertToTextureText(cq ? "Closed" : "SPL Meter", font, kLegendColor);
-        mLegendOpisTexture2_iPhone =
-            e->convertToTextureText(cq ? "quotient (%)" : "(dBFS)", font, kLegendColor);
+        const QString line1 = cq ? "Closed" : "SPL Meter";
+        const QString line2 = cq ? "quotient (%)" : "(dBFS)";
+        // One size for both lines, fitted to the longer.
+        const QFont font =
+            DeviceClass::fittedFont(DeviceClass::fittedFont(base, line1, room), line2, room);
+        mLegendOpisTexture1_iPhone = e->convertToTextureText(line1, font, kLegendColor);
+        mLegendOpisTexture2_iPhone = e->convertToTextureText(line2, font, kLegendColor);
     }
 }
 

@@ -2,6 +2,7 @@
 #include "render/LevelMeterView.h"
 
 #include <QImage>
+#include <QLabel>
 
 #include <gtest/gtest.h>
 
@@ -99,14 +100,27 @@ TEST_P(LevelMeterTest, heldLevelsLightTheStatedSegments) {
                 << "level " << c.level << " segment " << i;
         }
     }
-    // Legend ink above the column, never over the segments.
+    // Legend ink above the column, never over the segments, and ending above
+    // the read-out whatever the system font's width; the read-out fits the
+    // meter's width.
+    const auto& m = LevelMeterView::metrics(pad);
     const QImage img = meter->grabFramebuffer();
-    const int legendBottom = static_cast<int>(LevelMeterView::metrics(pad).legendSpace);
+    const int readoutTop = static_cast<int>(m.readoutOrigin.y());
     int legendInk = 0;
-    for (int y = 0; y < legendBottom; ++y)
-        for (int x = 0; x < img.width(); ++x)
-            legendInk += img.pixelColor(x, y).green() > 60 ? 1 : 0;
+    int inkBesideReadout = 0;
+    for (int y = 0; y < static_cast<int>(m.legendSpace); ++y)
+        for (int x = 0; x < img.width(); ++x) {
+            const bool ink = img.pixelColor(x, y).green() > 60;
+            legendInk += ink ? 1 : 0;
+            inkBesideReadout += ink && y >= readoutTop ? 1 : 0;
+        }
     EXPECT_GT(legendInk, 30);
+    EXPECT_EQ(inkBesideReadout, 0);
+    const auto* readout = meter->findChild<QLabel*>();
+    ASSERT_NE(readout, nullptr);
+    EXPECT_EQ(readout->text(), "-144.0");
+    EXPECT_LE(readout->sizeHint().width(), readout->width());
+    EXPECT_LE(readout->geometry().right(), m.meterWidth);
 }
 
 TEST_P(LevelMeterTest, smoothingAndReadoutCadence) {
