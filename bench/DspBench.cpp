@@ -12,6 +12,7 @@
 // The slot-write rows are the floor the memory sets: the same bytes an
 // interval leaves in its slot (n + n/2 floats), written with streaming stores
 // into the same 256 rotating slots, with nothing else done.
+#include "BenchArguments.h"
 #include "core/AnalyzerDefaults.h"
 #include "dsp/FFTManager.h"
 #include "dsp/FFTPlanCache.h"
@@ -274,19 +275,7 @@ int main(int argc, char** argv) {
     FFTPlanCache::shared().startPreparing(0);
     FFTPlanCache::shared().waitUntilPrepared();
 
-    // Five interleaved repetitions and their medians unless the caller chose.
-    std::vector<char*> args(argv, argv + argc);
-    bool repetitionsGiven = false;
-    for (int k = 1; k < argc; ++k)
-        repetitionsGiven |= std::strncmp(argv[k], "--benchmark_repetitions", 23) == 0;
-    std::string repetitions = "--benchmark_repetitions=5";
-    std::string interleaving = "--benchmark_enable_random_interleaving=true";
-    std::string aggregates = "--benchmark_report_aggregates_only=true";
-    if (!repetitionsGiven) {
-        args.push_back(repetitions.data());
-        args.push_back(interleaving.data());
-        args.push_back(aggregates.data());
-    }
+    std::vector<char*> args = widmo::bench::withInterleavedRepetitions(argc, argv);
     int count = static_cast<int>(args.size());
     args.push_back(nullptr);
     benchmark::Initialize(&count, args.data());

@@ -19,6 +19,7 @@
 // otherwise be page faults inside every timed run). Unless told otherwise the
 // run repeats each benchmark five times, interleaved, and the table gives the
 // medians and the fastest repetitions.
+#include "BenchArguments.h"
 #include "core/AnalyzerDefaults.h"
 #include "dsp/FFTManager.h"
 #include "dsp/FFTPlanCache.h"
@@ -251,19 +252,7 @@ int main(int argc, char** argv) {
     // (large sizes refined), made (or read from wisdom) outside the timings.
     FFTPlanCache::shared().startPreparing(0);
     FFTPlanCache::shared().waitUntilPrepared();
-    std::vector<char*> args(argv, argv + argc);
-    bool repetitionsGiven = false;
-    for (int k = 1; k < argc; ++k) {
-        repetitionsGiven |= std::strncmp(argv[k], "--benchmark_repetitions", 23) == 0;
-    }
-    std::string repetitions = "--benchmark_repetitions=5";
-    std::string interleaving = "--benchmark_enable_random_interleaving=true";
-    std::string aggregates = "--benchmark_report_aggregates_only=true";
-    if (!repetitionsGiven) {
-        args.push_back(repetitions.data());
-        args.push_back(interleaving.data());
-        args.push_back(aggregates.data());
-    }
+    std::vector<char*> args = widmo::bench::withInterleavedRepetitions(argc, argv);
     argc = static_cast<int>(args.size());
     args.push_back(nullptr);
     argv = args.data();
