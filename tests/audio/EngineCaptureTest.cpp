@@ -16,7 +16,6 @@
 #include <cmath>
 #include <deque>
 #include <memory>
-#include <numbers>
 #include <random>
 
 namespace widmo {
@@ -91,8 +90,7 @@ protected:
         FFTManager reference(*defaults);
         std::vector<float> window(size_t(defaults->fftSize()));
         for (size_t i = 0; i < window.size(); ++i)
-            window[i] = kMinus12dBFS * float(std::sin(2.0 * std::numbers::pi * frequency *
-                                                      double(i) / defaults->sampleRate()));
+            window[i] = sineAt(frequency, double(i) / defaults->sampleRate());
         std::vector<float> out(size_t(defaults->fftOutSize()));
         reference.przeliczWithFFTWindowBufor(window.data(), out.data());
         return 10.0 * std::log10(double(out[size_t(bin)]));

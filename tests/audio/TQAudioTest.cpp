@@ -25,9 +25,9 @@ public:
 
     void didGetNewAudioData(TQAudioData data) override {
         std::lock_guard lock(mutex_);
-        onQueue_ = onQueue_ && audio_.audioDispatchQueue().isCurrent();
-        pointers_.push_back(data.data);
-        frames_ += size_t(data.count);
+        received_.allOnQueue = received_.allOnQueue && audio_.audioDispatchQueue().isCurrent();
+        received_.pointers.push_back(data.data);
+        received_.frames += size_t(data.count);
     }
     void giveNewAudioData(TQAudioData* data) override {
         for (int32_t i = 0; i < data->count; ++i)
@@ -36,22 +36,16 @@ public:
         renderCalls.fetch_add(1, std::memory_order_relaxed);
     }
 
-    size_t blocks() const {
+    struct Received {
+        std::vector<float*> pointers; ///< each block's data, in arrival order
+        size_t frames = 0;
+        bool allOnQueue = true;
+    };
+    Received received() const {
         std::lock_guard lock(mutex_);
-        return pointers_.size();
+        return received_;
     }
-    std::vector<float*> pointers() const {
-        std::lock_guard lock(mutex_);
-        return pointers_;
-    }
-    size_t frames() const {
-        std::lock_guard lock(mutex_);
-        return frames_;
-    }
-    bool allOnQueue() const {
-        std::lock_guard lock(mutex_);
-        return onQueue_;
-    }
+    size_t blocks() const { return received().pointers.size(); }
 
     std::function<float(int64_t)> source; ///< playback sample at frame index
     std::atomic<int> renderCalls{0};
@@ -59,9 +53,7 @@ public:
 private:
     TQAudio& audio_;
     mutable std::mutex mutex_;
-    bool onQueue_ = true;
-    std::vector<float*> pointers_;
-    size_t frames_ = 0;
+    Received received_;
     int64_t played_ = 0;
 };
 
@@ -124,9 +116,10 @@ TEST_F(TQAudioTest, recording_deliversBlocksInRingOrderOnTheQueue_afterTheStartu
     EXPECT_EQ(calls, 1);
     EXPECT_EQ(ignoredCalls, 0);
 
-    const std::vector<float*> pointers = delegate.pointers();
+    const RecordingDelegate::Received received = delegate.received();
+    const std::vector<float*>& pointers = received.pointers;
     ASSERT_GT(pointers.size(), 20u);
-    EXPECT_TRUE(delegate.allOnQueue());
+    EXPECT_TRUE(received.allOnQueue);
     // Every block sits in the ring slot after the previous one, from slot 0.
     float* const first = pointers.front();
     for (size_t i = 0; i < pointers.size(); ++i) {
@@ -137,7 +130,7 @@ TEST_F(TQAudioTest, recording_deliversBlocksInRingOrderOnTheQueue_afterTheStartu
     // The first eight cycles (counter 0..7) were dropped, every later one delivered.
     EXPECT_NEAR(double(audio.renderCycleCounter()) - double(pointers.size()), 8.0, 1.0);
     // About 1.5 s of 48 kHz audio arrived, in blocks of about the device buffer.
-    const double frames = double(delegate.frames());
+    const double frames = double(received.frames);
     EXPECT_GT(frames, 48000 * 1.2);
     EXPECT_LT(frames, 48000 * 1.7);
     EXPECT_TRUE(messages.shown.empty());

@@ -14,35 +14,41 @@ namespace widmo::test {
 
 namespace {
 
-// argv for exec, kept alive in `storage`.
-std::vector<char*> argvFor(const QString& program, const QStringList& arguments,
-                           std::vector<QByteArray>& storage) {
-    storage.push_back(program.toLocal8Bit());
+/// Starts `program` with `arguments`; standard input from `inputFile` when
+/// given, standard output into `outputFd` when not negative. The child's pid,
+/// or a negative value.
+pid_t spawn(const QString& program, const QStringList& arguments, const QString& inputFile,
+            int outputFd, int closeFd) {
+    std::vector<QByteArray> storage{program.toLocal8Bit()};
     for (const QString& a : arguments)
         storage.push_back(a.toLocal8Bit());
     std::vector<char*> argv;
     for (QByteArray& b : storage)
         argv.push_back(b.data());
     argv.push_back(nullptr);
-    return argv;
+    const QByteArray input = inputFile.toLocal8Bit();
+    const pid_t pid = fork();
+    if (pid == 0) {
+        if (!input.isEmpty())
+            dup2(open(input.constData(), O_RDONLY), STDIN_FILENO);
+        if (outputFd >= 0) {
+            dup2(outputFd, STDOUT_FILENO);
+            close(outputFd);
+            close(closeFd);
+        }
+        execvp(argv[0], argv.data());
+        _exit(127);
+    }
+    return pid;
 }
 
 } // namespace
 
 int runTool(const QString& program, const QStringList& arguments, QString* output) {
-    std::vector<QByteArray> storage;
-    std::vector<char*> argv = argvFor(program, arguments, storage);
     int pipeFds[2];
     if (pipe(pipeFds) != 0)
         return -1;
-    const pid_t pid = fork();
-    if (pid == 0) {
-        dup2(pipeFds[1], STDOUT_FILENO);
-        close(pipeFds[0]);
-        close(pipeFds[1]);
-        execvp(argv[0], argv.data());
-        _exit(127);
-    }
+    const pid_t pid = spawn(program, arguments, QString(), pipeFds[1], pipeFds[0]);
     close(pipeFds[1]);
     QByteArray text;
     char chunk[4096];
@@ -61,18 +67,7 @@ int runTool(const QString& program, const QStringList& arguments, QString* outpu
 bool ChildProcess::start(const QString& program, const QStringList& arguments,
                          const QString& inputFile) {
     stop();
-    std::vector<QByteArray> storage;
-    std::vector<char*> argv = argvFor(program, arguments, storage);
-    const QByteArray input = inputFile.toLocal8Bit();
-    pid_ = fork();
-    if (pid_ == 0) {
-        if (!input.isEmpty()) {
-            const int fd = open(input.constData(), O_RDONLY);
-            dup2(fd, STDIN_FILENO);
-        }
-        execvp(argv[0], argv.data());
-        _exit(127);
-    }
+    pid_ = spawn(program, arguments, inputFile, -1, -1);
     return pid_ > 0;
 }
 

@@ -152,20 +152,6 @@ TEST_F(ChartDataTest, averaging_type0HalvesTheStepAndFallsSlowly_type3FollowsEac
     }
 }
 
-TEST_F(ChartDataTest, decayTime0_holdsNeverMove) {
-    defaults_->setOctaveRTABandAverageType(3);
-    defaults_->setOctaveRTAMinValuesEnabled(true);
-    defaults_->setOctaveRTAMinMaxDecayTime(0);
-    frame(step_);
-    frame(silence_); // the minimum starts on this fall
-    std::vector<float> half = silence_;
-    half[85] = 1e-3f; // -30 dB
-    for (int i = 0; i < 600; ++i)
-        frame(half);
-    EXPECT_FLOAT_EQ(maximum(), 0.0f);
-    EXPECT_NEAR(minimum(), -144.0f, 1e-3f);
-}
-
 TEST_F(ChartDataTest, decayTime2_maximumFallsAfterTwoSeconds_byStepPerFrame) {
     defaults_->setOctaveRTABandAverageType(3);
     defaults_->setOctaveRTAMinMaxDecayTime(2);
@@ -184,13 +170,23 @@ TEST_F(ChartDataTest, decayTime2_maximumFallsAfterTwoSeconds_byStepPerFrame) {
     EXPECT_NEAR(first - maximum(), 0.2f, 1e-4f);
 }
 
-TEST_F(ChartDataTest, analyserStopped_holdsDoNotDecay) {
+// Holds stay where they are with decay time 0, and while the analyser is stopped.
+TEST_F(ChartDataTest, decayTime0OrAnalyserStopped_holdsNeverMove) {
     defaults_->setOctaveRTABandAverageType(3);
-    defaults_->setOctaveRTAMinMaxDecayTime(2);
-    frame(step_, false);
-    for (int i = 0; i < 400; ++i)
-        frame(silence_, false);
-    EXPECT_FLOAT_EQ(maximum(), 0.0f);
+    defaults_->setOctaveRTAMinValuesEnabled(true);
+    for (const bool running : {true, false}) {
+        SCOPED_TRACE(running);
+        defaults_->setOctaveRTAMinMaxDecayTime(running ? 0 : 2);
+        data_->clearOctaveRTAMinMaxLevels();
+        frame(step_, running);
+        frame(silence_, running); // the minimum starts on this fall
+        std::vector<float> half = silence_;
+        half[85] = 1e-3f; // -30 dB
+        for (int i = 0; i < 600; ++i)
+            frame(half, running);
+        EXPECT_FLOAT_EQ(maximum(), 0.0f);
+        EXPECT_NEAR(minimum(), -144.0f, 1e-3f);
+    }
     EXPECT_FLOAT_EQ(data_->octaveRTAMaxTimer()[band_], 2.0f);
 }
 

@@ -3,10 +3,15 @@
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
 #include "dsp/FFTManager.h"
+#include "render/DeviceClass.h"
+
+#include <QImage>
+#include <QWidget>
 
 #include <cmath>
 #include <memory>
 #include <numbers>
+#include <optional>
 #include <vector>
 
 namespace widmo::test {
@@ -61,6 +66,38 @@ inline Interval analyse(FFTManager& fft, const std::vector<float>& samples,
                                     static_cast<int32_t>(samples.size()), &out.window,
                                     &out.spectrum);
     return out;
+}
+
+/// The spectrum curve's colour.
+inline bool isGreen(QRgb c) { return qGreen(c) > 150 && qRed(c) < 100 && qBlue(c) < 100; }
+
+/// Topmost row that `match` finds and the mean column of its pixels there.
+inline std::optional<QPointF> topmost(const QImage& image, bool (*match)(QRgb)) {
+    for (int y = 0; y < image.height(); ++y) {
+        double sx = 0.0;
+        int count = 0;
+        for (int x = 0; x < image.width(); ++x)
+            if (match(image.pixel(x, y))) {
+                sx += x;
+                ++count;
+            }
+        if (count > 0)
+            return QPointF(sx / count, y);
+    }
+    return std::nullopt;
+}
+
+/// Content x of `frequency` on the logarithmic axis.
+inline double logX(const AnalyzerDefaults& defaults, double frequency) {
+    return std::log2(frequency / defaults.logStartFrequency()) / defaults.logIntervalDelta();
+}
+
+/// Line width margin of a chart's drawing (points).
+inline double chartMargin(const QWidget* chart) { return DeviceClass::isPad(chart) ? 2.0 : 1.0; }
+
+/// Pixel column of content x at zoom 1 in `chart`.
+inline double chartColumn(const QWidget* chart, double x) {
+    return chartMargin(chart) + x * (chart->width() - 2.0 * chartMargin(chart));
 }
 
 } // namespace widmo::test

@@ -1,25 +1,24 @@
 #include "charts/ChartView.h"
 #include "charts/ChartScrollView.h"
 
-#include "render/DeviceClass.h"
 #include "render/LevelMeterView.h"
 
 #include "ChartTestSupport.h"
 #include "TempSettings.h"
 
-#include <QDir>
 #include <QImage>
 #include <QTemporaryDir>
 #include <QTest>
 
 #include <cmath>
 #include <optional>
-#include <random>
 
 namespace widmo {
 namespace {
 
-bool isGreen(QRgb c) { return qGreen(c) > 150 && qRed(c) < 100 && qBlue(c) < 100; }
+using test::isGreen;
+using test::topmost;
+
 bool isBar(QRgb c) { return qBlue(c) > 150 && qBlue(c) > qRed(c) + 50 && qGreen(c) < 160; }
 bool isInk(QRgb c) { return qRed(c) > 40 && qGreen(c) > 40 && qBlue(c) > 40; }
 
@@ -39,22 +38,6 @@ std::optional<QPointF> inkCentroid(const QImage& image, QRect region) {
     if (count < 8)
         return std::nullopt;
     return QPointF(sx / count, sy / count);
-}
-
-/// Topmost row that `match` finds and the mean column of its pixels there.
-std::optional<QPointF> topmost(const QImage& image, bool (*match)(QRgb)) {
-    for (int y = 0; y < image.height(); ++y) {
-        double sx = 0.0;
-        int count = 0;
-        for (int x = 0; x < image.width(); ++x)
-            if (match(image.pixel(x, y))) {
-                sx += x;
-                ++count;
-            }
-        if (count > 0)
-            return QPointF(sx / count, y);
-    }
-    return std::nullopt;
 }
 
 class ChartViewTest : public test::TempSettings {
@@ -84,17 +67,13 @@ protected:
     ChartScrollView* chart() const { return view_->chart(); }
     QImage chartImage() const { return chart()->grabFramebuffer(); }
     QImage labelImage() const { return view_->grabFramebuffer(); }
-    /// Line width margin of the chart's drawing (points).
-    double margin() const { return DeviceClass::isPad(chart()) ? 2.0 : 1.0; }
-    /// Pixel column of content x at zoom 1.
-    double column(double x) const { return margin() + x * (chart()->width() - 2.0 * margin()); }
+    double margin() const { return test::chartMargin(chart()); }
+    double column(double x) const { return test::chartColumn(chart(), x); }
     /// Pixel row of content y at zoom 1.
     double row(double y) const {
         return margin() + (1.0 - y) * (chart()->height() - 2.0 * margin());
     }
-    double logX(double f) const {
-        return std::log2(f / defaults_->logStartFrequency()) / defaults_->logIntervalDelta();
-    }
+    double logX(double f) const { return test::logX(*defaults_, f); }
 
     std::unique_ptr<AnalyzerDefaults> defaults_;
     std::unique_ptr<FFTManager> fft_;
@@ -104,31 +83,36 @@ protected:
 
 // --- Spectrum peak on both frequency axes -------------------------------------------------
 
-TEST_F(ChartViewTest, fullScaleSine_peakAtItsFrequencyAndZeroDB_logAndLinearAxis) {
-    for (const bool linear : {false, true}) {
-        defaults_->setLinearFrequency(linear);
+// A 997 Hz sine peaks at its frequency on either axis, as high as its level on
+// the 144 dB scale, or in the linear display as its magnitude times the gain.
+TEST_F(ChartViewTest, sinePeak_atItsFrequencyAndLevel_logOrLinearAxisAndDisplay) {
+    struct Case {
+        bool linearAxis;
+        double amplitude;
+        bool db;
+        float gainDb;
+        double y;
+    };
+    const Case cases[] = {
+        {false, 1.0, true, 30.0f, 1.0},
+        {true, 1.0, true, 30.0f, 1.0},
+        {false, 0.1, true, 30.0f, 1.0 - 20.0 / 144.0},     // -20 dBFS
+        {false, 0.1, false, 10.0f, 0.1 * std::sqrt(10.0)}, // magnitude 0.1 at +10 dB
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::Message() << "linear axis " << c.linearAxis << " amplitude "
+                                        << c.amplitude << " dB " << c.db);
+        defaults_->setLinearFrequency(c.linearAxis);
+        defaults_->setValuesInDB(c.db);
+        defaults_->setSpectrumWzmocnienieDB(c.gainDb);
         view_->prepareTextures();
+        showSine(997.0, c.amplitude);
         const auto peak = topmost(chartImage(), isGreen);
-        ASSERT_TRUE(peak) << linear;
-        const double x = linear ? 997.0 / defaults_->maxFrequency() : logX(997.0);
-        EXPECT_NEAR(peak->x(), column(x), 2.0) << linear;
-        EXPECT_NEAR(peak->y(), row(1.0), 2.0) << linear;
+        ASSERT_TRUE(peak);
+        const double x = c.linearAxis ? 997.0 / defaults_->maxFrequency() : logX(997.0);
+        EXPECT_NEAR(peak->x(), column(x), 2.0);
+        EXPECT_NEAR(peak->y(), row(c.y), 2.0);
     }
-}
-
-TEST_F(ChartViewTest, quieterSine_peakLowerByItsLevel_linearDisplayFollowsGain) {
-    showSine(997.0, 0.1); // -20 dBFS
-    auto peak = topmost(chartImage(), isGreen);
-    ASSERT_TRUE(peak);
-    EXPECT_NEAR(peak->y(), row(1.0 - 20.0 / 144.0), 2.0);
-
-    // Linear display at +10 dB gain: magnitude 0.1 drawn at 0.316 of the height.
-    defaults_->setValuesInDB(false);
-    defaults_->setSpectrumWzmocnienieDB(10.0f);
-    showSine(997.0, 0.1);
-    peak = topmost(chartImage(), isGreen);
-    ASSERT_TRUE(peak);
-    EXPECT_NEAR(peak->y(), row(0.1 * std::sqrt(10.0)), 2.0);
 }
 
 // --- Axis labels ------------------------------------------------------------------------------
@@ -279,44 +263,6 @@ TEST_F(ChartViewTest, imageOfChart_writesPngShowingTheCurve) {
             red += qRed(c) > 200 && qGreen(c) < 80 ? 1 : 0;
         }
     EXPECT_GT(red, 0);
-}
-
-/// Renders the four charts of a richer signal; writes them to the folder named
-/// by WIDMO_CHART_SCREENSHOTS when that is set (the pictures in docs/).
-TEST_F(ChartViewTest, screenshotsOfEveryChart) {
-    std::mt19937 random(3);
-    std::normal_distribution<double> noise(0.0, 1e-4);
-    const int32_t n = defaults_->fftSize();
-    samples_ = test::sine(997.0, 48000.0, n, 0.7);
-    const auto second = test::sine(6300.0, 48000.0, n, 0.05);
-    for (int32_t i = 0; i < n; ++i)
-        samples_[static_cast<size_t>(i)] +=
-            second[static_cast<size_t>(i)] + static_cast<float>(noise(random));
-    const test::Interval interval = test::analyse(*fft_, samples_);
-    defaults_->setOctaveRTABandAverageType(3);
-    defaults_->setOsciloscopeWzmocnienieDB(0.0f);
-    const QString folder = qEnvironmentVariable("WIDMO_CHART_SCREENSHOTS");
-    const auto shoot = [&](const char* name) {
-        view_->addFFTdata(interval.spectrum, interval.window, nullptr);
-        view_->imageOfChart();
-        const QImage image = view_->imageOfChart();
-        ASSERT_FALSE(image.isNull()) << name;
-        if (!folder.isEmpty()) {
-            ASSERT_TRUE(image.save(QDir(folder).filePath(QString::fromLatin1(name)), "PNG"));
-        }
-    };
-    shoot("chart-spectrum-log.png");
-    defaults_->setLinearFrequency(true);
-    view_->prepareTextures();
-    chart()->setMeasuringActivated(true);
-    chart()->setMeasuringActualPosition(QPointF(997.0 / defaults_->maxFrequency(), 0.5));
-    shoot("chart-spectrum-linear.png");
-    view_->turnOffMeasuring();
-    view_->setTypeOfChart(1);
-    shoot("chart-oscilloscope.png");
-    view_->setTypeOfChart(2);
-    shoot("chart-rta.png");
-    EXPECT_TRUE(topmost(chartImage(), isBar));
 }
 
 } // namespace

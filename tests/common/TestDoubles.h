@@ -85,7 +85,8 @@ private:
     TQAudioDelegate* delegate_ = nullptr;
 };
 
-class FakeScrollView : public TQGLScrollViewInterface {
+/// A chart's scroll view: counts zoom-outs, keeps the measuring switch and partner.
+template <class Interface> class FakeScrollViewOf : public Interface {
 public:
     void zoomOut() override { ++zoomOuts; }
     bool measuringActivated() const override { return measuring; }
@@ -97,12 +98,10 @@ public:
     TQGLScrollViewInterface* partner = nullptr;
 };
 
-class FakeSpectrogramScrollView : public SpectrogramScrollViewInterface {
+using FakeScrollView = FakeScrollViewOf<TQGLScrollViewInterface>;
+
+class FakeSpectrogramScrollView : public FakeScrollViewOf<SpectrogramScrollViewInterface> {
 public:
-    void zoomOut() override { ++zoomOuts; }
-    bool measuringActivated() const override { return measuring; }
-    void setMeasuringActivated(bool a) override { measuring = a; }
-    void setScrollViewDelegate(TQGLScrollViewInterface* p) override { partner = p; }
     int64_t getIntervalIndexForSpectrogramPosition(float) const override {
         return rightEdgeInterval.load(std::memory_order_acquire);
     }
@@ -119,9 +118,6 @@ public:
 
     std::atomic<int64_t> rightEdgeInterval{0};
     int64_t cursorInterval = 0;
-    bool measuring = false;
-    int zoomOuts = 0;
-    TQGLScrollViewInterface* partner = nullptr;
     std::vector<int32_t> measureScrollTypes;
     QPointF position{0.25, 0.5};
     int positionSets = 0;

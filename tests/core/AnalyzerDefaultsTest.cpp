@@ -122,7 +122,8 @@ TEST_F(AnalyzerDefaultsTest, settingsWrittenByAnotherProcessAreReadBack) {
     EXPECT_TRUE(d->linearFrequency());
 }
 
-TEST_F(AnalyzerDefaultsTest, storeWithAnotherTagLoadsNothing) {
+// A store of another format, one without its tag, or a file of garbage.
+TEST_F(AnalyzerDefaultsTest, storeWithAnotherTagOrNoneOrGarbageLoadsNothing) {
     load()->saveDefaults();
     {
         QSettings s = raw();
@@ -133,23 +134,15 @@ TEST_F(AnalyzerDefaultsTest, storeWithAnotherTagLoadsNothing) {
 
     raw().remove("VersionKey");
     expectDefaults(*load());
-}
 
-TEST_F(AnalyzerDefaultsTest, garbageFileGivesTheDefaults) {
-    load()->saveDefaults();
-    const QString file = storeFile(kStore);
-    ASSERT_TRUE(QFile::exists(file));
-    for (quint32 seed : {1u, 2u, 3u}) {
-        QRandomGenerator rng(seed);
-        QByteArray bytes(4096, '\0');
-        for (char& b : bytes)
-            b = static_cast<char>(rng.bounded(256));
-        QFile f(file);
-        ASSERT_TRUE(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        f.write(bytes);
-        f.close();
-        expectDefaults(*load());
-    }
+    QFile f(storeFile(kStore));
+    ASSERT_TRUE(f.exists());
+    ASSERT_TRUE(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    QRandomGenerator rng(1);
+    for (int i = 0; i < 4096; ++i)
+        f.putChar(static_cast<char>(rng.bounded(256)));
+    f.close();
+    expectDefaults(*load());
 }
 
 TEST_F(AnalyzerDefaultsTest, applyingPreferredValuesClampsAndReportsTheChange) {

@@ -1,10 +1,6 @@
+#include "../HeadlessTestMain.h"
+
 #include "core/AnalyzerDefaults.h"
-
-#include <QCoreApplication>
-#include <QSettings>
-#include <QTemporaryDir>
-
-#include <gtest/gtest.h>
 
 #include <cstring>
 
@@ -23,10 +19,5 @@ int main(int argc, char** argv) {
         defaults.saveDefaults();
         return 0;
     }
-    QCoreApplication app(argc, argv);
-    // Keep every store of the run away from the user's own settings.
-    QTemporaryDir home;
-    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, home.path());
-    ::testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
+    return widmo::test::runHeadlessTests(argc, argv, false);
 }

@@ -79,15 +79,18 @@ protected:
         manager_ = std::make_unique<FFTManager>(*defaults_);
     }
 
-    void setFftSize(int fftSize) {
-        defaults_->setFftSize(fftSize);
-        defaults_->recalculateDocumentSettings();
-    }
-
     std::vector<float> transform(const std::vector<float>& input) {
         std::vector<float> out(static_cast<size_t>(defaults_->fftOutSize()), -1.0f);
         manager_->przeliczWithFFTWindowBufor(input.data(), out.data());
         return out;
+    }
+
+    static std::vector<float> noise(int size, std::mt19937& rng) {
+        std::uniform_real_distribution<float> dist(-1.0f, 1.0f);
+        std::vector<float> x(static_cast<size_t>(size));
+        for (auto& v : x)
+            v = dist(rng);
+        return x;
     }
 
     static std::vector<float> sine(int size, double bin, double amplitude = 1.0) {
@@ -118,14 +121,11 @@ protected:
 
 TEST_F(FFTManagerTest, transformMatchesPlainDft_everyWindowAtSmallSizes) {
     std::mt19937 rng(20240611);
-    std::uniform_real_distribution<float> dist(-1.0f, 1.0f);
     for (int size : {256, 512}) {
         for (int type : {0, 1, 2, 3}) {
             SCOPED_TRACE(testing::Message() << "size " << size << " window " << type);
             configure(size, type);
-            std::vector<float> x(static_cast<size_t>(size));
-            for (auto& v : x)
-                v = dist(rng);
+            const std::vector<float> x = noise(size, rng);
             const std::vector<float> got = transform(x);
             const std::vector<double> want = referencePower(x, type, type);
             double peak = 0.0;
@@ -143,10 +143,7 @@ TEST_F(FFTManagerTest, transformMatchesPlainDft_everyWindowAtSmallSizes) {
 TEST_F(FFTManagerTest, unknownWindowType_scalesAsRectangleButKeepsLastWindow) {
     configure(256, 2);
     std::mt19937 rng(7);
-    std::uniform_real_distribution<float> dist(-1.0f, 1.0f);
-    std::vector<float> x(256);
-    for (auto& v : x)
-        v = dist(rng);
+    const std::vector<float> x = noise(256, rng);
     transform(x); // builds the Hamming table
     defaults_->setFftWindowType(7);
     const std::vector<float> got = transform(x);
@@ -295,7 +292,8 @@ TEST_F(FFTManagerTest, windowRebuiltOnSizeChange_andRectangleNeverBuildsIt) {
     EXPECT_EQ(manager_->windowBuildCount(), 1);
 
     // Same type, larger size: a stale table would leave the new tail unwindowed.
-    setFftSize(8192);
+    defaults_->setFftSize(8192);
+    defaults_->recalculateDocumentSettings();
     const std::vector<float> out = transform(sine(8192, 80));
     EXPECT_EQ(manager_->windowBuildCount(), 2);
     EXPECT_NEAR(out[80], 1.0, 1e-4);

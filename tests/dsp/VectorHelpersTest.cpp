@@ -51,13 +51,6 @@ TEST(VectorHelpersTest, arithmetic_outOfPlaceAndInPlaceAgree) {
     }
 }
 
-TEST(VectorHelpersTest, scaledSquaredMagnitudesOfInterleavedComplex) {
-    const std::vector<float> c = {3.0f, 4.0f, -1.0f, 0.5f, 0.0f, -2.0f};
-    std::vector<float> scaled(3);
-    VectorHelpers::scaledSquaredMagnitudes(c.data(), 0.5f, scaled.data(), 3);
-    EXPECT_EQ(scaled, (std::vector<float>{6.25f, 0.3125f, 1.0f}));
-}
-
 // The streaming stores must change nothing but the way values reach memory:
 // same bits as the cached versions, at every offset from a cache line (head
 // and tail peeled, body streamed) and never a value past `count`.

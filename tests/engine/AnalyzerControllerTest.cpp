@@ -330,7 +330,7 @@ TEST_F(ControlTest, startRecorder_runsChartsAndTimer_stopUndoes) {
     EXPECT_EQ(chart_.shownData.size(), shown);
 }
 
-TEST_F(ControlTest, failedStart_reportsFailureWithoutTimer) {
+TEST_F(ControlTest, failedStartReportsFailureWithoutTimer_nextStartResetsPerRecordingState) {
     build(Options{.withSpectrogram = true});
     audio_.startsSucceed = false;
     int completions = 0;
@@ -343,11 +343,12 @@ TEST_F(ControlTest, failedStart_reportsFailureWithoutTimer) {
     EXPECT_FALSE(result);
     EXPECT_FALSE(engine_->displayTimerActive());
     EXPECT_TRUE(spectrogram_.calls.empty());
-}
 
-TEST_F(ControlTest, startRecorder_resetsPerRecordingState) {
-    build();
+    audio_.startsSucceed = true;
     defaults_->setActualInterval(40);
+    std::vector<float> block(2 * 512, 0.5f);
+    push(block); // counted while not recording
+    ASSERT_EQ(engine_->packetsCount(), 1);
     startRecording();
     EXPECT_EQ(engine_->computedIntervalIndex(), 40);
     EXPECT_EQ(engine_->packetsCount(), 0);
@@ -394,13 +395,14 @@ TEST_F(PlaybackTest, stopsOneBlockBeforeNewestSample) {
     EXPECT_EQ(engine_->actualPlayedFrame(), 1536);
     EXPECT_FLOAT_EQ(spectrogram_.scroll.playLine.load(), 1.0f); // 1023 / 512 before the third
 
-    // 511 samples remain, fewer than a block: the block is left alone and
-    // playback stops through the main thread, once however often it is asked.
+    // 511 samples remain, no more than a block of 511: the block is left alone
+    // and playback stops through the main thread, once however often it is asked.
     std::fill(out.begin(), out.end(), 7.0f);
     for (int repeat = 0; repeat < 3; ++repeat) {
-        TQAudioData data{512, out.data()};
+        TQAudioData data{511, out.data()};
         engine_->giveNewAudioData(&data);
     }
+    EXPECT_EQ(engine_->actualPlayedFrame(), 1536);
     EXPECT_TRUE(std::all_of(out.begin(), out.end(), [](float v) { return v == 7.0f; }));
     EXPECT_EQ(delegate_.playerStops, 0); // posted, not run inline
     ASSERT_TRUE(runEventsUntil([this] { return delegate_.playerStops > 0; }));
@@ -412,22 +414,6 @@ TEST_F(PlaybackTest, stopsOneBlockBeforeNewestSample) {
     EXPECT_EQ(spectrogram_.scroll.measureScrollTypes.back(), 2);
     EXPECT_EQ(spectrogram_.scroll.positionSets, 1);
     EXPECT_GE(spectrogram_.redraws.load(), 6);
-}
-
-TEST_F(PlaybackTest, exactlyOneBlockLeft_isNotPlayed) {
-    build();
-    makeDocument(4); // 2047 samples before the newest one
-    startPlaying();
-    std::vector<float> out(1024, 7.0f);
-    TQAudioData first{1023, out.data()};
-    engine_->giveNewAudioData(&first); // 2047 > 1023: played
-    EXPECT_EQ(engine_->actualPlayedFrame(), 1023);
-    std::fill(out.begin(), out.end(), 7.0f);
-    TQAudioData second{1024, out.data()};
-    engine_->giveNewAudioData(&second); // 1024 remaining, not more than the block
-    EXPECT_EQ(engine_->actualPlayedFrame(), 1023);
-    EXPECT_EQ(out.front(), 7.0f);
-    ASSERT_TRUE(runEventsUntil([this] { return delegate_.playerStops == 1; }));
 }
 
 TEST_F(PlaybackTest, readsAcrossRingEnd) {
@@ -496,24 +482,21 @@ protected:
     /// `actualInterval` recorded intervals: the whole store counting from 1, or
     /// ten samples of 3. Returns the restored samples.
     std::vector<float> buildOnRestoredStore(bool wholeStore, int64_t actualInterval) {
-        defaults_ =
-            std::make_unique<AnalyzerDefaults>(AnalyzerFeatures::spectrumProduct(), "engine-test");
-        defaults_->recalculateDocumentSettings();
-        std::vector<float> restored(wholeStore ? storeSize() : 10, 3.0f);
-        if (wholeStore)
-            std::iota(restored.begin(), restored.end(), 1.0f);
-        defaults_->audioBuffersData() = restored;
-        defaults_->setActualInterval(actualInterval);
-        manager_ = std::make_unique<FFTManager>(*defaults_);
-        engine_ = std::make_unique<AnalyzerController>(*defaults_, *manager_, audio_);
-        engine_->setChartViews(&chart_, nullptr);
-        engine_->rebuildDataWithClear();
+        std::vector<float> restored;
+        build(Options{.restore = [&](AnalyzerDefaults& d) {
+            d.recalculateDocumentSettings();
+            restored.assign(wholeStore ? storeSize() : 10, 3.0f);
+            if (wholeStore)
+                std::iota(restored.begin(), restored.end(), 1.0f);
+            d.audioBuffersData() = restored;
+            d.setActualInterval(actualInterval);
+        }});
         return restored;
     }
     size_t storeSize() const { return static_cast<size_t>(defaults_->audioBufferByteSize() / 4); }
 };
 
-TEST_F(DocumentTest, firstRebuildKeepsRestoredStore_secondClearsIt) {
+TEST_F(DocumentTest, firstRebuildKeepsRestoredStore_secondClearsIt_emptyHistoryStartsFresh) {
     const std::vector<float> restored = buildOnRestoredStore(true, 57);
     EXPECT_EQ(defaults_->audioBuffersData(), restored);
     EXPECT_EQ(defaults_->actualInterval(), 0);
@@ -529,10 +512,8 @@ TEST_F(DocumentTest, firstRebuildKeepsRestoredStore_secondClearsIt) {
                             defaults_->audioBuffersData().end(),
                             [](float v) { return v == 0.0f; }));
     EXPECT_EQ(defaults_->actualInterval(), 0);
-}
 
-TEST_F(DocumentTest, firstRebuildWithoutRecording_makesFreshStore) {
-    buildOnRestoredStore(false, 0); // a store, but nothing recorded
+    buildOnRestoredStore(false, 0); // a store, but nothing recorded: a fresh one
     EXPECT_EQ(defaults_->audioBuffersData().size(), storeSize());
     EXPECT_EQ(defaults_->audioBuffersData()[0], 0.0f);
 }

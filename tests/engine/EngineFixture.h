@@ -28,6 +28,8 @@ protected:
         int32_t fftSize = 4096;
         int32_t fftWindowType = 2;
         bool withSpectrogram = false;
+        /// Leaves the settings as a previous session did, before the engine exists.
+        std::function<void(AnalyzerDefaults&)> restore = nullptr;
     };
 
     void build(const Options& options) {
@@ -40,6 +42,8 @@ protected:
         defaults_->setFftWindowType(options.fftWindowType);
         defaults_->setSoftwareInputGainValue(0.0f);
         defaults_->setOutputGainValue(0.0f);
+        if (options.restore)
+            options.restore(*defaults_);
         manager_ = std::make_unique<FFTManager>(*defaults_);
         engine_ = std::make_unique<AnalyzerController>(*defaults_, *manager_, audio_);
         engine_->setChartViews(&chart_, options.withSpectrogram ? &spectrogram_ : nullptr);

@@ -14,6 +14,7 @@
 #include "ui/SettingsRootViewController.h"
 #include "ui/TQMessage.h"
 
+#include "ChartTestSupport.h"
 #include "TempSettings.h"
 #include "TestSignals.h"
 
@@ -36,17 +37,6 @@ namespace widmo {
 namespace {
 
 using test::kMinus12dBFS;
-
-bool isGreen(QRgb c) { return qGreen(c) > 150 && qRed(c) < 100 && qBlue(c) < 100; }
-
-/// Column of the highest curve pixel, or nothing when no curve is drawn.
-std::optional<int> peakColumn(const QImage& image) {
-    for (int y = 0; y < image.height(); ++y)
-        for (int x = 0; x < image.width(); ++x)
-            if (isGreen(image.pixel(x, y)))
-                return x;
-    return std::nullopt;
-}
 
 QMessageBox* visibleMessage() {
     for (QWidget* w : QApplication::topLevelWidgets())
@@ -95,15 +85,6 @@ protected:
     bool waitRecording(bool recording) {
         return QTest::qWaitFor([&] { return audio_->isRecording() == recording; }, 5000);
     }
-    double logX(double f) const {
-        return std::log2(f / defaults_->logStartFrequency()) / defaults_->logIntervalDelta();
-    }
-    /// Pixel column of content x at zoom 1 in the chart.
-    double column(double x) const {
-        ChartScrollView* chart = screen()->chartView()->chart();
-        const double margin = 2.0; // line margin on a desktop (tablet) screen
-        return margin + x * (chart->width() - 2.0 * margin);
-    }
 
     /// A -12 dBFS 997 Hz tone into the test sink, on the first channel only.
     static test::SinkPlayer toneOnFirstChannel() {
@@ -118,9 +99,10 @@ protected:
         ChartView* chart = screen()->chartView();
         ASSERT_TRUE(QTest::qWaitFor([&] { return chart->levelDB() > -30.0f; }, 5000));
         QTest::qWait(300);
-        const std::optional<int> peak = peakColumn(chart->chart()->grabFramebuffer());
+        const auto peak = test::topmost(chart->chart()->grabFramebuffer(), test::isGreen);
         ASSERT_TRUE(peak);
-        EXPECT_NEAR(*peak, column(logX(997.0)), 3.0);
+        EXPECT_NEAR(peak->x(), test::chartColumn(chart->chart(), test::logX(*defaults_, 997.0)),
+                    3.0);
     }
 
     std::unique_ptr<AnalyzerFeatures> features_;

@@ -10,14 +10,13 @@ namespace widmo::test {
 class RecordingSettingsDelegate : public SettingsDelegate {
 public:
     void settingsWillClose() override { ++willClose; }
-    void settingsNeedStopAnalyzer() override { ++needStop; }
+    void settingsNeedStopAnalyzer() override {}
     void refreshAllViews() override { ++refreshAll; }
     void generateOctaveRTAIndexes() override { ++octaveIndexes; }
     void refreshSecondChartMeasuringView() override { ++measuringView; }
     void setSettingsPopOverContentSize(QSize size) override { contentSize = size; }
 
     int willClose = 0;
-    int needStop = 0;
     int refreshAll = 0;
     int octaveIndexes = 0;
     int measuringView = 0;

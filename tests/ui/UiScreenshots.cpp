@@ -3,12 +3,12 @@
 //   widmo_ui_screenshots <folder>
 // Needs a display and a sound server (the test services).
 
+#include "RecordingSettingsDelegate.h"
 #include "audio/TQAudio.h"
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
 #include "render/DeviceClass.h"
 #include "ui/HelpViewController.h"
-#include "ui/SettingsDelegate.h"
 #include "ui/SettingsRootViewController.h"
 
 #include <QApplication>
@@ -22,16 +22,6 @@
 
 namespace {
 
-class NoMainScreen : public widmo::SettingsDelegate {
-public:
-    void settingsWillClose() override {}
-    void settingsNeedStopAnalyzer() override {}
-    void refreshAllViews() override {}
-    void generateOctaveRTAIndexes() override {}
-    void refreshSecondChartMeasuringView() override {}
-    void setSettingsPopOverContentSize(QSize) override {}
-};
-
 bool save(QWidget* widget, const QString& path) {
     QTest::qWait(100);
     const bool ok = widget->grab().save(path, "PNG");
@@ -44,7 +34,7 @@ bool shoot(const QString& product, const widmo::AnalyzerFeatures& features, cons
     widmo::AnalyzerDefaults defaults(features, "screenshots-" + product);
     defaults.copyCurrentToPreferred();
     widmo::TQAudio audio(defaults, features);
-    NoMainScreen delegate;
+    widmo::test::RecordingSettingsDelegate delegate;
     Root panel(defaults, features, audio, delegate);
     const char* names[] = {"root", "general", "display", "trigger", "audio-input"};
     bool ok = true;
