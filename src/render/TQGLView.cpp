@@ -3,33 +3,169 @@
 #include "render/DeviceClass.h"
 #include "render/TQFrameDriver.h"
 
+#include <QCoreApplication>
+#include <QDebug>
+#include <QOffscreenSurface>
 #include <QOpenGLContext>
+#include <QOpenGLFramebufferObject>
 #include <QOpenGLFunctions>
+#include <QPainter>
 
 namespace widmo {
 
-TQGLView::TQGLView(QWidget* parent) : QOpenGLWidget(parent) {
-    glkViewControlller_ = new TQFrameDriver([this] { update(); }, this);
-    glkViewControlller_->setPreferredFramesPerSecond(60);
+namespace {
+
+TQGLView::FrameObserver& frameObserver() {
+    static TQGLView::FrameObserver observer;
+    return observer;
+}
+
+// The process's one GL context, current on an offscreen surface; every view
+// draws into frame buffers of its own in it. Made on first use on the main
+// thread, freed with the application object (before the platform goes).
+struct SharedGL {
+    QOffscreenSurface surface;
+    QOpenGLContext context;
+    bool ok = false;
+};
+
+SharedGL*& sharedGLSlot() {
+    static SharedGL* shared = nullptr;
+    return shared;
+}
+
+SharedGL* sharedGL() {
+    SharedGL*& shared = sharedGLSlot();
+    if (shared != nullptr)
+        return shared->ok ? shared : nullptr;
+    shared = new SharedGL;
+    shared->surface.create();
+    shared->ok = shared->surface.isValid() && shared->context.create() &&
+                 shared->context.makeCurrent(&shared->surface);
+    if (!shared->ok)
+        qWarning("error %d from %s", 0, "QOpenGLContext::create: no OpenGL, charts stay empty");
+    qAddPostRoutine([] {
+        delete sharedGLSlot();
+        sharedGLSlot() = nullptr;
+    });
+    return shared->ok ? shared : nullptr;
+}
+
+// GL_BGRA: read-back in the byte order of QImage::Format_RGB32, so that the
+// frame reaches the window without a conversion (desktop OpenGL has it).
+constexpr GLenum kBGRA = 0x80E1;
+
+} // namespace
+
+void TQGLView::setFrameObserver(FrameObserver observer) { frameObserver() = std::move(observer); }
+
+TQGLView::TQGLView(QWidget* parent) : QWidget(parent) {
+    // The frame covers the whole widget: nothing beneath needs painting first.
+    setAttribute(Qt::WA_OpaquePaintEvent);
+    glkViewControlller_ = new TQFrameDriver([this] { requestFrame(); }, this);
 }
 
 TQGLView::~TQGLView() {
     tearDownGL();
     // The context outlives this part of the object; it must not call back here.
-    if (QOpenGLContext* ctx = context())
-        disconnect(ctx, nullptr, this, nullptr);
+    if (SharedGL* shared = sharedGLSlot(); shared != nullptr)
+        disconnect(&shared->context, nullptr, this, nullptr);
 }
 
-void TQGLView::initializeGL() { setupGL(); }
+QOpenGLContext* TQGLView::context() const {
+    SharedGL* shared = sharedGLSlot();
+    return effect_ && shared != nullptr ? &shared->context : nullptr;
+}
+
+void TQGLView::makeCurrent() {
+    SharedGL* shared = sharedGLSlot();
+    if (!effect_ || shared == nullptr)
+        return;
+    shared->context.makeCurrent(&shared->surface);
+    if (fbo_)
+        fbo_->bind();
+}
+
+void TQGLView::doneCurrent() {
+    if (fbo_ && context() != nullptr)
+        fbo_->release();
+}
+
+void TQGLView::requestFrame() {
+    framePending_ = true;
+    update();
+}
+
+bool TQGLView::renderFrame() {
+    SharedGL* shared = sharedGL();
+    if (shared == nullptr)
+        return false;
+    QOpenGLContext& ctx = shared->context;
+    if (!ctx.makeCurrent(&shared->surface))
+        return false;
+    const qreal dpr = devicePixelRatioF();
+    const QSize pixels(std::max(1, qRound(width() * dpr)), std::max(1, qRound(height() * dpr)));
+    if (!fbo_ || fbo_->size() != pixels) {
+        fbo_ = std::make_unique<QOpenGLFramebufferObject>(pixels);
+        frame_ = QImage(pixels, QImage::Format_RGB32);
+    }
+    fbo_->bind();
+    if (!effect_)
+        setupGL();
+    QOpenGLFunctions* f = ctx.functions();
+    f->glViewport(0, 0, pixels.width(), pixels.height());
+    // The context is shared: every frame starts from the same state, whatever
+    // the view drawn before left behind.
+    f->glDisable(GL_BLEND);
+    f->glLineWidth(1.0f);
+    paintGL();
+    // Rows arrive bottom row first; the frame is turned upright in place.
+    if (ctx.isOpenGLES()) {
+        QImage rgba(pixels, QImage::Format_RGBA8888);
+        f->glReadPixels(0, 0, pixels.width(), pixels.height(), GL_RGBA, GL_UNSIGNED_BYTE,
+                        rgba.bits());
+        frame_ = std::move(rgba).convertToFormat(QImage::Format_RGB32).mirrored();
+    } else {
+        f->glReadPixels(0, 0, pixels.width(), pixels.height(), kBGRA, GL_UNSIGNED_BYTE,
+                        frame_.bits());
+        frame_ = std::move(frame_).mirrored();
+    }
+    frame_.setDevicePixelRatio(dpr);
+    fbo_->release();
+    framePending_ = false;
+    return true;
+}
+
+QImage TQGLView::grabFramebuffer() {
+    if (!renderFrame())
+        return {};
+    QImage image = frame_;
+    image.setDevicePixelRatio(1.0);
+    return image;
+}
+
+void TQGLView::paintEvent(QPaintEvent* /*event*/) {
+    if (framePending_ || frame_.isNull())
+        renderFrame();
+    QPainter painter(this);
+    if (frame_.isNull())
+        painter.fillRect(rect(), Qt::black);
+    else
+        painter.drawImage(QPointF(0, 0), frame_);
+}
+
+void TQGLView::resizeEvent(QResizeEvent* event) {
+    framePending_ = true;
+    QWidget::resizeEvent(event);
+}
 
 void TQGLView::setupGL() {
-    QOpenGLContext* ctx = context();
+    QOpenGLContext* ctx = &sharedGLSlot()->context;
     effect_ = std::make_unique<TQGLEffect>(
         ctx, static_cast<float>(DeviceClass::contentScaleFactor(this)));
     effect_->setProjection(TQGLEffect::unitSpaceProjection());
     ctx->functions()->glEnableVertexAttribArray(TQGLEffect::kAttribPosition);
-    // A replaced context (reparenting) takes its objects with it; free ours
-    // first, and `initializeGL` makes them again in the new one.
+    // The context goes with the application object; our objects go first.
     connect(ctx, &QOpenGLContext::aboutToBeDestroyed, this, &TQGLView::tearDownGL,
             Qt::UniqueConnection);
     setupGLResources();
@@ -42,12 +178,17 @@ void TQGLView::tearDownGL() {
     releaseGLResources();
     effect_.reset();
     doneCurrent();
+    fbo_.reset();
 }
 
 void TQGLView::paintGL() {
+    QElapsedTimer paintTime;
+    paintTime.start();
     if (effect_)
         effect_->setContentScaleFactor(static_cast<float>(devicePixelRatioF()));
     drawRect(QRectF(0, 0, width(), height()));
+    if (const FrameObserver& observer = frameObserver())
+        observer(*this, paintTime.nsecsElapsed());
 }
 
 void TQGLView::drawRect(const QRectF& rect) {

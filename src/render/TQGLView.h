@@ -3,32 +3,49 @@
 #include "render/TQGLEffect.h"
 
 #include <QElapsedTimer>
+#include <QImage>
 #include <QOpenGLContext>
 #include <QOpenGLFunctions>
-#include <QOpenGLWidget>
+#include <QWidget>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
+
+class QOpenGLFramebufferObject;
 
 namespace widmo {
 
 class TQFrameDriver;
 
-/// Base of every GL chart view: owns the GL context (through QOpenGLWidget),
-/// the drawing object `effect` and a 60 Hz frame driver that runs only while
+/// Base of every GL chart view: draws with OpenGL into a frame buffer of its
+/// own, reads the frame back and shows it as the widget's picture; owns the
+/// drawing object `effect` and a 60 Hz frame driver that runs only while
 /// `isRefreshNeeded`, so idle charts cost nothing.
+///
+/// Why not a GL surface per widget: a window holding one is composed by
+/// OpenGL as a whole on every repaint of any of its GL widgets; on a software
+/// rasterizer (Mesa llvmpipe, common on virtual machines, remote desktops and
+/// machines without a GPU driver) that composition alone costs most of a core
+/// at 60 frames a second, whatever the size of the widget. Drawing offscreen
+/// and handing the window an image costs one read-back of the view's pixels
+/// per frame, and the window's other widgets are left alone.
+///
+/// A view draws a new frame only when its frame driver ticks (or for
+/// `grabFramebuffer`, a resize or its first showing); every other paint of
+/// the widget (an overlapping panel, an expose) shows the last frame again.
+/// All views share one GL context of the process, created on first use.
 ///
 /// A redraw request (`setNeedsDisplay`) keeps the view drawing for the next 60
 /// frames so that smoothed values can settle. Subclasses draw in `drawGLRect`
 /// in unit space (x, y from 0 to 1, origin bottom left) with `effect`, make
 /// their GL objects in `setupGLResources` and free them in
-/// `releaseGLResources`; both run with the context current, and again if the
-/// widget's context is ever replaced (for example on reparenting). A subclass
+/// `releaseGLResources`; both run with the context current. A subclass
 /// destructor that holds GL objects calls `makeCurrent`, releases them and
 /// calls `doneCurrent`, since the base destructor can no longer reach it.
 ///
 /// Threading: main thread only.
-class TQGLView : public QOpenGLWidget {
+class TQGLView : public QWidget {
     Q_OBJECT
 public:
     static constexpr int kRedrawFrames = 60;
@@ -38,6 +55,17 @@ public:
 
     /// The drawing object; null until the GL context exists (first show or grab).
     TQGLEffect* effect() const { return effect_.get(); }
+
+    /// The shared GL context once the view has drawn (or been grabbed); null
+    /// before, and when the platform offers no OpenGL.
+    QOpenGLContext* context() const;
+    /// Makes the shared context current with this view's frame buffer bound;
+    /// does nothing before the view's first frame.
+    void makeCurrent();
+    void doneCurrent();
+    /// Draws a frame now and returns it (device pixels, top row first); a null
+    /// image without OpenGL.
+    QImage grabFramebuffer();
 
     /// Keeps the view drawing for the next 60 frames.
     void setNeedsDisplay();
@@ -69,9 +97,17 @@ public:
     /// Frames still to draw after the last redraw request.
     int32_t needsDisplayFrames() const { return mNeedsDisplay; }
 
+    /// Called after every frame of every view with the view and the main
+    /// thread's time spent drawing it (ns); for measuring the drawing cost.
+    /// Null (the default) observes nothing.
+    using FrameObserver = std::function<void(const TQGLView&, qint64 drawNs)>;
+    static void setFrameObserver(FrameObserver observer);
+
 protected:
     /// OpenGL ES 2.0 functions of the view's context (valid while drawing).
     QOpenGLFunctions* gl() const { return context()->functions(); }
+    /// The driver's frame: the next paint draws a new frame.
+    void requestFrame();
     /// Draws the content; `rect` is the view's bounds in points. Empty here.
     virtual void drawGLRect(const QRectF& rect);
     /// One display frame: `drawGLRect`, then the redraw bookkeeping.
@@ -83,10 +119,14 @@ protected:
     /// Frees what `setupGLResources` made; the context is current.
     virtual void releaseGLResources() {}
 
-    void initializeGL() override;
-    void paintGL() override;
+    void paintEvent(QPaintEvent* event) override;
+    void resizeEvent(QResizeEvent* event) override;
 
 private:
+    /// Draws one frame into the frame buffer and reads it into `frame_`.
+    /// False without OpenGL.
+    bool renderFrame();
+    void paintGL();
     void setupGL();
     void tearDownGL();
 
@@ -94,6 +134,9 @@ private:
     bool viewLayoutIsAnimating_ = false;
     bool refreshViewEveryFrame_ = false;
     std::unique_ptr<TQGLEffect> effect_;
+    std::unique_ptr<QOpenGLFramebufferObject> fbo_;
+    QImage frame_;
+    bool framePending_ = true;
     TQFrameDriver* glkViewControlller_ = nullptr;
     QElapsedTimer lastDraw_;
     double timeSinceLastDraw_ = 0.0;

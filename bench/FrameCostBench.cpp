@@ -1,0 +1,233 @@
+// The whole program's own cost while it records and draws: each product's main
+// screen in a 1280 x 800 window on the test services (Xvfb with Mesa llvmpipe,
+// the PulseAudio virtual microphone), a 997 Hz tone playing, 20 s measured.
+//
+// Reported per run: the process's CPU per thread group, read from
+// /proc/self/task (main thread, llvmpipe's rasterizer threads, the rest), in
+// per cent of one core; window compositions per second; and per GL view the
+// frames per second, the main thread's drawing time per frame and the interval
+// between frames (median and 99th percentile, ms). The baseline of each case
+// is the same run with the chart hidden: what recording costs without drawing.
+//
+// Arguments: product (0 widmo, 1 widmo-studio, 2 widmo-voice), case (0 the
+// defaults, 1 96 kHz with a 65,536-point FFT), chart hidden (0 or 1).
+// Needs the test services: source scripts/services.sh && services_start.
+#include "audio/TQAudio.h"
+#include "charts/ChartView.h"
+#include "core/AnalyzerDefaults.h"
+#include "core/AnalyzerFeatures.h"
+#include "dsp/FFTManager.h"
+#include "render/TQGLView.h"
+#include "ui/AppDelegate.h"
+#include "ui/MainViewController.h"
+
+#include "TestExit.h"
+#include "TestSignals.h"
+
+#include <QApplication>
+#include <QDir>
+#include <QFile>
+#include <QMainWindow>
+#include <QSettings>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QToolButton>
+#include <QWindow>
+
+#include <benchmark/benchmark.h>
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace widmo;
+
+constexpr double kMeasureSeconds = 20.0;
+
+/// CPU ticks (user + system) of each thread of this process, by group.
+std::map<std::string, double> threadSeconds() {
+    std::map<std::string, double> groups;
+    const double tick = static_cast<double>(sysconf(_SC_CLK_TCK));
+    const QString self = QString::number(getpid());
+    const QStringList tasks =
+        QDir(QStringLiteral("/proc/self/task")).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+    for (const QString& tid : tasks) {
+        QFile statFile(QStringLiteral("/proc/self/task/%1/stat").arg(tid));
+        QFile commFile(QStringLiteral("/proc/self/task/%1/comm").arg(tid));
+        if (!statFile.open(QIODevice::ReadOnly) || !commFile.open(QIODevice::ReadOnly))
+            continue;
+        const QByteArray stat = statFile.readAll();
+        const QString comm = QString::fromLatin1(commFile.readAll()).trimmed();
+        // Fields after the parenthesised name: state is field 3, utime 14, stime 15.
+        const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
+        if (fields.size() < 13)
+            continue;
+        const double seconds = (fields[11].toDouble() + fields[12].toDouble()) / tick;
+        std::string group = "other";
+        if (tid == self)
+            group = "main";
+        else if (comm.startsWith(QStringLiteral("llvmpipe")))
+            group = "llvmpipe";
+        groups[group] += seconds;
+        groups["total"] += seconds;
+    }
+    return groups;
+}
+
+double percentile(std::vector<double> values, double p) {
+    if (values.empty())
+        return 0.0;
+    std::sort(values.begin(), values.end());
+    const auto k = static_cast<size_t>(std::lround(p * static_cast<double>(values.size() - 1)));
+    return values[k];
+}
+
+/// Counts the compositions of one top-level window (its update requests).
+class CompositionCounter : public QObject {
+public:
+    int count = 0;
+
+protected:
+    bool eventFilter(QObject* watched, QEvent* event) override {
+        if (event->type() == QEvent::UpdateRequest)
+            ++count;
+        return QObject::eventFilter(watched, event);
+    }
+};
+
+struct ViewLog {
+    std::vector<double> drawMs;
+    std::vector<double> intervalMs;
+    QElapsedTimer last;
+};
+
+AnalyzerFeatures product(int64_t index) {
+    switch (index) {
+    case 1:
+        return AnalyzerFeatures::studioProduct();
+    case 2:
+        return AnalyzerFeatures::voiceProduct();
+    default:
+        return AnalyzerFeatures::spectrumProduct();
+    }
+}
+
+void BM_mainScreenRecording(benchmark::State& state) {
+    const AnalyzerFeatures features = product(state.range(0));
+    const bool largeCase = state.range(1) != 0;
+    const bool chartHidden = state.range(2) != 0;
+    QTemporaryDir home;
+    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, home.path());
+    const QString store = QStringLiteral("frame-bench");
+    if (largeCase) {
+        AnalyzerDefaults saved(features, store);
+        saved.setSampleRate(96000.0f);
+        saved.setFftSize(65536);
+        saved.saveDefaults();
+    }
+    auto defaults = std::make_unique<AnalyzerDefaults>(features, store);
+    auto audio = std::make_unique<TQAudio>(*defaults, features);
+    auto fft = std::make_unique<FFTManager>(*defaults);
+    fft->preparePlansInBackground();
+    auto app = std::make_unique<AppDelegate>(*defaults, *audio, *fft);
+    if (!app->didFinishLaunchingWithOptions()) {
+        state.SkipWithError("the main screen did not launch");
+        return;
+    }
+    QMainWindow* window = app->window();
+    window->setGeometry(0, 0, 1280, 800);
+    MainViewController* screen = app->mainViewController();
+    if (!QTest::qWaitForWindowExposed(window) ||
+        !QTest::qWaitFor([&] { return app->dataPrepared() && !screen->buttonsBlocked(); }, 10000)) {
+        state.SkipWithError("the document was not prepared");
+        return;
+    }
+    if (chartHidden)
+        screen->chartView()->hide();
+
+    test::SinkPlayer tone(
+        48000, kMeasureSeconds + 15.0, [](double t) { return test::sineAt(997.0, t); },
+        [](double t) { return test::sineAt(997.0, t); });
+    tone.start();
+    QTest::mouseClick(screen->recordPauseButton(), Qt::LeftButton);
+    if (!QTest::qWaitFor([&] { return audio->isRecording(); }, 5000)) {
+        state.SkipWithError("recording did not start");
+        return;
+    }
+    // Settle: the first frames make textures, the FFT plans may still be refined.
+    QTest::qWait(3000);
+
+    std::map<QString, ViewLog> views;
+    TQGLView::setFrameObserver([&](const TQGLView& view, qint64 drawNs) {
+        ViewLog& log = views[QString::fromLatin1(view.metaObject()->className())];
+        log.drawMs.push_back(static_cast<double>(drawNs) / 1e6);
+        if (log.last.isValid())
+            log.intervalMs.push_back(static_cast<double>(log.last.nsecsElapsed()) / 1e6);
+        log.last.start();
+    });
+    CompositionCounter compositions;
+    window->windowHandle()->installEventFilter(&compositions);
+
+    for (auto _ : state) {
+        const auto before = threadSeconds();
+        QElapsedTimer wall;
+        wall.start();
+        QTest::qWait(static_cast<int>(kMeasureSeconds * 1000));
+        const double seconds = static_cast<double>(wall.nsecsElapsed()) / 1e9;
+        const auto after = threadSeconds();
+        state.SetIterationTime(seconds);
+        for (const auto& [group, value] : after) {
+            const auto it = before.find(group);
+            const double used = value - (it != before.end() ? it->second : 0.0);
+            state.counters["cpu_" + group + "_pct"] = 100.0 * used / seconds;
+        }
+        state.counters["compositions_per_s"] = compositions.count / seconds;
+        for (const auto& [name, log] : views) {
+            const std::string key = name.toStdString();
+            state.counters[key + "_fps"] = static_cast<double>(log.drawMs.size()) / seconds;
+            state.counters[key + "_draw_med_ms"] = percentile(log.drawMs, 0.5);
+            state.counters[key + "_draw_p99_ms"] = percentile(log.drawMs, 0.99);
+            state.counters[key + "_interval_med_ms"] = percentile(log.intervalMs, 0.5);
+            state.counters[key + "_interval_p99_ms"] = percentile(log.intervalMs, 0.99);
+        }
+    }
+    TQGLView::setFrameObserver(nullptr);
+    window->windowHandle()->removeEventFilter(&compositions);
+    QTest::mouseClick(screen->recordPauseButton(), Qt::LeftButton);
+    if (!QTest::qWaitFor([&] { return !audio->isRecording(); }, 5000))
+        state.SkipWithError("recording did not stop");
+    tone.stop();
+    app.reset();
+    audio.reset();
+    fft.reset();
+    defaults.reset();
+}
+
+} // namespace
+
+BENCHMARK(BM_mainScreenRecording)
+    ->ArgNames({"product", "large", "hidden"})
+    ->ArgsProduct({{0, 1, 2}, {0, 1}, {1, 0}})
+    ->Iterations(1)
+    ->UseManualTime()
+    ->Unit(benchmark::kSecond);
+
+int main(int argc, char** argv) {
+    // FFT plans and the settings of the run stay out of the user's own folders,
+    // but the plans are kept between runs so that no run pays for planning.
+    qputenv("XDG_CACHE_HOME", QDir::tempPath().toLocal8Bit() + "/widmo-frame-bench-cache");
+    QApplication app(argc, argv);
+    QApplication::setApplicationName(QStringLiteral("widmo-frame-bench"));
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    // Without Qt Multimedia's global teardown, as the application ends.
+    widmo::test::exitAfterTests(0);
+}
