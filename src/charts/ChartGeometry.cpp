@@ -48,6 +48,44 @@ void ChartGeometry::spectrumPoints(const float* values, int32_t count, const flo
     store(t, 0.0, y1, xy);
 }
 
+int32_t ChartGeometry::reduceToPixelColumns(float* xy, int32_t count, double pixelsPerUnit,
+                                            double pixelOffset) {
+    if (count < 3 || pixelsPerUnit <= 0.0)
+        return count;
+    const auto columnOf = [&](int32_t k) {
+        return static_cast<int64_t>(
+            std::floor(static_cast<double>(xy[2 * k]) * pixelsPerUnit + pixelOffset));
+    };
+    int32_t out = 0;
+    int32_t i = 0;
+    while (i < count) {
+        const int64_t column = columnOf(i);
+        int32_t lowest = i;
+        int32_t highest = i;
+        int32_t end = i + 1;
+        for (; end < count && columnOf(end) == column; ++end) {
+            if (xy[2 * end + 1] < xy[2 * lowest + 1])
+                lowest = end;
+            if (xy[2 * end + 1] > xy[2 * highest + 1])
+                highest = end;
+        }
+        // Copies go to `out` <= `i`: the reads of this column are done.
+        const auto copy = [&](int32_t from) {
+            xy[2 * out] = xy[2 * from];
+            xy[2 * out + 1] = xy[2 * from + 1];
+            ++out;
+        };
+        if (lowest == highest) {
+            copy(i);
+        } else {
+            copy(std::min(lowest, highest));
+            copy(std::max(lowest, highest));
+        }
+        i = end;
+    }
+    return out;
+}
+
 void ChartGeometry::osciloscopePoints(const float* samples, int32_t count, float gain,
                                       const AffineTransform& t, float* xy) {
     if (count < 1)

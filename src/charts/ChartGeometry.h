@@ -36,6 +36,15 @@ public:
     /// Chart height of a level in dB: -144 dB at 0, 0 dB at 1.
     static double levelToY(double levelDB) { return levelDB / 144.0 + 1.0; }
 
+    /// Thins a line strip of `count` vertices (x, y pairs in `xy`, x never
+    /// decreasing) to what the display can show: x lies on pixel column
+    /// floor(x · `pixelsPerUnit` + `pixelOffset`). Where several vertices fall
+    /// into one column they are replaced, in place, by the column's lowest and
+    /// highest vertex in the order they came, so every peak keeps its full
+    /// height. Returns the new vertex count.
+    static int32_t reduceToPixelColumns(float* xy, int32_t count, double pixelsPerUnit,
+                                        double pixelOffset);
+
     /// Spectrum curve: `count` vertices (x, y pairs) into `xy`, mapped through
     /// `transform`. x = i / count on a linear axis, else `logPoints`[i]; y =
     /// value / 144 + 1 in dB, else `gain` · value. Vertex 0 then takes x = 0 and

@@ -34,6 +34,7 @@ ChartScrollView::ChartScrollView(AnalyzerDefaults& defaults, ChartView* chartVie
       mPointsOfChart(2 * static_cast<size_t>(ChartData::kMaxWindowSize), 0.0f),
       chartView_(chartView) {
     mGrid.reserve(128);
+    gridVertices_.reserve(4 * 128);
     setDoubleTapZoomType(0);
     setMeasureScrollType(0);
     // Touches near the edge still count: the margin of one line width.
@@ -64,7 +65,16 @@ void ChartScrollView::addFFTdata(const float* fftData, const float* fftWindowDat
         levelMeterView_->setLevelDB(data_.levelDB());
         levelMeterView_->setNeedsDisplay();
     }
-    setNeedsDisplay();
+    setNeedsNewFrame();
+}
+
+void ChartScrollView::setAnalyzerRunning(bool running) {
+    analyzerRunning_ = running;
+    changeRefreshStateIfNeeded();
+}
+
+bool ChartScrollView::isRefreshNeeded() const {
+    return TQGLScrollView::isRefreshNeeded() || (analyzerRunning_ && typeOfChart() == 2);
 }
 
 void ChartScrollView::clearData() {
@@ -273,6 +283,7 @@ void ChartScrollView::drawGLRect(const QRectF& rect) {
     // edges visible: x from -mx to 1 + mx, y from -my to 1 + my.
     const double p = pad() ? 2.0 : 1.0;
     const double mx = p / std::max(1.0, rect.width() - 2.0 * p);
+    marginX_ = mx;
     const double my = p / std::max(1.0, rect.height() - 2.0 * p);
     const auto sx = static_cast<float>(2.0 / (1.0 + 2.0 * mx));
     const auto sy = static_cast<float>(2.0 / (1.0 + 2.0 * my));
@@ -309,17 +320,33 @@ void ChartScrollView::drawLineStrip(int32_t count) {
     gl()->glDrawArrays(GL_LINE_STRIP, 0, count);
 }
 
+int32_t ChartScrollView::reducedToPixelColumns(int32_t count) {
+    // Unit x from -mx to 1 + mx spans the frame's width (see drawGLRect).
+    const double pixels = viewSize_.width() * static_cast<double>(effect()->contentScaleFactor());
+    const double perUnit = pixels / (1.0 + 2.0 * marginX_);
+    return ChartGeometry::reduceToPixelColumns(mPointsOfChart.data(), count, perUnit,
+                                               marginX_ * perUnit);
+}
+
 void ChartScrollView::drawGrid() {
     TQGLEffect* e = effect();
     const AffineTransform& t = actualContentTransform();
     e->prepareToDrawWithConstantColor(kGridGrey, kGridGrey, kGridGrey, 1.0f);
-    float width = -1.0f;
-    for (const GridLine& line : mGrid) {
-        if (line.width > width || line.width < width) {
-            width = line.width;
-            gl()->glLineWidth(width);
+    // One draw per run of lines of one width: a draw call costs more than a line.
+    gridVertices_.clear();
+    for (size_t k = 0; k < mGrid.size(); ++k) {
+        const GridLine& line = mGrid[k];
+        for (const QPointF& p : {t.map(line.p1), t.map(line.p2)}) {
+            gridVertices_.push_back(static_cast<float>(p.x()));
+            gridVertices_.push_back(static_cast<float>(p.y()));
         }
-        e->rysujLiniePoint1(t.map(line.p1), t.map(line.p2));
+        const bool runEnds = k + 1 == mGrid.size() || mGrid[k + 1].width > line.width ||
+                             mGrid[k + 1].width < line.width;
+        if (runEnds) {
+            gl()->glLineWidth(line.width);
+            e->rysujLinie(gridVertices_.data(), static_cast<int>(gridVertices_.size() / 2));
+            gridVertices_.clear();
+        }
     }
     gl()->glLineWidth(1.0f);
 }
@@ -359,7 +386,7 @@ void ChartScrollView::drawSpectrumPoints() {
             actualContentTransform(), mPointsOfChart.data());
         effect()->prepareToDrawWithConstantColor(0.0f, 1.0f, 0.0f, 1.0f);
         gl()->glLineWidth(1.0f);
-        drawLineStrip(n);
+        drawLineStrip(reducedToPixelColumns(n));
     }
     if (measuringActivated())
         rysujMeasureLinesSpectrum();
@@ -375,7 +402,7 @@ void ChartScrollView::drawOsciloscopePoints() {
             actualContentTransform(), mPointsOfChart.data());
         effect()->prepareToDrawWithConstantColor(0.0f, 1.0f, 0.0f, 1.0f);
         gl()->glLineWidth(1.0f);
-        drawLineStrip(n);
+        drawLineStrip(reducedToPixelColumns(n));
     }
     if (measuringActivated())
         rysujMeasureLinesOsciloscope();
@@ -388,7 +415,7 @@ void ChartScrollView::drawOctaveRTAPoints() {
             rysujMeasureLinesOctaveRTA();
         return;
     }
-    data_.updateOctaveRTA(refreshViewEveryFrame(), timeSinceLastDraw());
+    data_.updateOctaveRTA(analyzerRunning_, timeSinceLastDraw());
 
     const int32_t minIndex = mDefaults.octaveRTAMinIndex();
     const int32_t n = mDefaults.octaveRTAMaxIndex() + 1 - minIndex;

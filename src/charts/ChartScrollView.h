@@ -46,12 +46,16 @@ public:
     const ChartData& data() const { return data_; }
 
     /// One interval from the engine's display timer (see `ChartData::addFFTdata`);
-    /// feeds the level meter and redraws.
+    /// feeds the level meter and draws one frame with it.
     void addFFTdata(const float* fftData, const float* fftWindowData, const float* eggWindowData);
     /// No data, level -144 dB, bands cleared, measuring off here and in the
     /// partner view; redraws.
     void clearData();
     void clearOctaveRTAValues() { data_.clearOctaveRTAValues(); }
+    /// While the analyser runs the octave RTA draws every frame (its hold and
+    /// decay move between intervals); the other charts draw when data comes.
+    void setAnalyzerRunning(bool running);
+    bool isRefreshNeeded() const override;
     void clearOctaveRTAMinMaxLevels() { data_.clearOctaveRTAMinMaxLevels(); }
     float levelDB() const { return data_.levelDB(); }
     float closedQuotient() const { return data_.closedQuotient(); }
@@ -103,6 +107,9 @@ private:
     void rysujOctaveRTAGrid();
     void drawGrid();
     void drawLineStrip(int32_t count);
+    /// The first `count` chart points thinned to one low and one high point per
+    /// pixel column of the frame; returns their new count.
+    int32_t reducedToPixelColumns(int32_t count);
     void rysujMeasureLinesSpectrum();
     void rysujMeasureLinesOctaveRTA();
     void rysujMeasureLinesOsciloscope();
@@ -123,6 +130,9 @@ private:
     ChartView* chartView_;
     LevelMeterView* levelMeterView_ = nullptr; // a sibling owned by the ChartView
     QSizeF viewSize_{1.0, 1.0};
+    double marginX_ = 0.0;            // unit-space margin left and right of the chart
+    std::vector<float> gridVertices_; // one run of grid lines of one width
+    bool analyzerRunning_ = false;
 
     QWidget* measuringPanel_ = nullptr;
     std::array<QLabel*, kLabelCount> opisLabels_{};

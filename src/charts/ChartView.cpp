@@ -73,9 +73,7 @@ void ChartView::addFFTdata(const float* fftData, const float* fftWindowData,
     chartScrollView_->addFFTdata(fftData, fftWindowData, eggWindowData);
 }
 
-void ChartView::setAnalyzerRunning(bool running) {
-    chartScrollView_->setRefreshViewEveryFrame(running);
-}
+void ChartView::setAnalyzerRunning(bool running) { chartScrollView_->setAnalyzerRunning(running); }
 
 void ChartView::clearData() {
     chartScrollView_->clearData();

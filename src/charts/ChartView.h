@@ -52,7 +52,8 @@ public:
     void addFFTdata(const float* fftData, const float* fftWindowData,
                     const float* eggWindowData) override;
     int32_t typeOfChart() const override { return typeOfChart_; }
-    /// While running the chart draws every frame (the RTA holds decay only then).
+    /// While running the octave RTA draws every frame (its holds decay only
+    /// then); the other charts draw a frame for each interval they are given.
     void setAnalyzerRunning(bool running) override;
     void setNeedsDisplayWithSubviews() override { TQGLView::setNeedsDisplayWithSubviews(); }
     /// Clears the chart; the meter drops to -144 dB; redraws everything.

@@ -131,7 +131,13 @@ void TQGLEffect::bindAndUpload() {
     if (program_ == nullptr)
         return;
     program_->bind();
-    gl_->glUniformMatrix4fv(uProjection_, 1, GL_FALSE, projection_.data());
+    std::array<float, 16> projection = projection_;
+    if (topRowFirst_) {
+        // Negated clip-space y: the frame is read back top row first.
+        for (int column = 0; column < 4; ++column)
+            projection[static_cast<size_t>(4 * column + 1)] *= -1.0f;
+    }
+    gl_->glUniformMatrix4fv(uProjection_, 1, GL_FALSE, projection.data());
     gl_->glUniform4fv(uColor_, 1, color_.data());
     gl_->glUniform1f(uTextured_, textured_ ? 1.0f : 0.0f);
     gl_->glUniform1i(uTexture_, 0);
@@ -167,6 +173,13 @@ void TQGLEffect::rysujLiniePoint1(QPointF point1, QPointF point2) {
         static_cast<GLfloat>(point2.x()), static_cast<GLfloat>(point2.y())};
     gl_->glVertexAttribPointer(kAttribPosition, 2, GL_FLOAT, GL_FALSE, 0, positions.data());
     gl_->glDrawArrays(GL_LINES, 0, 2);
+}
+
+void TQGLEffect::rysujLinie(const float* xy, int count) {
+    if (program_ == nullptr || count < 2)
+        return;
+    gl_->glVertexAttribPointer(kAttribPosition, 2, GL_FLOAT, GL_FALSE, 0, xy);
+    gl_->glDrawArrays(GL_LINES, 0, count - count % 2);
 }
 
 void TQGLEffect::rysujRectanglePoint1(QPointF point1, QPointF point2) {

@@ -58,6 +58,9 @@ public:
 
     /// Column-major 4x4 projection applied to every vertex.
     void setProjection(const std::array<float, 16>& matrix) { projection_ = matrix; }
+    /// Draws upside down in the frame buffer, so that its rows read back top
+    /// row first, as an image wants them; nothing else changes.
+    void setTopRowFirst(bool on) { topRowFirst_ = on; }
     /// The projection that maps unit space (0..1) to clip space (-1..1).
     static std::array<float, 16> unitSpaceProjection();
 
@@ -67,6 +70,9 @@ public:
 
     /// One line segment in the prepared colour.
     void rysujLiniePoint1(QPointF point1, QPointF point2);
+    /// `count` / 2 separate line segments (x, y pairs in `xy`) in the prepared
+    /// colour, in one draw.
+    void rysujLinie(const float* xy, int count);
     /// A filled rectangle between two opposite corners in the prepared colour.
     void rysujRectanglePoint1(QPointF point1, QPointF point2);
     /// Texture `name` stretched over the rectangle (texture (0,0) at `point1`,
@@ -123,6 +129,7 @@ private:
     std::unique_ptr<QOpenGLShaderProgram> program_;
     float contentScaleFactor_ = 1.0f;
     std::array<float, 16> projection_{};
+    bool topRowFirst_ = false;
     std::array<float, 4> color_{1.0f, 1.0f, 1.0f, 1.0f};
     bool textured_ = false;
     int uProjection_ = -1;

@@ -69,6 +69,9 @@ public:
 
     /// Keeps the view drawing for the next 60 frames.
     void setNeedsDisplay();
+    /// Draws one more frame (new data that needs nothing to settle); frames
+    /// left from `setNeedsDisplay` stay.
+    void setNeedsNewFrame();
     /// `setNeedsDisplay` here, then (queued on the event loop) on every direct
     /// child view.
     void setNeedsDisplayWithSubviews();
@@ -97,10 +100,11 @@ public:
     /// Frames still to draw after the last redraw request.
     int32_t needsDisplayFrames() const { return mNeedsDisplay; }
 
-    /// Called after every frame of every view with the view and the main
-    /// thread's time spent drawing it (ns); for measuring the drawing cost.
-    /// Null (the default) observes nothing.
-    using FrameObserver = std::function<void(const TQGLView&, qint64 drawNs)>;
+    /// Called after every frame of every view with the view, the main thread's
+    /// time spent issuing its drawing (ns) and the whole frame's time up to its
+    /// pixels being read back (ns); for measuring the drawing cost. Null (the
+    /// default) observes nothing.
+    using FrameObserver = std::function<void(const TQGLView&, qint64 drawNs, qint64 frameNs)>;
     static void setFrameObserver(FrameObserver observer);
 
 protected:

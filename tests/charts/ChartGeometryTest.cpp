@@ -38,6 +38,23 @@ TEST(ChartGeometryTest, spectrumCurve_dcVertexTakesLeftEdgeAndLevelOfBin1) {
 
 // --- Grids -----------------------------------------------------------------------------------
 
+// Ten vertices per pixel column thin to their column's low and high, in the
+// order they came, so a one-vertex spike keeps its height; sparse vertices stay.
+TEST(ChartGeometryTest, pixelColumnReduction_keepsEachColumnsExtremes) {
+    std::vector<float> xy;
+    for (int i = 0; i < 1000; ++i) {
+        const float y = i == 537 ? 0.9f : (i == 533 ? 0.1f : 0.5f);
+        xy.insert(xy.end(), {(static_cast<float>(i) + 0.5f) / 1000.0f, y});
+    }
+    xy.insert(xy.end(), {1.5f, 0.3f, 2.5f, 0.4f}); // one vertex per column
+    const int32_t n = ChartGeometry::reduceToPixelColumns(xy.data(), 1002, 100.0, 0.0);
+    EXPECT_EQ(n, 100 + 1 + 2);       // flat columns keep one vertex, column 53 two
+    EXPECT_EQ(xy[2 * 53 + 1], 0.1f); // column 53: low then high, as they came
+    EXPECT_EQ(xy[2 * 54 + 1], 0.9f);
+    EXPECT_EQ(std::vector<float>(xy.begin() + 2 * (n - 2), xy.begin() + 2 * n),
+              (std::vector<float>{1.5f, 0.3f, 2.5f, 0.4f}));
+}
+
 TEST(ChartGeometryTest, rtaGrid_verticalLinesByBandsPerOctave) {
     std::vector<GridLine> lines;
     const auto verticals = [&] {

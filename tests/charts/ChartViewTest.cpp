@@ -115,6 +115,34 @@ TEST_F(ChartViewTest, sinePeak_atItsFrequencyAndLevel_logOrLinearAxisAndDisplay)
     }
 }
 
+// A one-bin peak among the ten bins that share a pixel column near 15 kHz on
+// the logarithmic axis is drawn at its full height.
+TEST_F(ChartViewTest, oneBinPeak_amongBinsOfOneColumn_drawnAtFullHeight) {
+    const int32_t n = defaults_->fftOutSize();
+    std::vector<float> power(static_cast<size_t>(n), 1e-10f); // -100 dB
+    const auto bin = static_cast<int32_t>(15000.0 / defaults_->maxFrequency() * n);
+    power[static_cast<size_t>(bin)] = 0.01f; // -20 dB
+    view_->addFFTdata(power.data(), samples_.data(), nullptr);
+    const auto peak = topmost(chartImage(), isGreen);
+    ASSERT_TRUE(peak);
+    EXPECT_NEAR(peak->x(), column(logX(bin * defaults_->maxFrequency() / n)), 2.0);
+    EXPECT_NEAR(peak->y(), row(1.0 - 20.0 / 144.0), 1.0);
+}
+
+// While the analyser runs, the spectrum draws a frame for each interval it is
+// given and none while no new interval comes.
+TEST_F(ChartViewTest, runningSpectrum_drawsOnlyWhenDataComes) {
+    view_->setAnalyzerRunning(true);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return chart()->isFrameDriverPaused(); }, 3000));
+    const int64_t settled = chart()->drawnFrameCount();
+    QTest::qWait(300);
+    EXPECT_EQ(chart()->drawnFrameCount(), settled) << "frames without new data";
+    showSine(440.0);
+    QTest::qWait(100);
+    EXPECT_EQ(chart()->drawnFrameCount(), settled + 1);
+    view_->setAnalyzerRunning(false);
+}
+
 // --- Axis labels ------------------------------------------------------------------------------
 
 TEST_F(ChartViewTest, axisLabels_standWhereTheirValuesAre) {

@@ -93,4 +93,30 @@ TEST_F(GLViewTest, everyFrameAndLayoutAnimationKeepItRunning) {
     EXPECT_GT(child.needsDisplayFrames(), 0);
 }
 
+// Two views of one window that both draw every frame ask for their repaint in
+// the same tick: the window is composed once per frame, not once per view.
+TEST_F(GLViewTest, viewsOfOneWindowDrawInTheSameTick) {
+    struct UpdateCounter : QObject {
+        int requests = 0;
+        bool eventFilter(QObject* o, QEvent* e) override {
+            requests += e->type() == QEvent::UpdateRequest;
+            return QObject::eventFilter(o, e);
+        }
+    } counter;
+    CountingView child(&view);
+    child.setGeometry(10, 10, 40, 30);
+    child.show();
+    QTest::qWait(50);
+    view.installEventFilter(&counter);
+    const int before = view.frames;
+    view.setRefreshViewEveryFrame(true);
+    QTest::qWait(8); // half a frame apart
+    child.setRefreshViewEveryFrame(true);
+    QTest::qWait(600);
+    const int frames = view.frames - before;
+    EXPECT_GT(frames, 25);
+    EXPECT_LE(counter.requests, frames + 3);
+    view.removeEventFilter(&counter);
+}
+
 } // namespace
