@@ -62,6 +62,16 @@ void LevelMeterView::commonInit() {
     mDBLabel->setText(features_.featureLevelMeterEnabled() ? "-144.0" : QString());
 }
 
+void LevelMeterView::showEmpty() {
+    setLevelDB(-144.0f);
+    setClosedQuotient(0.0f);
+    mLastLevelDB = -144.0f;
+    mLastCQ = 0.0f;
+    mRefreshCounter = 0;
+    mDBLabel->setText(features_.featureLevelMeterEnabled() ? "-144.0" : QString());
+    setNeedsDisplay();
+}
+
 void LevelMeterView::setupGLResources() { prepareTextures(); }
 
 void LevelMeterView::releaseGLResources() {

@@ -8,6 +8,7 @@
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QPushButton>
+#include <QShortcut>
 #include <QUrl>
 #include <QVBoxLayout>
 
@@ -47,6 +48,12 @@ HelpViewController::HelpViewController(const AnalyzerFeatures& features, QWidget
     : TQTableViewController(parent), helpSet_(helpSetForFeatures(features)) {
     setTitle("Help");
     buildCatalogue();
+    for (const QKeySequence& keys :
+         {QKeySequence(Qt::Key_Escape), QKeySequence(Qt::CTRL | Qt::Key_W)}) {
+        auto* close = new QShortcut(keys, this);
+        close->setContext(Qt::WindowShortcut);
+        connect(close, &QShortcut::activated, this, &QWidget::close);
+    }
 
     // Application name, version and home page above the topics.
     auto* top = new QWidget;

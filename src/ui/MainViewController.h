@@ -90,7 +90,7 @@ public:
     void tapRecognizerDismissGainView();
     /// The settings panel (a popover below the settings button on a desktop).
     void settingsPopover();
-    /// The help screen; the analyser stops first.
+    /// The help screen, in a window of its own; the analysis goes on.
     void openHelp();
 
     // --- AnalyzerControllerDelegate -----------------------------------------------------------
@@ -147,6 +147,8 @@ public:
     QToolButton* gainSliderAndMaxMinResetButton() const { return gainSliderAndMaxMinResetButton_; }
     QToolButton* settingsButton() const { return settingsButton_; }
     QToolButton* helpButton() const { return helpButton_; }
+    /// The help window once it was opened, else null.
+    HelpViewController* helpViewController() const { return helpViewController_; }
     QFrame* gainView() const { return gainView_; }
     QSlider* gainSlider() const { return gainSlider_; }
     QLabel* gainValueLabel() const { return gainValueLabel_; }
