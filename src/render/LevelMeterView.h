@@ -40,6 +40,7 @@ public:
         QPointF readoutOrigin;  ///< top-left of the read-out label
         int meterWidth;         ///< width in the owner's layout with the meter on
         int widthWhenOff;       ///< width kept when the meter is off
+        double legendMargin;    ///< between the top edge and the legend
     };
     static const Metrics& metrics(bool pad);
 
