@@ -155,6 +155,10 @@ public:
     QLabel* gainOpisLabel() const { return gainOpisLabel_; }
     QWidget* pleaseWaitView() const { return pleaseWaitView_; }
     /// The settings panel; null before it was first opened.
+    /// The tablet's chart-type list once it was opened, else null.
+    iPad_TypeOfChartViewController* typeOfChartViewController() const {
+        return typeOfChartViewController_;
+    }
     SettingsRootViewController* settingsPopoverViewController() const {
         return settingsPopoverViewController_;
     }

@@ -15,6 +15,7 @@
 #include "ui/SegmentedControl.h"
 #include "ui/SettingsRootViewController.h"
 #include "ui/TQMessage.h"
+#include "ui/iPad_TypeOfChartViewController.h"
 
 #include "ChartTestSupport.h"
 #include "TempSettings.h"
@@ -24,6 +25,7 @@
 #include <QLabel>
 #include <QMainWindow>
 #include <QMessageBox>
+#include <QScreen>
 #include <QSettings>
 #include <QSlider>
 #include <QTest>
@@ -275,6 +277,37 @@ TEST_F(MainScreenTest, damagedSettings_startAWorkingProgram) {
     clickStartPause();
     ASSERT_TRUE(waitRecording(true));
     expectToneOnChart();
+}
+
+// The popups of the bottom toolbar open inside the window and the screen,
+// with the window away from the screen's edges: the settings panel (it
+// opened 207 px past the window's right edge) and the chart-type list (it
+// opened below the window).
+TEST_F(MainScreenTest, toolbarPopupsOpenInsideTheWindow) {
+    for (const AnalyzerFeatures& features :
+         {AnalyzerFeatures::spectrumProduct(), AnalyzerFeatures::voiceProduct()}) {
+        launch(features);
+        QMainWindow* window = app_->window();
+        window->setGeometry(60, 40, 1000, 640);
+        ASSERT_TRUE(
+            QTest::qWaitFor([&] { return window->geometry().topLeft() == QPoint(60, 40); }));
+        const QRect inside = window->geometry() & window->screen()->availableGeometry();
+        const auto expectInside = [&](QWidget* popup) {
+            ASSERT_TRUE(popup != nullptr && popup->isVisible());
+            EXPECT_TRUE(inside.contains(popup->frameGeometry()))
+                << popup->metaObject()->className() << " at "
+                << QDebug::toString(popup->frameGeometry()).toStdString() << ", window "
+                << QDebug::toString(inside).toStdString();
+            popup->close();
+        };
+        QTest::mouseClick(screen()->settingsButton(), Qt::LeftButton);
+        expectInside(screen()->settingsPopoverViewController());
+        if (QToolButton* chartType = screen()->typeOfChartButton()) {
+            QTest::mouseClick(chartType, Qt::LeftButton);
+            expectInside(screen()->typeOfChartViewController());
+        }
+        release();
+    }
 }
 
 // --- Lifecycle
