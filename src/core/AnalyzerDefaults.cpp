@@ -215,8 +215,8 @@ void AnalyzerDefaults::loadDefaults() {
     // that the geometry cannot size a document from (a display size of 2^31,
     // an infinite rate): each such value keeps its default, said once here.
     const auto replaced = [](const char* key, double value, double byDefault) {
-        qWarning("Settings: %s = %g is not offered by the settings screens; using %g", key, value,
-                 byDefault);
+        qWarning("Settings: %s = %.10g is not offered by the settings screens; using %.10g", key,
+                 value, byDefault);
     };
     const float minEdge = trigMinFrequency_;
     const float maxEdge = trigMaxFrequency_;
