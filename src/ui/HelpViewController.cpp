@@ -225,7 +225,9 @@ void HelpViewController::buildCatalogue() {
           "Display.");
     topic("Level meter",
           "The level meter shows the level of the whole signal in dBFS: 0 dB is the loudest "
-          "sound the input can carry.");
+          "sound the input can carry. A sine wave reads its peak level with every window, so "
+          "a full-scale sine reads 0 dB; noise reads 3 dB above its RMS level. The meter is "
+          "empty while the analysis is stopped.");
     topic("Spectrogram",
           "The spectrogram shows time from left to right and frequency from bottom to top; "
           "the colour shows the level. It keeps every analysed sample, so it can be "
