@@ -41,9 +41,13 @@ void ChartData::addFFTdata(const float* fftData, const float* fftWindowData,
     mRAWFFTData = mRawCopy.data();
     mFFTWindowData = mWindowCopy.data();
 
+    // A window spreads a sine over more than one bin: the total power is the
+    // sine's times the window's noise bandwidth, which is divided out so that
+    // a sine of peak A reads 20 log10 A with every window and size.
     double sum = 0.0;
     for (int32_t i = 0; i < n; ++i)
         sum += fftData[i];
+    sum /= FFTManager::noiseBandwidthBins(mDefaults.fftWindowType(), mDefaults.fftSize());
     // No floor: silence is minus infinity, which the level meter shows as no signal.
     levelDB_ = static_cast<float>(10.0 * std::log10(sum));
 

@@ -63,8 +63,10 @@ public:
     /// band tables are not valid.
     void updateOctaveRTA(bool refreshEveryFrame, double timeSinceLastDraw);
 
-    /// Broadband level of the last interval in dBFS; minus infinity for an
-    /// all-zero spectrum (no floor is applied).
+    /// Broadband level of the last interval in dBFS: the spectrum's total
+    /// power over the window's noise bandwidth, so that a sine of peak A reads
+    /// 20 log10 A and noise of RMS r reads 20 log10 r + 3.01 with every window
+    /// and FFT size. Minus infinity for an all-zero spectrum (no floor).
     float levelDB() const { return levelDB_; }
     /// Closed quotient of the last interval (0 without the EGG product).
     float closedQuotient() const { return closedQuotient_; }

@@ -3,10 +3,15 @@
 #include "core/SettingsStore.h"
 #include "core/WidmoVersion.h"
 
+#include <QtGlobal>
+
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <iterator>
+#include <limits>
 #include <memory>
+#include <optional>
 #include <type_traits>
 #include <variant>
 
@@ -30,46 +35,115 @@ struct AnalyzerDefaults::PersistedField {
     const char* key;
     std::variant<bool AnalyzerDefaults::*, int32_t AnalyzerDefaults::*, float AnalyzerDefaults::*>
         field;
+    /// Whether the settings screens of a product with these features can
+    /// produce the value; null for booleans, which must read 0 or 1.
+    bool (*offered)(double value, const AnalyzerFeatures& features) = nullptr;
 };
+
+namespace {
+
+// NaN is in no range.
+bool inRange(double v, double lo, double hi) { return v >= lo && v <= hi; }
+
+bool isPowerOfTwoIn(double v, double lo, double hi) {
+    return inRange(v, lo, hi) && std::exp2(std::round(std::log2(v))) == v;
+}
+
+// The sample-rate control offers the standard rates, 96 kHz with its switch
+// and the ultrasonic ones with theirs; without rates it is hidden.
+bool sampleRateOffered(double v, const AnalyzerFeatures& f) {
+    if (!f.featureSampleRatesEnabled())
+        return v == 44100.0;
+    const double top = f.featureUltrasonicEnabled()     ? 384000.0
+                       : f.featureSampleRate96Enabled() ? 96000.0
+                                                        : 48000.0;
+    const double rates[] = {44100.0, 48000.0, 96000.0, 192000.0, 200000.0, 250000.0, 384000.0};
+    return v <= top && std::find(std::begin(rates), std::end(rates), v) != std::end(rates);
+}
+
+// Ranges of the controls that write each setting: segments, sliders and gain
+// panels. The output gain and the transposition octaves have no control in
+// these products; their ranges are those the audio code accepts.
+using Offered = bool (*)(double, const AnalyzerFeatures&);
+constexpr Offered kExportType = [](double v, const AnalyzerFeatures&) { return inRange(v, 0, 1); };
+constexpr Offered kOnOff = [](double v, const AnalyzerFeatures&) { return v == 0 || v == 1; };
+constexpr Offered kTrigLevel = [](double v, const AnalyzerFeatures&) {
+    return inRange(v, -120, 0);
+};
+constexpr Offered kFraction = [](double v, const AnalyzerFeatures&) { return inRange(v, 0, 1); };
+constexpr Offered kInputGain = [](double v, const AnalyzerFeatures&) {
+    return inRange(v, -20, 40);
+};
+constexpr Offered kGain = [](double v, const AnalyzerFeatures&) { return inRange(v, 0, 70); };
+constexpr Offered kMinimumLevel = [](double v, const AnalyzerFeatures&) {
+    return inRange(v, -144, -10);
+};
+constexpr Offered kFftSize = [](double v, const AnalyzerFeatures&) {
+    return isPowerOfTwoIn(v, 256, 65536);
+};
+constexpr Offered kWindowType = [](double v, const AnalyzerFeatures&) { return inRange(v, 0, 3); };
+constexpr Offered kIntervalPower = [](double v, const AnalyzerFeatures& f) {
+    return inRange(v, f.featureHighResolution() ? 0 : 1, 4);
+};
+constexpr Offered kDisplaySize = [](double v, const AnalyzerFeatures&) {
+    return isPowerOfTwoIn(v, 512, 4096);
+};
+// Recomputed from the geometry at every start; only a frequency is kept.
+constexpr Offered kLogStart = [](double v, const AnalyzerFeatures&) {
+    return inRange(v, 0.001, 192000);
+};
+constexpr Offered kBands = [](double v, const AnalyzerFeatures&) {
+    return v == 1 || v == 3 || v == 6 || v == 12;
+};
+constexpr Offered kSegment3 = [](double v, const AnalyzerFeatures&) { return inRange(v, 0, 2); };
+constexpr Offered kDecay = [](double v, const AnalyzerFeatures&) { return inRange(v, 0, 5); };
+constexpr Offered kOctaves = [](double v, const AnalyzerFeatures&) { return inRange(v, 1, 4); };
+constexpr Offered kWidthDivisor = [](double v, const AnalyzerFeatures&) {
+    return inRange(v, 1, 5);
+};
+
+} // namespace
 
 const std::vector<AnalyzerDefaults::PersistedField>& AnalyzerDefaults::persistedFields() {
     using D = AnalyzerDefaults;
     static const std::vector<PersistedField> fields = {
-        {"analyzerDefaults.typeOfExportImport", &D::typeOfExportImport_},
+        {"analyzerDefaults.typeOfExportImport", &D::typeOfExportImport_, kExportType},
         {"analyzerDefaults.spectrogramGridOn", &D::spectrogramGridOn_},
         {"analyzerDefaults.trigOn", &D::trigOn_},
         {"analyzerDefaults.trigAutomaticStop", &D::trigAutomaticStop_},
-        {"analyzerDefaults.trigLevel", &D::trigLevel_},
-        {"analyzerDefaults.trigMinFrequency", &D::trigMinFrequency_},
-        {"analyzerDefaults.trigMaxFrequency", &D::trigMaxFrequency_},
-        {"analyzerDefaults.trigEnergySaveMode", &D::trigEnergySaveMode_},
-        {"analyzerDefaults.softwareInputGainValue", &D::softwareInputGainValue_},
-        {"analyzerDefaults.outputGainValue", &D::outputGainValue_},
+        {"analyzerDefaults.trigLevel", &D::trigLevel_, kTrigLevel},
+        {"analyzerDefaults.trigMinFrequency", &D::trigMinFrequency_, kFraction},
+        {"analyzerDefaults.trigMaxFrequency", &D::trigMaxFrequency_, kFraction},
+        {"analyzerDefaults.trigEnergySaveMode", &D::trigEnergySaveMode_, kOnOff},
+        {"analyzerDefaults.softwareInputGainValue", &D::softwareInputGainValue_, kInputGain},
+        {"analyzerDefaults.outputGainValue", &D::outputGainValue_, kInputGain},
         {"analyzerDefaults.spectrogramLinearValuesWzmocnienieDB",
-         &D::spectrogramLinearValuesWzmocnienieDB_},
+         &D::spectrogramLinearValuesWzmocnienieDB_, kGain},
         {"analyzerDefaults.spectrogramValuesInDBMinimumLevelDB",
-         &D::spectrogramValuesInDBMinimumLevelDB_},
-        {"analyzerDefaults.fftSize", &D::fftSize_},
-        {"analyzerDefaults.fftWindowType", &D::fftWindowType_},
-        {"analyzerDefaults.sampleRate", &D::sampleRate_},
+         &D::spectrogramValuesInDBMinimumLevelDB_, kMinimumLevel},
+        {"analyzerDefaults.fftSize", &D::fftSize_, kFftSize},
+        {"analyzerDefaults.fftWindowType", &D::fftWindowType_, kWindowType},
+        {"analyzerDefaults.sampleRate", &D::sampleRate_, sampleRateOffered},
         // The key's name says frames but it holds the power; kept for old stores.
-        {"analyzerDefaults.intervalSizeInFrames", &D::intervalSizePower_},
-        {"analyzerDefaults.fftDisplaySize", &D::fftDisplaySize_},
+        {"analyzerDefaults.intervalSizeInFrames", &D::intervalSizePower_, kIntervalPower},
+        {"analyzerDefaults.fftDisplaySize", &D::fftDisplaySize_, kDisplaySize},
         {"analyzerDefaults.valuesInDB", &D::valuesInDB_},
         {"analyzerDefaults.linearFrequency", &D::linearFrequency_},
-        {"analyzerDefaults.logStartFrequency", &D::logStartFrequency_},
-        {"analyzerDefaults.octaveRTABand", &D::octaveRTABandsPerOctave_},
-        {"analyzerDefaults.octaveRTABandAverageType", &D::octaveRTABandAverageType_},
-        {"analyzerDefaults.spectrogramColorType", &D::spectrogramColorType_},
+        {"analyzerDefaults.logStartFrequency", &D::logStartFrequency_, kLogStart},
+        {"analyzerDefaults.octaveRTABand", &D::octaveRTABandsPerOctave_, kBands},
+        {"analyzerDefaults.octaveRTABandAverageType", &D::octaveRTABandAverageType_, kSegment3},
+        {"analyzerDefaults.spectrogramColorType", &D::spectrogramColorType_, kSegment3},
         {"analyzerDefaults.octaveRTAMinValuesEnabled", &D::octaveRTAMinValuesEnabled_},
         {"analyzerDefaults.octaveRTAMaxValuesEnabled", &D::octaveRTAMaxValuesEnabled_},
-        {"analyzerDefaults.octaveRTAMinMaxDecayTime", &D::octaveRTAMinMaxDecayTime_},
-        {"analyzerDefaults.playbackTranspType", &D::playbackTranspType_},
+        {"analyzerDefaults.octaveRTAMinMaxDecayTime", &D::octaveRTAMinMaxDecayTime_, kDecay},
+        {"analyzerDefaults.playbackTranspType", &D::playbackTranspType_, kSegment3},
         {"analyzerDefaults.recordingTranspositionOn", &D::recordingTranspositionOn_},
-        {"analyzerDefaults.playbackSlowDownOctaves", &D::playbackSlowDownOctaves_},
+        {"analyzerDefaults.playbackSlowDownOctaves", &D::playbackSlowDownOctaves_, kOctaves},
         {"analyzerDefaults.realTimeTranspFilterBelow20kHz", &D::realTimeTranspFilterBelow20kHz_},
-        {"analyzerDefaults.realTimeTransposeOctavesDown", &D::realTimeTransposeOctavesDown_},
-        {"analyzerDefaults.spectrogramWidthMianownik", &D::spectrogramWidthMianownik_},
+        {"analyzerDefaults.realTimeTransposeOctavesDown", &D::realTimeTransposeOctavesDown_,
+         kOctaves},
+        {"analyzerDefaults.spectrogramWidthMianownik", &D::spectrogramWidthMianownik_,
+         kWidthDivisor},
         {"analyzerDefaults.audioDefaultToSpeaker", &D::audioDefaultToSpeaker_},
     };
     return fields;
@@ -137,6 +211,15 @@ void AnalyzerDefaults::loadDefaults() {
     // A store written by a build with another tag is ignored as a whole.
     if (store.readString(QString::fromLatin1(kVersionKey)) != QLatin1String(kVersionTag))
         return;
+    // A damaged or hand-edited store can hold values that no screen offers and
+    // that the geometry cannot size a document from (a display size of 2^31,
+    // an infinite rate): each such value keeps its default, said once here.
+    const auto replaced = [](const char* key, double value, double byDefault) {
+        qWarning("Settings: %s = %.10g is not offered by the settings screens; using %.10g", key,
+                 value, byDefault);
+    };
+    const float minEdge = trigMinFrequency_;
+    const float maxEdge = trigMaxFrequency_;
     for (const PersistedField& f : persistedFields()) {
         const QString key = QString::fromLatin1(f.key);
         if (!store.contains(key))
@@ -144,17 +227,35 @@ void AnalyzerDefaults::loadDefaults() {
         // A reduced device would size a document from these that it cannot hold.
         if (!cpu64bit_ && (key == kIntervalKey || key == kDisplaySizeKey))
             continue;
+        const std::optional<double> number = store.readNumber(key);
         std::visit(
             [&](auto member) {
                 using T = std::remove_reference_t<decltype(this->*member)>;
+                const double v = number.value_or(std::numeric_limits<double>::quiet_NaN());
+                bool offered = false;
                 if constexpr (std::is_same_v<T, bool>)
-                    this->*member = store.readBool(key);
+                    offered = v == 0.0 || v == 1.0;
                 else if constexpr (std::is_same_v<T, int32_t>)
-                    this->*member = store.readInt(key);
+                    offered = std::trunc(v) == v && f.offered(v, features_);
                 else
-                    this->*member = store.readFloat(key);
+                    offered = f.offered(v, features_);
+                if (!offered) {
+                    replaced(f.key, v, static_cast<double>(this->*member));
+                    return;
+                }
+                if constexpr (std::is_same_v<T, bool>)
+                    this->*member = v != 0.0;
+                else
+                    this->*member = static_cast<T>(v);
             },
             f.field);
+    }
+    // The trigger screen keeps its band's lower edge at or below the upper one.
+    if (trigMinFrequency_ > trigMaxFrequency_) {
+        replaced("analyzerDefaults.trigMinFrequency", double(trigMinFrequency_), double(minEdge));
+        replaced("analyzerDefaults.trigMaxFrequency", double(trigMaxFrequency_), double(maxEdge));
+        trigMinFrequency_ = minEdge;
+        trigMaxFrequency_ = maxEdge;
     }
 }
 

@@ -58,7 +58,10 @@ public:
     /// Writes the persisted settings and the version tag, then syncs the store.
     void saveDefaults();
     /// Reads the persisted settings when the store carries this build's tag;
-    /// otherwise keeps every default. Values are taken as saved, unchecked.
+    /// otherwise keeps every default. A value that this product's settings
+    /// screens cannot produce (out of its control's range, not one of its
+    /// choices, NaN, of the wrong kind) keeps its default, with one warning
+    /// per value. Runs once, during construction.
     void loadDefaults();
 
     /// The application's short version ("0.1.0"), its build number, and the text

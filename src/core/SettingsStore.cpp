@@ -75,6 +75,13 @@ bool SettingsStore::readBool(const QString& key) const {
     return parseNumber(settings_.value(key), d) && d != 0.0;
 }
 
+std::optional<double> SettingsStore::readNumber(const QString& key) const {
+    double d = 0.0;
+    if (!parseNumber(settings_.value(key), d))
+        return std::nullopt;
+    return d;
+}
+
 QString SettingsStore::readString(const QString& key) const {
     const QVariant v = settings_.value(key);
     return v.typeId() == QMetaType::QString ? v.toString() : QString();

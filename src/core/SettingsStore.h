@@ -3,6 +3,8 @@
 #include <QSettings>
 #include <QString>
 
+#include <optional>
+
 namespace widmo {
 
 /// The per-user key/value store: one `QSettings` file at the platform's standard
@@ -25,6 +27,9 @@ public:
     int readInt(const QString& key) const;
     float readFloat(const QString& key) const;
     bool readBool(const QString& key) const;
+    /// The value as a number ("true" and "false" are 1 and 0; "inf" and "nan"
+    /// are numbers too); empty when absent or not a number.
+    std::optional<double> readNumber(const QString& key) const;
     /// An absent key reads as the empty string.
     QString readString(const QString& key) const;
 

@@ -153,6 +153,28 @@ float FFTManager::amplitudeScale(int32_t windowType, int32_t fftSize) {
     }
 }
 
+double FFTManager::noiseBandwidthBins(int32_t windowType, int32_t fftSize) {
+    // The windows are cosine sums w = a0 - a1 cos + a2 cos 2 over a full
+    // period, so their mean square is exactly a0² + (a1² + a2²) / 2. By
+    // Parseval a unit sine leaves (N s)² times that in the half spectrum.
+    double meanSquare = 1.0;
+    switch (windowType) {
+    case Blackman:
+        meanSquare = 0.42 * 0.42 + (0.5 * 0.5 + 0.08 * 0.08) / 2.0;
+        break;
+    case Hamming:
+        meanSquare = 0.54 * 0.54 + 0.46 * 0.46 / 2.0;
+        break;
+    case Hanning:
+        meanSquare = 0.25 + 0.25 / 2.0;
+        break;
+    default:
+        break;
+    }
+    const double gain = static_cast<double>(amplitudeScale(windowType, fftSize)) * fftSize;
+    return gain * gain * meanSquare;
+}
+
 void FFTManager::przeliczWithFFTWindowBufor(const float* fftWindowBufor, float* wyjsciowyBufor) {
     const int32_t n = mDefaults.fftSize();
     // Planned before the scratch is filled: planning a new size measures on

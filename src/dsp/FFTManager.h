@@ -109,6 +109,13 @@ public:
     /// and `fftSize`, in the packed real transform's convention (before the
     /// factor of two that brings FFTW's DFT to that convention).
     static float amplitudeScale(int32_t windowType, int32_t fftSize);
+    /// Sum of the `fftOutSize` power values that a sine of amplitude 1 gives
+    /// with `windowType` and `fftSize` (256..65536), whatever its frequency
+    /// between bin 1 and Nyquist: the window's equivalent noise bandwidth in
+    /// bins, taken with this engine's amplitude scale (so 1 for Rectangle,
+    /// 1.363 for Hamming). Dividing a spectrum's total power by it gives the
+    /// broadband power in which a sine of peak A reads A². Any thread.
+    static double noiseBandwidthBins(int32_t windowType, int32_t fftSize);
     /// The window table (65,536 entries; the first `fftSize` valid after
     /// `prepareWindow` for types 1..3).
     const float* window() const { return mWindow; }

@@ -13,8 +13,8 @@ namespace widmo {
 
 namespace {
 
-const LevelMeterView::Metrics kPhone{44, 2.0, 1.0, 83.0, 11.5, 11.5, QPointF(1, 65), 40, 5};
-const LevelMeterView::Metrics kTablet{88, 1.0, 2.0, 157.0, 15.0, 14.0, QPointF(3, 135), 50, 7};
+const LevelMeterView::Metrics kPhone{44, 2.0, 1.0, 83.0, 11.5, 11.5, QPointF(1, 65), 40, 5, 4.0};
+const LevelMeterView::Metrics kTablet{88, 1.0, 2.0, 157.0, 15.0, 14.0, QPointF(3, 135), 50, 7, 6.0};
 
 const QColor kLegendColor = QColor::fromRgbF(0.5f, 0.5f, 0.5f);
 const QColor kReadoutColor = QColor::fromRgbF(1.0f, 0.1f, 0.1f);
@@ -62,6 +62,16 @@ void LevelMeterView::commonInit() {
     mDBLabel->setText(features_.featureLevelMeterEnabled() ? "-144.0" : QString());
 }
 
+void LevelMeterView::showEmpty() {
+    setLevelDB(-144.0f);
+    setClosedQuotient(0.0f);
+    mLastLevelDB = -144.0f;
+    mLastCQ = 0.0f;
+    mRefreshCounter = 0;
+    mDBLabel->setText(features_.featureLevelMeterEnabled() ? "-144.0" : QString());
+    setNeedsDisplay();
+}
+
 void LevelMeterView::setupGLResources() { prepareTextures(); }
 
 void LevelMeterView::releaseGLResources() {
@@ -81,9 +91,9 @@ void LevelMeterView::prepareTextures() {
     const bool cq = features_.featureVoiceEGG();
     const Metrics& m = metrics(pad_);
     const QFont base = DeviceClass::systemFont(m.legendFontSize * (cq ? 0.9 : 1.0), true);
-    // The legend hangs from the top edge and must end above the read-out,
+    // The legend hangs below the top margin and must end above the read-out,
     // with the read-out's own margin between them.
-    const double room = m.readoutOrigin.y() - m.readoutOrigin.x();
+    const double room = m.readoutOrigin.y() - m.readoutOrigin.x() - m.legendMargin;
     if (pad_) {
         const QString legend = cq ? "Closed quotient (%)" : "SPL Meter (dBFS)";
         mLegendOpisTexture_iPad = e->convertToTextureText(
@@ -182,8 +192,10 @@ void LevelMeterView::drawClosedQuotient(double w, double h) {
 void LevelMeterView::drawLegend(double w, double h) {
     TQGLEffect* e = effect();
     const QSizeF frame(w, h);
+    // Hung from the top edge itself, the first glyph's top row was cut off.
+    const double top = 1.0 - metrics(pad_).legendMargin / h;
     if (pad_) {
-        e->rysujTextTexture(mLegendOpisTexture_iPad.get(), QPointF(0.5, 1.0), 1.0f,
+        e->rysujTextTexture(mLegendOpisTexture_iPad.get(), QPointF(0.5, top), 1.0f,
                             onTheRight_ ? 8 : 7, frame, QRectF());
         return;
     }
@@ -192,9 +204,9 @@ void LevelMeterView::drawLegend(double w, double h) {
     const int orientation = onTheRight_ ? 8 : 7;
     const double x1 = onTheRight_ ? 0.7 : 0.35;
     const double x2 = onTheRight_ ? 0.35 : 0.7;
-    e->rysujTextTexture(mLegendOpisTexture1_iPhone.get(), QPointF(x1, 1.0), 1.0f, orientation,
+    e->rysujTextTexture(mLegendOpisTexture1_iPhone.get(), QPointF(x1, top), 1.0f, orientation,
                         frame, QRectF());
-    e->rysujTextTexture(mLegendOpisTexture2_iPhone.get(), QPointF(x2, 1.0), 1.0f, orientation,
+    e->rysujTextTexture(mLegendOpisTexture2_iPhone.get(), QPointF(x2, top), 1.0f, orientation,
                         frame, QRectF());
 }
 

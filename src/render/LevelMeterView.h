@@ -40,6 +40,7 @@ public:
         QPointF readoutOrigin;  ///< top-left of the read-out label
         int meterWidth;         ///< width in the owner's layout with the meter on
         int widthWhenOff;       ///< width kept when the meter is off
+        double legendMargin;    ///< between the top edge and the legend
     };
     static const Metrics& metrics(bool pad);
 
@@ -60,6 +61,10 @@ public:
     float closedQuotient() const { return closedQuotient_.load(std::memory_order_relaxed); }
     /// Latest closed quotient as a fraction 0..1, 0 when none is measured. Any thread.
     void setClosedQuotient(float cq) { closedQuotient_.store(cq, std::memory_order_relaxed); }
+    /// The empty meter of a stopped analysis: inputs and smoothing back to
+    /// -144 dBFS and no closed quotient, the read-out "-144.0", redrawn at the
+    /// next frame. Main thread; the feeder must have stopped.
+    void showEmpty();
     /// Kept for the owner; the meter does not draw it.
     std::shared_ptr<TQTexture> dbTexture() const { return dbTexture_; }
     void setDbTexture(std::shared_ptr<TQTexture> texture) { dbTexture_ = std::move(texture); }

@@ -8,6 +8,7 @@
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QPushButton>
+#include <QShortcut>
 #include <QUrl>
 #include <QVBoxLayout>
 
@@ -47,6 +48,12 @@ HelpViewController::HelpViewController(const AnalyzerFeatures& features, QWidget
     : TQTableViewController(parent), helpSet_(helpSetForFeatures(features)) {
     setTitle("Help");
     buildCatalogue();
+    for (const QKeySequence& keys :
+         {QKeySequence(Qt::Key_Escape), QKeySequence(Qt::CTRL | Qt::Key_W)}) {
+        auto* close = new QShortcut(keys, this);
+        close->setContext(Qt::WindowShortcut);
+        connect(close, &QShortcut::activated, this, &QWidget::close);
+    }
 
     // Application name, version and home page above the topics.
     auto* top = new QWidget;
@@ -218,7 +225,9 @@ void HelpViewController::buildCatalogue() {
           "Display.");
     topic("Level meter",
           "The level meter shows the level of the whole signal in dBFS: 0 dB is the loudest "
-          "sound the input can carry.");
+          "sound the input can carry. A sine wave reads its peak level with every window, so "
+          "a full-scale sine reads 0 dB; noise reads 3 dB above its RMS level. The meter is "
+          "empty while the analysis is stopped.");
     topic("Spectrogram",
           "The spectrogram shows time from left to right and frequency from bottom to top; "
           "the colour shows the level. It keeps every analysed sample, so it can be "

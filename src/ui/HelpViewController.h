@@ -15,8 +15,8 @@ class AnalyzerFeatures;
 ///
 /// One catalogue describes every capability of the product family; the
 /// product's help set (titles compared as exact strings) decides which topics
-/// are shown, through the hidden sections of the table. The main screen stops
-/// the analyser before it shows the help.
+/// are shown, through the hidden sections of the table. Shown as a window of
+/// its own beside the running analysis; Esc and Ctrl+W close it.
 ///
 /// Threading: main thread only.
 class HelpViewController : public TQTableViewController {

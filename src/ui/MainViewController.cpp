@@ -8,6 +8,7 @@
 #include "engine/AnalyzerController.h"
 #include "engine/MainQueue.h"
 #include "render/DeviceClass.h"
+#include "render/LevelMeterView.h"
 #include "ui/HelpViewController.h"
 #include "ui/SettingsRootViewController.h"
 #include "ui/TQMessage.h"
@@ -260,6 +261,9 @@ void MainViewController::refreshPlayRecordPauseButtonsWithChangeEnabled(bool cha
     }
     if (changeEnabled && !buttonsBlocked_)
         recordPauseButton_->setEnabled(recording || !defaults_.readOnly());
+    // Every stop passes here, whatever its reason: a stopped analysis shows no level.
+    if (!recording && !audio_.isPlaying())
+        chartView_->levelMeterView()->showEmpty();
     screenSaver_.setInhibited(recording);
     toolBar_->update();
 }
@@ -315,6 +319,9 @@ void MainViewController::prepareAnalyzerData() {
             // Geometry, index tables, sample store and textures in one chain.
             analyzerController_->rebuildDataWithClear();
             defaults_.setDataValid(true);
+            // The band tables were built with the index tables: the octave
+            // RTA may read them from now on.
+            defaults_.setOctaveRTAValid(true);
             unblockButtonsAfterRebuild();
         },
         &delayedContext_);
@@ -487,7 +494,7 @@ void MainViewController::settingsPopover() {
 }
 
 void MainViewController::openHelp() {
-    stopAnalyzerWithRefreshButtonsEnable(true);
+    // The help is a reference read beside the chart: the analysis goes on.
     if (!helpViewController_) {
         auto* help = new HelpViewController(defaults_.features(), this);
         help->setWindowFlag(Qt::Window);

@@ -90,7 +90,7 @@ public:
     void tapRecognizerDismissGainView();
     /// The settings panel (a popover below the settings button on a desktop).
     void settingsPopover();
-    /// The help screen; the analyser stops first.
+    /// The help screen, in a window of its own; the analysis goes on.
     void openHelp();
 
     // --- AnalyzerControllerDelegate -----------------------------------------------------------
@@ -147,12 +147,18 @@ public:
     QToolButton* gainSliderAndMaxMinResetButton() const { return gainSliderAndMaxMinResetButton_; }
     QToolButton* settingsButton() const { return settingsButton_; }
     QToolButton* helpButton() const { return helpButton_; }
+    /// The help window once it was opened, else null.
+    HelpViewController* helpViewController() const { return helpViewController_; }
     QFrame* gainView() const { return gainView_; }
     QSlider* gainSlider() const { return gainSlider_; }
     QLabel* gainValueLabel() const { return gainValueLabel_; }
     QLabel* gainOpisLabel() const { return gainOpisLabel_; }
     QWidget* pleaseWaitView() const { return pleaseWaitView_; }
     /// The settings panel; null before it was first opened.
+    /// The tablet's chart-type list once it was opened, else null.
+    iPad_TypeOfChartViewController* typeOfChartViewController() const {
+        return typeOfChartViewController_;
+    }
     SettingsRootViewController* settingsPopoverViewController() const {
         return settingsPopoverViewController_;
     }

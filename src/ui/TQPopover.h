@@ -8,7 +8,7 @@ class QWidget;
 namespace widmo {
 
 /// Places the tablet popovers: a `Qt::Popup` window beside the control that
-/// opened it, kept on the control's screen.
+/// opened it, kept inside the control's window and screen.
 ///
 /// Threading: main thread only.
 class TQPopover {
@@ -16,10 +16,12 @@ public:
     /// Makes `popup` a popup window (it closes when the user clicks outside it
     /// or presses Escape).
     static void makePopup(QWidget* popup);
-    /// Sizes `popup` to `size` (clamped to the screen) and shows it under
-    /// `anchor`, or over it when there is no room below.
+    /// Sizes `popup` to `size` and shows it under `anchor`, or over it when
+    /// there is no room below, inside the part of the screen that `anchor`'s
+    /// window covers (the size is clamped to that part).
     static void presentFrom(QWidget* popup, const QWidget* anchor, QSize size);
-    /// The same, hanging from the global point `point`.
+    /// The same, hanging from the global point `point`, inside the window of
+    /// `popup`'s parent.
     static void presentAt(QWidget* popup, QPoint point, QSize size);
 };
 

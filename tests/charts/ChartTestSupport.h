@@ -68,6 +68,9 @@ inline Interval analyse(FFTManager& fft, const std::vector<float>& samples,
     return out;
 }
 
+/// The octave RTA bars' colour.
+inline bool isBar(QRgb c) { return qBlue(c) > 150 && qBlue(c) > qRed(c) + 50 && qGreen(c) < 160; }
+
 /// The spectrum curve's colour.
 inline bool isGreen(QRgb c) { return qGreen(c) > 150 && qRed(c) < 100 && qBlue(c) < 100; }
 

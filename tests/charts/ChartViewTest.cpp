@@ -16,10 +16,10 @@
 namespace widmo {
 namespace {
 
+using test::isBar;
 using test::isGreen;
 using test::topmost;
 
-bool isBar(QRgb c) { return qBlue(c) > 150 && qBlue(c) > qRed(c) + 50 && qGreen(c) < 160; }
 bool isInk(QRgb c) { return qRed(c) > 40 && qGreen(c) > 40 && qBlue(c) > 40; }
 
 /// Centre of the label ink inside `region`, or nothing when there is hardly any.

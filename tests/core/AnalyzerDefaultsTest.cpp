@@ -51,7 +51,7 @@ TEST_F(AnalyzerDefaultsTest, firstStartYieldsTheDefaults) { expectDefaults(*load
 
 // Every persisted setting: setter suffix, getter, a value other than the default.
 #define PERSISTED_SETTINGS(X)                                                                      \
-    X(TypeOfExportImport, typeOfExportImport, 2)                                                   \
+    X(TypeOfExportImport, typeOfExportImport, 1)                                                   \
     X(SpectrogramGridOn, spectrogramGridOn, true)                                                  \
     X(TrigOn, trigOn, true)                                                                        \
     X(TrigAutomaticStop, trigAutomaticStop, false)                                                 \
@@ -143,6 +143,70 @@ TEST_F(AnalyzerDefaultsTest, storeWithAnotherTagOrNoneOrGarbageLoadsNothing) {
         f.putChar(static_cast<char>(rng.bounded(256)));
     f.close();
     expectDefaults(*load());
+}
+
+// What a damaged or hand-edited store holds under each key, one key at a time:
+// numbers that no settings screen produces, the limits of the integers, NaN,
+// infinities, text and random bytes. Each keeps its default, and the document
+// is built from the result.
+TEST_F(AnalyzerDefaultsTest, valuesNoScreenOffers_keepTheirDefaults_everyKey) {
+    const auto reference = load();
+    const QStringList flags = {"7", "-1", "0.5"};
+    const std::pair<const char*, QStringList> table[] = {
+        {"typeOfExportImport", {"2", "-1"}},
+        {"spectrogramGridOn", flags},
+        {"trigOn", flags},
+        {"trigAutomaticStop", flags},
+        {"trigLevel", {"1", "-121", "nan"}},
+        {"trigMinFrequency", {"-0.1", "0.9"}}, // above the upper edge
+        {"trigMaxFrequency", {"inf", "1.5", "0.1"}},
+        {"trigEnergySaveMode", {"0.5", "7"}},
+        {"softwareInputGainValue", {"41", "-1e30"}},
+        {"outputGainValue", {"nan", "-inf"}},
+        {"spectrogramLinearValuesWzmocnienieDB", {"71", "-1"}},
+        {"spectrogramValuesInDBMinimumLevelDB", {"0", "-145"}},
+        {"fftSize", {"2147483647", "-2147483648", "0", "1000", "128", "131072"}},
+        {"fftWindowType", {"4", "-1", "1.5"}},
+        {"sampleRate", {"inf", "nan", "0", "-1", "1e12", "22050", "192000"}},
+        {"intervalSizeInFrames", {"0", "5", "-2147483648"}},
+        {"fftDisplaySize", {"2147483647", "-2147483648", "0", "1000", "8192"}},
+        {"valuesInDB", flags},
+        {"linearFrequency", flags},
+        {"logStartFrequency", {"-inf", "0"}},
+        {"octaveRTABand", {"24", "0"}},
+        {"octaveRTABandAverageType", {"3"}},
+        {"spectrogramColorType", {"3"}},
+        {"octaveRTAMinValuesEnabled", flags},
+        {"octaveRTAMaxValuesEnabled", flags},
+        {"octaveRTAMinMaxDecayTime", {"6", "-1"}},
+        {"playbackTranspType", {"3"}},
+        {"recordingTranspositionOn", flags},
+        {"playbackSlowDownOctaves", {"0", "5"}},
+        {"realTimeTranspFilterBelow20kHz", flags},
+        {"realTimeTransposeOctavesDown", {"0", "99"}},
+        {"spectrogramWidthMianownik", {"0", "6"}},
+        {"audioDefaultToSpeaker", flags},
+    };
+    QRandomGenerator rng(20);
+    for (const auto& [key, values] : table) {
+        QByteArray bytes(24, '\0');
+        for (char& c : bytes)
+            c = static_cast<char>(rng.bounded(256));
+        QVariantList damaged = {bytes, "hello"};
+        for (const QString& v : values)
+            damaged.append(v);
+        for (const QVariant& value : damaged) {
+            SCOPED_TRACE(std::string(key) + " = " + value.toString().toStdString());
+            load()->saveDefaults();
+            raw().setValue(QString("analyzerDefaults.") + key, value);
+            const auto d = load();
+#define SAME(name, getter, value) EXPECT_EQ(d->getter(), reference->getter()) << #getter;
+            PERSISTED_SETTINGS(SAME)
+#undef SAME
+            EXPECT_EQ(2048, d->fftOutSize());
+            EXPECT_EQ(20.0f, d->logStartFrequency());
+        }
+    }
 }
 
 TEST_F(AnalyzerDefaultsTest, applyingPreferredValuesClampsAndReportsTheChange) {

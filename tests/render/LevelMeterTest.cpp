@@ -198,6 +198,38 @@ TEST_P(LevelMeterTest, closedQuotientLineRisesGraduallyAndDropsAtOnce) {
     EXPECT_NEAR(lineRow(img), h, 4.0);
 }
 
+// The turned legend, on either side and in both modes, stands wholly inside
+// the meter: clear of the top edge, and no shorter than its text.
+TEST_P(LevelMeterTest, legendInsideTheMeter_eitherSide_bothModes) {
+    AnalyzerFeatures::Switches cq;
+    cq.featureLevelMeterEnabled = true;
+    cq.featureVoiceEGG = true;
+    const auto isLegend = [](QRgb c) {
+        return std::abs(qRed(c) - 128) < 60 && qRed(c) == qGreen(c) && qGreen(c) == qBlue(c) &&
+               std::abs(qRed(c) - 51) > 3;
+    };
+    for (const AnalyzerFeatures& features :
+         {AnalyzerFeatures::spectrumProduct(), AnalyzerFeatures(cq)})
+        for (const bool right : {false, true}) {
+            SCOPED_TRACE(testing::Message()
+                         << "egg " << features.featureVoiceEGG() << ", right " << right);
+            auto meter = makeMeter(features);
+            meter->setOnTheRight(right);
+            const QImage img = meter->grabFramebuffer();
+            int top = img.height();
+            int bottom = -1;
+            const int legendRows = static_cast<int>(LevelMeterView::metrics(pad).readoutOrigin.y());
+            for (int y = 0; y < legendRows; ++y)
+                for (int x = 0; x < img.width(); ++x)
+                    if (isLegend(img.pixel(x, y))) {
+                        top = std::min(top, y);
+                        bottom = std::max(bottom, y);
+                    }
+            EXPECT_GE(top, 2);
+            EXPECT_GT(bottom - top, legendRows / 2);
+        }
+}
+
 INSTANTIATE_TEST_SUITE_P(DeviceClasses, LevelMeterTest, ::testing::Values(false, true),
                          [](const ::testing::TestParamInfo<bool>& p) {
                              return p.param ? "tablet" : "phone";

@@ -6,13 +6,16 @@
 #include "charts/ChartView.h"
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
+#include "core/SettingsStore.h"
 #include "dsp/FFTManager.h"
 #include "engine/AnalyzerController.h"
 #include "render/LevelMeterView.h"
 #include "ui/GeneralSettingsTableViewController.h"
+#include "ui/HelpViewController.h"
 #include "ui/SegmentedControl.h"
 #include "ui/SettingsRootViewController.h"
 #include "ui/TQMessage.h"
+#include "ui/iPad_TypeOfChartViewController.h"
 
 #include "ChartTestSupport.h"
 #include "TempSettings.h"
@@ -22,6 +25,7 @@
 #include <QLabel>
 #include <QMainWindow>
 #include <QMessageBox>
+#include <QScreen>
 #include <QSettings>
 #include <QSlider>
 #include <QTest>
@@ -29,6 +33,7 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <cmath>
 #include <memory>
 #include <optional>
@@ -191,12 +196,36 @@ TEST_F(MainScreenTest, startWithTone_chartPeaksAtToneAndMeterMoves_pauseStops) {
     LevelMeterView* meter = screen()->chartView()->levelMeterView();
     EXPECT_TRUE(QTest::qWaitFor([&] { return meter->levelDB() > -30.0f; }, 3000));
 
-    // Space pauses, as the button does.
+    // The help is read beside the running analysis; Esc or Ctrl+W closes it.
     QApplication::setActiveWindow(app_->window()); // no window manager to do it
+    QTest::keyClick(app_->window(), Qt::Key_F1);
+    HelpViewController* help = screen()->helpViewController();
+    ASSERT_TRUE(help != nullptr);
+    for (const QKeySequence& keys :
+         {QKeySequence(Qt::Key_Escape), QKeySequence(Qt::CTRL | Qt::Key_W)}) {
+        if (!help->isVisible())
+            QTest::mouseClick(screen()->helpButton(), Qt::LeftButton);
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(help));
+        const float before = screen()->chartView()->levelDB();
+        EXPECT_TRUE(
+            QTest::qWaitFor([&] { return screen()->chartView()->levelDB() != before; }, 2000));
+        EXPECT_TRUE(audio_->isRecording());
+        QApplication::setActiveWindow(help);
+        QTest::keySequence(help, keys);
+        EXPECT_FALSE(help->isVisible()) << keys.toString().toStdString();
+    }
+
+    // Space pauses, as the button does, and the meter falls empty at once.
+    QApplication::setActiveWindow(app_->window());
     QTest::keyClick(app_->window(), Qt::Key_Space);
     ASSERT_TRUE(waitRecording(false));
     EXPECT_EQ(screen()->recordPauseButton()->text(), "Start");
     EXPECT_TRUE(screen()->recordPauseButton()->isEnabled());
+    QTest::qWait(200);
+    const auto lit = [](QRgb c) { return qRed(c) > 200 && qGreen(c) < 60; };
+    const QImage column = meter->grabFramebuffer();
+    EXPECT_FALSE(test::topmost(column, +lit)) << "red segments while stopped";
+    EXPECT_EQ(meter->dbLabel()->text(), "-144.0");
 }
 
 TEST_F(MainScreenTest, startWithoutInputDevice_showsMessage_buttonsStayUsable) {
@@ -215,6 +244,70 @@ TEST_F(MainScreenTest, startWithoutInputDevice_showsMessage_buttonsStayUsable) {
     EXPECT_EQ(screen()->recordPauseButton()->text(), "Start");
     EXPECT_TRUE(screen()->recordPauseButton()->isEnabled());
     EXPECT_TRUE(screen()->settingsButton()->isEnabled());
+}
+
+// A fresh start as a user makes it: the octave RTA shows the tone's band
+// without any change of its settings first.
+TEST_F(MainScreenTest, freshStudio_octaveRTA_toneLightsItsBars) {
+    launch(AnalyzerFeatures::studioProduct());
+    test::SinkPlayer tone = toneOnFirstChannel();
+    ASSERT_TRUE(tone.start());
+    screen()->typeOfChartOctaveRTASelected();
+    clickStartPause();
+    ASSERT_TRUE(waitRecording(true));
+    ChartScrollView* chart = screen()->chartView()->chart();
+    EXPECT_TRUE(QTest::qWaitFor(
+        [&] { return test::topmost(chart->grabFramebuffer(), test::isBar).has_value(); }, 5000));
+}
+
+// Settings damaged since the last run (a display size that divided by zero,
+// a rate that left Start failing): the program starts and analyses a tone.
+TEST_F(MainScreenTest, damagedSettings_startAWorkingProgram) {
+    {
+        SettingsStore store("main-screen-test");
+        store.writeString(AnalyzerDefaults::kVersionKey, AnalyzerDefaults::kVersionTag);
+        store.writeInt("analyzerDefaults.fftDisplaySize", INT_MIN);
+        store.writeFloat("analyzerDefaults.sampleRate", 0.0f);
+        store.writeInt("analyzerDefaults.fftSize", 1000);
+        ASSERT_TRUE(store.sync());
+    }
+    launch(AnalyzerFeatures::spectrumProduct());
+    test::SinkPlayer tone = toneOnFirstChannel();
+    ASSERT_TRUE(tone.start());
+    clickStartPause();
+    ASSERT_TRUE(waitRecording(true));
+    expectToneOnChart();
+}
+
+// The popups of the bottom toolbar open inside the window and the screen,
+// with the window away from the screen's edges: the settings panel (it
+// opened 207 px past the window's right edge) and the chart-type list (it
+// opened below the window).
+TEST_F(MainScreenTest, toolbarPopupsOpenInsideTheWindow) {
+    for (const AnalyzerFeatures& features :
+         {AnalyzerFeatures::spectrumProduct(), AnalyzerFeatures::voiceProduct()}) {
+        launch(features);
+        QMainWindow* window = app_->window();
+        window->setGeometry(60, 40, 1000, 640);
+        ASSERT_TRUE(
+            QTest::qWaitFor([&] { return window->geometry().topLeft() == QPoint(60, 40); }));
+        const QRect inside = window->geometry() & window->screen()->availableGeometry();
+        const auto expectInside = [&](QWidget* popup) {
+            ASSERT_TRUE(popup != nullptr && popup->isVisible());
+            EXPECT_TRUE(inside.contains(popup->frameGeometry()))
+                << popup->metaObject()->className() << " at "
+                << QDebug::toString(popup->frameGeometry()).toStdString() << ", window "
+                << QDebug::toString(inside).toStdString();
+            popup->close();
+        };
+        QTest::mouseClick(screen()->settingsButton(), Qt::LeftButton);
+        expectInside(screen()->settingsPopoverViewController());
+        if (QToolButton* chartType = screen()->typeOfChartButton()) {
+            QTest::mouseClick(chartType, Qt::LeftButton);
+            expectInside(screen()->typeOfChartViewController());
+        }
+        release();
+    }
 }
 
 // --- Lifecycle
