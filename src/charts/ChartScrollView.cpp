@@ -290,8 +290,7 @@ void ChartScrollView::drawGLRect(const QRectF& rect) {
     e->setProjection({sx, 0, 0, 0, 0, sy, 0, 0, 0, 0, -1, 0,
                       static_cast<float>(-1.0 / (1.0 + 2.0 * mx)),
                       static_cast<float>(-1.0 / (1.0 + 2.0 * my)), 0, 1});
-    gl()->glClearColor(0.0f, 0.0f, 0.0f, 1.0f);
-    gl()->glClear(GL_COLOR_BUFFER_BIT);
+    e->clearColor(0.0f, 0.0f, 0.0f, 1.0f);
     if (mDefaults.dataValid() && mDefaults.features().featureSecondChartEnabled())
         drawPoints();
 }

@@ -464,10 +464,11 @@ void ChartView::rysujOpisyOctaveRTA() {
 }
 
 void ChartView::drawGLRect(const QRectF& /*rect*/) {
-    gl()->glClearColor(mOpisyBorderClearColor[0], mOpisyBorderClearColor[1],
-                       mOpisyBorderClearColor[2], mOpisyBorderClearColor[3]);
-    gl()->glClear(GL_COLOR_BUFFER_BIT);
-    if (!fullScreen_ || effect() == nullptr)
+    if (effect() == nullptr)
+        return;
+    effect()->clearColor(mOpisyBorderClearColor[0], mOpisyBorderClearColor[1],
+                         mOpisyBorderClearColor[2], mOpisyBorderClearColor[3]);
+    if (!fullScreen_)
         return;
     if (texturesPending_)
         makeTexturesNow();

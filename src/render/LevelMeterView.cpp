@@ -118,9 +118,7 @@ void LevelMeterView::drawGLRect(const QRectF& rect) {
     TQGLEffect* e = effect();
     if (e == nullptr)
         return;
-    QOpenGLFunctions* gl = context()->functions();
-    gl->glClearColor(0.05f, 0.05f, 0.05f, 1.0f);
-    gl->glClear(GL_COLOR_BUFFER_BIT);
+    e->clearColor(0.05f, 0.05f, 0.05f, 1.0f);
     if (!fullScreen_ || !features_.featureLevelMeterEnabled())
         return;
 

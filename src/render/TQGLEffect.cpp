@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cmath>
 #include <functional>
+#include <utility>
 
 namespace widmo {
 
@@ -36,13 +37,12 @@ precision mediump float;
 #endif
 uniform vec4 u_color;
 uniform float u_textured;
+uniform float u_imageOrder;
 uniform sampler2D u_texture0;
 varying vec2 v_texCoord0;
 void main() {
-    if (u_textured > 0.5)
-        gl_FragColor = texture2D(u_texture0, v_texCoord0);
-    else
-        gl_FragColor = u_color;
+    vec4 c = u_textured > 0.5 ? texture2D(u_texture0, v_texCoord0) : u_color;
+    gl_FragColor = u_imageOrder > 0.5 ? c.bgra : c;
 }
 )";
 
@@ -99,6 +99,7 @@ TQGLEffect::TQGLEffect(QOpenGLContext* context, float contentScaleFactor)
     uProjection_ = program_->uniformLocation("u_projection");
     uColor_ = program_->uniformLocation("u_color");
     uTextured_ = program_->uniformLocation("u_textured");
+    uImageOrder_ = program_->uniformLocation("u_imageOrder");
     uTexture_ = program_->uniformLocation("u_texture0");
 }
 
@@ -127,12 +128,19 @@ void TQGLEffect::prepareToDrawWithTexture(uint32_t name) {
     gl_->glBindTexture(GL_TEXTURE_2D, name);
 }
 
+void TQGLEffect::clearColor(float r, float g, float b, float a) {
+    if (imageLayout_)
+        std::swap(r, b);
+    gl_->glClearColor(r, g, b, a);
+    gl_->glClear(GL_COLOR_BUFFER_BIT);
+}
+
 void TQGLEffect::bindAndUpload() {
     if (program_ == nullptr)
         return;
     program_->bind();
     std::array<float, 16> projection = projection_;
-    if (topRowFirst_) {
+    if (imageLayout_) {
         // Negated clip-space y: the frame is read back top row first.
         for (int column = 0; column < 4; ++column)
             projection[static_cast<size_t>(4 * column + 1)] *= -1.0f;
@@ -140,6 +148,7 @@ void TQGLEffect::bindAndUpload() {
     gl_->glUniformMatrix4fv(uProjection_, 1, GL_FALSE, projection.data());
     gl_->glUniform4fv(uColor_, 1, color_.data());
     gl_->glUniform1f(uTextured_, textured_ ? 1.0f : 0.0f);
+    gl_->glUniform1f(uImageOrder_, imageLayout_ ? 1.0f : 0.0f);
     gl_->glUniform1i(uTexture_, 0);
     // Vertex data come from client memory, so no buffer may stay bound.
     gl_->glBindBuffer(GL_ARRAY_BUFFER, 0);

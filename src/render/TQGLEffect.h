@@ -58,9 +58,16 @@ public:
 
     /// Column-major 4x4 projection applied to every vertex.
     void setProjection(const std::array<float, 16>& matrix) { projection_ = matrix; }
-    /// Draws upside down in the frame buffer, so that its rows read back top
-    /// row first, as an image wants them; nothing else changes.
-    void setTopRowFirst(bool on) { topRowFirst_ = on; }
+    /// Draws for a frame buffer that is read back as a QImage (RGB32): upside
+    /// down, so that rows arrive top row first, and with red and blue swapped,
+    /// so that the RGBA bytes read back are the image's own B, G, R, A. What
+    /// the view shows does not change. Clear colours are the caller's: see
+    /// `clearColor`.
+    void setImageLayout(bool on) { imageLayout_ = on; }
+    bool imageLayout() const { return imageLayout_; }
+    /// Clears the bound frame buffer to a colour, in the image layout's byte
+    /// order when that is on.
+    void clearColor(float r, float g, float b, float a);
     /// The projection that maps unit space (0..1) to clip space (-1..1).
     static std::array<float, 16> unitSpaceProjection();
 
@@ -129,12 +136,13 @@ private:
     std::unique_ptr<QOpenGLShaderProgram> program_;
     float contentScaleFactor_ = 1.0f;
     std::array<float, 16> projection_{};
-    bool topRowFirst_ = false;
+    bool imageLayout_ = false;
     std::array<float, 4> color_{1.0f, 1.0f, 1.0f, 1.0f};
     bool textured_ = false;
     int uProjection_ = -1;
     int uColor_ = -1;
     int uTextured_ = -1;
+    int uImageOrder_ = -1;
     int uTexture_ = -1;
 };
 

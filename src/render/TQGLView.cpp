@@ -107,7 +107,7 @@ bool TQGLView::renderFrame() {
     const QSize pixels(std::max(1, qRound(width() * dpr)), std::max(1, qRound(height() * dpr)));
     if (!fbo_ || fbo_->size() != pixels) {
         fbo_ = std::make_unique<QOpenGLFramebufferObject>(pixels);
-        frame_ = QImage(pixels, QImage::Format_RGBX8888);
+        frame_ = QImage(pixels, QImage::Format_RGB32);
     }
     fbo_->bind();
     if (!effect_)
@@ -120,9 +120,11 @@ bool TQGLView::renderFrame() {
     f->glLineWidth(1.0f);
     paintGL();
     const qint64 drawNs = frameTime.nsecsElapsed();
-    // The effect drew upside down, so rows arrive top row first. RGBA is the
-    // frame buffer's own byte order: llvmpipe copies it without a conversion
-    // (measured: 1150 x 700 pixels read as RGBA almost free, as BGRA 0.4 ms).
+    // The effect drew in the image's layout: rows arrive top row first, and
+    // the frame buffer's RGBA bytes are the image's BGRA. RGBA is the read-back
+    // llvmpipe copies without a conversion (measured: 1150 x 700 pixels read
+    // as RGBA almost free, as BGRA 0.4 ms), and an RGB32 image reaches the
+    // window without one (another format was converted on Qt's thread pool).
     f->glReadPixels(0, 0, pixels.width(), pixels.height(), GL_RGBA, GL_UNSIGNED_BYTE,
                     frame_.bits());
     frame_.setDevicePixelRatio(dpr);
@@ -161,7 +163,7 @@ void TQGLView::setupGL() {
     effect_ = std::make_unique<TQGLEffect>(
         ctx, static_cast<float>(DeviceClass::contentScaleFactor(this)));
     effect_->setProjection(TQGLEffect::unitSpaceProjection());
-    effect_->setTopRowFirst(true);
+    effect_->setImageLayout(true);
     ctx->functions()->glEnableVertexAttribArray(TQGLEffect::kAttribPosition);
     // The context goes with the application object; our objects go first.
     connect(ctx, &QOpenGLContext::aboutToBeDestroyed, this, &TQGLView::tearDownGL,

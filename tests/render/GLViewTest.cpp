@@ -17,8 +17,7 @@ public:
 protected:
     void drawGLRect(const QRectF&) override {
         ++frames;
-        gl()->glClearColor(0.2f, 0.4f, 0.6f, 1.0f);
-        gl()->glClear(GL_COLOR_BUFFER_BIT);
+        effect()->clearColor(0.2f, 0.4f, 0.6f, 1.0f);
     }
 };
 

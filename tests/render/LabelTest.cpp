@@ -91,8 +91,7 @@ protected:
     }
     void releaseGLResources() override { texture.reset(); }
     void drawGLRect(const QRectF& rect) override {
-        gl()->glClearColor(0, 0, 0, 1);
-        gl()->glClear(GL_COLOR_BUFFER_BIT);
+        effect()->clearColor(0, 0, 0, 1);
         effect()->rysujTextTexture(texture.get(), anchor, 1.0f, orientation, rect.size(), bounds);
     }
 

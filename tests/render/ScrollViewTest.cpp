@@ -20,8 +20,7 @@ public:
 
 protected:
     void drawGLRect(const QRectF&) override {
-        gl()->glClearColor(0, 0, 0, 1);
-        gl()->glClear(GL_COLOR_BUFFER_BIT);
+        effect()->clearColor(0, 0, 0, 1);
         effect()->prepareToDrawWithConstantColor(1, 1, 1, 1);
         // Deliberately larger than the content square: the mask must cover it.
         const AffineTransform& t = actualContentTransform();
