@@ -127,13 +127,11 @@ void LevelMeterView::drawGLRect(const QRectF& rect) {
     const float level = levelDB();
     double shown = -144.0;
     if (level >= -144.0f) {
-        mLastLevelDB = static_cast<float>(mLastLevelDB + 0.4 * (double(level) - mLastLevelDB));
+        mLastLevelDB = nextLevelDB();
         shown = mLastLevelDB;
     }
     const float cq = closedQuotient();
-    mLastCQ = static_cast<float>(mLastCQ + 0.2 * (double(cq) - mLastCQ));
-    if (cq == 0.0f)
-        mLastCQ = 0.0f; // the line drops at once instead of gliding down
+    mLastCQ = nextCQ();
 
     if (features_.featureVoiceEGG())
         drawClosedQuotient(w, h);
@@ -143,12 +141,49 @@ void LevelMeterView::drawGLRect(const QRectF& rect) {
 
     if (mRefreshCounter < 0) {
         mRefreshCounter = 6;
-        mDBLabel->setText(features_.featureVoiceEGG()
-                              ? QString::asprintf("%.0f", double(cq) * 100.0)
-                              : QString::asprintf("%.1f", shown));
+        mDBLabel->setText(readoutText(shown, cq));
         mDBLabel->update();
     }
     --mRefreshCounter;
+}
+
+float LevelMeterView::nextLevelDB() const {
+    const double level = levelDB();
+    return static_cast<float>(mLastLevelDB + 0.4 * (level - mLastLevelDB));
+}
+
+float LevelMeterView::nextCQ() const {
+    const float cq = closedQuotient();
+    // The line drops at once instead of gliding down.
+    return cq == 0.0f ? 0.0f : static_cast<float>(mLastCQ + 0.2 * (double(cq) - mLastCQ));
+}
+
+int LevelMeterView::cqRow(double cq, double h) const {
+    const double columnHeight = h - metrics(pad_).legendSpace;
+    return static_cast<int>(std::lround(columnHeight * cq * devicePixelRatioF()));
+}
+
+QString LevelMeterView::readoutText(double shownLevel, float cq) const {
+    return features_.featureVoiceEGG() ? QString::asprintf("%.0f", double(cq) * 100.0)
+                                       : QString::asprintf("%.1f", shownLevel);
+}
+
+bool LevelMeterView::frameWouldChange() {
+    if (!fullScreen_ || !features_.featureLevelMeterEnabled())
+        return litShown_ == -2;
+    const float level = levelDB();
+    const float cq = closedQuotient();
+    const double next = level >= -144.0f ? nextLevelDB() : -144.0;
+    if (mRefreshCounter < 0 && readoutText(next, cq) != mDBLabel->text())
+        return true;
+    if (mRefreshCounter >= 0)
+        --mRefreshCounter;
+    if (features_.featureVoiceEGG()) {
+        const double h = height();
+        return cqRow(nextCQ(), h) != cqRowShown_ || cqRow(cq, h) != cqRowShown_;
+    }
+    return litSegmentCount(next, pad_) != litShown_ ||
+           litSegmentCount(std::max(level, -144.0f), pad_) != litShown_;
 }
 
 void LevelMeterView::drawLevelColumn(double shownLevel, double /*w*/, double h) {
@@ -156,6 +191,7 @@ void LevelMeterView::drawLevelColumn(double shownLevel, double /*w*/, double h) 
     const Metrics& m = metrics(pad_);
     const int n = m.segments;
     const int lit = litSegmentCount(shownLevel, pad_);
+    litShown_ = lit;
     const double columnHeight = 1.0 - m.legendSpace / h;
     const double pitch = columnHeight / n;
     const double gap = m.segmentGap / h;
@@ -184,6 +220,7 @@ void LevelMeterView::drawClosedQuotient(double w, double h) {
                         QPointF(1.0 - 5.0 / w, 0.0));
     e->prepareToDrawWithConstantColor(1.0f, 0.0f, 0.0f, 1.0f);
     const double y = columnHeight * mLastCQ;
+    cqRowShown_ = cqRow(mLastCQ, h);
     e->rysujLiniePoint1(QPointF(5.0 / w, y), QPointF(1.0 - 5.0 / w, y));
 }
 

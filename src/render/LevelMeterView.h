@@ -88,6 +88,11 @@ public:
 
 protected:
     void drawGLRect(const QRectF& rect) override;
+    /// False while the next frame would light the same segments (or put the
+    /// quotient's line on the same row) as the last, for the gliding value and
+    /// for the value it glides to, and would not change the read-out: a steady
+    /// level costs no frames.
+    bool frameWouldChange() override;
     void setupGLResources() override;
     void releaseGLResources() override;
 
@@ -97,6 +102,12 @@ private:
     void drawLevelColumn(double shownLevel, double w, double h);
     void drawClosedQuotient(double w, double h);
     void drawLegend(double w, double h);
+    /// Where the glide goes in the next frame from the last shown values.
+    float nextLevelDB() const;
+    float nextCQ() const;
+    /// Pixel row of the quotient's line for `cq` in a meter `h` points high.
+    int cqRow(double cq, double h) const;
+    QString readoutText(double shownLevel, float cq) const;
 
     AnalyzerFeatures features_;
     bool pad_ = false;
@@ -109,6 +120,9 @@ private:
     std::shared_ptr<TQTexture> mPodkladTexture;
     QLabel* mDBLabel = nullptr;
     int32_t mRefreshCounter = 0;
+    // What the last drawn frame showed; -2 before the first.
+    int litShown_ = -2;
+    int cqRowShown_ = -2;
     bool fullScreen_ = false;
     bool onTheRight_ = false;
     std::atomic<float> levelDB_{-144.0f};

@@ -60,7 +60,16 @@ void TQGLView::setFrameObserver(FrameObserver observer) { frameObserver() = std:
 TQGLView::TQGLView(QWidget* parent) : QWidget(parent) {
     // The frame covers the whole widget: nothing beneath needs painting first.
     setAttribute(Qt::WA_OpaquePaintEvent);
-    glkViewControlller_ = new TQFrameDriver([this] { requestFrame(); }, this);
+    glkViewControlller_ = new TQFrameDriver(
+        [this] {
+            if (frameWouldChange()) {
+                requestFrame();
+            } else if (mNeedsDisplay >= 1) {
+                --mNeedsDisplay;
+                changeRefreshStateIfNeeded();
+            }
+        },
+        this);
 }
 
 TQGLView::~TQGLView() {

@@ -112,6 +112,11 @@ protected:
     QOpenGLFunctions* gl() const { return context()->functions(); }
     /// The driver's frame: the next paint draws a new frame.
     void requestFrame();
+    /// Asked at each frame of the driver, before drawing: false when the frame
+    /// would show the same picture as the last one, which is then not drawn
+    /// (the frame still counts against the frames left to draw). Drawing on
+    /// request (`grabFramebuffer`, a resize) does not ask. Default: true.
+    virtual bool frameWouldChange() { return true; }
     /// Draws the content; `rect` is the view's bounds in points. Empty here.
     virtual void drawGLRect(const QRectF& rect);
     /// One display frame: `drawGLRect`, then the redraw bookkeeping.

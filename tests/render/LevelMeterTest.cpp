@@ -3,6 +3,7 @@
 
 #include <QImage>
 #include <QLabel>
+#include <QTest>
 
 #include <gtest/gtest.h>
 
@@ -228,6 +229,30 @@ TEST_P(LevelMeterTest, legendInsideTheMeter_eitherSide_bothModes) {
             EXPECT_GE(top, 2);
             EXPECT_GT(bottom - top, legendRows / 2);
         }
+}
+
+// Shown on screen and fed a steady level as the engine does (a new value and a
+// redraw request every 1/60 s), the meter draws while the column rises, then no
+// more frames until the level moves to another segment.
+TEST_P(LevelMeterTest, steadyLevel_drawsNoFramesOnceSettled) {
+    auto meter = makeMeter(AnalyzerFeatures::spectrumProduct());
+    meter->show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(meter.get()));
+    const auto feed = [&](float level, int ms) {
+        for (int t = 0; t < ms; t += 17) {
+            meter->setLevelDB(level);
+            meter->setNeedsDisplay();
+            QTest::qWait(17);
+        }
+    };
+    feed(-20.0f, 600);
+    const int64_t settled = meter->drawnFrameCount();
+    feed(-20.0f, 500);
+    EXPECT_LE(meter->drawnFrameCount(), settled + 1) << "frames of an unchanged picture";
+    feed(-6.0f, 300);
+    EXPECT_GT(meter->drawnFrameCount(), settled + 2);
+    EXPECT_EQ(LevelMeterView::litSegmentCount(meter->lastLevelDB(), pad),
+              LevelMeterView::litSegmentCount(-6.0, pad));
 }
 
 INSTANTIATE_TEST_SUITE_P(DeviceClasses, LevelMeterTest, ::testing::Values(false, true),
