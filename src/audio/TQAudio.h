@@ -237,8 +237,8 @@ private:
     TQMessageInterface* messages_ = nullptr;
     QList<QByteArray> knownInputIds_; ///< ids of the inputs, then the default input's
 
-    CallMailbox mainCalls_; // runs on the main thread
-    QThread audioThread_;
+    CallMailbox mainCalls_;             // runs on the main thread
+    QThread audioThread_;               // the control thread: opens and closes streams
     AudioIOUnit* unit_ = nullptr;       // lives on audioThread_
     CallMailbox* audioCalls_ = nullptr; // lives on audioThread_
 };

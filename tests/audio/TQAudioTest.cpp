@@ -77,6 +77,7 @@ protected:
     }
     void TearDown() override {
         audio.stop();
+        audio.setDelegate(nullptr); // no block in flight reaches the delegate being destroyed
         if (virtualMicrophoneModule() < 0)
             loadVirtualMicrophone();
     }
