@@ -289,6 +289,11 @@ void TQAudio::setInputGain(float gain) {
 // --- Audio thread ---------------------------------------------------------------------------
 
 void TQAudio::inputAvailable(int32_t frames) {
+    // Only the cycles of a running recording count: the stream delivers a
+    // little before its start completes and until the control thread has
+    // closed it after a stop.
+    if (!isRecording())
+        return;
     // Without an output stream the capture cycles are the device's cycles and
     // are counted here, as the render callback counts them during playback.
     // (A read-modify-write, so that the reset of a new recording is never lost.)
@@ -296,8 +301,6 @@ void TQAudio::inputAvailable(int32_t frames) {
                               ? renderCycles_.load(std::memory_order_acquire)
                               : renderCycles_.fetch_add(1, std::memory_order_acq_rel);
     if (cycle <= skipThreshold_.load(std::memory_order_acquire))
-        return;
-    if (!isRecording())
         return;
     // The task (and buffer) of the next slot is still waiting when the queue
     // lags 127 blocks behind; the block is then dropped rather than written
