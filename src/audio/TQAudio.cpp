@@ -233,6 +233,7 @@ void TQAudio::setupAndStartAudioUnit(std::function<void(bool)> completion) {
                 lastStartFailureDevice_ = result.deviceName;
                 if (result.ok()) {
                     runningInput_ = config.input;
+                    runningConfig_ = config;
                     runningSampleRate_ =
                         config.enableInput ? config.sampleRate : config.outputSampleRate;
                 } else {
@@ -360,7 +361,32 @@ void TQAudio::checkInputs() {
         findDevice(availableInputs(), runningInput_).isNull()) {
         qWarning("error %d from %s", -1, "SoundServer: input removed");
         handleRunningFailure(AudioIOFailure::InputDeviceLost, runningInput_.description);
+        return;
     }
+    followDefaultInput();
+}
+
+void TQAudio::followDefaultInput() {
+    // Nothing chosen: a running capture moves to the server's new default
+    // input (a new stream on it; the ring and the deliveries go on).
+    if (!isRecording() || !preferredInput_.isNull() || runningInput_.isNull() ||
+        !server_.isConnected())
+        return;
+    const AudioDevice target = server_.defaultInput();
+    if (target.isNull() || target.id == runningInput_.id)
+        return;
+    AudioIOUnit::Config config = runningConfig_;
+    config.input = target;
+    config.inputVolume = inputGain_;
+    runningInput_ = target;
+    runningConfig_ = config;
+    AudioIOUnit* unit = unit_;
+    audioCalls_->post([this, unit, config] {
+        const AudioIOUnit::Result result = unit->start(config);
+        if (!result.ok())
+            mainCalls_.post(
+                [this, result] { handleRunningFailure(result.failure, result.deviceName); });
+    });
 }
 
 void TQAudio::handleRunningFailure(AudioIOFailure failure, const QString& deviceName) {

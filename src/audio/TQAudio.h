@@ -2,6 +2,7 @@
 
 #include "audio/AudioDevice.h"
 #include "audio/AudioIOFailure.h"
+#include "audio/AudioIOUnit.h"
 #include "audio/AudioIOUnitClient.h"
 #include "audio/CallMailbox.h"
 #include "audio/CaptureBufferRing.h"
@@ -42,7 +43,8 @@ class TQMessageInterface;
 ///
 /// The object also stands for the platform's audio session: the available
 /// inputs, the preferred input (the device that the next start opens; none
-/// means the sound server's default input, followed as it changes), the
+/// means the sound server's default input, followed as it changes, by a
+/// running capture too), the
 /// hardware input gain (the capture volume) and the analysed channel.
 ///
 /// Failures: a start that cannot open its device completes with false and then
@@ -202,6 +204,7 @@ private:
     void reportFailure(AudioIOFailure failure, const QString& deviceName, bool playback,
                        bool startFailed);
     void checkInputs();
+    void followDefaultInput();
     int ioBufferFrames() const;
 
     AnalyzerDefaults& defaults_;
@@ -229,6 +232,7 @@ private:
     // Session state, main thread.
     AudioDevice preferredInput_;
     AudioDevice runningInput_;
+    AudioIOUnit::Config runningConfig_; ///< of the running streams
     int runningSampleRate_ = 0;
     float inputGain_ = 1.0f;
     AudioIOFailure lastStartFailure_ = AudioIOFailure::None;

@@ -147,11 +147,15 @@ TEST_F(AudioInputPickerTest, nothingChosen_opensTheServersDefaultInput_andFollow
     ASSERT_TRUE(QTest::qWaitFor([&] { return calls > 0; }, 5000));
     ASSERT_TRUE(started);
     EXPECT_EQ(recordedMicrophones(), QStringList{"widmo_mic2"});
-    fresh.stop();
 
-    // Another default while nothing is chosen: the page and the next start follow it.
+    // Another default while nothing is chosen: the capture, the page and the
+    // next start follow it.
     QSignalSpy refreshed(&freshPicker, &Picker::selectionRefreshed);
     ASSERT_EQ(test::runTool("pactl", {"set-default-source", "widmo_mic"}), 0);
+    EXPECT_TRUE(
+        QTest::qWaitFor([&] { return recordedMicrophones() == QStringList{"widmo_mic"}; }, 3000));
+    EXPECT_TRUE(fresh.isRecording());
+    fresh.stop();
     ASSERT_TRUE(QTest::qWaitFor([&] { return refreshed.count() > 0; }, 3000));
     EXPECT_EQ(fresh.currentInput().description, "WidmoTestMic");
     EXPECT_EQ(freshPicker.titleForRow(freshPicker.selectedRowInComponent(0), 0), "WidmoTestMic");
