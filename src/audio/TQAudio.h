@@ -33,19 +33,19 @@ class TQMessageInterface;
 /// PulseAudio layer).
 ///
 /// The sound server's main loop thread is the audio thread, where the I/O
-/// unit's (`AudioIOUnit`) callbacks run: every capture
-/// cycle renders the waiting frames, interleaved stereo 32-bit float at the
-/// document's sample rate, into the next of 128 capture buffers and posts the
-/// block, without a copy or an allocation, to the serial delivery queue
-/// `audioDispatchQueue`, which hands the blocks to the delegate's
-/// `didGetNewAudioData` in capture order. Playback pulls mono float samples
-/// from the delegate's `giveNewAudioData` once per render cycle.
+/// unit's (`AudioIOUnit`) callbacks run: every capture cycle renders the
+/// waiting frames, interleaved stereo 32-bit float at the document's sample
+/// rate, into the next of 128 capture buffers and posts the block, without a
+/// copy or an allocation, to the serial delivery queue `audioDispatchQueue`,
+/// which hands the blocks to the delegate's `didGetNewAudioData` in capture
+/// order. Playback pulls mono float samples from the delegate's
+/// `giveNewAudioData` once per render cycle.
 ///
 /// The object also stands for the platform's audio session: the available
 /// inputs, the preferred input (the device that the next start opens; none
-/// means the sound server's default input, followed as it changes, by a
-/// running capture too), the
-/// hardware input gain (the capture volume) and the analysed channel.
+/// means the sound server's default input, which a running capture follows
+/// too), the hardware input gain (the capture volume) and the analysed
+/// channel.
 ///
 /// Failures: a start that cannot open its device completes with false and then
 /// tells the user ("Recording disabled."); a device or sound server that goes
@@ -55,13 +55,14 @@ class TQMessageInterface;
 /// "error %d from %s".
 ///
 /// Threading: starts, stops, the session functions and every completion run on
-/// the main thread; a control thread opens and closes the streams, so that the
-/// main thread never waits for the server. The capture and render callbacks
-/// run on the audio thread (no allocation, no waiting, no lock of their own:
-/// they run under the server's main loop lock, which other threads hold only
-/// briefly); deliveries run on the delivery queue. `isRecording`, `isPlaying`,
-/// `currentInputChannel`, the delegate and the start-up counters are atomics read across these
-/// threads.
+/// the main thread. A control thread opens and closes the streams (a start
+/// waits there for the server's answer, not on the main thread; a stop waits
+/// for the control thread). The capture and render callbacks run on the audio
+/// thread: no allocation, no waiting, no lock of their own (they run under
+/// the server's main loop lock, which other threads hold only briefly).
+/// Deliveries run on the delivery queue. `isRecording`, `isPlaying`,
+/// `currentInputChannel`, the delegate and the start-up counters are atomics
+/// read across these threads.
 class TQAudio final : public QObject, public TQAudioInterface, private AudioIOUnitClient {
     Q_OBJECT
 public:
