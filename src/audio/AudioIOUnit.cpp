@@ -78,16 +78,16 @@ pa_stream* AudioIOUnit::openStream(const Config& config, bool capture, Result& r
         result = {AudioIOFailure::ServerLost, device.description};
         return nullptr;
     }
-    const pa_sample_spec spec{PA_SAMPLE_FLOAT32LE,
-                              uint32_t(capture ? config.sampleRate : config.outputSampleRate),
-                              uint8_t(capture ? 2 : 1)};
-    if (config.sampleRate <= 0 || config.outputSampleRate <= 0 || !pa_sample_spec_valid(&spec)) {
+    const pa_sample_spec format{PA_SAMPLE_FLOAT32LE,
+                                uint32_t(capture ? config.sampleRate : config.outputSampleRate),
+                                uint8_t(capture ? 2 : 1)};
+    if (config.sampleRate <= 0 || config.outputSampleRate <= 0 || !pa_sample_spec_valid(&format)) {
         qWarning("error %d from %s", PA_ERR_INVALID, "pa_sample_spec_valid");
         result = {openFailed, device.description};
         return nullptr;
     }
     pa_stream* stream =
-        pa_stream_new(context, capture ? "Widmo capture" : "Widmo playback", &spec, nullptr);
+        pa_stream_new(context, capture ? "Widmo capture" : "Widmo playback", &format, nullptr);
     if (stream == nullptr) {
         logError(context, "pa_stream_new");
         result = {openFailed, device.description};

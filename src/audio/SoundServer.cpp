@@ -16,12 +16,12 @@ namespace widmo {
 
 namespace {
 
-AudioDevice deviceOf(const char* name, const char* description, const pa_sample_spec& spec) {
+AudioDevice deviceOf(const char* name, const char* description, const pa_sample_spec& format) {
     AudioDevice device;
     device.id = QByteArray(name);
     device.description = QString::fromUtf8(description != nullptr ? description : name);
-    device.channels = spec.channels;
-    device.sampleRate = int(spec.rate);
+    device.channels = format.channels;
+    device.sampleRate = int(format.rate);
     return device;
 }
 
