@@ -10,12 +10,11 @@ set -euo pipefail
 
 PACKAGES=(
     build-essential cmake ninja-build ccache pkg-config git clang-format
-    qt6-base-dev qt6-base-dev-tools libqt6opengl6-dev qt6-multimedia-dev
+    qt6-base-dev qt6-base-dev-tools libqt6opengl6-dev
     libgl-dev libgles-dev libgl1-mesa-dri
-    libfftw3-dev libsndfile1-dev libsoxr-dev libjack-jackd2-dev
+    libfftw3-dev libsndfile1-dev libsoxr-dev libjack-jackd2-dev libpulse-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     fonts-liberation
-    gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-pulseaudio
 )
 TEST_PACKAGES=(
     pulseaudio pulseaudio-utils sox

@@ -87,6 +87,9 @@ services_start() {
 
 services_stop() {
     local pid
+    # A test may have restarted the sound server as a daemon on the same
+    # socket (a server-restart test); it is asked to end first.
+    [ -n "$WIDMO_SERVICES_DIR" ] && timeout 5 pactl exit >/dev/null 2>&1 || true
     for pid in "${_widmo_pids[@]}"; do
         kill "$pid" 2>/dev/null || true
     done

@@ -19,7 +19,7 @@
 
 namespace widmo::test {
 
-/// `soundServer`: the tests play and record through Qt Multimedia, and the
+/// `soundServer`: the tests play and record through the sound server, and the
 /// binary ends without Qt's global teardown (see exitAfterTests).
 inline int runGuiTests(int argc, char** argv, const char* applicationName,
                        bool soundServer = false) {

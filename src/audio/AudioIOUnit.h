@@ -1,38 +1,40 @@
 #pragma once
 
+#include "audio/AudioDevice.h"
 #include "audio/AudioIOFailure.h"
+#include "audio/CallMailbox.h"
 
-#include <QAudio>
-#include <QAudioDevice>
 #include <QObject>
-#include <QPointer>
 #include <QString>
 
 #include <atomic>
 #include <cstdint>
-#include <memory>
 
-class QAudioSink;
-class QAudioSource;
-class QIODevice;
+struct pa_stream;
 
 namespace widmo {
 
 class AudioIOUnitClient;
-class AudioRenderDevice;
+class SoundServer;
 
 /// The platform's audio I/O unit: one capture stream (interleaved stereo
-/// 32-bit float) and one playback stream (mono 32-bit float) on Qt Multimedia,
-/// driven by the event loop of the audio thread.
+/// 32-bit float) and one playback stream (mono 32-bit float) on the sound
+/// server's connection (libpulse).
 ///
-/// Each notification of the capture stream is one input cycle: the unit asks
-/// the client to take the waiting frames (`inputAvailable`, then
-/// `renderInput`), at most one capture buffer at a time. Each read of the
-/// playback stream is one render cycle (`renderOutput`).
+/// Each read notification of the capture stream is one input cycle: the unit
+/// asks the client to take the waiting frames (`inputAvailable`, then
+/// `renderInput`), at most one capture buffer at a time. Each write request of
+/// the playback stream is one render cycle (`renderOutput`). A stream that
+/// fails while running (its device went away, or the server did) closes both
+/// streams and tells the client (`unitFailed`) on the unit's own thread.
 ///
-/// Threading: the object lives on the audio thread, and every function except
-/// `inputVolume` is called there (through queued calls from other threads).
-/// Client callbacks run on the audio thread.
+/// Threading: the object lives on one thread (its owner's; the audio object's
+/// control thread), where `start`, `stop` and `setInputVolume` are called
+/// and `unitFailed` arrives; none of them may be called on the sound server's
+/// main loop thread. `inputAvailable`, `renderInput` and `renderOutput` run on
+/// that main loop thread (the real-time thread), with the server's lock held:
+/// they neither allocate nor wait; `start` and `stop` take the lock.
+/// `inputVolume` is an atomic, any thread.
 class AudioIOUnit : public QObject {
     Q_OBJECT
 public:
@@ -41,8 +43,8 @@ public:
     static constexpr int32_t kMaxInputFrames = 32768;
 
     struct Config {
-        QAudioDevice input;  ///< capture device; null with `enableInput` fails the start
-        QAudioDevice output; ///< playback device; null with `enableOutput` fails the start
+        AudioDevice input;  ///< capture device; null with `enableInput` fails the start
+        AudioDevice output; ///< playback device; null with `enableOutput` fails the start
         bool enableInput = false;
         bool enableOutput = false;
         int sampleRate = 44100;       ///< capture rate, Hz
@@ -57,48 +59,57 @@ public:
         bool ok() const { return failure == AudioIOFailure::None; }
     };
 
-    explicit AudioIOUnit(AudioIOUnitClient& client, QObject* parent = nullptr);
+    /// `client` and `server` must outlive the unit.
+    AudioIOUnit(AudioIOUnitClient& client, SoundServer& server, QObject* parent = nullptr);
     ~AudioIOUnit() override;
 
-    /// Opens and starts the streams `config` enables. On failure nothing stays
-    /// open, and the result names the failure and the device.
+    /// Opens and starts the streams `config` enables; returns once they run
+    /// (a round trip to the server) or failed. On failure nothing stays open,
+    /// and the result names the failure and the device. Without a server the
+    /// failure is `ServerLost`.
     Result start(const Config& config);
     /// Closes every stream; no client callback follows. Safe when nothing runs.
     void stop();
     bool isRunning() const { return source_ != nullptr || sink_ != nullptr; }
 
-    /// Inside `inputAvailable`: copies up to `frames` waiting frames to `dest`
-    /// (interleaved stereo) and returns how many were copied.
+    /// Inside `inputAvailable` only (real-time thread): copies up to `frames`
+    /// waiting frames to `dest` (interleaved stereo) and returns how many were
+    /// copied.
     int32_t renderInput(float* dest, int32_t frames);
 
-    /// Capture volume 0..1, applied to the running stream and to later starts.
+    /// Capture volume 0..1 (the capture stream's volume on the server, linear),
+    /// applied to the running stream and to later starts.
     void setInputVolume(float volume);
     /// Any thread.
     float inputVolume() const { return inputVolume_.load(std::memory_order_acquire); }
 
     /// The device the running capture stream reads (null when none runs).
-    const QAudioDevice& runningInput() const { return runningInput_; }
-
-    /// Whether the platform lets the capture volume be set: probed once on
-    /// a stream that is not started.
-    static bool probeInputVolumeSettable(const QAudioDevice& device);
+    const AudioDevice& runningInput() const { return runningInput_; }
 
 private:
-    void onInputReady();
-    void onSourceStateChanged(QAudio::State state);
-    void onSinkStateChanged(QAudio::State state);
-    void fail(AudioIOFailure failure, const QString& deviceName);
-    static AudioIOFailure streamFailure(QAudio::Error error, AudioIOFailure deviceFailure);
+    static void onSourceState(pa_stream* stream, void* self);
+    static void onSinkState(pa_stream* stream, void* self);
+    static void onRead(pa_stream* stream, size_t bytes, void* self);
+    static void onWrite(pa_stream* stream, size_t bytes, void* self);
+    pa_stream* openStream(const Config& config, bool capture, Result& result);
+    void closeStream(pa_stream*& stream);
+    void applyInputVolume();
+    void streamFailed(pa_stream* stream, bool capture);
 
     AudioIOUnitClient& client_;
-    QAudioSource* source_ = nullptr;
-    // The stream deletes its device itself when the sound server goes away.
-    QPointer<QIODevice> sourceIO_;
-    QAudioSink* sink_ = nullptr;
-    AudioRenderDevice* renderDevice_ = nullptr;
-    QAudioDevice runningInput_;
-    QAudioDevice runningOutput_;
-    std::unique_ptr<char[]> discard_; ///< where frames the client leaves are read to
+    SoundServer& server_;
+    CallMailbox calls_; // the unit's thread: failures travel here
+    // Under the server's lock.
+    pa_stream* source_ = nullptr;
+    pa_stream* sink_ = nullptr;
+    bool running_ = false;    ///< both streams are up; a failure from now on is reported
+    uint64_t generation_ = 0; ///< counts starts, so a late failure cannot stop a newer start
+    AudioDevice runningInput_;
+    AudioDevice runningOutput_;
+    // The capture fragment being handed out (real-time thread).
+    const char* fragment_ = nullptr;
+    int32_t fragmentFrames_ = 0;
+    int32_t fragmentPos_ = 0;
     int32_t framesTaken_ = 0;
     std::atomic<float> inputVolume_{1.0f};
 };

@@ -11,9 +11,10 @@ namespace widmo {
 /// What the I/O unit calls back, the equivalent of the input and render
 /// callbacks of a hardware I/O unit.
 ///
-/// Threading: every function is called on the audio thread, inside the unit's
-/// event processing. Implementations do not lock, wait or allocate in
-/// `inputAvailable` and `renderOutput`.
+/// Threading: `inputAvailable` and `renderOutput` are called on the audio
+/// thread (the sound server's main loop thread, with its lock held):
+/// implementations do not lock, wait or allocate there, and do not call the
+/// unit's `start` or `stop`. `unitFailed` is called on the unit's own thread.
 class AudioIOUnitClient {
 public:
     virtual ~AudioIOUnitClient() = default;

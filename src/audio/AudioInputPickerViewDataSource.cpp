@@ -23,7 +23,7 @@ int AudioInputPickerViewDataSource::numberOfRowsInComponent(int component) const
     case kComponentPort:
         return int(inputs_.size());
     case kComponentDataSource:
-        return 0; // Qt exposes no selectable data sources (microphone positions) of a port
+        return 0; // the sound server has no selectable data sources (microphone positions)
     case kComponentChannel:
         return channelRows_;
     default:
@@ -35,7 +35,7 @@ QString AudioInputPickerViewDataSource::titleForRow(int row, int component) cons
     if (row < 0 || row >= numberOfRowsInComponent(component))
         return "---";
     if (component == kComponentPort)
-        return inputs_[row].description();
+        return inputs_[row].description;
     return QString::asprintf("%d", row + 1);
 }
 
@@ -59,12 +59,13 @@ int AudioInputPickerViewDataSource::selectedRowInComponent(int component) const 
 
 void AudioInputPickerViewDataSource::refreshPickerInputSelection() {
     inputs_ = audio_.availableInputs();
-    const QAudioDevice current = audio_.currentInput();
-    channelRows_ = std::min(std::max(current.isNull() ? 0 : current.maximumChannelCount(), 1), 2);
+    const AudioDevice current = audio_.currentInput();
+    channelRows_ = std::min(std::max(current.isNull() ? 0 : current.channels, 1), 2);
+    deviceRate_ = current.isNull() ? 0 : current.sampleRate;
 
     selected_[kComponentPort] = -1;
     for (int i = 0; i < int(inputs_.size()); ++i) {
-        if (!current.isNull() && inputs_[i].id() == current.id()) {
+        if (!current.isNull() && inputs_[i].id == current.id) {
             selected_[kComponentPort] = i;
             break;
         }
@@ -90,6 +91,25 @@ void AudioInputPickerViewDataSource::refreshPickerInputWithDelay(bool delay) {
 
 void AudioInputPickerViewDataSource::setObservingInputChanges(bool observe) {
     observing_ = observe;
+}
+
+QString AudioInputPickerViewDataSource::deviceSampleRateLabel() const {
+    if (deviceRate_ <= 0)
+        return QString();
+    return QString("Device rate: %1 Hz").arg(deviceRate_);
+}
+
+QString AudioInputPickerViewDataSource::sampleRateWarning() const {
+    const int chosen = int(std::lround(defaults_.sampleRate()));
+    if (deviceRate_ <= 0 || chosen <= deviceRate_)
+        return QString();
+    // The server converts the device's samples to the chosen rate: nothing
+    // above the device's own Nyquist frequency was ever captured.
+    return QString("The input runs at %1 Hz and is converted to %2 Hz: content above %3 Hz is "
+                   "not real (only the converter's slope).")
+        .arg(deviceRate_)
+        .arg(chosen)
+        .arg(deviceRate_ / 2);
 }
 
 bool AudioInputPickerViewDataSource::inputSelectionEnabled() const { return !audio_.isPlaying(); }

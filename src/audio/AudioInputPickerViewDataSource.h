@@ -1,6 +1,7 @@
 #pragma once
 
-#include <QAudioDevice>
+#include "audio/AudioDevice.h"
+
 #include <QList>
 #include <QObject>
 #include <QString>
@@ -52,18 +53,30 @@ public:
     /// The row selected in `component` by the last refresh or choice; -1 none.
     int selectedRowInComponent(int component) const;
     /// The inputs listed in column 0, as of the last refresh.
-    const QList<QAudioDevice>& availableInputs() const { return inputs_; }
+    const QList<AudioDevice>& availableInputs() const { return inputs_; }
+
+    // --- Device rate -------------------------------------------------------------------------
+
+    /// The current input's own sample rate in Hz as of the last refresh; 0
+    /// without an input.
+    int deviceSampleRate() const { return deviceRate_; }
+    /// "Device rate: 48000 Hz" (empty without an input).
+    QString deviceSampleRateLabel() const;
+    /// When the document's rate is above the device's own: what that means
+    /// for the spectrum above half the device's rate; else empty.
+    QString sampleRateWarning() const;
 
     // --- Refresh -----------------------------------------------------------------------------
 
-    /// Reloads the columns and selects the current input, the current data
-    /// source and the analysed channel (reset to 0 when the new input has fewer
-    /// channels); then `selectionRefreshed`.
+    /// Reloads the columns and selects the current input (the server's
+    /// default while none is chosen), the current data source and the analysed
+    /// channel (reset to 0 when the new input has fewer channels), and the
+    /// device's rate; then `selectionRefreshed`.
     void refreshPickerInputSelection();
     /// With `delay` the refresh runs 0.2 s later, else at once.
     void refreshPickerInputWithDelay(bool delay);
     /// While the screen is visible and selection enabled: a device arriving or
-    /// going away causes a delayed refresh.
+    /// going away, or another default input, causes a delayed refresh.
     void setObservingInputChanges(bool observe);
     bool observingInputChanges() const { return observing_; }
     /// Input selection is offered only while nothing plays.
@@ -100,8 +113,9 @@ private:
 
     TQAudio& audio_;
     AnalyzerDefaults& defaults_;
-    QList<QAudioDevice> inputs_;
+    QList<AudioDevice> inputs_;
     int channelRows_ = 1;
+    int deviceRate_ = 0;
     std::array<int, kNumberOfComponents> selected_{-1, -1, -1};
     bool observing_ = false;
     bool inputGainSettable_ = false;

@@ -9,7 +9,6 @@
 #include "engine/TQMessageInterface.h"
 
 #include <QCoreApplication>
-#include <QMediaDevices>
 #include <QMetaObject>
 #include <QtGlobal>
 
@@ -29,9 +28,22 @@ void deleteSharedAudio() {
     sharedInstance = nullptr;
 }
 
-bool containsDevice(const QList<QAudioDevice>& devices, const QAudioDevice& device) {
-    return std::any_of(devices.begin(), devices.end(),
-                       [&](const QAudioDevice& d) { return d.id() == device.id(); });
+// The device of `devices` with the id of `device` (null when none): the list
+// has its current fields (rate, channels).
+AudioDevice findDevice(const QList<AudioDevice>& devices, const AudioDevice& device) {
+    for (const AudioDevice& d : devices) {
+        if (d.id == device.id)
+            return d;
+    }
+    return AudioDevice();
+}
+
+QList<QByteArray> inputIds(const SoundServer& server) {
+    QList<QByteArray> ids;
+    for (const AudioDevice& device : server.inputs())
+        ids << device.id;
+    ids << server.defaultInput().id;
+    return ids;
 }
 
 } // namespace
@@ -40,22 +52,15 @@ TQAudio::TQAudio(AnalyzerDefaults& defaults, const AnalyzerFeatures& features)
     : defaults_(defaults), features_(features) {
     for (DeliveryTask& task : deliveries_)
         task.owner = this;
-    mediaDevices_ = new QMediaDevices(this);
-    connect(mediaDevices_, &QMediaDevices::audioInputsChanged, this, &TQAudio::checkInputs);
-    // Qt 6.4's PulseAudio back end updates its device list without announcing
-    // it, so the list is also compared on a timer.
-    for (const QAudioDevice& device : QMediaDevices::audioInputs())
-        knownInputIds_ << device.id();
-    inputsWatch_.setInterval(250);
-    connect(&inputsWatch_, &QTimer::timeout, this, &TQAudio::checkInputs);
-    inputsWatch_.start();
+    knownInputIds_ = inputIds(server_);
+    connect(&server_, &SoundServer::devicesChanged, this, &TQAudio::checkInputs);
 
-    audioThread_.setObjectName("widmo audio");
-    unit_ = new AudioIOUnit(*this);
+    audioThread_.setObjectName("widmo audio control");
+    unit_ = new AudioIOUnit(*this, server_);
     unit_->moveToThread(&audioThread_);
     audioCalls_ = new CallMailbox;
     audioCalls_->moveToThread(&audioThread_);
-    audioThread_.start(QThread::TimeCriticalPriority);
+    audioThread_.start();
 }
 
 TQAudio::~TQAudio() {
@@ -75,8 +80,8 @@ TQAudio& TQAudio::sharedAudio() {
     if (sharedInstance == nullptr) {
         sharedInstance =
             new TQAudio(AnalyzerDefaults::sharedDefaults(), AnalyzerFeatures::sharedFeatures());
-        // Streams must close while the platform's audio back end still exists,
-        // which is no longer so after the application object is gone.
+        // Streams close while the application object still exists, as the
+        // rest of the process's objects do.
         qAddPostRoutine(deleteSharedAudio);
     }
     return *sharedInstance;
@@ -158,19 +163,19 @@ void TQAudio::stop() {
 // --- Session ----------------------------------------------------------------------------
 
 void TQAudio::activateAudioSession(std::function<void(bool)> completion) {
-    // No platform this runs on asks for microphone permission through Qt 6.4;
-    // the answer is "granted", delivered as the permission answer would be: on
-    // the main queue.
+    // The sound server asks no microphone permission; the answer is
+    // "granted", delivered as the permission answer would be: on the main
+    // queue.
     MainQueue::async(
         [this, completion = std::move(completion)] {
             if (mSessionActivatedForMultiRoute_) {
                 completion(true);
                 return;
             }
-            // The session is usable when the platform's audio system answers with
-            // at least one device; without a sound server it lists none.
-            if (QMediaDevices::audioInputs().isEmpty() && QMediaDevices::audioOutputs().isEmpty()) {
-                qWarning("error %d from %s", -1, "QMediaDevices: no audio devices");
+            // The session is usable when the sound server answers with at
+            // least one device; without a server it lists none.
+            if (server_.inputs().isEmpty() && server_.defaultOutput().isNull()) {
+                qWarning("error %d from %s", -1, "SoundServer: no audio devices");
                 completion(false);
                 return;
             }
@@ -205,8 +210,8 @@ void TQAudio::setupAndStartAudioUnit(std::function<void(bool)> completion) {
         // Output runs for playback only: while recording, the cycles of the
         // capture stream are the device's cycles, and no silence needs playing.
         config.enableOutput = willPlay;
-        config.input = willRecord ? currentInput() : QAudioDevice();
-        config.output = willPlay ? QMediaDevices::defaultAudioOutput() : QAudioDevice();
+        config.input = willRecord ? currentInput() : AudioDevice();
+        config.output = willPlay ? server_.defaultOutput() : AudioDevice();
         config.sampleRate = sampleRate;
         config.outputSampleRate = sampleRate;
         if (willPlay && features_.featureTranspositionEnabled() &&
@@ -228,6 +233,7 @@ void TQAudio::setupAndStartAudioUnit(std::function<void(bool)> completion) {
                 lastStartFailureDevice_ = result.deviceName;
                 if (result.ok()) {
                     runningInput_ = config.input;
+                    runningConfig_ = config;
                     runningSampleRate_ =
                         config.enableInput ? config.sampleRate : config.outputSampleRate;
                 } else {
@@ -244,27 +250,32 @@ void TQAudio::stopAudioUnits() {
     if (unit != nullptr)
         audioCalls_->postAndWait([unit] { unit->stop(); });
     outputRunning_.store(false, std::memory_order_release);
-    runningInput_ = QAudioDevice();
+    runningInput_ = AudioDevice();
 }
 
-void TQAudio::setPrefferedToInternalInput() { setPreferredInput(QAudioDevice()); }
+void TQAudio::setPrefferedToInternalInput() { setPreferredInput(AudioDevice()); }
 
-QList<QAudioDevice> TQAudio::availableInputs() const { return QMediaDevices::audioInputs(); }
-
-QAudioDevice TQAudio::currentInput() const {
-    if (!runningInput_.isNull())
-        return runningInput_;
-    const QList<QAudioDevice> inputs = availableInputs();
-    if (!preferredInput_.isNull() && containsDevice(inputs, preferredInput_))
-        return preferredInput_;
+AudioDevice TQAudio::currentInput() const {
+    const QList<AudioDevice> inputs = availableInputs();
+    if (!runningInput_.isNull()) {
+        const AudioDevice running = findDevice(inputs, runningInput_);
+        return running.isNull() ? runningInput_ : running;
+    }
+    if (!preferredInput_.isNull()) {
+        const AudioDevice preferred = findDevice(inputs, preferredInput_);
+        if (!preferred.isNull())
+            return preferred;
+    }
+    // Nothing chosen (or the choice is gone): the server's default input, read
+    // anew each time, so that a change of the default is followed.
     if (inputs.isEmpty())
-        return QAudioDevice();
-    const QAudioDevice fallback = QMediaDevices::defaultAudioInput();
+        return AudioDevice();
+    const AudioDevice fallback = server_.defaultInput();
     return fallback.isNull() ? inputs.first() : fallback;
 }
 
 bool TQAudio::isInputGainSettable() const {
-    return AudioIOUnit::probeInputVolumeSettable(currentInput());
+    return server_.isConnected() && !currentInput().isNull();
 }
 
 float TQAudio::inputGain() const { return inputGain_; }
@@ -279,6 +290,11 @@ void TQAudio::setInputGain(float gain) {
 // --- Audio thread ---------------------------------------------------------------------------
 
 void TQAudio::inputAvailable(int32_t frames) {
+    // Only the cycles of a running recording count: the stream delivers a
+    // little before its start completes and until the control thread has
+    // closed it after a stop.
+    if (!isRecording())
+        return;
     // Without an output stream the capture cycles are the device's cycles and
     // are counted here, as the render callback counts them during playback.
     // (A read-modify-write, so that the reset of a new recording is never lost.)
@@ -286,8 +302,6 @@ void TQAudio::inputAvailable(int32_t frames) {
                               ? renderCycles_.load(std::memory_order_acquire)
                               : renderCycles_.fetch_add(1, std::memory_order_acq_rel);
     if (cycle <= skipThreshold_.load(std::memory_order_acquire))
-        return;
-    if (!isRecording())
         return;
     // The task (and buffer) of the next slot is still waiting when the queue
     // lags 127 blocks behind; the block is then dropped rather than written
@@ -335,20 +349,44 @@ void TQAudio::unitFailed(AudioIOFailure failure, const QString& deviceName) {
 // --- Failures (main thread) ----------------------------------------------------------------
 
 void TQAudio::checkInputs() {
-    QList<QByteArray> ids;
-    for (const QAudioDevice& device : QMediaDevices::audioInputs())
-        ids << device.id();
+    const QList<QByteArray> ids = inputIds(server_);
     if (ids == knownInputIds_)
         return;
     knownInputIds_ = ids;
     emit availableInputsChanged();
-    // A capture device that is no longer listed has gone away; the platform may
-    // quietly move its stream elsewhere, which would analyse the wrong input.
-    if (isRecording() && !runningInput_.isNull() &&
-        !containsDevice(availableInputs(), runningInput_)) {
-        qWarning("error %d from %s", int(QAudio::IOError), "QMediaDevices: input removed");
-        handleRunningFailure(AudioIOFailure::InputDeviceLost, runningInput_.description());
+    // A capture device that is no longer listed has gone away (its stream
+    // fails too; whichever is seen first stops the analyser). A server that
+    // went away lists nothing: its own failure says so.
+    if (isRecording() && server_.isConnected() && !runningInput_.isNull() &&
+        findDevice(availableInputs(), runningInput_).isNull()) {
+        qWarning("error %d from %s", -1, "SoundServer: input removed");
+        handleRunningFailure(AudioIOFailure::InputDeviceLost, runningInput_.description);
+        return;
     }
+    followDefaultInput();
+}
+
+void TQAudio::followDefaultInput() {
+    // Nothing chosen: a running capture moves to the server's new default
+    // input (a new stream on it; the ring and the deliveries go on).
+    if (!isRecording() || !preferredInput_.isNull() || runningInput_.isNull() ||
+        !server_.isConnected())
+        return;
+    const AudioDevice target = server_.defaultInput();
+    if (target.isNull() || target.id == runningInput_.id)
+        return;
+    AudioIOUnit::Config config = runningConfig_;
+    config.input = target;
+    config.inputVolume = inputGain_;
+    runningInput_ = target;
+    runningConfig_ = config;
+    AudioIOUnit* unit = unit_;
+    audioCalls_->post([this, unit, config] {
+        const AudioIOUnit::Result result = unit->start(config);
+        if (!result.ok())
+            mainCalls_.post(
+                [this, result] { handleRunningFailure(result.failure, result.deviceName); });
+    });
 }
 
 void TQAudio::handleRunningFailure(AudioIOFailure failure, const QString& deviceName) {

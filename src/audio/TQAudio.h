@@ -1,25 +1,24 @@
 #pragma once
 
+#include "audio/AudioDevice.h"
 #include "audio/AudioIOFailure.h"
+#include "audio/AudioIOUnit.h"
 #include "audio/AudioIOUnitClient.h"
 #include "audio/CallMailbox.h"
 #include "audio/CaptureBufferRing.h"
+#include "audio/SoundServer.h"
 #include "engine/DispatchQueue.h"
 #include "engine/TQAudioInterface.h"
 
-#include <QAudioDevice>
 #include <QList>
 #include <QObject>
 #include <QThread>
-#include <QTimer>
 
 #include <array>
 #include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
-
-class QMediaDevices;
 
 namespace widmo {
 
@@ -30,31 +29,40 @@ class MainViewControllerInterface;
 class TQMessageInterface;
 
 /// The device's audio: live capture for the analysis engine and playback of
-/// the document, on Qt Multimedia.
+/// the document, on the sound server (libpulse: PulseAudio, or PipeWire's
+/// PulseAudio layer).
 ///
-/// A dedicated audio thread runs the I/O unit (`AudioIOUnit`): every capture
-/// cycle renders the waiting frames, interleaved stereo 32-bit float at the
-/// document's sample rate, into the next of 128 capture buffers and posts the
-/// block, without a copy or an allocation, to the serial delivery queue
-/// `audioDispatchQueue`, which hands the blocks to the delegate's
-/// `didGetNewAudioData` in capture order. Playback pulls mono float samples
-/// from the delegate's `giveNewAudioData` once per render cycle.
+/// The sound server's main loop thread is the audio thread, where the I/O
+/// unit's (`AudioIOUnit`) callbacks run: every capture cycle renders the
+/// waiting frames, interleaved stereo 32-bit float at the document's sample
+/// rate, into the next of 128 capture buffers and posts the block, without a
+/// copy or an allocation, to the serial delivery queue `audioDispatchQueue`,
+/// which hands the blocks to the delegate's `didGetNewAudioData` in capture
+/// order. Playback pulls mono float samples from the delegate's
+/// `giveNewAudioData` once per render cycle.
 ///
 /// The object also stands for the platform's audio session: the available
 /// inputs, the preferred input (the device that the next start opens; none
-/// means the system's default input), the hardware input gain (the capture
-/// volume) and the analysed channel.
+/// means the sound server's default input, which a running capture follows
+/// too), the hardware input gain (the capture volume) and the analysed
+/// channel.
 ///
 /// Failures: a start that cannot open its device completes with false and then
 /// tells the user ("Recording disabled."); a device or sound server that goes
 /// away while running stops the analyser and tells the user what happened and
-/// what to do. Platform errors are logged as "error %d from %s".
+/// what to do. A sound server that comes back is reconnected to by itself
+/// (`SoundServer`): the next start works again. Platform errors are logged as
+/// "error %d from %s".
 ///
 /// Threading: starts, stops, the session functions and every completion run on
-/// the main thread. The capture and render callbacks run on the audio thread
-/// (no locks, no allocation, no waiting); deliveries run on the delivery
-/// queue. `isRecording`, `isPlaying`, `currentInputChannel`, the delegate and
-/// the start-up counters are atomics read across these threads.
+/// the main thread. A control thread opens and closes the streams (a start
+/// waits there for the server's answer, not on the main thread; a stop waits
+/// for the control thread). The capture and render callbacks run on the audio
+/// thread: no allocation, no waiting, no lock of their own (they run under
+/// the server's main loop lock, which other threads hold only briefly).
+/// Deliveries run on the delivery queue. `isRecording`, `isPlaying`,
+/// `currentInputChannel`, the delegate and the start-up counters are atomics
+/// read across these threads.
 class TQAudio final : public QObject, public TQAudioInterface, private AudioIOUnitClient {
     Q_OBJECT
 public:
@@ -120,19 +128,23 @@ public:
     /// device marked as built in; the system's default input stands for it.
     void setPrefferedToInternalInput();
 
-    /// Input devices the platform offers now.
-    QList<QAudioDevice> availableInputs() const;
-    /// The device the next start opens; null = the system's default input.
-    QAudioDevice preferredInput() const { return preferredInput_; }
-    void setPreferredInput(const QAudioDevice& device) { preferredInput_ = device; }
+    /// Input devices the sound server offers now; empty without a server.
+    QList<AudioDevice> availableInputs() const { return server_.inputs(); }
+    /// The device the next start opens; null = the sound server's default input.
+    AudioDevice preferredInput() const { return preferredInput_; }
+    void setPreferredInput(const AudioDevice& device) { preferredInput_ = device; }
     /// The current route's input: the running capture device, else the
-    /// preferred input when it is available, else the default input; null when
-    /// the platform has no input.
-    QAudioDevice currentInput() const;
+    /// preferred input when it is available, else the server's default input
+    /// (else the first input); null when the server has no input. The
+    /// device's fields are as the server lists them now.
+    AudioDevice currentInput() const;
     /// The input that was current when playback started (null when none).
-    QAudioDevice lastPortBeforePlaying() const { return lastPortBeforePlaying_; }
+    AudioDevice lastPortBeforePlaying() const { return lastPortBeforePlaying_; }
+    /// The connection to the sound server.
+    SoundServer& soundServer() { return server_; }
 
-    /// The platform can set the capture volume of the current input.
+    /// The server can set the capture volume of the current input (any input
+    /// while the server answers: the capture stream's own volume).
     bool isInputGainSettable() const;
     /// Hardware input gain (capture volume), 0..1.
     float inputGain() const;
@@ -166,8 +178,9 @@ public:
                                  bool playback);
 
 signals:
-    /// The set of input devices changed (a device arrived or went away).
-    /// Noticed within a quarter of a second.
+    /// The set of input devices or the server's default input changed (a
+    /// device arrived or went away, the default was set, the server went away
+    /// or came back), as the server announces it.
     void availableInputsChanged();
 
 private:
@@ -192,16 +205,18 @@ private:
     void reportFailure(AudioIOFailure failure, const QString& deviceName, bool playback,
                        bool startFailed);
     void checkInputs();
+    void followDefaultInput();
     int ioBufferFrames() const;
 
     AnalyzerDefaults& defaults_;
     const AnalyzerFeatures& features_;
+    SoundServer server_; // first built, last gone: the unit's streams live on it
 
     // Fields of the audio object, in their declaration order.
     bool mSessionActivatedForMultiRoute_ = false;
     std::atomic<bool> mWillRecord_{false};
     std::atomic<bool> mWillPlay_{false};
-    QAudioDevice lastPortBeforePlaying_;
+    AudioDevice lastPortBeforePlaying_;
     std::atomic<bool> isRecording_{false};
     std::atomic<bool> isPlaying_{false};
     std::atomic<TQAudioDelegate*> delegate_{nullptr};
@@ -216,20 +231,19 @@ private:
     std::array<DeliveryTask, CaptureBufferRing::kBufferCount> deliveries_;
 
     // Session state, main thread.
-    QAudioDevice preferredInput_;
-    QAudioDevice runningInput_;
+    AudioDevice preferredInput_;
+    AudioDevice runningInput_;
+    AudioIOUnit::Config runningConfig_; ///< of the running streams
     int runningSampleRate_ = 0;
     float inputGain_ = 1.0f;
     AudioIOFailure lastStartFailure_ = AudioIOFailure::None;
     QString lastStartFailureDevice_;
     MainViewControllerInterface* mainViewController_ = nullptr;
     TQMessageInterface* messages_ = nullptr;
-    QMediaDevices* mediaDevices_ = nullptr;
-    QTimer inputsWatch_;
-    QList<QByteArray> knownInputIds_;
+    QList<QByteArray> knownInputIds_; ///< ids of the inputs, then the default input's
 
-    CallMailbox mainCalls_; // runs on the main thread
-    QThread audioThread_;
+    CallMailbox mainCalls_;             // runs on the main thread
+    QThread audioThread_;               // the control thread: opens and closes streams
     AudioIOUnit* unit_ = nullptr;       // lives on audioThread_
     CallMailbox* audioCalls_ = nullptr; // lives on audioThread_
 };

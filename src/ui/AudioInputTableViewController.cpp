@@ -45,7 +45,7 @@ AudioInputTableViewController::AudioInputTableViewController(AnalyzerDefaults& d
     : TQTableViewController(parent), defaults_(defaults), audio_(audio), delegate_(delegate),
       dataSource_(new Picker(audio, defaults, this)), picker_(new QWidget),
       notAvailablePlaying_(new QLabel("Input selection is not available during playback.")),
-      softwareLabel_(new QLabel("Gain")),
+      deviceRate_(new QLabel), rateWarning_(new QLabel), softwareLabel_(new QLabel("Gain")),
       softwareSlider_(new FloatSlider(kMinSoftwareGain, kMaxSoftwareGain,
                                       int(kMaxSoftwareGain - kMinSoftwareGain))),
       softwareValue_(new QLabel), hardwareLabel_(new QLabel("Gain")),
@@ -89,6 +89,9 @@ AudioInputTableViewController::AudioInputTableViewController(AnalyzerDefaults& d
     pickerRow_ = addRow(kSectionInput, picker_);
     notAvailablePlaying_->setWordWrap(true);
     playingRow_ = addRow(kSectionInput, notAvailablePlaying_);
+    deviceRateRow_ = addRow(kSectionInput, deviceRate_);
+    rateWarning_->setWordWrap(true);
+    rateWarningRow_ = addRow(kSectionInput, rateWarning_);
     addSection("Software input gain");
     addRow(kSectionSoftwareGain, gainCell(softwareLabel_, softwareSlider_, softwareValue_));
     addSection("Hardware input gain");
@@ -149,6 +152,12 @@ void AudioInputTableViewController::reloadPicker() {
         }
         column->setCurrentRow(dataSource_->selectedRowInComponent(c));
     }
+    // The server converts the device's rate to the document's silently; the
+    // page says what that means for the spectrum.
+    deviceRate_->setText(dataSource_->deviceSampleRateLabel());
+    rateWarning_->setText(dataSource_->sampleRateWarning());
+    setRowHidden(kSectionInput, deviceRateRow_, deviceRate_->text().isEmpty());
+    setRowHidden(kSectionInput, rateWarningRow_, rateWarning_->text().isEmpty());
     refreshGainLabels();
 }
 

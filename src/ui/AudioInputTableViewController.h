@@ -16,8 +16,9 @@ class SettingsDelegate;
 class TQAudio;
 
 /// The "Audio input" settings page: the input picker (input device, data
-/// source, channel as three lists side by side) and the software and hardware
-/// input gains.
+/// source, channel as three lists side by side), the input device's own
+/// sample rate with a warning when the document's rate is above it, and the
+/// software and hardware input gains.
 ///
 /// While the audio object plays, input selection is not offered: the picker
 /// is hidden, the gains are disabled and `notAvaulableDuringPlayingLabel`
@@ -64,6 +65,10 @@ public:
     QLabel* inputSourceHardwareGainValueLabel() const { return hardwareValue_; }
     QLabel* hardwareGainNotAvailableLabel() const { return hardwareNotAvailable_; }
     QLabel* notAvaulableDuringPlayingLabel() const { return notAvailablePlaying_; }
+    /// "Device rate: N Hz" of the current input (hidden without one).
+    QLabel* deviceSampleRateLabel() const { return deviceRate_; }
+    /// Shown when the document's rate is above the device's own rate.
+    QLabel* sampleRateWarningLabel() const { return rateWarning_; }
 
 private:
     void reloadPicker();
@@ -80,6 +85,10 @@ private:
     QLabel* notAvailablePlaying_;
     int pickerRow_ = -1;
     int playingRow_ = -1;
+    QLabel* deviceRate_;
+    QLabel* rateWarning_;
+    int deviceRateRow_ = -1;
+    int rateWarningRow_ = -1;
     QLabel* softwareLabel_;
     FloatSlider* softwareSlider_;
     QLabel* softwareValue_;

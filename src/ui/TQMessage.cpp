@@ -146,7 +146,17 @@ void TQMessage::present(TQMessage* holder, const QString& message, QWidget* inCo
                                      [holder](const auto& h) { return h.get() == holder; }),
                       holders.end());
     });
-    box->open();
+    if (!actionSheet && buttons.isEmpty()) {
+        // A notice with only its dismiss button (a device that went away, a
+        // failed start) asks nothing: it stays beside the window without
+        // taking the keyboard, so that the window's keys (Space, Ctrl+Q) work
+        // while it is up.
+        box->setWindowModality(Qt::NonModal);
+        box->setAttribute(Qt::WA_ShowWithoutActivating);
+        box->show();
+    } else {
+        box->open();
+    }
 }
 
 void TQMessage::finish(int buttonIndex) {

@@ -16,6 +16,11 @@ namespace widmo {
 /// convention: the callback receives 0 for the cancel button and i + 1 for the
 /// button at position i of the buttons list.
 ///
+/// A message that asks something (an action sheet, or an alert with buttons
+/// besides its cancel button) is window-modal: the window waits for the
+/// answer. A notice (its cancel button only) is not modal and does not take
+/// the keyboard, so that the window's shortcuts keep working while it shows.
+///
 /// A message is presented on the main thread's event loop, never inline. With a
 /// presenting widget it is shown over that widget; with none, the main screen
 /// (see `setMainScreen`) first closes whatever it presents (a settings panel,

@@ -17,8 +17,9 @@ class AudioIOUnitTest : public ::testing::Test {
 protected:
     void SetUp() override { client.unit = &unit; }
 
+    SoundServer server;
     CaptureRecorder client;
-    AudioIOUnit unit{client};
+    AudioIOUnit unit{client, server};
 };
 
 /// Level in dB of the 997 Hz tone in the 16384 frames before `end`: the loudest
@@ -38,11 +39,13 @@ TEST_F(AudioIOUnitTest, captureVolumeScalesTheInput_andAppliesWhileRunning) {
         [](double t) { return sineAt(997.0, t); });
     ASSERT_TRUE(player.start());
     QTest::qWait(100);
-    AudioIOUnit::Config config = captureConfig(48000);
+    AudioIOUnit::Config config = captureConfig(server, 48000);
     config.inputVolume = 0.5f;
     ASSERT_TRUE(unit.start(config).ok());
     QTest::qWait(1200);
+    server.lock(); // the samples grow on the server's thread
     const size_t halfAt = client.samples.size() / 2;
+    server.unlock();
     unit.setInputVolume(0.25f);
     QTest::qWait(800);
     unit.stop();
@@ -55,20 +58,20 @@ TEST_F(AudioIOUnitTest, captureVolumeScalesTheInput_andAppliesWhileRunning) {
 }
 
 TEST_F(AudioIOUnitTest, startFailsCleanly_withoutDevice_orAtARateTheDeviceRefuses) {
-    AudioIOUnit::Config config = captureConfig(48000);
-    config.input = QAudioDevice();
+    AudioIOUnit::Config config = captureConfig(server, 48000);
+    config.input = AudioDevice();
     EXPECT_EQ(unit.start(config).failure, AudioIOFailure::NoInputDevice);
     EXPECT_FALSE(unit.isRunning());
 
-    const AudioIOUnit::Result result = unit.start(captureConfig(1000000));
+    const AudioIOUnit::Result result = unit.start(captureConfig(server, 1000000));
     EXPECT_EQ(result.failure, AudioIOFailure::InputOpenFailed);
     EXPECT_EQ(result.deviceName, "WidmoTestMic");
     EXPECT_FALSE(unit.isRunning());
 
     // The unit works again afterwards.
-    EXPECT_TRUE(unit.start(captureConfig(48000)).ok());
+    EXPECT_TRUE(unit.start(captureConfig(server, 48000)).ok());
     EXPECT_TRUE(unit.isRunning());
-    EXPECT_EQ(unit.runningInput().description(), "WidmoTestMic");
+    EXPECT_EQ(unit.runningInput().description, "WidmoTestMic");
     unit.stop();
     EXPECT_FALSE(unit.isRunning());
     EXPECT_EQ(client.failure, AudioIOFailure::None);

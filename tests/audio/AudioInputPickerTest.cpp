@@ -19,6 +19,24 @@ protected:
     void TearDown() override {
         if (secondMic_ >= 0)
             test::unloadModule(secondMic_);
+        test::runTool("pactl", {"set-default-source", "widmo_mic"});
+    }
+
+    /// Names of the virtual microphones some stream records from.
+    static QStringList recordedMicrophones() {
+        QString sources, outputs;
+        test::runTool("pactl", {"list", "short", "sources"}, &sources);
+        test::runTool("pactl", {"list", "short", "source-outputs"}, &outputs);
+        QStringList names;
+        for (const QString& output : outputs.split('\n', Qt::SkipEmptyParts)) {
+            const QString source = output.section('\t', 1, 1);
+            for (const QString& line : sources.split('\n', Qt::SkipEmptyParts)) {
+                const QString name = line.section('\t', 1, 1);
+                if (line.section('\t', 0, 0) == source && name.startsWith("widmo_mic"))
+                    names << name;
+            }
+        }
+        return names;
     }
 
     int loadSecondMicrophone() {
@@ -93,10 +111,10 @@ TEST_F(AudioInputPickerTest, deviceArrivalAndRemoval_refreshAfterADelay_onlyWhil
     const int second = picker.titleForRow(0, 0) == "SecondMic" ? 0 : 1;
     refreshed.clear();
     picker.didSelectRow(second, Picker::kComponentPort);
-    EXPECT_EQ(audio.preferredInput().description(), "SecondMic");
+    EXPECT_EQ(audio.preferredInput().description, "SecondMic");
     EXPECT_EQ(refreshed.count(), 0); // not at once
     ASSERT_TRUE(QTest::qWaitFor([&] { return refreshed.count() > 0; }, 1000));
-    EXPECT_EQ(audio.currentInput().description(), "SecondMic");
+    EXPECT_EQ(audio.currentInput().description, "SecondMic");
     EXPECT_EQ(picker.selectedRowInComponent(Picker::kComponentPort), second);
 
     // Removal: the list shrinks and the current input falls back to the default.
@@ -104,8 +122,51 @@ TEST_F(AudioInputPickerTest, deviceArrivalAndRemoval_refreshAfterADelay_onlyWhil
     unloadSecondMicrophone();
     ASSERT_TRUE(QTest::qWaitFor([&] { return refreshed.count() > 0; }, 3000));
     EXPECT_EQ(picker.numberOfRowsInComponent(Picker::kComponentPort), 1);
-    EXPECT_EQ(audio.currentInput().description(), "WidmoTestMic");
+    EXPECT_EQ(audio.currentInput().description, "WidmoTestMic");
     EXPECT_EQ(picker.selectedRowInComponent(Picker::kComponentPort), 0);
+}
+
+TEST_F(AudioInputPickerTest, nothingChosen_opensTheServersDefaultInput_andFollowsItUntilAChoice) {
+    ASSERT_GE(loadSecondMicrophone(), 0);
+    ASSERT_EQ(test::runTool("pactl", {"set-default-source", "widmo_mic2"}), 0);
+
+    // A first start: a new audio object with no input chosen records from the
+    // server's default, the second of the two inputs.
+    TQAudio fresh{defaults, features};
+    Picker freshPicker{fresh, defaults};
+    freshPicker.setObservingInputChanges(true);
+    freshPicker.refreshPickerInputSelection();
+    EXPECT_EQ(fresh.currentInput().description, "SecondMic");
+    EXPECT_EQ(freshPicker.titleForRow(freshPicker.selectedRowInComponent(0), 0), "SecondMic");
+    int calls = 0;
+    bool started = false;
+    fresh.startRecorder([&](bool ok) {
+        ++calls;
+        started = ok;
+    });
+    ASSERT_TRUE(QTest::qWaitFor([&] { return calls > 0; }, 5000));
+    ASSERT_TRUE(started);
+    EXPECT_EQ(recordedMicrophones(), QStringList{"widmo_mic2"});
+
+    // Another default while nothing is chosen: the capture, the page and the
+    // next start follow it.
+    QSignalSpy refreshed(&freshPicker, &Picker::selectionRefreshed);
+    ASSERT_EQ(test::runTool("pactl", {"set-default-source", "widmo_mic"}), 0);
+    EXPECT_TRUE(
+        QTest::qWaitFor([&] { return recordedMicrophones() == QStringList{"widmo_mic"}; }, 3000));
+    EXPECT_TRUE(fresh.isRecording());
+    fresh.stop();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return refreshed.count() > 0; }, 3000));
+    EXPECT_EQ(fresh.currentInput().description, "WidmoTestMic");
+    EXPECT_EQ(freshPicker.titleForRow(freshPicker.selectedRowInComponent(0), 0), "WidmoTestMic");
+
+    // Once the user chooses, a change of the default no longer moves the input.
+    const int second = freshPicker.titleForRow(0, 0) == "SecondMic" ? 0 : 1;
+    freshPicker.didSelectRow(second, Picker::kComponentPort);
+    ASSERT_EQ(test::runTool("pactl", {"set-default-source", "widmo_mic2"}), 0);
+    ASSERT_EQ(test::runTool("pactl", {"set-default-source", "widmo_mic"}), 0);
+    QTest::qWait(500);
+    EXPECT_EQ(fresh.currentInput().description, "SecondMic");
 }
 
 TEST_F(AudioInputPickerTest, softwareGain_roundsHalfAwayFromZero_andSnapsBelow3dBToZero) {

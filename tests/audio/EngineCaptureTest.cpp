@@ -7,7 +7,6 @@
 #include "dsp/FFTManager.h"
 #include "engine/AnalyzerController.h"
 
-#include <QMediaDevices>
 #include <QTest>
 
 #include <gtest/gtest.h>
@@ -163,9 +162,9 @@ TEST_F(EngineCaptureTest, recordedDocument_playsBackIntoTheSinkWithTheSameSample
 
     // Listen on the virtual microphone while the document plays.
     CaptureRecorder listener;
-    AudioIOUnit listening(listener);
+    AudioIOUnit listening(listener, audio->soundServer());
     listener.unit = &listening;
-    ASSERT_TRUE(listening.start(captureConfig(48000)).ok());
+    ASSERT_TRUE(listening.start(captureConfig(audio->soundServer(), 48000)).ok());
 
     bool started = false;
     engine->startPlayer([&](bool ok) { started = ok; });

@@ -5,7 +5,7 @@
 #include "core/AnalyzerFeatures.h"
 #include "engine/TQAudioDelegate.h"
 
-#include <QMediaDevices>
+#include <QElapsedTimer>
 #include <QTest>
 
 #include <gtest/gtest.h>
@@ -28,6 +28,10 @@ public:
         received_.allOnQueue = received_.allOnQueue && audio_.audioDispatchQueue().isCurrent();
         received_.pointers.push_back(data.data);
         received_.frames += size_t(data.count);
+        received_.tail.insert(received_.tail.end(), data.data, data.data + 2 * data.count);
+        if (received_.tail.size() > kTailSamples)
+            received_.tail.erase(received_.tail.begin(),
+                                 received_.tail.end() - std::ptrdiff_t(kTailSamples));
     }
     void giveNewAudioData(TQAudioData* data) override {
         for (int32_t i = 0; i < data->count; ++i)
@@ -40,7 +44,13 @@ public:
         std::vector<float*> pointers; ///< each block's data, in arrival order
         size_t frames = 0;
         bool allOnQueue = true;
+        std::vector<float> tail; ///< the newest interleaved samples, up to kTailSamples
     };
+    static constexpr size_t kTailSamples = 2 * 8192;
+    void clear() {
+        std::lock_guard lock(mutex_);
+        received_ = {};
+    }
     Received received() const {
         std::lock_guard lock(mutex_);
         return received_;
@@ -67,6 +77,7 @@ protected:
     }
     void TearDown() override {
         audio.stop();
+        audio.setDelegate(nullptr); // no block in flight reaches the delegate being destroyed
         if (virtualMicrophoneModule() < 0)
             loadVirtualMicrophone();
     }
@@ -172,11 +183,48 @@ TEST_F(TQAudioTest, microphoneRemovedWhileRecording_stopsAndSaysSo_andRecordingR
 
     // Once the device is back, the next start records again.
     ASSERT_GE(loadVirtualMicrophone(), 0);
-    ASSERT_TRUE(QTest::qWaitFor([] { return !QMediaDevices::audioInputs().isEmpty(); }, 3000));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !audio.availableInputs().isEmpty(); }, 3000));
     calls = 0;
     EXPECT_TRUE(startRecording(&calls));
     EXPECT_TRUE(QTest::qWaitFor([&] { return delegate.blocks() > blocks + 10; }, 3000));
     EXPECT_EQ(messages.shown.size(), 2u);
+}
+
+TEST_F(TQAudioTest, soundServerRestartedWhileRecording_saysSo_andStartWorksAgainWithin3s) {
+    int calls = 0;
+    ASSERT_TRUE(startRecording(&calls));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return delegate.blocks() > 10; }, 3000));
+
+    ASSERT_TRUE(restartSoundServer(4000));
+    QElapsedTimer sinceBack;
+    sinceBack.start();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !audio.isRecording(); }, 3000));
+    ASSERT_FALSE(messages.shown.empty());
+    EXPECT_EQ(messages.shown[0].title, "Recording stopped.");
+    EXPECT_TRUE(messages.shown[0].message.contains("connection to the sound server was lost"));
+
+    // A user pressing Start again and again: one start within 3 s of the
+    // server's return records, and what it records is the tone played.
+    SinkPlayer player(
+        48000, 20.0, [](double t) { return sineAt(997.0, t); },
+        [](double t) { return sineAt(997.0, t); });
+    ASSERT_TRUE(player.start());
+    bool started = false;
+    while (!started && sinceBack.elapsed() < 3000) {
+        calls = 0;
+        started = startRecording(&calls);
+        if (!started)
+            QTest::qWait(250);
+    }
+    ASSERT_TRUE(started) << "no start worked within 3 s of the server's return";
+    std::printf("first working start %lld ms after the server's return\n",
+                static_cast<long long>(sinceBack.elapsed()));
+    audio.audioDispatchQueue().waitUntilEmpty();
+    delegate.clear();
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] { return delegate.received().tail.size() == RecordingDelegate::kTailSamples; }, 3000));
+    const std::vector<float> tail = delegate.received().tail;
+    EXPECT_NEAR(toDb(toneAmplitude(tail.data(), tail.size() / 2, 2, 997.0, 48000)), -12.0, 1.0);
 }
 
 TEST_F(TQAudioTest, aRateTheDeviceCannotOpen_endsTheStartWithNo_once) {
@@ -200,7 +248,7 @@ TEST_F(TQAudioTest, aRateTheDeviceCannotOpen_endsTheStartWithNo_once) {
 
 TEST_F(TQAudioTest, playback_pullsFromTheDelegateEveryCycle_andRestoresThePreferredInput) {
     delegate.source = [](int64_t frame) { return 0.001f * float(frame % 100); };
-    const QAudioDevice mic = QMediaDevices::defaultAudioInput();
+    const AudioDevice mic = audio.soundServer().defaultInput();
     audio.setPreferredInput(mic);
     int calls = 0;
     bool started = false;
@@ -211,12 +259,12 @@ TEST_F(TQAudioTest, playback_pullsFromTheDelegateEveryCycle_andRestoresThePrefer
     ASSERT_TRUE(QTest::qWaitFor([&] { return calls > 0; }, 5000));
     EXPECT_TRUE(started);
     EXPECT_TRUE(audio.isPlaying());
-    EXPECT_EQ(audio.lastPortBeforePlaying().id(), mic.id());
+    EXPECT_EQ(audio.lastPortBeforePlaying().id, mic.id);
     EXPECT_TRUE(audio.preferredInput().isNull()); // the built-in input during playback
     QTest::qWait(1000);
     audio.stop();
     EXPECT_FALSE(audio.isPlaying());
-    EXPECT_EQ(audio.preferredInput().id(), mic.id());
+    EXPECT_EQ(audio.preferredInput().id, mic.id);
     // About 48,000 samples a second in cycles of at most 20 ms, and no
     // capture: the delegate received no input block.
     EXPECT_GT(delegate.renderCalls.load(), 40);

@@ -144,6 +144,48 @@ int loadVirtualMicrophone() {
     return out.trimmed().toInt();
 }
 
+namespace {
+ChildProcess& silence() {
+    static ChildProcess process;
+    return process;
+}
+} // namespace
+
+void keepSinkRendering(bool settle) {
+    silence().start("pacat",
+                    {"--playback", "--raw", "--format=float32le", "--rate=48000", "--channels=2",
+                     "--latency-msec=10", "-d",
+                     qEnvironmentVariable("WIDMO_TEST_SINK", "widmo_sink")},
+                    "/dev/zero");
+    if (settle)
+        usleep(2000000);
+}
+
+void stopSinkRendering() { silence().stop(); }
+
+bool restartSoundServer(int downMs) {
+    if (runTool("pactl", {"exit"}) != 0)
+        return false;
+    for (int i = 0; i < 50 && runTool("pactl", {"info"}) == 0; ++i)
+        usleep(100000);
+    usleep(useconds_t(downMs) * 1000);
+    const QString sink = qEnvironmentVariable("WIDMO_TEST_SINK", "widmo_sink");
+    if (runTool("pulseaudio", {"--daemonize=yes", "--exit-idle-time=-1", "-n", "--use-pid-file=no",
+                               "--load=module-native-protocol-unix",
+                               "--load=module-null-sink sink_name=" + sink + " rate=48000"}) != 0)
+        return false;
+    bool up = false;
+    for (int i = 0; i < 50 && !up; ++i) {
+        up = runTool("pactl", {"info"}) == 0;
+        if (!up)
+            usleep(100000);
+    }
+    if (!up || loadVirtualMicrophone() < 0 || runTool("pactl", {"set-default-sink", sink}) != 0)
+        return false;
+    keepSinkRendering(false);
+    return true;
+}
+
 bool unloadModule(int module) {
     return runTool("pactl", {"unload-module", QString::number(module)}) == 0;
 }

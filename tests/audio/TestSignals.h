@@ -2,8 +2,8 @@
 
 #include "audio/AudioIOUnit.h"
 #include "audio/AudioIOUnitClient.h"
+#include "audio/SoundServer.h"
 
-#include <QMediaDevices>
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
@@ -40,11 +40,11 @@ public:
     AudioIOFailure failure = AudioIOFailure::None;
 };
 
-/// Capture from the default input (the virtual microphone) at `rate` Hz.
-inline AudioIOUnit::Config captureConfig(int rate) {
+/// Capture from the server's default input (the virtual microphone) at `rate` Hz.
+inline AudioIOUnit::Config captureConfig(const SoundServer& server, int rate) {
     AudioIOUnit::Config config;
     config.enableInput = true;
-    config.input = QMediaDevices::defaultAudioInput();
+    config.input = server.defaultInput();
     config.sampleRate = rate;
     return config;
 }
@@ -102,5 +102,21 @@ int loadVirtualMicrophone();
 bool unloadModule(int module);
 /// Index of the loaded remap module of the virtual microphone, or -1.
 int virtualMicrophoneModule();
+
+/// Plays silence into the test sink until `stopSinkRendering` (restarted when
+/// called again). A null sink renders nothing while nothing plays into it, and
+/// a stream started into an idle sink reaches its monitor only after about a
+/// second and a half; with this stream the virtual microphone delivers in real
+/// time and the tests' signals arrive at once. With `settle` it returns after
+/// the two seconds the sink needs to wake.
+void keepSinkRendering(bool settle = true);
+void stopSinkRendering();
+
+/// Ends the test sound server and starts it again on the same socket with the
+/// same sink and virtual microphone, `downMs` milliseconds later, with the
+/// silence of `keepSinkRendering` playing again. Returns as soon as the
+/// virtual microphone is back; true when it is. (The new server is a daemon; the test command's
+/// services_stop ends it.)
+bool restartSoundServer(int downMs);
 
 } // namespace widmo::test

@@ -1,13 +1,10 @@
 #pragma once
 
-// The end of a test binary whose tests used the sound server through Qt
-// Multimedia. Its PulseAudio back-end is a global that Qt tears down after
-// main returns, while the back-end's own main-loop thread may still be
-// answering the server; that teardown can abort inside libpulse
-// ("Assertion 'pd' failed ... pa_pdispatch_register_reply") after every test
-// has passed. The application ends the same way (see AppDelegate::run): the
-// tests' own objects are gone by now, so the process ends here without the
-// global teardown, after the leak check that exit would have run.
+// The end of a test binary whose tests used the sound server. The process
+// ends here without Qt's global teardown, as the application does (see
+// AppDelegate::run), after the leak check that exit would have run: the tests'
+// own objects (and with them every connection to the sound server) are gone by
+// now.
 
 #include <cstdio>
 #include <cstdlib>

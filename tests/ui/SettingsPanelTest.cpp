@@ -106,6 +106,22 @@ TEST_F(SettingsPanelTest, audioInputPage_listsTheTestMicrophone_channelTwoIsAnal
     EXPECT_EQ(page.inputSourceSoftwareGainValueLabel()->text(), "12 dB");
     page.viewWillDisappear();
     EXPECT_FALSE(page.audioInputPickerViewDataSource()->observingInputChanges());
+
+    // The microphone runs at 48 kHz. A 48 kHz document: its rate, no warning.
+    // A 96 kHz document: the page says the upper half is not real.
+    constexpr int kRateRow = 2, kWarningRow = 3;
+    defaults.setSampleRate(48000.0f);
+    page.viewWillAppear();
+    EXPECT_FALSE(page.isRowHidden(AudioInputTableViewController::kSectionInput, kRateRow));
+    EXPECT_EQ(page.deviceSampleRateLabel()->text(), "Device rate: 48000 Hz");
+    EXPECT_TRUE(page.isRowHidden(AudioInputTableViewController::kSectionInput, kWarningRow));
+    defaults.setSampleRate(96000.0f);
+    page.viewWillAppear();
+    EXPECT_FALSE(page.isRowHidden(AudioInputTableViewController::kSectionInput, kWarningRow));
+    EXPECT_TRUE(
+        page.sampleRateWarningLabel()->text().contains("content above 24000 Hz is not real"))
+        << page.sampleRateWarningLabel()->text().toStdString();
+    page.viewWillDisappear();
 }
 
 TEST_F(SettingsPanelTest, audioInputPage_duringPlayback_offersNoInputSelection) {

@@ -5,6 +5,7 @@
 #include <QDialog>
 #include <QMessageBox>
 #include <QPushButton>
+#include <QShortcut>
 #include <QTest>
 
 #include <gtest/gtest.h>
@@ -112,6 +113,32 @@ TEST_F(TQMessageTest, presentingFromTheMainScreenDismissesItsOpenPanelFirst) {
     second->buttons().first()->click();
     waitUntil([] { return TQMessage::pendingCount() == 0; }, 2000);
     EXPECT_EQ(0, TQMessage::pendingCount());
+}
+
+TEST_F(TQMessageTest, plainAlertLeavesTheKeyboardToTheWindow_aChoiceStaysModal) {
+    int spaces = 0;
+    auto* space = new QShortcut(QKeySequence(Qt::Key_Space), mainScreen.get());
+    QObject::connect(space, &QShortcut::activated, [&] { ++spaces; });
+    QApplication::setActiveWindow(mainScreen.get()); // no window manager to do it
+
+    // A device-lost alert, as it appears while recording: Space still reaches
+    // the window (through the window system's path, where modality applies).
+    TQMessage::showMessage("The connection to the sound server was lost.", "Recording stopped.",
+                           "OK", {}, nullptr);
+    QMessageBox* alert = waitForBox();
+    ASSERT_NE(nullptr, alert);
+    QTest::keyClick(mainScreen->windowHandle(), Qt::Key_Space);
+    EXPECT_EQ(1, spaces);
+    EXPECT_TRUE(alert->isVisible());
+    alert->buttons().first()->click();
+    waitUntil([] { return TQMessage::pendingCount() == 0; }, 2000);
+
+    // A question waits for its answer.
+    TQMessage::showMessage("Delete?", "Title", "Cancel", {"Delete"}, [](int) {});
+    QMessageBox* question = waitForBox();
+    ASSERT_NE(nullptr, question);
+    QTest::keyClick(mainScreen->windowHandle(), Qt::Key_Space);
+    EXPECT_EQ(1, spaces);
 }
 
 TEST_F(TQMessageTest, messageOverAGivenWidgetLeavesOtherPanelsOpen) {
