@@ -207,24 +207,15 @@ TEST_F(MainScreenTest, voiceProduct_eggOnSecondChannel_meterReadsQuotient_chartD
     ASSERT_NE(FFTPlanCache::shared().complexPlan(n, FFTW_FORWARD), nullptr);
     ASSERT_NE(FFTPlanCache::shared().complexPlan(n, FFTW_BACKWARD), nullptr);
 
-    // A vowel-like tone for the voice, and on the second channel a contact
-    // signal at 220 Hz that is closed for 40 % of each cycle: a square wave
-    // with raised-cosine edges of 0.3 ms centred on the start and the end of
-    // the closed phase (above its 40 % level for 0.408 of the cycle).
+    // A tone for the voice, and on the second channel a contact signal at
+    // 220 Hz that is closed for 40 % of each cycle (above its 40 % level for
+    // 0.4085 of it).
     constexpr double f0 = 220.0;
     constexpr double cq = 0.4;
-    const auto egg = [](double t) {
-        const double edge = 0.3e-3 * f0; // in cycles
-        const double phase = t * f0 - std::floor(t * f0);
-        const auto ramp = [&](double x) { // 0 before -edge/2, 1 after +edge/2
-            return x < -edge / 2 ? 0.0 : x > edge / 2 ? 1.0 : 0.5 + 0.5 * std::sin(M_PI * x / edge);
-        };
-        const double closed = ramp(phase) * (1.0 - ramp(phase - cq)) + ramp(phase - 1.0);
-        return float(0.3 * closed - 0.15);
-    };
+    const double expected = 100.0 * (cq + 3.85e-5 * f0);
     test::SinkPlayer signal(
         48000, 20.0, [](double t) { return kMinus12dBFS * float(std::sin(2 * M_PI * f0 * t)); },
-        egg);
+        [](double t) { return test::eggContact(f0, cq, t); });
     ASSERT_TRUE(signal.start());
     clickStartPause();
     ASSERT_TRUE(waitRecording(true));
@@ -234,10 +225,10 @@ TEST_F(MainScreenTest, voiceProduct_eggOnSecondChannel_meterReadsQuotient_chartD
     // the rounding of the read-out.
     LevelMeterView* meter = screen()->chartView()->levelMeterView();
     const auto readout = [&] { return meter->dbLabel()->text().toDouble(); };
-    EXPECT_TRUE(QTest::qWaitFor([&] { return std::abs(readout() - cq * 100.0) <= 3.4; }, 5000))
+    EXPECT_TRUE(QTest::qWaitFor([&] { return std::abs(readout() - expected) <= 3.4; }, 5000))
         << "read-out " << meter->dbLabel()->text().toStdString();
     QTest::qWait(500);
-    EXPECT_NEAR(readout(), cq * 100.0, 3.4);
+    EXPECT_NEAR(readout(), expected, 3.4);
 
     // The oscilloscope shows the normalised cycle in the middle 70 % of the
     // chart's height (0.15 to 0.85): per pixel column the mean row of the
