@@ -9,11 +9,15 @@
 // interleaved order (so that a disturbance from another process falls on the
 // bare transform and the interval alike), and the table gives medians, and
 // the ratio of the fastest repetitions beside them.
+// The EGG rows: the voice product's filter and closed-quotient measure of one
+// interval's EGG window, printed at the default settings as a share of the
+// interval's duration beside that interval's own FFT.
 // The slot-write rows are the floor the memory sets: the same bytes an
 // interval leaves in its slot (n + n/2 floats), written with streaming stores
 // into the same 256 rotating slots, with nothing else done.
 #include "BenchArguments.h"
 #include "core/AnalyzerDefaults.h"
+#include "dsp/EGGFilter.h"
 #include "dsp/FFTManager.h"
 #include "dsp/FFTPlanCache.h"
 #include "dsp/VectorHelpers.h"
@@ -40,6 +44,7 @@ namespace {
 
 using widmo::AnalyzerDefaults;
 using widmo::AnalyzerFeatures;
+using widmo::EGGFilter;
 using widmo::FFTManager;
 using widmo::FFTPlanCache;
 using widmo::VectorHelpers;
@@ -118,6 +123,28 @@ void BM_interval(benchmark::State& state) {
         float* out = nullptr;
         manager.przeliczFFTDlaIntervalIndex(interval++, nullptr, &out);
         benchmark::DoNotOptimize(out);
+        benchmark::ClobberMemory();
+    }
+}
+
+/// One interval of the EGG channel: filter, then measure on the output (which
+/// the measure overwrites, as the chart's ring slot is). The input is a 220 Hz
+/// contact-like square wave with a little noise.
+void BM_eggInterval(benchmark::State& state) {
+    const auto n = static_cast<int32_t>(state.range(0));
+    EGGFilter filter(FFTPlanCache::shared());
+    std::vector<float> x = noise(static_cast<size_t>(n));
+    for (size_t i = 0; i < x.size(); ++i)
+        x[i] = 0.01f * x[i] +
+               (std::fmod(static_cast<double>(i) * 220.0 / 44100.0, 1.0) < 0.4 ? 0.25f : -0.25f);
+    std::vector<float> out(x.size());
+    for (auto _ : state) {
+        if (!filter.filtrujData(x.data(), out.data(), n)) {
+            state.SkipWithError("no EGG plan");
+            break;
+        }
+        const widmo::ClosedQuotientResult r = EGGFilter::measureClosedQuotient(out.data(), n);
+        benchmark::DoNotOptimize(r);
         benchmark::ClobberMemory();
     }
 }
@@ -224,6 +251,7 @@ void sizes(benchmark::internal::Benchmark* b) {
 
 BENCHMARK(BM_bareFFT)->Apply(sizes)->ComputeStatistics("min", fastest);
 BENCHMARK(BM_interval)->Apply(sizes)->ComputeStatistics("min", fastest);
+BENCHMARK(BM_eggInterval)->Apply(sizes)->ComputeStatistics("min", fastest);
 BENCHMARK(BM_slotWrites)->Apply(sizes);
 BENCHMARK(BM_decibels)->Apply(sizes);
 BENCHMARK(BM_decibelsScalar)->Apply(sizes);
@@ -272,7 +300,7 @@ int main(int argc, char** argv) {
     QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, home.path());
     // The plans the application runs with once its planning thread is done
     // (large sizes refined), made (or read from wisdom) outside the timings.
-    FFTPlanCache::shared().startPreparing(0);
+    FFTPlanCache::shared().startPreparing(0, FFTPlanCache::kPatientFromSize, true);
     FFTPlanCache::shared().waitUntilPrepared();
 
     std::vector<char*> args = widmo::bench::withInterleavedRepetitions(argc, argv);
@@ -304,5 +332,20 @@ int main(int argc, char** argv) {
                 "magnitudes vec at 65536: %.2fx)\n",
                 ratio(reporter.time("BM_scaledMagnitudesScalar", 65536),
                       reporter.time("BM_scaledMagnitudes", 65536)));
+
+    // The voice product at its defaults: the EGG work of one interval and the
+    // interval's FFT, each as a share of the interval's duration.
+    AnalyzerDefaults voice(AnalyzerFeatures::voiceProduct(), "dsp-bench-voice");
+    voice.recalculateDocumentSettings();
+    const int n = voice.fftSize();
+    const double intervalUs = 1e6 * voice.intervalSizeInFrames() / voice.sampleRate();
+    const double egg = reporter.time("BM_eggInterval", n);
+    const double fft = reporter.time("BM_interval", n);
+    std::printf("\nEGG at the defaults (FFT %d points, interval %d frames at %.0f Hz = %.1f "
+                "ms):\n  filter + measure %.2f us = %.3f %% of the interval; the interval's FFT "
+                "%.2f us = %.3f %%; EGG / FFT %.2f\n",
+                n, voice.intervalSizeInFrames(), double(voice.sampleRate()), intervalUs / 1000.0,
+                egg, 100.0 * ratio(egg, intervalUs), fft, 100.0 * ratio(fft, intervalUs),
+                ratio(egg, fft));
     return 0;
 }

@@ -17,11 +17,15 @@ constexpr float kHoldDecayStepDB = 0.2f;
 ChartData::ChartData(AnalyzerDefaults& defaults)
     : mDefaults(defaults), mBuforyFFTOutData(static_cast<size_t>(kRingSlots) * kSlotSize, 0.0f),
       mRawCopy(kSlotSize + 2, 0.0f), mWindowCopy(kMaxWindowSize, 0.0f) {
+    if (mDefaults.features().featureVoiceEGG()) {
+        eggFilter_ = std::make_unique<EGGFilter>();
+        mBuforyEggOutData.assign(static_cast<size_t>(kRingSlots) * kEggSlotSize, 0.0f);
+    }
     clearData();
 }
 
 void ChartData::addFFTdata(const float* fftData, const float* fftWindowData,
-                           const float* /*eggWindowData*/) {
+                           const float* eggWindowData) {
     if (fftData == nullptr || fftWindowData == nullptr)
         return;
     const int32_t n = std::clamp(mDefaults.fftOutSize(), 0, kSlotSize);
@@ -57,13 +61,28 @@ void ChartData::addFFTdata(const float* fftData, const float* fftWindowData,
     else
         convertPowerToMagnitude(mRawCopy.data(), slot, n);
 
-    // The EGG product's filter and closed quotient run here, on the second
-    // channel's window, into a slot of their own (not part of this product).
+    if (eggFilter_)
+        measureEgg(eggWindowData, windowSize, s);
 
     mFFTOutData = slot;
 }
 
+void ChartData::measureEgg(const float* eggWindowData, int32_t windowSize, int32_t slot) {
+    float* out = mBuforyEggOutData.data() + static_cast<size_t>(slot) * kEggSlotSize;
+    mCQ = ClosedQuotientResult{};
+    mEGGOutData = nullptr;
+    closedQuotient_ = 0.0f;
+    if (eggWindowData == nullptr || !eggFilter_->filtrujData(eggWindowData, out, windowSize))
+        return;
+    mCQ = EGGFilter::measureClosedQuotient(out, windowSize);
+    closedQuotient_ = mCQ.closedQuotient;
+    mEGGOutData = out;
+}
+
 void ChartData::clearData() {
+    mEGGOutData = nullptr;
+    mCQ = ClosedQuotientResult{};
+    closedQuotient_ = 0.0f;
     mFFTWindowData = nullptr;
     mFFTOutData = nullptr;
     mRAWFFTData = nullptr;

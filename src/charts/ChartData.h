@@ -1,8 +1,11 @@
 #pragma once
 
+#include "dsp/EGGFilter.h"
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 namespace widmo {
@@ -21,6 +24,11 @@ class AnalyzerDefaults;
 /// the attack and release of `octaveRTABandAverageType`, and keeps minimum and
 /// maximum holds that decay after `octaveRTAMinMaxDecayTime` seconds.
 ///
+/// With the EGG product (`featureVoiceEGG`), each interval's second-channel
+/// window also goes through the `EGGFilter` into a ring of its own, where the
+/// closed quotient is measured and one normalised glottal cycle is left for
+/// the chart to draw.
+///
 /// All buffers are allocated once, at construction, at their largest sizes;
 /// nothing allocates per interval or per frame. The settings are read from the
 /// `AnalyzerDefaults` at every call.
@@ -32,6 +40,9 @@ public:
     static constexpr int32_t kRingSlots = 16;
     static constexpr int32_t kSlotSize = 32768;
     static constexpr int32_t kMaxWindowSize = 65536;
+    /// Each slot of the EGG ring takes the largest window, so every `fftSize`
+    /// is measured.
+    static constexpr int32_t kEggSlotSize = kMaxWindowSize;
     static constexpr int32_t kBands = 169;
     static constexpr float kFloorDB = -144.0f;
 
@@ -43,7 +54,10 @@ public:
     /// One interval: `fftData` holds `fftOutSize` power values, `fftWindowData`
     /// the `fftSize` samples of its window; both are copied here, because the
     /// FFT engine reuses its result slots while the chart still draws them.
-    /// `eggWindowData` is the second channel's window of the EGG product.
+    /// `eggWindowData` is the second channel's window of the EGG product
+    /// (`fftSize` values): with that product it is filtered and measured here;
+    /// when it is null, or its FFT plans are not made yet, the interval has
+    /// no EGG cycle and a closed quotient of 0.
     /// A null `fftData` or `fftWindowData` is ignored.
     void addFFTdata(const float* fftData, const float* fftWindowData, const float* eggWindowData);
 
@@ -68,8 +82,16 @@ public:
     /// 20 log10 A and noise of RMS r reads 20 log10 r + 3.01 with every window
     /// and FFT size. Minus infinity for an all-zero spectrum (no floor).
     float levelDB() const { return levelDB_; }
-    /// Closed quotient of the last interval (0 without the EGG product).
+    /// Closed quotient of the last interval, 0..1: 0 without the EGG product,
+    /// without a cycle, or when the cycle's points give a quotient outside
+    /// 0..1; not a number when its three points coincide (no cycle at all).
     float closedQuotient() const { return closedQuotient_; }
+    /// The three crossing points of the last interval's cycle, indices into
+    /// `eggOutData`; all 0 without a measure.
+    const ClosedQuotientResult& closedQuotientPoints() const { return mCQ; }
+    /// The last interval's normalised glottal cycle: `fftSize` / 4 values in
+    /// 0..1; null without the EGG product or without EGG data.
+    const float* eggOutData() const { return mEGGOutData; }
 
     /// The display spectrum of the last interval (`fftOutSize` values, dB or
     /// linear); null when there is no data.
@@ -98,6 +120,9 @@ public:
     static void averageCoefficients(int32_t averageType, float* attack, float* release);
 
 private:
+    /// Filters the EGG window into ring slot `slot` and measures it there.
+    void measureEgg(const float* eggWindowData, int32_t windowSize, int32_t slot);
+
     AnalyzerDefaults& mDefaults;
 
     const float* mFFTWindowData = nullptr;
@@ -108,6 +133,11 @@ private:
     // Copies of the engine's buffers of the last interval (see addFFTdata).
     std::vector<float> mRawCopy;
     std::vector<float> mWindowCopy;
+    /// Only with the EGG product: the filter and its ring of 16 output slots.
+    std::unique_ptr<EGGFilter> eggFilter_;
+    std::vector<float> mBuforyEggOutData;
+    const float* mEGGOutData = nullptr;
+    ClosedQuotientResult mCQ;
     std::array<float, kBands> mNewOctaveRTAValues{};
     std::array<float, kBands> mOctaveRTAValues{};
     std::array<float, kBands> mOctaveRTAMinValues{};

@@ -95,6 +95,15 @@ void ChartGeometry::osciloscopePoints(const float* samples, int32_t count, float
         store(t, i * invCount, 0.5 + 0.5 * static_cast<double>(gain) * samples[i], xy + 2 * i);
 }
 
+void ChartGeometry::eggPoints(const float* cycle, int32_t count, const AffineTransform& t,
+                              float* xy) {
+    if (count < 1)
+        return;
+    const double invCount = 1.0 / count;
+    for (int32_t k = 0; k < count; ++k)
+        store(t, k * invCount, 0.7 * static_cast<double>(cycle[k]) + 0.15, xy + 2 * k);
+}
+
 void ChartGeometry::spectrumGrid(bool linearFrequency, bool valuesInDB, double maxFrequency,
                                  double logStartFrequency, double logIntervalDelta,
                                  double labelMinValue, int32_t labelCount, int32_t step,

@@ -62,6 +62,12 @@ void ChartScrollView::addFFTdata(const float* fftData, const float* fftWindowDat
                                  const float* eggWindowData) {
     data_.addFFTdata(fftData, fftWindowData, eggWindowData);
     if (levelMeterView_ != nullptr) {
+        if (mDefaults.features().featureVoiceEGG()) {
+            // The meter reads 0 when no quotient is measured; a cycle without
+            // distinct points (not a number) is none.
+            const float cq = data_.closedQuotient();
+            levelMeterView_->setClosedQuotient(std::isnan(cq) ? 0.0f : cq);
+        }
         levelMeterView_->setLevelDB(data_.levelDB());
         levelMeterView_->setNeedsDisplay();
     }
@@ -301,8 +307,10 @@ void ChartScrollView::drawPoints() {
         drawSpectrumPoints();
         break;
     case 1:
-        // The EGG product draws its glottal cycle here instead.
-        drawOsciloscopePoints();
+        if (mDefaults.features().featureVoiceEGG())
+            drawEGGPoints();
+        else
+            drawOsciloscopePoints();
         break;
     case 2:
         if (mDefaults.octaveRTAValid())
@@ -399,6 +407,20 @@ void ChartScrollView::drawOsciloscopePoints() {
         ChartGeometry::osciloscopePoints(
             samples, n, static_cast<float>(gainFactor(mDefaults.osciloscopeWzmocnienieDB())),
             actualContentTransform(), mPointsOfChart.data());
+        effect()->prepareToDrawWithConstantColor(0.0f, 1.0f, 0.0f, 1.0f);
+        gl()->glLineWidth(1.0f);
+        drawLineStrip(reducedToPixelColumns(n));
+    }
+    if (measuringActivated())
+        rysujMeasureLinesOsciloscope();
+}
+
+void ChartScrollView::drawEGGPoints() {
+    rysujOsciloscopeGrid();
+    const float* cycle = data_.eggOutData();
+    const int32_t n = std::min(mDefaults.fftSize(), ChartData::kEggSlotSize) / 4;
+    if (cycle != nullptr && n >= 1) {
+        ChartGeometry::eggPoints(cycle, n, actualContentTransform(), mPointsOfChart.data());
         effect()->prepareToDrawWithConstantColor(0.0f, 1.0f, 0.0f, 1.0f);
         gl()->glLineWidth(1.0f);
         drawLineStrip(reducedToPixelColumns(n));
@@ -541,7 +563,22 @@ void ChartScrollView::rysujMeasureLinesOsciloscope() {
     const auto ms = static_cast<int>(std::trunc(rest * 1000.0));
     const auto us = static_cast<int>(std::trunc(rest * 1000000.0)) % 1000;
     setValueText(Label2, QString::asprintf("-%.2ds%.3dms%.3d", seconds, ms, us));
-    rysujMeasureLines(measuringActualPosition().x(), levelY);
+    if (!mDefaults.features().featureVoiceEGG()) {
+        rysujMeasureLines(measuringActualPosition().x(), levelY);
+        return;
+    }
+    // The EGG product marks the cycle's three crossing points instead.
+    const double points = std::max(1, fftSize / 4);
+    const ClosedQuotientResult& cq = data_.closedQuotientPoints();
+    const AffineTransform& transform = actualContentTransform();
+    TQGLEffect* e = effect();
+    gl()->glLineWidth(2.0f);
+    e->prepareToDrawWithConstantColor(1.0f, 1.0f, 1.0f, 1.0f);
+    for (const int32_t crossing : {cq.pkt1, cq.pkt2, cq.pkt3}) {
+        const double x = crossing / points;
+        e->rysujLiniePoint1(transform.map(QPointF(x, 0.0)), transform.map(QPointF(x, 1.0)));
+    }
+    gl()->glLineWidth(1.0f);
 }
 
 } // namespace widmo

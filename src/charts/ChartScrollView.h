@@ -21,6 +21,7 @@ class ChartView;
 class LevelMeterView;
 
 /// The GL view of the second chart: the spectrum curve, the oscilloscope trace
+/// (with the EGG product: the normalised glottal cycle of the EGG channel)
 /// or the octave-band bars of the latest interval over their grid, with a
 /// measuring cursor whose read-out stands in a small panel in the corner.
 ///
@@ -46,7 +47,8 @@ public:
     const ChartData& data() const { return data_; }
 
     /// One interval from the engine's display timer (see `ChartData::addFFTdata`);
-    /// feeds the level meter and draws one frame with it.
+    /// feeds the level meter (level, and with the EGG product the closed
+    /// quotient, 0 when it is not a number) and draws one frame with it.
     void addFFTdata(const float* fftData, const float* fftWindowData, const float* eggWindowData);
     /// No data, level -144 dB, bands cleared, measuring off here and in the
     /// partner view; redraws.
@@ -101,6 +103,7 @@ private:
     void drawPoints();
     void drawSpectrumPoints();
     void drawOsciloscopePoints();
+    void drawEGGPoints();
     void drawOctaveRTAPoints();
     void rysujSpectrumGrid();
     void rysujOsciloscopeGrid();

@@ -107,10 +107,13 @@ FFTManager& FFTManager::sharedManager() {
     return manager;
 }
 
-void FFTManager::preparePlans() { mSpectrumAnalysis->prepareAll(mDefaults.fftSize()); }
+void FFTManager::preparePlans() {
+    mSpectrumAnalysis->prepareAll(mDefaults.fftSize(), mDefaults.features().featureVoiceEGG());
+}
 
 void FFTManager::preparePlansInBackground() {
-    mSpectrumAnalysis->startPreparing(mDefaults.fftSize());
+    mSpectrumAnalysis->startPreparing(mDefaults.fftSize(), FFTPlanCache::kPatientFromSize,
+                                      mDefaults.features().featureVoiceEGG());
 }
 
 void FFTManager::prepareWindow() {

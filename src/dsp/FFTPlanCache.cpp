@@ -41,6 +41,10 @@ FFTPlanCache::~FFTPlanCache() {
         if (fftwf_plan plan = p.exchange(nullptr, std::memory_order_acq_rel))
             fftwf_destroy_plan(plan);
     }
+    for (auto& p : complexPlans_) {
+        if (fftwf_plan plan = p.exchange(nullptr, std::memory_order_acq_rel))
+            fftwf_destroy_plan(plan);
+    }
     for (fftwf_plan& plan : retired_) {
         if (plan)
             fftwf_destroy_plan(plan);
@@ -83,21 +87,60 @@ fftwf_plan FFTPlanCache::plan(int32_t size) {
     return p;
 }
 
-void FFTPlanCache::prepareAll(int32_t firstSize) {
-    // The mutex is taken per size, so that a transform waiting for another
+int32_t FFTPlanCache::complexSlotOf(int32_t points, int sign) {
+    if (sign != FFTW_FORWARD && sign != FFTW_BACKWARD)
+        return -1;
+    const int32_t slot = slotOf(points);
+    return slot < 0 ? -1 : 2 * slot + (sign == FFTW_BACKWARD ? 1 : 0);
+}
+
+fftwf_plan FFTPlanCache::plannedComplexPlan(int32_t points, int sign) const {
+    const int32_t slot = complexSlotOf(points, sign);
+    return slot < 0 ? nullptr
+                    : complexPlans_[static_cast<size_t>(slot)].load(std::memory_order_acquire);
+}
+
+fftwf_plan FFTPlanCache::complexPlan(int32_t points, int sign) {
+    const int32_t slot = complexSlotOf(points, sign);
+    if (slot < 0)
+        return nullptr;
+    if (fftwf_plan p = complexPlans_[static_cast<size_t>(slot)].load(std::memory_order_acquire))
+        return p;
+    std::lock_guard lock(plannerMutex());
+    fftwf_plan p = makeComplexPlanLocked(slot);
+    saveWisdomLocked();
+    return p;
+}
+
+void FFTPlanCache::prepareAll(int32_t firstSize, bool withComplex) {
+    // The mutex is taken per plan, so that a transform waiting for another
     // size than the one being planned gets its turn in between.
     bool planned = false;
-    const int32_t first = slotOf(firstSize);
-    for (int32_t k = -1; k < static_cast<int32_t>(kSlots); ++k) {
-        const int32_t slot = k < 0 ? first : k;
+    const auto planSlot = [&](int32_t slot) {
         if (slot < 0 || stopping_.load(std::memory_order_acquire))
-            continue;
+            return;
         std::lock_guard lock(plannerMutex());
         if (!plans_[static_cast<size_t>(slot)].load(std::memory_order_acquire)) {
             makePlanLocked(slot);
             planned = true;
         }
-    }
+    };
+    const auto planComplexSlot = [&](int32_t slot) {
+        if (!withComplex || slot < 0 || stopping_.load(std::memory_order_acquire))
+            return;
+        std::lock_guard lock(plannerMutex());
+        if (!complexPlans_[static_cast<size_t>(slot)].load(std::memory_order_acquire)) {
+            makeComplexPlanLocked(slot);
+            planned = true;
+        }
+    };
+    planSlot(slotOf(firstSize));
+    planComplexSlot(complexSlotOf(firstSize, FFTW_FORWARD));
+    planComplexSlot(complexSlotOf(firstSize, FFTW_BACKWARD));
+    for (int32_t slot = 0; slot < static_cast<int32_t>(kSlots); ++slot)
+        planSlot(slot);
+    for (int32_t slot = 0; slot < static_cast<int32_t>(2 * kSlots); ++slot)
+        planComplexSlot(slot);
     if (planned) {
         std::lock_guard lock(plannerMutex());
         saveWisdomLocked();
@@ -129,12 +172,12 @@ bool FFTPlanCache::isRefined(int32_t size) const {
     return slot >= 0 && refined_[static_cast<size_t>(slot)].load(std::memory_order_acquire);
 }
 
-void FFTPlanCache::startPreparing(int32_t firstSize, int32_t patientFromSize) {
+void FFTPlanCache::startPreparing(int32_t firstSize, int32_t patientFromSize, bool withComplex) {
     if (preparingStarted_)
         return;
     preparingStarted_ = true;
-    planner_ = std::thread([this, firstSize, patientFromSize] {
-        prepareAll(firstSize);
+    planner_ = std::thread([this, firstSize, patientFromSize, withComplex] {
+        prepareAll(firstSize, withComplex);
         refine(patientFromSize);
     });
 }
@@ -151,6 +194,26 @@ fftwf_plan FFTPlanCache::makePlanLocked(int32_t slot) {
     fftwf_plan p = newPlanLocked(sizeOf(slot), plannerFlags_);
     if (p)
         entry.store(p, std::memory_order_release);
+    return p;
+}
+
+fftwf_plan FFTPlanCache::makeComplexPlanLocked(int32_t complexSlot) {
+    auto& entry = complexPlans_[static_cast<size_t>(complexSlot)];
+    if (fftwf_plan existing = entry.load(std::memory_order_acquire))
+        return existing;
+    const int32_t n = sizeOf(complexSlot / 2);
+    const int sign = complexSlot % 2 == 0 ? FFTW_FORWARD : FFTW_BACKWARD;
+    // In place on a scratch array of its own, aligned like the callers' arrays.
+    auto* data = static_cast<fftwf_complex*>(
+        std::aligned_alloc(64, static_cast<size_t>(n) * sizeof(fftwf_complex)));
+    fftwf_plan p = nullptr;
+    if (data)
+        p = fftwf_plan_dft_1d(n, data, data, sign, plannerFlags_);
+    std::free(data);
+    if (p)
+        entry.store(p, std::memory_order_release);
+    else
+        qWarning("FFTW could not plan a complex transform of %d points", n);
     return p;
 }
 

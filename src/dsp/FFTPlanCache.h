@@ -24,6 +24,11 @@ namespace widmo {
 /// `fftwf_malloc` gives: `fftwf_alignment_of` 0) can be transformed with
 /// `fftwf_execute_dft_r2c(plan(n), in, out)`.
 ///
+/// On request (`withComplex`, for the EGG filter) the cache also holds the
+/// plans of in-place complex transforms, forward and backward, of the same
+/// sizes (256 to 65,536 points), made with the same flags for 64-byte aligned interleaved arrays
+/// and run with `fftwf_execute_dft(complexPlan(n, sign), a, a)`. They are not refined.
+///
 /// Wisdom: loaded from `wisdomPath` when the cache is created, written back
 /// (atomically, through a temporary file) whenever new plans were made. A
 /// missing, unreadable or corrupt file only means the planner measures again;
@@ -77,9 +82,18 @@ public:
     fftwf_plan plan(int32_t size);
     /// True when `size` has a plan already (never plans).
     bool hasPlan(int32_t size) const;
+    /// The in-place complex plan of `points` (a power of two in 256..65536) in
+    /// direction `sign` (FFTW_FORWARD or FFTW_BACKWARD), planning it first if
+    /// needed, like `plan`. Null for any other size or sign, or if FFTW cannot plan.
+    fftwf_plan complexPlan(int32_t points, int sign);
+    /// The same but never planning and never waiting: null while that plan is
+    /// not made yet. Any thread but the real-time one (one atomic load).
+    fftwf_plan plannedComplexPlan(int32_t points, int sign) const;
     /// Plans every size that has no plan yet, `firstSize` first (so that a
     /// caller waiting for one size gets it soonest), then saves the wisdom.
-    void prepareAll(int32_t firstSize = 0);
+    /// With `withComplex`, the complex plans too: those of `firstSize` right
+    /// after its real plan, the others after every real size.
+    void prepareAll(int32_t firstSize = 0, bool withComplex = false);
     /// Plans the sizes `fromSize`..`toSize` again with FFTW_PATIENT, one at a
     /// time, each swapped in as soon as it is ready and the wisdom saved after
     /// each. A size refined once is not refined again. Blocks (seconds for the
@@ -88,12 +102,12 @@ public:
     /// True when `size` has its FFTW_PATIENT plan.
     bool isRefined(int32_t size) const;
 
-    /// Starts the planning thread, which runs `prepareAll(firstSize)` and then
-    /// `refine(patientFromSize)`, and returns at once. A transform that needs
-    /// a size meanwhile waits for that size only. Once per cache; later calls
-    /// do nothing. Called from the thread that owns the cache, like
-    /// `waitUntilPrepared`.
-    void startPreparing(int32_t firstSize, int32_t patientFromSize = kPatientFromSize);
+    /// Starts the planning thread, which runs `prepareAll(firstSize,
+    /// withComplex)` and then `refine(patientFromSize)`, and returns at once. A transform that
+    /// needs a size meanwhile waits for that size only. Once per cache; later calls do nothing.
+    /// Called from the thread that owns the cache, like `waitUntilPrepared`.
+    void startPreparing(int32_t firstSize, int32_t patientFromSize = kPatientFromSize,
+                        bool withComplex = false);
     /// Waits for the planning thread to finish (returns at once if none runs).
     void waitUntilPrepared();
 
@@ -104,6 +118,10 @@ public:
 private:
     static int32_t slotOf(int32_t size);
     static int32_t sizeOf(int32_t slot) { return int32_t{1} << (slot + kMinLog2Size); }
+    /// Index into `complexPlans_` of `points` and `sign`; -1 for neither.
+    static int32_t complexSlotOf(int32_t points, int sign);
+    /// Plans one complex slot unless it has a plan; planner mutex held by the caller.
+    fftwf_plan makeComplexPlanLocked(int32_t complexSlot);
     /// Plans one slot with the cache's flags unless it has a plan; planner
     /// mutex held by the caller.
     fftwf_plan makePlanLocked(int32_t slot);
@@ -122,6 +140,9 @@ private:
     /// mutex.
     std::array<fftwf_plan, kSlots> retired_{};
     std::array<std::atomic<bool>, kSlots> refined_{};
+    /// Complex plans: slot k holds 256 << (k / 2) points, forward for even k,
+    /// backward for odd k.
+    std::array<std::atomic<fftwf_plan>, 2 * kSlots> complexPlans_{};
     /// Set by the destructor: the planning thread stops before its next size.
     std::atomic<bool> stopping_{false};
     std::thread planner_;

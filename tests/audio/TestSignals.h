@@ -24,6 +24,24 @@ inline float sineAt(double frequency, double t) {
     return kMinus12dBFS * float(std::sin(2.0 * std::numbers::pi * frequency * t));
 }
 
+/// An electroglottograph's contact signal at `frequency` Hz, time `t` seconds:
+/// -0.15 while the vocal folds are open, 0.15 while closed, closed for the
+/// fraction `closedQuotient` of each cycle, with raised-cosine edges of 0.3 ms
+/// centred on the start and the end of the closed phase. Above its 40 % level
+/// for closedQuotient + 3.85e-5 · frequency of the cycle (each edge's 40 %
+/// crossing lies 0.064 of the edge outside its centre).
+inline float eggContact(double frequency, double closedQuotient, double t) {
+    const double edge = 0.3e-3 * frequency; // in cycles
+    const double phase = t * frequency - std::floor(t * frequency);
+    const auto ramp = [&](double x) { // 0 before -edge/2, 1 after +edge/2
+        return x < -edge / 2  ? 0.0
+               : x > edge / 2 ? 1.0
+                              : 0.5 + 0.5 * std::sin(std::numbers::pi * x / edge);
+    };
+    const double closed = ramp(phase) * (1.0 - ramp(phase - closedQuotient)) + ramp(phase - 1.0);
+    return float(0.3 * closed - 0.15);
+}
+
 /// Keeps what an audio unit captures (interleaved stereo), on the unit's thread.
 class CaptureRecorder : public AudioIOUnitClient {
 public:

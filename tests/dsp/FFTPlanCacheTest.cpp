@@ -51,9 +51,12 @@ TEST(FFTPlanCacheTest, missingWisdomFolder_isCreatedOnSave) {
     FFTPlanCache cache(path, FFTW_ESTIMATE);
     EXPECT_FALSE(cache.wisdomLoaded());
     EXPECT_FALSE(cache.hasPlan(512));
-    cache.prepareAll(512);
-    for (int n = 256; n <= 65536; n *= 2)
+    cache.prepareAll(512, true); // with the EGG filter's complex plans
+    for (int n = 256; n <= 65536; n *= 2) {
         EXPECT_TRUE(cache.hasPlan(n)) << n;
+        EXPECT_NE(cache.plannedComplexPlan(n, FFTW_FORWARD), nullptr) << n;
+        EXPECT_NE(cache.plannedComplexPlan(n, FFTW_BACKWARD), nullptr) << n;
+    }
     EXPECT_TRUE(QFile::exists(path));
 }
 

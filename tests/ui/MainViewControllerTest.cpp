@@ -8,6 +8,7 @@
 #include "core/AnalyzerFeatures.h"
 #include "core/SettingsStore.h"
 #include "dsp/FFTManager.h"
+#include "dsp/FFTPlanCache.h"
 #include "engine/AnalyzerController.h"
 #include "render/LevelMeterView.h"
 #include "ui/GeneralSettingsTableViewController.h"
@@ -226,6 +227,80 @@ TEST_F(MainScreenTest, startWithTone_chartPeaksAtToneAndMeterMoves_pauseStops) {
     const QImage column = meter->grabFramebuffer();
     EXPECT_FALSE(test::topmost(column, +lit)) << "red segments while stopped";
     EXPECT_EQ(meter->dbLabel()->text(), "-144.0");
+}
+
+TEST_F(MainScreenTest, voiceProduct_eggOnSecondChannel_meterReadsQuotient_chartDrawsCycle) {
+    launch(AnalyzerFeatures::voiceProduct());
+    // The application's planning thread makes these ahead; here only the size in use.
+    const int32_t n = defaults_->fftSize();
+    ASSERT_NE(FFTPlanCache::shared().complexPlan(n, FFTW_FORWARD), nullptr);
+    ASSERT_NE(FFTPlanCache::shared().complexPlan(n, FFTW_BACKWARD), nullptr);
+
+    // A tone for the voice, and on the second channel a contact signal at
+    // 220 Hz that is closed for 40 % of each cycle (above its 40 % level for
+    // 0.4085 of it).
+    constexpr double f0 = 220.0;
+    constexpr double cq = 0.4;
+    const double expected = 100.0 * (cq + 3.85e-5 * f0);
+    test::SinkPlayer signal(
+        48000, 20.0, [](double t) { return kMinus12dBFS * float(std::sin(2 * M_PI * f0 * t)); },
+        [](double t) { return test::eggContact(f0, cq, t); });
+    ASSERT_TRUE(signal.start());
+    clickStartPause();
+    ASSERT_TRUE(waitRecording(true));
+
+    // The meter's read-out, in per cent. Tolerance: the measure's (the index
+    // step of 1.4 / 100 points and 0.015 for the band limit, 0.029 in all) and
+    // the rounding of the read-out.
+    LevelMeterView* meter = screen()->chartView()->levelMeterView();
+    const auto readout = [&] { return meter->dbLabel()->text().toDouble(); };
+    EXPECT_TRUE(QTest::qWaitFor([&] { return std::abs(readout() - expected) <= 3.4; }, 5000))
+        << "read-out " << meter->dbLabel()->text().toStdString();
+    QTest::qWait(500);
+    EXPECT_NEAR(readout(), expected, 3.4);
+
+    // The oscilloscope shows the normalised cycle in the middle 70 % of the
+    // chart's height (0.15 to 0.85): per pixel column the mean row of the
+    // green trace, whose upward passes through the middle count the contacts
+    // in n / 4 points at 22,050 per second.
+    screen()->typeOfChartOsciloscopeSelected();
+    ChartScrollView* chart = screen()->chartView()->chart();
+    QTest::qWait(300);
+    const QImage frame = chart->grabFramebuffer();
+    const double margin = test::chartMargin(chart);
+    const auto rowOf = [&](double y) {
+        return margin + (1.0 - y) * (chart->height() - 2 * margin);
+    };
+    int top = frame.height();
+    int bottom = -1;
+    int contacts = 0;
+    int columnsWithTrace = 0;
+    bool high = false;
+    for (int x = 0; x < frame.width(); ++x) {
+        double sum = 0.0;
+        int count = 0;
+        for (int y = 0; y < frame.height(); ++y)
+            if (test::isGreen(frame.pixel(x, y))) {
+                sum += y;
+                ++count;
+                top = std::min(top, y);
+                bottom = std::max(bottom, y);
+            }
+        if (count == 0)
+            continue;
+        ++columnsWithTrace;
+        const bool nowHigh = sum / count < rowOf(0.5);
+        contacts += (nowHigh && !high && columnsWithTrace > 1) ? 1 : 0;
+        high = nowHigh;
+    }
+    EXPECT_GT(columnsWithTrace, frame.width() * 9 / 10);
+    // The extremes of the whole window may lie outside the cycle drawn, so
+    // its contacts and openings reach into the outer tenths of that band.
+    EXPECT_GE(top, rowOf(0.85) - 3.0);
+    EXPECT_LE(top, rowOf(0.78));
+    EXPECT_LE(bottom, rowOf(0.15) + 3.0);
+    EXPECT_GE(bottom, rowOf(0.22));
+    EXPECT_NEAR(contacts, n / 4 * f0 / 22050.0, 1.0);
 }
 
 TEST_F(MainScreenTest, startWithoutInputDevice_showsMessage_buttonsStayUsable) {

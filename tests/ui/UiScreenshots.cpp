@@ -1,22 +1,31 @@
 // Writes pictures of the settings pages and the help screen, as a tablet
-// shows them, for the products widmo and widmo-studio:
+// shows them, for the products widmo and widmo-studio, and the main screen of
+// widmo-voice measuring a voice and EGG pair played into the test sink:
 //   widmo_ui_screenshots <folder>
 // Needs a display and a sound server (the test services).
 
 #include "RecordingSettingsDelegate.h"
+#include "TestSignals.h"
 #include "audio/TQAudio.h"
+#include "charts/ChartView.h"
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
+#include "dsp/FFTManager.h"
+#include "dsp/FFTPlanCache.h"
 #include "render/DeviceClass.h"
+#include "ui/AppDelegate.h"
 #include "ui/HelpViewController.h"
+#include "ui/MainViewController.h"
 #include "ui/SettingsRootViewController.h"
 
 #include <QApplication>
 #include <QDir>
+#include <QMainWindow>
 #include <QPixmap>
 #include <QSettings>
 #include <QTemporaryDir>
 #include <QTest>
+#include <QToolButton>
 
 #include <cstdio>
 
@@ -55,6 +64,45 @@ bool shoot(const QString& product, const widmo::AnalyzerFeatures& features, cons
     return ok;
 }
 
+/// widmo-voice analysing a 196 Hz voice with an EGG closed for 45 % of each
+/// cycle, its oscilloscope showing the normalised glottal cycle.
+bool shootVoiceMainScreen(const QDir& out) {
+    const widmo::AnalyzerFeatures features = widmo::AnalyzerFeatures::voiceProduct();
+    widmo::AnalyzerDefaults defaults(features, "screenshots-main-voice");
+    widmo::TQAudio audio(defaults, features);
+    widmo::FFTManager fft(defaults);
+    widmo::AppDelegate app(defaults, audio, fft);
+    if (!app.didFinishLaunchingWithOptions() || !QTest::qWaitForWindowExposed(app.window()))
+        return false;
+    app.window()->resize(1000, 640);
+    widmo::MainViewController* screen = app.mainViewController();
+    if (!QTest::qWaitFor([&] { return app.dataPrepared() && !screen->buttonsBlocked(); }, 5000))
+        return false;
+    const int32_t n = defaults.fftSize();
+    widmo::FFTPlanCache::shared().complexPlan(n, FFTW_FORWARD);
+    widmo::FFTPlanCache::shared().complexPlan(n, FFTW_BACKWARD);
+
+    constexpr double f0 = 196.0;
+    const auto voice = [](double t) {
+        double v = 0.0;
+        for (int k = 1; k <= 6; ++k)
+            v += std::sin(2.0 * std::numbers::pi * k * f0 * t) / (k * k);
+        return float(0.2 * v);
+    };
+    widmo::test::SinkPlayer signal(48000, 20.0, voice,
+                                   [](double t) { return widmo::test::eggContact(f0, 0.45, t); });
+    if (!signal.start())
+        return false;
+    screen->typeOfChartOsciloscopeSelected();
+    QTest::mouseClick(screen->recordPauseButton(), Qt::LeftButton);
+    QTest::qWait(2500);
+    const bool ok = save(app.window(), out.filePath("main-widmo-voice.png"));
+    QTest::mouseClick(screen->recordPauseButton(), Qt::LeftButton);
+    QTest::qWait(300);
+    app.applicationWillTerminate();
+    return ok;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -70,5 +118,6 @@ int main(int argc, char** argv) {
     widmo::DeviceClass::setForcedIdiom(widmo::DeviceClass::Idiom::Tablet);
     bool ok = shoot("widmo", widmo::AnalyzerFeatures::spectrumProduct(), out);
     ok &= shoot("widmo-studio", widmo::AnalyzerFeatures::studioProduct(), out);
+    ok &= shootVoiceMainScreen(out);
     return ok ? 0 : 1;
 }
