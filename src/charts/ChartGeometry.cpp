@@ -48,42 +48,67 @@ void ChartGeometry::spectrumPoints(const float* values, int32_t count, const flo
     store(t, 0.0, y1, xy);
 }
 
-int32_t ChartGeometry::reduceToPixelColumns(float* xy, int32_t count, double pixelsPerUnit,
-                                            double pixelOffset) {
-    if (count < 3 || pixelsPerUnit <= 0.0)
-        return count;
-    const auto columnOf = [&](int32_t k) {
-        return static_cast<int64_t>(
-            std::floor(static_cast<double>(xy[2 * k]) * pixelsPerUnit + pixelOffset));
+int32_t ChartGeometry::columnSpans(const float* xy, int32_t count, double pixelsPerUnit,
+                                   double pixelOffset, double halfPixelY, int32_t columns,
+                                   float* out) {
+    if (count < 1 || pixelsPerUnit <= 0.0 || columns < 1)
+        return 0;
+    int32_t written = 0;
+    int64_t current = -2; // the column being gathered; -2: none yet
+    double lo = 0.0;
+    double hi = 0.0;
+    const auto flush = [&] {
+        if (current < 0 || current >= columns)
+            return;
+        const auto x =
+            static_cast<float>((static_cast<double>(current) + 0.5 - pixelOffset) / pixelsPerUnit);
+        float* v = out + 2 * written;
+        v[0] = x;
+        v[1] = static_cast<float>(lo - halfPixelY);
+        v[2] = x;
+        v[3] = static_cast<float>(hi + halfPixelY);
+        written += 2;
     };
-    int32_t out = 0;
-    int32_t i = 0;
-    while (i < count) {
-        const int64_t column = columnOf(i);
-        int32_t lowest = i;
-        int32_t highest = i;
-        int32_t end = i + 1;
-        for (; end < count && columnOf(end) == column; ++end) {
-            if (xy[2 * end + 1] < xy[2 * lowest + 1])
-                lowest = end;
-            if (xy[2 * end + 1] > xy[2 * highest + 1])
-                highest = end;
-        }
-        // Copies go to `out` <= `i`: the reads of this column are done.
-        const auto copy = [&](int32_t from) {
-            xy[2 * out] = xy[2 * from];
-            xy[2 * out + 1] = xy[2 * from + 1];
-            ++out;
-        };
-        if (lowest == highest) {
-            copy(i);
+    const auto add = [&](int64_t column, double ya, double yb) {
+        if (column != current) {
+            flush();
+            current = column;
+            lo = std::min(ya, yb);
+            hi = std::max(ya, yb);
         } else {
-            copy(std::min(lowest, highest));
-            copy(std::max(lowest, highest));
+            lo = std::min({lo, ya, yb});
+            hi = std::max({hi, ya, yb});
         }
-        i = end;
+    };
+    const auto pixelX = [&](int32_t k) {
+        return static_cast<double>(xy[2 * k]) * pixelsPerUnit + pixelOffset;
+    };
+    if (count == 1)
+        add(static_cast<int64_t>(std::floor(pixelX(0))), xy[1], xy[1]);
+    for (int32_t i = 0; i + 1 < count; ++i) {
+        const double p0 = pixelX(i);
+        const double p1 = pixelX(i + 1);
+        const double y0 = xy[2 * i + 1];
+        const double y1 = xy[2 * i + 3];
+        const auto c0 = static_cast<int64_t>(std::floor(p0));
+        const auto c1 = static_cast<int64_t>(std::floor(p1));
+        if (c0 >= c1) {
+            add(c0, y0, y1);
+            continue;
+        }
+        // A segment across columns lights, in each, its part between the
+        // column's edges; columns off the frame are passed over.
+        const int64_t first = std::max<int64_t>(c0, -1);
+        const int64_t last = std::min<int64_t>(c1, columns);
+        const double slope = (y1 - y0) / (p1 - p0);
+        for (int64_t c = first; c <= last; ++c) {
+            const double xa = std::max(p0, static_cast<double>(c));
+            const double xb = std::min(p1, static_cast<double>(c + 1));
+            add(c, y0 + slope * (xa - p0), y0 + slope * (xb - p0));
+        }
     }
-    return out;
+    flush();
+    return written;
 }
 
 void ChartGeometry::osciloscopePoints(const float* samples, int32_t count, float gain,

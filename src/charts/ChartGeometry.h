@@ -36,14 +36,18 @@ public:
     /// Chart height of a level in dB: -144 dB at 0, 0 dB at 1.
     static double levelToY(double levelDB) { return levelDB / 144.0 + 1.0; }
 
-    /// Thins a line strip of `count` vertices (x, y pairs in `xy`, x never
-    /// decreasing) to what the display can show: x lies on pixel column
-    /// floor(x · `pixelsPerUnit` + `pixelOffset`). Where several vertices fall
-    /// into one column they are replaced, in place, by the column's lowest and
-    /// highest vertex in the order they came, so every peak keeps its full
-    /// height. Returns the new vertex count.
-    static int32_t reduceToPixelColumns(float* xy, int32_t count, double pixelsPerUnit,
-                                        double pixelOffset);
+    /// The pixels a one-pixel line strip of `count` vertices (x, y pairs in
+    /// `xy`, x never decreasing) lights, as one vertical segment per pixel
+    /// column: the strip's lowest to highest y between the column's edges, half
+    /// a pixel (`halfPixelY`) longer at each end so that a flat run still lights
+    /// its pixel. x lies on pixel column floor(x · `pixelsPerUnit` +
+    /// `pixelOffset`); only columns 0 .. `columns` - 1 are kept. Writes the
+    /// segments' end points (x at the column's centre) to `out`, which has room
+    /// for 4 · `columns` floats, and returns the vertex count. Drawn as separate
+    /// lines they cost one primitive per column whatever the number of points,
+    /// about half of what the strip itself costs a software rasterizer.
+    static int32_t columnSpans(const float* xy, int32_t count, double pixelsPerUnit,
+                               double pixelOffset, double halfPixelY, int32_t columns, float* out);
 
     /// Spectrum curve: `count` vertices (x, y pairs) into `xy`, mapped through
     /// `transform`. x = i / count on a linear axis, else `logPoints`[i]; y =

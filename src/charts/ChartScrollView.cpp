@@ -291,6 +291,7 @@ void ChartScrollView::drawGLRect(const QRectF& rect) {
     const double mx = p / std::max(1.0, rect.width() - 2.0 * p);
     marginX_ = mx;
     const double my = p / std::max(1.0, rect.height() - 2.0 * p);
+    marginY_ = my;
     const auto sx = static_cast<float>(2.0 / (1.0 + 2.0 * mx));
     const auto sy = static_cast<float>(2.0 / (1.0 + 2.0 * my));
     e->setProjection({sx, 0, 0, 0, 0, sy, 0, 0, 0, 0, -1, 0,
@@ -322,17 +323,16 @@ void ChartScrollView::drawPoints() {
 }
 
 void ChartScrollView::drawLineStrip(int32_t count) {
-    gl()->glVertexAttribPointer(TQGLEffect::kAttribPosition, 2, GL_FLOAT, GL_FALSE, 0,
-                                mPointsOfChart.data());
-    gl()->glDrawArrays(GL_LINE_STRIP, 0, count);
-}
-
-int32_t ChartScrollView::reducedToPixelColumns(int32_t count) {
-    // Unit x from -mx to 1 + mx spans the frame's width (see drawGLRect).
-    const double pixels = viewSize_.width() * static_cast<double>(effect()->contentScaleFactor());
-    const double perUnit = pixels / (1.0 + 2.0 * marginX_);
-    return ChartGeometry::reduceToPixelColumns(mPointsOfChart.data(), count, perUnit,
-                                               marginX_ * perUnit);
+    // Unit space from -m to 1 + m spans the frame (see drawGLRect).
+    const double scale = static_cast<double>(effect()->contentScaleFactor());
+    const auto columns = static_cast<int32_t>(std::lround(viewSize_.width() * scale));
+    const double perUnitX = columns / (1.0 + 2.0 * marginX_);
+    const double perUnitY = viewSize_.height() * scale / (1.0 + 2.0 * marginY_);
+    columnSpans_.resize(4 * static_cast<size_t>(std::max(columns, 1)));
+    const int32_t vertices =
+        ChartGeometry::columnSpans(mPointsOfChart.data(), count, perUnitX, marginX_ * perUnitX,
+                                   0.5 / perUnitY, columns, columnSpans_.data());
+    effect()->rysujLinie(columnSpans_.data(), vertices);
 }
 
 void ChartScrollView::drawGrid() {
@@ -393,7 +393,7 @@ void ChartScrollView::drawSpectrumPoints() {
             actualContentTransform(), mPointsOfChart.data());
         effect()->prepareToDrawWithConstantColor(0.0f, 1.0f, 0.0f, 1.0f);
         gl()->glLineWidth(1.0f);
-        drawLineStrip(reducedToPixelColumns(n));
+        drawLineStrip(n);
     }
     if (measuringActivated())
         rysujMeasureLinesSpectrum();
@@ -409,7 +409,7 @@ void ChartScrollView::drawOsciloscopePoints() {
             actualContentTransform(), mPointsOfChart.data());
         effect()->prepareToDrawWithConstantColor(0.0f, 1.0f, 0.0f, 1.0f);
         gl()->glLineWidth(1.0f);
-        drawLineStrip(reducedToPixelColumns(n));
+        drawLineStrip(n);
     }
     if (measuringActivated())
         rysujMeasureLinesOsciloscope();
@@ -423,7 +423,7 @@ void ChartScrollView::drawEGGPoints() {
         ChartGeometry::eggPoints(cycle, n, actualContentTransform(), mPointsOfChart.data());
         effect()->prepareToDrawWithConstantColor(0.0f, 1.0f, 0.0f, 1.0f);
         gl()->glLineWidth(1.0f);
-        drawLineStrip(reducedToPixelColumns(n));
+        drawLineStrip(n);
     }
     if (measuringActivated())
         rysujMeasureLinesOsciloscope();

@@ -109,10 +109,9 @@ private:
     void rysujOsciloscopeGrid();
     void rysujOctaveRTAGrid();
     void drawGrid();
+    /// The first `count` chart points as a one-pixel line, drawn as one
+    /// vertical segment per pixel column of the frame.
     void drawLineStrip(int32_t count);
-    /// The first `count` chart points thinned to one low and one high point per
-    /// pixel column of the frame; returns their new count.
-    int32_t reducedToPixelColumns(int32_t count);
     void rysujMeasureLinesSpectrum();
     void rysujMeasureLinesOctaveRTA();
     void rysujMeasureLinesOsciloscope();
@@ -133,7 +132,9 @@ private:
     ChartView* chartView_;
     LevelMeterView* levelMeterView_ = nullptr; // a sibling owned by the ChartView
     QSizeF viewSize_{1.0, 1.0};
-    double marginX_ = 0.0;            // unit-space margin left and right of the chart
+    double marginX_ = 0.0; // unit-space margins of the chart's frame (see drawGLRect)
+    double marginY_ = 0.0;
+    std::vector<float> columnSpans_;  // the curve's segments, one per pixel column
     std::vector<float> gridVertices_; // one run of grid lines of one width
     bool analyzerRunning_ = false;
 

@@ -38,21 +38,28 @@ TEST(ChartGeometryTest, spectrumCurve_dcVertexTakesLeftEdgeAndLevelOfBin1) {
 
 // --- Grids -----------------------------------------------------------------------------------
 
-// Ten vertices per pixel column thin to their column's low and high, in the
-// order they came, so a one-vertex spike keeps its height; sparse vertices stay.
-TEST(ChartGeometryTest, pixelColumnReduction_keepsEachColumnsExtremes) {
+// A strip becomes one vertical segment per pixel column, spanning what the
+// strip covers there: ten points a column keep their extremes (a one-point
+// spike keeps its height), and a segment over several columns is cut at
+// their edges.
+TEST(ChartGeometryTest, columnSpans_oneSegmentPerColumnCoveringTheStrip) {
     std::vector<float> xy;
-    for (int i = 0; i < 1000; ++i) {
-        const float y = i == 537 ? 0.9f : (i == 533 ? 0.1f : 0.5f);
-        xy.insert(xy.end(), {(static_cast<float>(i) + 0.5f) / 1000.0f, y});
-    }
-    xy.insert(xy.end(), {1.5f, 0.3f, 2.5f, 0.4f}); // one vertex per column
-    const int32_t n = ChartGeometry::reduceToPixelColumns(xy.data(), 1002, 100.0, 0.0);
-    EXPECT_EQ(n, 100 + 1 + 2);       // flat columns keep one vertex, column 53 two
-    EXPECT_EQ(xy[2 * 53 + 1], 0.1f); // column 53: low then high, as they came
-    EXPECT_EQ(xy[2 * 54 + 1], 0.9f);
-    EXPECT_EQ(std::vector<float>(xy.begin() + 2 * (n - 2), xy.begin() + 2 * n),
-              (std::vector<float>{1.5f, 0.3f, 2.5f, 0.4f}));
+    for (int i = 0; i < 100; ++i) // columns 0..9, ten points each
+        xy.insert(xy.end(), {(static_cast<float>(i) + 0.5f) / 100.0f, i == 37 ? 0.9f : 0.5f});
+    xy.insert(xy.end(), {2.5f, 0.7f}); // then on to column 25, rising to 0.7
+    std::vector<float> out(4 * 40);
+    const int32_t n = ChartGeometry::columnSpans(xy.data(), 101, 10.0, 0.0, 0.0, 40, out.data());
+    ASSERT_EQ(n, 2 * 26); // columns 0..25
+    const auto span = [&](int column) {
+        return std::array<float, 3>{out[4 * column], out[4 * column + 1], out[4 * column + 3]};
+    };
+    EXPECT_EQ(span(3), (std::array<float, 3>{0.35f, 0.5f, 0.9f}));
+    EXPECT_EQ(span(2), (std::array<float, 3>{0.25f, 0.5f, 0.5f}));
+    // From (9.95, 0.5) to (25, 0.7): column 17 holds x 17..18.
+    const float at17 = 0.5f + 0.2f * (17.0f - 9.95f) / 15.05f;
+    const float at18 = 0.5f + 0.2f * (18.0f - 9.95f) / 15.05f;
+    EXPECT_NEAR(span(17)[1], at17, 1e-6);
+    EXPECT_NEAR(span(17)[2], at18, 1e-6);
 }
 
 TEST(ChartGeometryTest, rtaGrid_verticalLinesByBandsPerOctave) {
