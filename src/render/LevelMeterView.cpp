@@ -35,11 +35,6 @@ LevelMeterView::~LevelMeterView() {
 }
 
 void LevelMeterView::commonInit() {
-    setLevelDB(-144.0f);
-    setClosedQuotient(0.0f);
-    mLastLevelDB = -144.0f;
-    mLastCQ = 0.0f;
-    mRefreshCounter = 0;
     // The textures need the GL context, which exists from the first show or
     // grab on; `setupGLResources` makes them then.
 
@@ -59,17 +54,21 @@ void LevelMeterView::commonInit() {
     mDBLabel->setGeometry(
         static_cast<int>(m.readoutOrigin.x()), static_cast<int>(m.readoutOrigin.y()),
         static_cast<int>(std::ceil(size.width())), static_cast<int>(std::ceil(size.height())));
-    mDBLabel->setText(features_.featureLevelMeterEnabled() ? "-144.0" : QString());
+    resetToEmpty();
 }
 
 void LevelMeterView::showEmpty() {
+    resetToEmpty();
+    setNeedsDisplay();
+}
+
+void LevelMeterView::resetToEmpty() {
     setLevelDB(-144.0f);
     setClosedQuotient(0.0f);
     mLastLevelDB = -144.0f;
     mLastCQ = 0.0f;
     mRefreshCounter = 0;
     mDBLabel->setText(features_.featureLevelMeterEnabled() ? "-144.0" : QString());
-    setNeedsDisplay();
 }
 
 void LevelMeterView::setupGLResources() { prepareTextures(); }

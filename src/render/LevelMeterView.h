@@ -98,6 +98,8 @@ protected:
 
 private:
     void commonInit();
+    /// Inputs and smoothing at -144 dBFS and no quotient, the read-out "-144.0".
+    void resetToEmpty();
     void prepareTextures();
     void drawLevelColumn(double shownLevel, double w, double h);
     void drawClosedQuotient(double w, double h);
