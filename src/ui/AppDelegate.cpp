@@ -157,11 +157,10 @@ int AppDelegate::run(int argc, char** argv, const AnalyzerFeatures& features,
         delegate.didFinishLaunchingWithOptions();
         status = QApplication::exec();
     }
-    // The window, the engine and the chart are gone, and the settings and the
-    // screen's state are written and synced. The process ends here without
-    // the application object's and the audio back-end's global teardown: Qt
-    // Multimedia's PulseAudio main loop can abort on an assertion when it is
-    // torn down while its own thread winds down (seen after SIGTERM).
+    // The window, the engine, the chart and the sound-server connection are
+    // gone, and the settings and the screen's state are written and synced.
+    // The process ends here without the destructors of static objects, which
+    // hold nothing that still needs releasing.
     std::fflush(nullptr);
     std::_Exit(status);
 }
