@@ -48,26 +48,63 @@ void ChartGeometry::spectrumPoints(const float* values, int32_t count, const flo
     store(t, 0.0, y1, xy);
 }
 
-int32_t ChartGeometry::columnSpans(const float* xy, int32_t count, double pixelsPerUnit,
-                                   double pixelOffset, double halfPixelY, int32_t columns,
+int32_t ChartGeometry::columnSpans(const float* xy, int32_t count, const PixelGrid& grid,
                                    float* out) {
-    if (count < 1 || pixelsPerUnit <= 0.0 || columns < 1)
+    const double perUnitX = grid.perUnitX;
+    const double pixelOffset = grid.offsetX;
+    const int32_t columns = grid.columns;
+    if (count < 1 || perUnitX <= 0.0 || grid.perUnitY <= 0.0 || columns < 1)
         return 0;
+    const double halfPixelY = 0.5 / grid.perUnitY;
+    const auto unitX = [&](double pixel) {
+        return static_cast<float>((pixel - pixelOffset) / perUnitX);
+    };
+    const auto rowOf = [&](double y) {
+        return static_cast<int64_t>(std::floor(y * grid.perUnitY + grid.offsetY));
+    };
     int32_t written = 0;
+    const auto segment = [&](float x0, float y0, float x1, float y1) {
+        float* v = out + 2 * written;
+        v[0] = x0;
+        v[1] = y0;
+        v[2] = x1;
+        v[3] = y1;
+        written += 2;
+    };
+    // A run of neighbouring columns that each light only `runRow`, drawn as one
+    // horizontal segment through the row's centre when it ends.
+    int64_t runFirst = -1;
+    int64_t runLast = -1;
+    int64_t runRow = 0;
+    const auto endRun = [&] {
+        if (runFirst < 0)
+            return;
+        const auto y =
+            static_cast<float>((static_cast<double>(runRow) + 0.5 - grid.offsetY) / grid.perUnitY);
+        segment(unitX(static_cast<double>(runFirst)), y, unitX(static_cast<double>(runLast + 1)),
+                y);
+        runFirst = -1;
+    };
     int64_t current = -2; // the column being gathered; -2: none yet
     double lo = 0.0;
     double hi = 0.0;
     const auto flush = [&] {
         if (current < 0 || current >= columns)
             return;
-        const auto x =
-            static_cast<float>((static_cast<double>(current) + 0.5 - pixelOffset) / pixelsPerUnit);
-        float* v = out + 2 * written;
-        v[0] = x;
-        v[1] = static_cast<float>(lo - halfPixelY);
-        v[2] = x;
-        v[3] = static_cast<float>(hi + halfPixelY);
-        written += 2;
+        const int64_t row = rowOf(lo);
+        if (row == rowOf(hi)) {
+            if (runFirst >= 0 && (runLast + 1 != current || runRow != row))
+                endRun();
+            if (runFirst < 0) {
+                runFirst = current;
+                runRow = row;
+            }
+            runLast = current;
+            return;
+        }
+        endRun();
+        const float x = unitX(static_cast<double>(current) + 0.5);
+        segment(x, static_cast<float>(lo - halfPixelY), x, static_cast<float>(hi + halfPixelY));
     };
     const auto add = [&](int64_t column, double ya, double yb) {
         if (column != current) {
@@ -81,7 +118,7 @@ int32_t ChartGeometry::columnSpans(const float* xy, int32_t count, double pixels
         }
     };
     const auto pixelX = [&](int32_t k) {
-        return static_cast<double>(xy[2 * k]) * pixelsPerUnit + pixelOffset;
+        return static_cast<double>(xy[2 * k]) * perUnitX + pixelOffset;
     };
     if (count == 1)
         add(static_cast<int64_t>(std::floor(pixelX(0))), xy[1], xy[1]);
@@ -108,6 +145,7 @@ int32_t ChartGeometry::columnSpans(const float* xy, int32_t count, double pixels
         }
     }
     flush();
+    endRun();
     return written;
 }
 

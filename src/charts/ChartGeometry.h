@@ -36,18 +36,28 @@ public:
     /// Chart height of a level in dB: -144 dB at 0, 0 dB at 1.
     static double levelToY(double levelDB) { return levelDB / 144.0 + 1.0; }
 
+    /// Pixel columns and rows of a frame: unit x lies on pixel column
+    /// floor(x · perUnitX + offsetX), unit y on row floor(y · perUnitY + offsetY).
+    struct PixelGrid {
+        double perUnitX = 1.0;
+        double offsetX = 0.0;
+        double perUnitY = 1.0;
+        double offsetY = 0.0;
+        int32_t columns = 1; ///< columns 0 .. columns - 1 are on the frame
+    };
+
     /// The pixels a one-pixel line strip of `count` vertices (x, y pairs in
-    /// `xy`, x never decreasing) lights, as one vertical segment per pixel
-    /// column: the strip's lowest to highest y between the column's edges, half
-    /// a pixel (`halfPixelY`) longer at each end so that a flat run still lights
-    /// its pixel. x lies on pixel column floor(x · `pixelsPerUnit` +
-    /// `pixelOffset`); only columns 0 .. `columns` - 1 are kept. Writes the
-    /// segments' end points (x at the column's centre) to `out`, which has room
-    /// for 4 · `columns` floats, and returns the vertex count. Drawn as separate
-    /// lines they cost one primitive per column whatever the number of points,
-    /// about half of what the strip itself costs a software rasterizer.
-    static int32_t columnSpans(const float* xy, int32_t count, double pixelsPerUnit,
-                               double pixelOffset, double halfPixelY, int32_t columns, float* out);
+    /// `xy`, x never decreasing) lights, as separate line segments with at most
+    /// one per pixel column: in each column a vertical segment from the strip's
+    /// lowest to its highest y between the column's edges, half a pixel longer
+    /// at each end so that a flat run still lights its pixel; neighbouring
+    /// columns that light one and the same single row become one horizontal
+    /// segment. Columns off the frame are left out. Writes the segments' end
+    /// points to `out`, which has room for 4 · `grid.columns` floats, and
+    /// returns the vertex count. One primitive a column at most, whatever the
+    /// number of points, costs a software rasterizer about half of what the
+    /// strip itself does, and flat stretches cost one primitive each.
+    static int32_t columnSpans(const float* xy, int32_t count, const PixelGrid& grid, float* out);
 
     /// Spectrum curve: `count` vertices (x, y pairs) into `xy`, mapped through
     /// `transform`. x = i / count on a linear axis, else `logPoints`[i]; y =

@@ -326,12 +326,15 @@ void ChartScrollView::drawLineStrip(int32_t count) {
     // Unit space from -m to 1 + m spans the frame (see drawGLRect).
     const double scale = static_cast<double>(effect()->contentScaleFactor());
     const auto columns = static_cast<int32_t>(std::lround(viewSize_.width() * scale));
-    const double perUnitX = columns / (1.0 + 2.0 * marginX_);
-    const double perUnitY = viewSize_.height() * scale / (1.0 + 2.0 * marginY_);
-    columnSpans_.resize(4 * static_cast<size_t>(std::max(columns, 1)));
+    ChartGeometry::PixelGrid grid;
+    grid.columns = std::max(columns, 1);
+    grid.perUnitX = columns / (1.0 + 2.0 * marginX_);
+    grid.offsetX = marginX_ * grid.perUnitX;
+    grid.perUnitY = viewSize_.height() * scale / (1.0 + 2.0 * marginY_);
+    grid.offsetY = marginY_ * grid.perUnitY;
+    columnSpans_.resize(4 * static_cast<size_t>(grid.columns));
     const int32_t vertices =
-        ChartGeometry::columnSpans(mPointsOfChart.data(), count, perUnitX, marginX_ * perUnitX,
-                                   0.5 / perUnitY, columns, columnSpans_.data());
+        ChartGeometry::columnSpans(mPointsOfChart.data(), count, grid, columnSpans_.data());
     effect()->rysujLinie(columnSpans_.data(), vertices);
 }
 

@@ -38,28 +38,37 @@ TEST(ChartGeometryTest, spectrumCurve_dcVertexTakesLeftEdgeAndLevelOfBin1) {
 
 // --- Grids -----------------------------------------------------------------------------------
 
-// A strip becomes one vertical segment per pixel column, spanning what the
-// strip covers there: ten points a column keep their extremes (a one-point
-// spike keeps its height), and a segment over several columns is cut at
-// their edges.
-TEST(ChartGeometryTest, columnSpans_oneSegmentPerColumnCoveringTheStrip) {
+// A strip becomes at most one segment per pixel column (10 columns and 100 rows
+// to a unit here): ten points a column keep their extremes, so a one-point spike
+// keeps its height; a segment over several columns is cut at their edges; and
+// neighbouring columns lighting one and the same row become one horizontal line.
+TEST(ChartGeometryTest, columnSpans_atMostOneSegmentPerColumnCoveringTheStrip) {
     std::vector<float> xy;
-    for (int i = 0; i < 100; ++i) // columns 0..9, ten points each
-        xy.insert(xy.end(), {(static_cast<float>(i) + 0.5f) / 100.0f, i == 37 ? 0.9f : 0.5f});
-    xy.insert(xy.end(), {2.5f, 0.7f}); // then on to column 25, rising to 0.7
+    for (int i = 0; i < 100; ++i) // columns 0..9, ten points each, on row 50
+        xy.insert(xy.end(), {(static_cast<float>(i) + 0.5f) / 100.0f, i == 37 ? 0.905f : 0.505f});
+    xy.insert(xy.end(), {2.5f, 0.705f}); // then on to column 25, rising 20 rows
+    const ChartGeometry::PixelGrid grid{10.0, 0.0, 100.0, 0.0, 40};
     std::vector<float> out(4 * 40);
-    const int32_t n = ChartGeometry::columnSpans(xy.data(), 101, 10.0, 0.0, 0.0, 40, out.data());
-    ASSERT_EQ(n, 2 * 26); // columns 0..25
-    const auto span = [&](int column) {
-        return std::array<float, 3>{out[4 * column], out[4 * column + 1], out[4 * column + 3]};
+    const int32_t n = ChartGeometry::columnSpans(xy.data(), 101, grid, out.data());
+    const auto segment = [&](int k) {
+        return std::array<float, 4>{out[4 * k], out[4 * k + 1], out[4 * k + 2], out[4 * k + 3]};
     };
-    EXPECT_EQ(span(3), (std::array<float, 3>{0.35f, 0.5f, 0.9f}));
-    EXPECT_EQ(span(2), (std::array<float, 3>{0.25f, 0.5f, 0.5f}));
-    // From (9.95, 0.5) to (25, 0.7): column 17 holds x 17..18.
-    const float at17 = 0.5f + 0.2f * (17.0f - 9.95f) / 15.05f;
-    const float at18 = 0.5f + 0.2f * (18.0f - 9.95f) / 15.05f;
-    EXPECT_NEAR(span(17)[1], at17, 1e-6);
-    EXPECT_NEAR(span(17)[2], at18, 1e-6);
+    // Columns 0..2 on row 50; column 3 from row 50 up to the spike's row 90;
+    // columns 4..9 on row 50 again; then one vertical segment per column.
+    ASSERT_EQ(n, 2 * (3 + 16));
+    const auto near = [](std::array<float, 4> a, std::array<float, 4> b) {
+        for (size_t k = 0; k < 4; ++k)
+            if (std::abs(a[k] - b[k]) > 1e-6f)
+                return false;
+        return true;
+    };
+    EXPECT_TRUE(near(segment(0), {0.0f, 0.505f, 0.3f, 0.505f}));
+    EXPECT_TRUE(near(segment(1), {0.35f, 0.5f, 0.35f, 0.91f}));
+    EXPECT_TRUE(near(segment(2), {0.4f, 0.505f, 1.0f, 0.505f}));
+    // From (9.95, 0.505) to (25, 0.705): column 17 holds x 17..18.
+    const float at17 = 0.505f + 0.2f * (17.0f - 9.95f) / 15.05f;
+    const float at18 = 0.505f + 0.2f * (18.0f - 9.95f) / 15.05f;
+    EXPECT_TRUE(near(segment(3 + 7), {1.75f, at17 - 0.005f, 1.75f, at18 + 0.005f}));
 }
 
 TEST(ChartGeometryTest, rtaGrid_verticalLinesByBandsPerOctave) {
