@@ -51,9 +51,14 @@ using namespace widmo;
 
 constexpr double kMeasureSeconds = 20.0;
 
-/// CPU ticks (user + system) of each thread of this process, by group.
-std::map<std::string, double> threadSeconds() {
-    std::map<std::string, double> groups;
+struct ThreadTime {
+    std::string group; ///< "main", "llvmpipe" or "other"
+    double seconds = 0.0;
+};
+
+/// CPU time (user + system) of each thread of this process, by thread id.
+std::map<QString, ThreadTime> threadSeconds() {
+    std::map<QString, ThreadTime> threads;
     const double tick = static_cast<double>(sysconf(_SC_CLK_TCK));
     const QString self = QString::number(getpid());
     const QStringList tasks =
@@ -75,10 +80,24 @@ std::map<std::string, double> threadSeconds() {
             group = "main";
         else if (comm.startsWith(QStringLiteral("llvmpipe")))
             group = "llvmpipe";
-        groups[group] += seconds;
-        groups["total"] += seconds;
+        threads[tid] = {group, seconds};
     }
-    return groups;
+    return threads;
+}
+
+/// CPU used between two readings, per group and in total. Per thread, so that
+/// a thread that ends meanwhile does not subtract its whole life from its group
+/// (what it used before ending is lost: the run's threads are long-lived).
+std::map<std::string, double> secondsUsed(const std::map<QString, ThreadTime>& before,
+                                          const std::map<QString, ThreadTime>& after) {
+    std::map<std::string, double> used{{"main", 0.0}, {"llvmpipe", 0.0}, {"other", 0.0}};
+    for (const auto& [tid, now] : after) {
+        const auto it = before.find(tid);
+        const double seconds = now.seconds - (it != before.end() ? it->second.seconds : 0.0);
+        used[now.group] += seconds;
+        used["total"] += seconds;
+    }
+    return used;
 }
 
 double percentile(std::vector<double> values, double p) {
@@ -186,11 +205,8 @@ void BM_mainScreenRecording(benchmark::State& state) {
         const double seconds = static_cast<double>(wall.nsecsElapsed()) / 1e9;
         const auto after = threadSeconds();
         state.SetIterationTime(seconds);
-        for (const auto& [group, value] : after) {
-            const auto it = before.find(group);
-            const double used = value - (it != before.end() ? it->second : 0.0);
+        for (const auto& [group, used] : secondsUsed(before, after))
             state.counters["cpu_" + group + "_pct"] = 100.0 * used / seconds;
-        }
         state.counters["compositions_per_s"] = compositions.count / seconds;
         for (const auto& [name, log] : views) {
             const std::string key = name.toStdString();
