@@ -58,18 +58,24 @@ int32_t ChartScrollView::typeOfChart() const {
 
 void ChartScrollView::setLevelMeterView(LevelMeterView* meter) { levelMeterView_ = meter; }
 
+void ChartScrollView::setSecondLevelMeterView(LevelMeterView* meter) {
+    secondLevelMeterView_ = meter;
+}
+
 void ChartScrollView::addFFTdata(const float* fftData, const float* fftWindowData,
                                  const float* eggWindowData) {
     data_.addFFTdata(fftData, fftWindowData, eggWindowData);
-    if (levelMeterView_ != nullptr) {
+    for (LevelMeterView* meter : {levelMeterView_, secondLevelMeterView_}) {
+        if (meter == nullptr)
+            continue;
         if (mDefaults.features().featureVoiceEGG()) {
             // The meter reads 0 when no quotient is measured; a cycle without
             // distinct points (not a number) is none.
             const float cq = data_.closedQuotient();
-            levelMeterView_->setClosedQuotient(std::isnan(cq) ? 0.0f : cq);
+            meter->setClosedQuotient(std::isnan(cq) ? 0.0f : cq);
         }
-        levelMeterView_->setLevelDB(data_.levelDB());
-        levelMeterView_->setNeedsDisplay();
+        meter->setLevelDB(data_.levelDB());
+        meter->setNeedsDisplay();
     }
     setNeedsNewFrame();
 }
@@ -85,8 +91,9 @@ bool ChartScrollView::isRefreshNeeded() const {
 
 void ChartScrollView::clearData() {
     data_.clearData();
-    if (levelMeterView_ != nullptr)
-        levelMeterView_->setLevelDB(ChartData::kFloorDB);
+    for (LevelMeterView* meter : {levelMeterView_, secondLevelMeterView_})
+        if (meter != nullptr)
+            meter->setLevelDB(ChartData::kFloorDB);
     setMeasuringActivated(false);
     if (TQGLScrollView* partner = scrollViewDelegate()) {
         partner->setMeasuringActivated(false);

@@ -65,6 +65,9 @@ public:
     /// The meter fed with `levelDB`; not owned, may be null.
     void setLevelMeterView(LevelMeterView* meter);
     LevelMeterView* levelMeterView() const { return levelMeterView_; }
+    /// A second meter given the same level (the spectrogram's, which measures
+    /// nothing itself); not owned, may be null.
+    void setSecondLevelMeterView(LevelMeterView* meter);
 
     // TQGLScrollViewInterface (the engine and the spectrogram's partner view).
     void zoomOut() override { TQGLScrollView::zoomOut(); }
@@ -131,6 +134,7 @@ private:
     int32_t mMeasurePointId = 0;
     ChartView* chartView_;
     LevelMeterView* levelMeterView_ = nullptr; // a sibling owned by the ChartView
+    LevelMeterView* secondLevelMeterView_ = nullptr;
     QSizeF viewSize_{1.0, 1.0};
     double marginX_ = 0.0; // unit-space margins of the chart's frame (see drawGLRect)
     double marginY_ = 0.0;

@@ -3,6 +3,7 @@
 #include "audio/TQAudio.h"
 #include "charts/ChartScrollView.h"
 #include "charts/ChartView.h"
+#include "charts/SpectrogramView.h"
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
 #include "engine/AnalyzerController.h"
@@ -10,9 +11,11 @@
 #include "render/DeviceClass.h"
 #include "render/LevelMeterView.h"
 #include "ui/HelpViewController.h"
+#include "ui/SegmentedControl.h"
 #include "ui/SettingsRootViewController.h"
 #include "ui/TQMessage.h"
 #include "ui/ToolbarImages.h"
+#include "ui/iPad_GainInfoViewController.h"
 #include "ui/iPad_TypeOfChartViewController.h"
 
 #include <QApplication>
@@ -21,6 +24,9 @@
 #include <QKeySequence>
 #include <QLabel>
 #include <QPalette>
+#include <QParallelAnimationGroup>
+#include <QPropertyAnimation>
+#include <QPushButton>
 #include <QSettings>
 #include <QShortcut>
 #include <QSlider>
@@ -42,6 +48,12 @@ struct GainRange {
     int maximum;
 };
 constexpr GainRange kWzmocnienieRange{0, 70};
+constexpr GainRange kMinimumLevelRange{-144, -10};
+
+// The picture-in-picture: a third of the chart area's width and height, kept
+// this far from the area's edges (and from the full-screen view's meter).
+constexpr double kPipFraction = 1.0 / 3.0;
+constexpr int kPipMargin = 8;
 
 const QColor kStartGreen = QColor::fromRgbF(0.0f, 0.6f, 0.0f);
 const QColor kRecordRed = QColor(220, 30, 30);
@@ -108,7 +120,13 @@ void MainViewController::commonSetup() {
 
     chartView_ = new ChartView(defaults_, chartArea_);
     chartView_->setFullScreen(true);
-    analyzerController_->setChartViews(chartView_, nullptr);
+    if (features.featureSpectrogramEnabled()) {
+        spectrogramView_ = new SpectrogramView(defaults_, chartArea_);
+        // The spectrogram's meter shows the level the chart measures.
+        chartView_->chart()->setSecondLevelMeterView(spectrogramView_->levelMeterView());
+        spectrogramVsChartSegment_ = 0;
+    }
+    analyzerController_->setChartViews(chartView_, spectrogramView_);
 
     pleaseWaitView_ = new QLabel(QStringLiteral("Please wait..."), chartArea_);
     auto* wait = static_cast<QLabel*>(pleaseWaitView_);
@@ -125,14 +143,41 @@ void MainViewController::commonSetup() {
     recordPauseButton_ = addToolButton(QStringLiteral("Start or pause the analyser (Space)"));
     recordPauseButton_->setMinimumWidth(64);
     connect(recordPauseButton_, &QToolButton::clicked, this, [this] { startStopRecorder(); });
+    if (features.featureSpectrogramEnabled() && features.featurePlayback()) {
+        playStopButton_ = addToolButton(QStringLiteral("Play or stop the recording (P)"));
+        connect(playStopButton_, &QToolButton::clicked, this, [this] { startStopPlayer(); });
+    }
+    if (features.featureSpectrogramEnabled()) {
+        spectrogramVsChartSegmentedControl_ =
+            new SegmentedControl({QStringLiteral("Spectrogram"), QStringLiteral("Spectrum")});
+        spectrogramVsChartSegmentedControl_->setToolTip(
+            QStringLiteral("Spectrogram or chart full screen (Tab)"));
+        spectrogramVsChartSegmentedControl_->setFocusPolicy(Qt::NoFocus);
+        toolBar_->addWidget(spectrogramVsChartSegmentedControl_);
+        connect(spectrogramVsChartSegmentedControl_, &SegmentedControl::valueChanged, this,
+                [this](int segment) { spectrogramVsChartChanged(segment); });
+    }
     if (features.featureSecondChartSelectionEnabled()) {
         typeOfChartButton_ = addToolButton(QStringLiteral("Type of the second chart"));
         typeOfChartButton_->setToolButtonStyle(Qt::ToolButtonTextBesideIcon);
         connect(typeOfChartButton_, &QToolButton::clicked, this, [this] { typeOfChartChange(); });
     }
+    if (features.featurePIPEnabled()) {
+        pipButton_ = addToolButton(QStringLiteral("Picture-in-picture of the other view"));
+        connect(pipButton_, &QToolButton::clicked, this, [this] { pipOnOffChanged(); });
+    }
     auto* flexibleButtonItem = new QWidget(toolBar_);
     flexibleButtonItem->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Preferred);
     toolBar_->addWidget(flexibleButtonItem);
+    if (features.featureSpectrogramEnabled()) {
+        clearSpectrogramButton_ = addToolButton(QStringLiteral("Clear the spectrogram"));
+        connect(clearSpectrogramButton_, &QToolButton::clicked, this,
+                [this] { clearSpectrogram(); });
+        recalculateButton_ =
+            addToolButton(QStringLiteral("Recalculate the spectrogram with the current settings"));
+        connect(recalculateButton_, &QToolButton::clicked, this,
+                [this] { recalculateSpectrogram(); });
+    }
     gainSliderAndMaxMinResetButton_ = addToolButton(QStringLiteral("Gain"));
     connect(gainSliderAndMaxMinResetButton_, &QToolButton::clicked, this,
             [this] { gainSliderAndMinMaxButtonButton(); });
@@ -146,6 +191,12 @@ void MainViewController::commonSetup() {
     helpButton_->setIcon(ToolbarImages::imageNamed(QStringLiteral("help"), tint));
     if (typeOfChartButton_)
         typeOfChartButton_->setIcon(ToolbarImages::imageNamed(QStringLiteral("chart"), tint));
+    if (pipButton_)
+        pipButton_->setIcon(ToolbarImages::imageNamed(QStringLiteral("pip"), tint));
+    if (clearSpectrogramButton_)
+        clearSpectrogramButton_->setIcon(ToolbarImages::imageNamed(QStringLiteral("clear"), tint));
+    if (recalculateButton_)
+        recalculateButton_->setIcon(ToolbarImages::imageNamed(QStringLiteral("recalculate"), tint));
 
     // The gain panel: a popup, so a click anywhere outside closes it.
     gainView_ = new QFrame(this, Qt::Popup);
@@ -159,6 +210,15 @@ void MainViewController::commonSetup() {
     gainLayout->addWidget(gainOpisLabel_);
     gainLayout->addWidget(gainSlider_);
     gainLayout->addWidget(gainValueLabel_);
+    if (features.featureSpectrogramEnabled()) {
+        // The spectrogram's level settings act on new columns; the information
+        // popover says so and offers to recalculate the document at once.
+        gainValueButton_ = new QPushButton(QStringLiteral("Info..."), gainView_);
+        gainValueButton_->setFocusPolicy(Qt::NoFocus);
+        gainLayout->addWidget(gainValueButton_, 0, Qt::AlignHCenter);
+        connect(gainValueButton_, &QPushButton::clicked, this,
+                [this] { gainValueButtonPressed(); });
+    }
     connect(gainSlider_, &QSlider::valueChanged, this,
             [this](int value) { gainSliderValueChanged(float(value)); });
 
@@ -178,6 +238,20 @@ void MainViewController::commonSetup() {
     });
     shortcut(QKeySequence(QKeySequence::HelpContents), [this] { openHelp(); });
     shortcut(QKeySequence(Qt::CTRL | Qt::Key_Q), [] { QApplication::closeAllWindows(); });
+    if (playStopButton_) {
+        shortcut(QKeySequence(Qt::Key_P), [this] {
+            if (playStopButton_->isEnabled())
+                startStopPlayer();
+        });
+    }
+    if (spectrogramVsChartSegmentedControl_) {
+        shortcut(QKeySequence(Qt::Key_Tab), [this] {
+            if (!buttonsBlocked_)
+                spectrogramVsChartChanged(spectrogramVsChartSegment_ == 0 ? 1 : 0);
+        });
+    }
+
+    applyFullScreenFlags();
 
     refreshSegmentedControlTypeOfChartName();
     refreshGainSlider();
@@ -192,13 +266,182 @@ void MainViewController::resizeEvent(QResizeEvent* event) {
 void MainViewController::layoutViewPositionsWithoutAnimation() {
     if (!chartArea_)
         return;
-    // The chart fills the area above the toolbar; the wait view sits centred on it.
+    if (layoutAnimation_ != nullptr)
+        layoutAnimation_->stop();
+    // The full-screen view fills the area above the toolbar, the other one is
+    // a picture-in-picture or hidden; the wait view sits centred on top.
     chartArea_->updateGeometry();
     const QRect area = chartArea_->rect();
-    chartView_->setGeometry(area);
+    QWidget* full = fullScreenView();
+    full->setGeometry(setupConstraintsForView(full, true));
+    full->show();
+    full->lower();
+    if (QWidget* pip = pipView()) {
+        pip->setGeometry(setupConstraintsForView(pip, false));
+        pip->setVisible(pipShown());
+        pip->raise();
+    }
     const QSize wait(220, 64);
     pleaseWaitView_->setGeometry(
         QRect(area.center() - QPoint(wait.width() / 2, wait.height() / 2), wait));
+    pleaseWaitView_->raise();
+}
+
+QWidget* MainViewController::fullScreenView() const {
+    if (spectrogramView_ != nullptr && spectrogramVsChartSegment_ == 0)
+        return spectrogramView_;
+    return chartView_;
+}
+
+QWidget* MainViewController::pipView() const {
+    if (spectrogramView_ == nullptr)
+        return nullptr;
+    return spectrogramVsChartSegment_ == 0 ? static_cast<QWidget*>(chartView_) : spectrogramView_;
+}
+
+bool MainViewController::pipShown() const {
+    if (!defaults_.features().featurePIPEnabled())
+        return false;
+    return spectrogramVsChartSegment_ == 0 ? chartPIP_ : spectrogramPIP_;
+}
+
+QRect MainViewController::setupConstraintsForView(QWidget* view, bool fullScreen) const {
+    const QRect area = chartArea_->rect();
+    if (fullScreen)
+        return area;
+    const int w = int(area.width() * kPipFraction);
+    const int h = int(area.height() * kPipFraction);
+    // The spectrogram's meter is at its left, the chart's at its right: the
+    // picture-in-picture takes the top corner on the other side.
+    if (view == chartView_)
+        return QRect(area.right() + 1 - kPipMargin - w, kPipMargin, w, h);
+    const int left = chartView_->fullScreenMargines().width() + kPipMargin;
+    return QRect(left, kPipMargin, w, h);
+}
+
+void MainViewController::applyFullScreenFlags() {
+    if (spectrogramView_ == nullptr)
+        return;
+    const bool spectrogramFull = spectrogramVsChartSegment_ == 0;
+    spectrogramView_->setFullScreen(spectrogramFull);
+    chartView_->setFullScreen(!spectrogramFull);
+    if (spectrogramVsChartSegmentedControl_)
+        spectrogramVsChartSegmentedControl_->setSelectedSegmentIndex(spectrogramVsChartSegment_);
+    if (pipButton_)
+        pipButton_->setChecked(pipShown());
+}
+
+bool MainViewController::layoutAnimating() const {
+    return layoutAnimation_ != nullptr && layoutAnimation_->state() == QAbstractAnimation::Running;
+}
+
+void MainViewController::animateLayout() {
+    if (layoutAnimation_ != nullptr) {
+        layoutAnimation_->stop();
+        layoutAnimation_->deleteLater();
+    }
+    QWidget* full = fullScreenView();
+    QWidget* pip = pipView();
+    auto* group = new QParallelAnimationGroup(this);
+    layoutAnimation_ = group;
+    // First the full-screen view grows into place under the other one.
+    auto* grow = new QPropertyAnimation(full, "geometry");
+    grow->setDuration(kLayoutAnimationMs);
+    grow->setEasingCurve(QEasingCurve::InOutQuad);
+    grow->setStartValue(full->isVisible() ? full->geometry()
+                                          : setupConstraintsForView(full, false));
+    grow->setEndValue(setupConstraintsForView(full, true));
+    full->show();
+    if (pip != nullptr)
+        pip->hide();
+    full->lower();
+    group->addAnimation(grow);
+    connect(group, &QAbstractAnimation::finished, this, [this, group] {
+        if (layoutAnimation_ != group)
+            return;
+        QWidget* small = pipView();
+        if (small != nullptr && pipShown()) {
+            // Then the picture-in-picture grows out of its corner.
+            const QRect target = setupConstraintsForView(small, false);
+            auto* in = new QPropertyAnimation(small, "geometry", this);
+            in->setDuration(kLayoutAnimationMs);
+            in->setEasingCurve(QEasingCurve::OutQuad);
+            in->setStartValue(QRect(target.center(), QSize(1, 1)));
+            in->setEndValue(target);
+            small->setGeometry(QRect(target.center(), QSize(1, 1)));
+            small->show();
+            small->raise();
+            pleaseWaitView_->raise();
+            auto* second = new QParallelAnimationGroup(this);
+            second->addAnimation(in);
+            layoutAnimation_ = second;
+            group->deleteLater();
+            connect(second, &QAbstractAnimation::finished, this, [this] {
+                MainQueue::asyncAfter(
+                    std::chrono::milliseconds(200), [this] { redrawViews(); }, &delayedContext_);
+            });
+            second->start();
+            return;
+        }
+        MainQueue::asyncAfter(
+            std::chrono::milliseconds(200), [this] { redrawViews(); }, &delayedContext_);
+    });
+    group->start();
+}
+
+void MainViewController::redrawViews() {
+    chartView_->setNeedsDisplayWithSubviews();
+    if (spectrogramView_)
+        spectrogramView_->setNeedsDisplayWithSubviews();
+}
+
+void MainViewController::spectrogramVsChartChanged(int segment) {
+    if (spectrogramView_ == nullptr)
+        return;
+    segment = segment == 0 ? 0 : 1;
+    if (segment == spectrogramVsChartSegment_) {
+        applyFullScreenFlags();
+        return;
+    }
+    spectrogramVsChartSegment_ = segment;
+    applyFullScreenFlags();
+    gainView_->hide();
+    refreshGainSlider();
+    animateLayout();
+}
+
+void MainViewController::pipOnOffChanged() {
+    if (spectrogramView_ == nullptr || !defaults_.features().featurePIPEnabled())
+        return;
+    bool& flag = spectrogramVsChartSegment_ == 0 ? chartPIP_ : spectrogramPIP_;
+    flag = !flag;
+    applyFullScreenFlags();
+    QWidget* small = pipView();
+    const QRect target = setupConstraintsForView(small, false);
+    const QRect point(target.center(), QSize(1, 1));
+    if (layoutAnimation_ != nullptr) {
+        layoutAnimation_->stop();
+        layoutAnimation_->deleteLater();
+    }
+    auto* group = new QParallelAnimationGroup(this);
+    layoutAnimation_ = group;
+    auto* anim = new QPropertyAnimation(small, "geometry");
+    anim->setDuration(kLayoutAnimationMs);
+    anim->setStartValue(flag ? point : small->geometry());
+    anim->setEndValue(flag ? target : point);
+    group->addAnimation(anim);
+    if (flag) {
+        small->setGeometry(point);
+        small->show();
+        small->raise();
+        pleaseWaitView_->raise();
+    }
+    connect(group, &QAbstractAnimation::finished, this, [this, small, on = flag] {
+        if (!on)
+            small->hide();
+        redrawViews();
+    });
+    group->start();
 }
 
 bool MainViewController::panelOpen() const {
@@ -206,7 +449,9 @@ bool MainViewController::panelOpen() const {
         settingsPopoverViewController_ != nullptr && settingsPopoverViewController_->isOpen();
     const bool typeOpen =
         typeOfChartViewController_ != nullptr && typeOfChartViewController_->isVisible();
-    return settingsOpen || typeOpen;
+    const bool gainInfoOpen =
+        gainInfoViewController_ != nullptr && gainInfoViewController_->isVisible();
+    return settingsOpen || typeOpen || gainInfoOpen;
 }
 
 // --- Start and stop ----------------------------------------------------------------------------
@@ -235,6 +480,52 @@ void MainViewController::recorderDidStop() { refreshPlayRecordPauseButtonsWithCh
 
 void MainViewController::playerDidStop() { refreshPlayRecordPauseButtonsWithChangeEnabled(true); }
 
+void MainViewController::startStopPlayer() {
+    if (spectrogramView_ == nullptr || playStopButton_ == nullptr || audio_.isSetupInProgress())
+        return;
+    if (audio_.isPlaying()) {
+        analyzerController_->stopPlayer();
+        refreshPlayRecordPauseButtonsWithChangeEnabled(true);
+        return;
+    }
+    if (panelOpen() || buttonsBlocked_ || audio_.isRecording() || defaults_.actualInterval() < 1)
+        return;
+    analyzerController_->startPlayer([this, alive = std::weak_ptr<int>(lifeToken_)](bool) {
+        if (!alive.expired())
+            refreshPlayRecordPauseButtonsWithChangeEnabled(true);
+    });
+}
+
+void MainViewController::clearSpectrogram() {
+    if (spectrogramView_ == nullptr || buttonsBlocked_ || audio_.isRecording() ||
+        audio_.isPlaying())
+        return;
+    TQMessage::showMessage(QStringLiteral("Do you want to clear the spectrogram?"), this, QString(),
+                           QStringLiteral("Cancel"), {QStringLiteral("Yes")},
+                           [this, alive = std::weak_ptr<int>(lifeToken_)](int button) {
+                               if (alive.expired() || button != 1)
+                                   return;
+                               stopAnalyzerAndRunBlock([this] {
+                                   analyzerController_->prepareData();
+                                   defaults_.setDataValid(true);
+                                   unblockButtonsAfterRebuild();
+                               });
+                           });
+}
+
+void MainViewController::recalculateSpectrogram() {
+    if (spectrogramView_ == nullptr || buttonsBlocked_ || audio_.isRecording() ||
+        audio_.isPlaying())
+        return;
+    if (gainInfoViewController_)
+        gainInfoViewController_->close();
+    gainView_->hide();
+    stopAnalyzerAndRunBlock([this] {
+        analyzerController_->recalculateDataWithFinishBlock(
+            [this] { unblockButtonsAfterRebuild(); });
+    });
+}
+
 void MainViewController::refreshPlayRecordPauseButtonsWithChangeEnabled(bool changeEnabled) {
     const AnalyzerFeatures& features = defaults_.features();
     const QColor defaultTint = palette().color(QPalette::ButtonText);
@@ -259,11 +550,26 @@ void MainViewController::refreshPlayRecordPauseButtonsWithChangeEnabled(bool cha
             QStringLiteral("QToolButton { color: %1; font-weight: bold; }")
                 .arg(kStartGreen.name()));
     }
-    if (changeEnabled && !buttonsBlocked_)
-        recordPauseButton_->setEnabled(recording || !defaults_.readOnly());
+    const bool playing = audio_.isPlaying();
+    if (playStopButton_) {
+        playStopButton_->setIcon(ToolbarImages::imageNamed(
+            playing ? QStringLiteral("stop") : QStringLiteral("play"), defaultTint));
+    }
+    if (changeEnabled && !buttonsBlocked_) {
+        recordPauseButton_->setEnabled(recording || (!playing && !defaults_.readOnly()));
+        const bool idle = !recording && !playing;
+        for (QToolButton* b : {recalculateButton_, clearSpectrogramButton_})
+            if (b)
+                b->setEnabled(idle);
+        if (playStopButton_)
+            playStopButton_->setEnabled(!recording);
+    }
     // Every stop passes here, whatever its reason: a stopped analysis shows no level.
-    if (!recording && !audio_.isPlaying())
+    if (!recording && !playing) {
         chartView_->levelMeterView()->showEmpty();
+        if (spectrogramView_)
+            spectrogramView_->levelMeterView()->showEmpty();
+    }
     screenSaver_.setInhibited(recording);
     toolBar_->update();
 }
@@ -296,10 +602,14 @@ void MainViewController::blockButtonsForRebuild() {
     gainView_->hide();
     pleaseWaitView_->raise();
     pleaseWaitView_->show();
-    for (QToolButton* b : {recordPauseButton_, gainSliderAndMaxMinResetButton_, settingsButton_})
-        b->setEnabled(false);
+    for (QToolButton* b : {recordPauseButton_, gainSliderAndMaxMinResetButton_, settingsButton_,
+                           playStopButton_, clearSpectrogramButton_, recalculateButton_})
+        if (b)
+            b->setEnabled(false);
+    if (gainInfoViewController_)
+        gainInfoViewController_->close();
     toolBar_->update();
-    chartView_->setNeedsDisplayWithSubviews();
+    redrawViews();
 }
 
 void MainViewController::unblockButtonsAfterRebuild() {
@@ -308,7 +618,7 @@ void MainViewController::unblockButtonsAfterRebuild() {
     settingsButton_->setEnabled(true);
     refreshMaxMinResetButton();
     refreshPlayRecordPauseButtonsWithChangeEnabled(true);
-    chartView_->setNeedsDisplayWithSubviews();
+    redrawViews();
 }
 
 void MainViewController::prepareAnalyzerData() {
@@ -376,12 +686,19 @@ void MainViewController::setTypeOfChart(int32_t type) {
 void MainViewController::refreshSegmentedControlTypeOfChartName() {
     if (typeOfChartButton_)
         typeOfChartButton_->setText(chartView_->nameOfChart());
+    if (spectrogramVsChartSegmentedControl_)
+        spectrogramVsChartSegmentedControl_->setTitleForSegmentAtIndex(chartView_->nameOfChart(),
+                                                                       1);
 }
 
 // --- Gain panel
 // ------------------------------------------------------------------------------------
 
 MainViewController::GainMeaning MainViewController::gainMeaning() const {
+    if (fullScreenView() == spectrogramView_) {
+        return defaults_.valuesInDB() ? GainMeaning::SpectrogramMinimum
+                                      : GainMeaning::SpectrogramGain;
+    }
     switch (chartView_->typeOfChart()) {
     case 0:
         return GainMeaning::Spectrum;
@@ -398,20 +715,53 @@ float MainViewController::gainSliderValue() const {
         return defaults_.spectrumWzmocnienieDB();
     case GainMeaning::Osciloscope:
         return defaults_.osciloscopeWzmocnienieDB();
+    case GainMeaning::SpectrogramMinimum:
+        return defaults_.spectrogramValuesInDBMinimumLevelDB();
+    case GainMeaning::SpectrogramGain:
+        return defaults_.spectrogramLinearValuesWzmocnienieDB();
     case GainMeaning::None:
         break;
     }
     return 0.0f;
 }
 
+QString MainViewController::gainInfoText() const {
+    switch (gainMeaning()) {
+    case GainMeaning::Osciloscope:
+        return QStringLiteral("Oscilloscope input level gain");
+    case GainMeaning::Spectrum:
+        return QStringLiteral("Spectrum level gain");
+    case GainMeaning::SpectrogramMinimum:
+        return QStringLiteral("Spectrogram minimum level");
+    case GainMeaning::SpectrogramGain:
+        return QStringLiteral("Spectrogram level gain");
+    case GainMeaning::None:
+        break;
+    }
+    return {};
+}
+
 void MainViewController::refreshGainSlider() {
     const GainMeaning meaning = gainMeaning();
     const QSignalBlocker quiet(gainSlider_);
-    gainSlider_->setRange(kWzmocnienieRange.minimum, kWzmocnienieRange.maximum);
+    const GainRange range =
+        meaning == GainMeaning::SpectrogramMinimum ? kMinimumLevelRange : kWzmocnienieRange;
+    gainSlider_->setRange(range.minimum, range.maximum);
     gainSlider_->setValue(int(std::lround(gainSliderValue())));
-    gainOpisLabel_->setText(meaning == GainMeaning::Osciloscope
-                                ? QStringLiteral("Oscilloscope input level gain (dB)")
-                                : QStringLiteral("Spectrum level gain (dB)"));
+    switch (meaning) {
+    case GainMeaning::Osciloscope:
+        gainOpisLabel_->setText(QStringLiteral("Oscilloscope input level gain (dB)"));
+        break;
+    case GainMeaning::SpectrogramMinimum:
+        gainOpisLabel_->setText(QStringLiteral("Spectrogram minimum level (dB)"));
+        break;
+    case GainMeaning::SpectrogramGain:
+        gainOpisLabel_->setText(QStringLiteral("Spectrogram level gain (dB)"));
+        break;
+    default:
+        gainOpisLabel_->setText(QStringLiteral("Spectrum level gain (dB)"));
+        break;
+    }
     gainValueLabel_->setText(QString::asprintf("%.0fdB", double(gainSliderValue())));
     refreshMaxMinResetButton();
 }
@@ -424,6 +774,15 @@ void MainViewController::gainSliderValueChanged(float valueDB) {
     case GainMeaning::Osciloscope:
         defaults_.setOsciloscopeWzmocnienieDB(valueDB);
         break;
+    case GainMeaning::SpectrogramMinimum:
+        // New columns take the level; the stored ones keep theirs until a recalculation.
+        defaults_.setSpectrogramValuesInDBMinimumLevelDB(valueDB);
+        gainValueLabel_->setText(QString::asprintf("%.0fdB", double(valueDB)));
+        return;
+    case GainMeaning::SpectrogramGain:
+        defaults_.setSpectrogramLinearValuesWzmocnienieDB(valueDB);
+        gainValueLabel_->setText(QString::asprintf("%.0fdB", double(valueDB)));
+        return;
     case GainMeaning::None:
         return;
     }
@@ -475,6 +834,26 @@ void MainViewController::gainSliderAndMinMaxButtonButton() {
 }
 
 void MainViewController::tapRecognizerDismissGainView() { gainView_->hide(); }
+
+void MainViewController::gainValueButtonPressed() {
+    if (gainValueButton_ == nullptr)
+        return;
+    if (!gainInfoViewController_) {
+        gainInfoViewController_ = new iPad_GainInfoViewController(this);
+        connect(gainInfoViewController_, &iPad_GainInfoViewController::recalculateRequested, this,
+                [this] { recalculateSpectrogram(); });
+    }
+    const GainMeaning meaning = gainMeaning();
+    const bool spectrogram =
+        meaning == GainMeaning::SpectrogramMinimum || meaning == GainMeaning::SpectrogramGain;
+    const bool idle = !audio_.isRecording() && !audio_.isPlaying();
+    gainInfoViewController_->setText(gainInfoText());
+    gainInfoViewController_->setValue(QString::asprintf("%.0fdB", double(gainSliderValue())));
+    gainInfoViewController_->setRecalculateButtonHidden(!spectrogram);
+    gainInfoViewController_->setRecalculateButtonEnable(spectrogram && idle && !buttonsBlocked_);
+    gainView_->hide();
+    gainInfoViewController_->presentFrom(gainSliderAndMaxMinResetButton_);
+}
 
 // --- Settings ------------------------------------------------------------------------------------
 
@@ -531,7 +910,7 @@ void MainViewController::settingsWillClose() {
     });
 }
 
-void MainViewController::refreshAllViews() { chartView_->setNeedsDisplayWithSubviews(); }
+void MainViewController::refreshAllViews() { redrawViews(); }
 
 void MainViewController::generateOctaveRTAIndexes() {
     defaults_.setOctaveRTAValid(false);
@@ -597,6 +976,9 @@ void MainViewController::decodeRestorableStateWithCoder(const QSettings& coder) 
 }
 
 void MainViewController::applicationFinishedRestoringState() {
+    if (spectrogramView_ == nullptr)
+        spectrogramVsChartSegment_ = 1;
+    applyFullScreenFlags();
     refreshSegmentedControlTypeOfChartName();
     refreshGainSlider();
     layoutViewPositionsWithoutAnimation();

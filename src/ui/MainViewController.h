@@ -14,9 +14,10 @@
 
 class QFrame;
 class QLabel;
+class QParallelAnimationGroup;
+class QPushButton;
 class QSettings;
 class QSlider;
-class QStackedLayout;
 class QToolBar;
 class QToolButton;
 
@@ -27,18 +28,25 @@ class AnalyzerDefaults;
 class ChartView;
 class FFTManager;
 class HelpViewController;
+class SegmentedControl;
 class SettingsRootViewController;
+class SpectrogramView;
 class TQAudio;
+class iPad_GainInfoViewController;
 class iPad_TypeOfChartViewController;
 
 /// The application's one screen: the chart area (the second chart with its
-/// level meter) above a toolbar, owning the analysis engine.
+/// level meter; with the spectrogram, the spectrogram or the chart full screen
+/// and the other optionally as a picture-in-picture) above a toolbar, owning
+/// the analysis engine.
 ///
 /// The toolbar follows the audio object: a green "Start" while idle (the red
 /// record image in products with playback), the pause image while the
 /// analyser runs. It also holds the chart-type button (products with more than
 /// one second chart), the gain button (the gain panel, or the octave RTA's
-/// min/max reset), the settings and the help button.
+/// min/max reset), the settings and the help button; with the spectrogram the
+/// play/stop, spectrogram-or-chart, picture-in-picture, clear and recalculate
+/// controls.
 ///
 /// Every change of document geometry runs with the engine stopped: the screen
 /// stops the analyser, shows the please-wait view with the buttons blocked,
@@ -77,6 +85,20 @@ public:
 
     /// Start / pause. Ignored during audio set-up and while the settings panel is open.
     void startStopRecorder();
+    /// Play / stop the document (products with playback). Ignored during audio
+    /// set-up, while a panel is open and while the document is empty.
+    void startStopPlayer();
+    /// Asks "Do you want to clear the spectrogram?"; "Yes" empties the document.
+    void clearSpectrogram();
+    /// Segment 0 puts the spectrogram full screen, 1 the chart; the other view
+    /// follows as a picture-in-picture when its flag is set.
+    void spectrogramVsChartChanged(int segment);
+    /// Shows or hides the picture-in-picture of the view that is not full screen.
+    void pipOnOffChanged();
+    /// Recomputes the document from its samples with the current settings.
+    void recalculateSpectrogram();
+    /// The gain panel's value: the information popover with its recalculate button.
+    void gainValueButtonPressed();
     /// The chart-type choice ("Type of the Second Chart").
     void typeOfChartChange();
     void typeOfChartSpectrumSelected() { setTypeOfChart(0); }
@@ -142,7 +164,26 @@ public:
 
     AnalyzerController& analyzerController() { return *analyzerController_; }
     ChartView* chartView() const { return chartView_; }
+    /// Null in products without the spectrogram.
+    SpectrogramView* spectrogramView() const { return spectrogramView_; }
     QToolButton* recordPauseButton() const { return recordPauseButton_; }
+    /// The spectrogram's controls; null in products without them.
+    QToolButton* playStopButton() const { return playStopButton_; }
+    QToolButton* clearSpectrogramButton() const { return clearSpectrogramButton_; }
+    QToolButton* recalculateButton() const { return recalculateButton_; }
+    QToolButton* pipButton() const { return pipButton_; }
+    SegmentedControl* spectrogramVsChartSegmentedControl() const {
+        return spectrogramVsChartSegmentedControl_;
+    }
+    QPushButton* gainValueButton() const { return gainValueButton_; }
+    /// The gain information popover once it was opened, else null.
+    iPad_GainInfoViewController* gainInfoViewController() const { return gainInfoViewController_; }
+    bool chartPIP() const { return chartPIP_; }
+    bool spectrogramPIP() const { return spectrogramPIP_; }
+    /// 0: the spectrogram fills the screen; 1: the chart does.
+    int spectrogramVsChartSegment() const { return spectrogramVsChartSegment_; }
+    /// A full-screen or picture-in-picture change is still animating.
+    bool layoutAnimating() const;
     QToolButton* typeOfChartButton() const { return typeOfChartButton_; }
     QToolButton* gainSliderAndMaxMinResetButton() const { return gainSliderAndMaxMinResetButton_; }
     QToolButton* settingsButton() const { return settingsButton_; }
@@ -170,8 +211,10 @@ public:
     bool panelOpen() const;
 
     /// The gain panel's meanings.
-    enum class GainMeaning { None, Osciloscope, Spectrum };
+    enum class GainMeaning { None, Osciloscope, Spectrum, SpectrogramMinimum, SpectrogramGain };
     GainMeaning gainMeaning() const;
+    /// Length of each full-screen and picture-in-picture animation.
+    static constexpr int kLayoutAnimationMs = 600;
 
 protected:
     void resizeEvent(QResizeEvent* event) override;
@@ -181,7 +224,18 @@ private:
     void setupEnvironment();
     void setTypeOfChart(int32_t type);
     void layoutViewPositionsWithoutAnimation();
+    /// Where `view` goes: the whole chart area, or the picture-in-picture
+    /// corner clear of the full-screen view's meter.
+    QRect setupConstraintsForView(QWidget* view, bool fullScreen) const;
+    /// The full-screen view grows into place, then the picture-in-picture (if on).
+    void animateLayout();
+    QWidget* fullScreenView() const;
+    QWidget* pipView() const;
+    bool pipShown() const;
+    void applyFullScreenFlags();
+    void redrawViews();
     float gainSliderValue() const;
+    QString gainInfoText() const;
     QToolButton* addToolButton(const QString& toolTip);
 
     AnalyzerDefaults& defaults_;
@@ -193,8 +247,17 @@ private:
     std::unique_ptr<AnalyzerController> analyzerController_;
     QWidget* chartArea_ = nullptr;
     ChartView* chartView_ = nullptr;
+    SpectrogramView* spectrogramView_ = nullptr;
     QToolBar* toolBar_ = nullptr;
     QToolButton* recordPauseButton_ = nullptr;
+    QToolButton* playStopButton_ = nullptr;
+    SegmentedControl* spectrogramVsChartSegmentedControl_ = nullptr;
+    QToolButton* pipButton_ = nullptr;
+    QToolButton* clearSpectrogramButton_ = nullptr;
+    QToolButton* recalculateButton_ = nullptr;
+    QPushButton* gainValueButton_ = nullptr;
+    iPad_GainInfoViewController* gainInfoViewController_ = nullptr;
+    QParallelAnimationGroup* layoutAnimation_ = nullptr;
     QToolButton* typeOfChartButton_ = nullptr;
     QToolButton* gainSliderAndMaxMinResetButton_ = nullptr;
     QToolButton* settingsButton_ = nullptr;

@@ -94,6 +94,35 @@ bool paintImage(QPainter& p, const QString& name, const QColor& tint) {
         p.drawPolyline(QPolygonF{QPointF(3, 19), QPointF(7, 15), QPointF(10, 17), QPointF(13, 6),
                                  QPointF(16, 14), QPointF(21, 12)});
         p.drawLine(QPointF(2, 21.5), QPointF(22, 21.5));
+    } else if (name == QLatin1String("clear")) {
+        // A waste bin.
+        p.drawRoundedRect(QRectF(9, 3, 6, 3), 1, 1);
+        p.drawRoundedRect(QRectF(4, 5, 16, 2.5), 1, 1);
+        QPainterPath bin;
+        bin.moveTo(6, 9);
+        bin.lineTo(18, 9);
+        bin.lineTo(16.5, 21);
+        bin.lineTo(7.5, 21);
+        bin.closeSubpath();
+        p.drawPath(bin);
+    } else if (name == QLatin1String("recalculate")) {
+        // Two arrows chasing each other round a circle.
+        p.setPen(QPen(tint, 2));
+        p.setBrush(Qt::NoBrush);
+        p.drawArc(QRectF(4, 4, 16, 16), 20 * 16, 140 * 16);
+        p.drawArc(QRectF(4, 4, 16, 16), 200 * 16, 140 * 16);
+        p.setPen(Qt::NoPen);
+        p.setBrush(tint);
+        p.drawPolygon(QPolygonF{QPointF(2, 10), QPointF(8, 10), QPointF(5, 14)});
+        p.drawPolygon(QPolygonF{QPointF(22, 14), QPointF(16, 14), QPointF(19, 10)});
+    } else if (name == QLatin1String("pip")) {
+        // A small picture in the corner of a large one.
+        p.setPen(QPen(tint, 1.8));
+        p.setBrush(Qt::NoBrush);
+        p.drawRoundedRect(QRectF(2.5, 4.5, 19, 15), 1.5, 1.5);
+        p.setPen(Qt::NoPen);
+        p.setBrush(tint);
+        p.drawRect(QRectF(12, 7, 7, 5.5));
     } else {
         return false;
     }
