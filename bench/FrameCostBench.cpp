@@ -9,14 +9,21 @@
 // between frames (median and 99th percentile, ms). The baseline of each case
 // is the same run with the chart hidden: what recording costs without drawing.
 //
+// Also the resident memory at the end of the run and whether the engine found
+// itself too slow (the spectrogram products' "too slow" message).
+//
 // Arguments: product (0 widmo, 1 widmo-studio, 2 widmo-voice), case (0 the
-// defaults, 1 96 kHz with a 65,536-point FFT), chart hidden (0 or 1).
+// defaults, 1 96 kHz with a 65,536-point FFT, 2 the spectrogram's worst case:
+// 384 kHz, 256-sample intervals, a 65,536-point FFT, 4,096 rows, 1,500 columns
+// a second, measured for 60 s), views hidden (0 or 1).
 // Needs the test services: source scripts/services.sh && services_start.
 #include "audio/TQAudio.h"
 #include "charts/ChartView.h"
+#include "charts/SpectrogramView.h"
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
 #include "dsp/FFTManager.h"
+#include "engine/AnalyzerController.h"
 #include "render/TQGLView.h"
 #include "ui/AppDelegate.h"
 #include "ui/MainViewController.h"
@@ -50,6 +57,18 @@ namespace {
 using namespace widmo;
 
 constexpr double kMeasureSeconds = 20.0;
+constexpr double kWorstCaseSeconds = 60.0;
+
+/// Resident set size of this process in MiB.
+double residentMiB() {
+    QFile status(QStringLiteral("/proc/self/status"));
+    if (!status.open(QIODevice::ReadOnly))
+        return 0.0;
+    for (const QByteArray& line : status.readAll().split('\n'))
+        if (line.startsWith("VmRSS:"))
+            return line.mid(6).trimmed().split(' ').value(0).toDouble() / 1024.0;
+    return 0.0;
+}
 
 struct ThreadTime {
     std::string group; ///< "main", "llvmpipe" or "other"
@@ -142,15 +161,25 @@ AnalyzerFeatures product(int64_t index) {
 
 void BM_mainScreenRecording(benchmark::State& state) {
     const AnalyzerFeatures features = product(state.range(0));
-    const bool largeCase = state.range(1) != 0;
+    const int64_t sizeCase = state.range(1);
     const bool chartHidden = state.range(2) != 0;
+    if (sizeCase == 2 && !features.featureUltrasonicEnabled()) {
+        state.SkipWithError("the worst case needs the ultrasonic rates");
+        return;
+    }
+    const double measureSeconds = sizeCase == 2 ? kWorstCaseSeconds : kMeasureSeconds;
     QTemporaryDir home;
     QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, home.path());
     const QString store = QStringLiteral("frame-bench");
-    if (largeCase) {
+    if (sizeCase != 0) {
         AnalyzerDefaults saved(features, store);
-        saved.setSampleRate(96000.0f);
+        saved.setSampleRate(sizeCase == 2 ? 384000.0f : 96000.0f);
         saved.setFftSize(65536);
+        if (sizeCase == 2) {
+            saved.setFftDisplaySize(4096);
+            // The shortest interval the rate allows: 256 samples at 384 kHz.
+            saved.setIntervalSizePower(0);
+        }
         saved.saveDefaults();
     }
     auto defaults = std::make_unique<AnalyzerDefaults>(features, store);
@@ -170,11 +199,18 @@ void BM_mainScreenRecording(benchmark::State& state) {
         state.SkipWithError("the document was not prepared");
         return;
     }
-    if (chartHidden)
+    if (sizeCase == 2 && defaults->intervalSizeInFrames() != 256) {
+        state.SkipWithError("the worst case's interval is not 256 samples");
+        return;
+    }
+    if (chartHidden) {
         screen->chartView()->hide();
+        if (screen->spectrogramView() != nullptr)
+            screen->spectrogramView()->hide();
+    }
 
     test::SinkPlayer tone(
-        48000, kMeasureSeconds + 15.0, [](double t) { return test::sineAt(997.0, t); },
+        48000, measureSeconds + 15.0, [](double t) { return test::sineAt(997.0, t); },
         [](double t) { return test::sineAt(997.0, t); });
     tone.start();
     QTest::mouseClick(screen->recordPauseButton(), Qt::LeftButton);
@@ -201,13 +237,17 @@ void BM_mainScreenRecording(benchmark::State& state) {
         const auto before = threadSeconds();
         QElapsedTimer wall;
         wall.start();
-        QTest::qWait(static_cast<int>(kMeasureSeconds * 1000));
+        QTest::qWait(static_cast<int>(measureSeconds * 1000));
         const double seconds = static_cast<double>(wall.nsecsElapsed()) / 1e9;
         const auto after = threadSeconds();
         state.SetIterationTime(seconds);
         for (const auto& [group, used] : secondsUsed(before, after))
             state.counters["cpu_" + group + "_pct"] = 100.0 * used / seconds;
         state.counters["compositions_per_s"] = compositions.count / seconds;
+        state.counters["columns_per_s"] =
+            static_cast<double>(defaults->sampleRate()) / defaults->intervalSizeInFrames();
+        state.counters["too_slow"] = screen->analyzerController().tooSlow() ? 1.0 : 0.0;
+        state.counters["rss_mib"] = residentMiB();
         for (const auto& [name, log] : views) {
             const std::string key = name.toStdString();
             state.counters[key + "_fps"] = static_cast<double>(log.drawMs.size()) / seconds;
@@ -234,8 +274,10 @@ void BM_mainScreenRecording(benchmark::State& state) {
 } // namespace
 
 BENCHMARK(BM_mainScreenRecording)
-    ->ArgNames({"product", "large", "hidden"})
+    ->ArgNames({"product", "size", "hidden"})
     ->ArgsProduct({{0, 1, 2}, {0, 1}, {1, 0}})
+    ->Args({1, 2, 1})
+    ->Args({1, 2, 0})
     ->Iterations(1)
     ->UseManualTime()
     ->Unit(benchmark::kSecond);

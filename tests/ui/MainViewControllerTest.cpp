@@ -4,6 +4,7 @@
 #include "audio/TQAudio.h"
 #include "charts/ChartScrollView.h"
 #include "charts/ChartView.h"
+#include "charts/SpectrogramView.h"
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
 #include "core/SettingsStore.h"
@@ -11,11 +12,13 @@
 #include "dsp/FFTPlanCache.h"
 #include "engine/AnalyzerController.h"
 #include "render/LevelMeterView.h"
+#include "render/SpectrogramScrollView.h"
 #include "ui/GeneralSettingsTableViewController.h"
 #include "ui/HelpViewController.h"
 #include "ui/SegmentedControl.h"
 #include "ui/SettingsRootViewController.h"
 #include "ui/TQMessage.h"
+#include "ui/iPad_GainInfoViewController.h"
 #include "ui/iPad_TypeOfChartViewController.h"
 
 #include "ChartTestSupport.h"
@@ -26,6 +29,7 @@
 #include <QLabel>
 #include <QMainWindow>
 #include <QMessageBox>
+#include <QPushButton>
 #include <QScreen>
 #include <QSettings>
 #include <QSlider>
@@ -121,14 +125,18 @@ protected:
 // --- Products ----------------------------------------------------------------------------------
 
 TEST_F(MainScreenTest, eachProductOffersItsButtons) {
+    using Meaning = MainViewController::GainMeaning;
     struct Case {
         AnalyzerFeatures features;
         bool chartTypeButton;
-        bool startTitle; // green "Start"; products with playback show the record image
+        bool startTitle;  // green "Start"; products with playback show the record image
+        bool spectrogram; // its view and controls (play, clear, recalculate, PIP)
+        Meaning gain;     // of the view that fills the screen at a first start
     };
-    const Case cases[] = {{AnalyzerFeatures::spectrumProduct(), false, true},
-                          {AnalyzerFeatures::studioProduct(), true, false},
-                          {AnalyzerFeatures::voiceProduct(), true, true}};
+    const Case cases[] = {
+        {AnalyzerFeatures::spectrumProduct(), false, true, false, Meaning::Spectrum},
+        {AnalyzerFeatures::studioProduct(), true, false, true, Meaning::SpectrogramMinimum},
+        {AnalyzerFeatures::voiceProduct(), true, true, false, Meaning::Spectrum}};
     for (const Case& c : cases) {
         launch(c.features);
         MainViewController* s = screen();
@@ -137,9 +145,12 @@ TEST_F(MainScreenTest, eachProductOffersItsButtons) {
         EXPECT_EQ(s->recordPauseButton()->icon().isNull(), c.startTitle);
         EXPECT_TRUE(s->recordPauseButton()->isEnabled());
         EXPECT_TRUE(s->settingsButton()->isEnabled());
-        // The spectrum fills the screen, so the gain button opens the spectrum gain.
+        for (QWidget* w : {static_cast<QWidget*>(s->playStopButton()), s->clearSpectrogramButton(),
+                           s->recalculateButton(), s->pipButton(),
+                           static_cast<QWidget*>(s->spectrogramVsChartSegmentedControl())})
+            EXPECT_EQ(w != nullptr && w->isVisibleTo(s), c.spectrogram);
         EXPECT_TRUE(s->gainSliderAndMaxMinResetButton()->isEnabled());
-        EXPECT_EQ(s->gainMeaning(), MainViewController::GainMeaning::Spectrum);
+        EXPECT_EQ(s->gainMeaning(), c.gain);
         EXPECT_FALSE(s->pleaseWaitView()->isVisible());
         release();
     }
@@ -147,11 +158,36 @@ TEST_F(MainScreenTest, eachProductOffersItsButtons) {
 
 // --- Gain panel and the min/max reset ---------------------------------------------------------
 
-TEST_F(MainScreenTest, gainButtonFollowsTheChartOnScreen) {
+TEST_F(MainScreenTest, gainButtonFollowsTheViewOnScreen) {
     launch(AnalyzerFeatures::studioProduct());
     MainViewController* s = screen();
     QToolButton* button = s->gainSliderAndMaxMinResetButton();
 
+    // The spectrogram fills the screen: its minimum level, or its gain when
+    // it shows linear values; the information popover offers a recalculation.
+    QTest::mouseClick(button, Qt::LeftButton);
+    ASSERT_TRUE(s->gainView()->isVisible());
+    EXPECT_EQ(s->gainOpisLabel()->text(), "Spectrogram minimum level (dB)");
+    EXPECT_EQ(s->gainSlider()->minimum(), -144);
+    EXPECT_EQ(s->gainSlider()->maximum(), -10);
+    s->gainSlider()->setValue(-90);
+    EXPECT_EQ(defaults_->spectrogramValuesInDBMinimumLevelDB(), -90.0f);
+    QTest::mouseClick(s->gainValueButton(), Qt::LeftButton);
+    iPad_GainInfoViewController* info = s->gainInfoViewController();
+    ASSERT_TRUE(info != nullptr && info->isVisible());
+    EXPECT_EQ(info->textLabel()->text(), "Spectrogram minimum level");
+    EXPECT_EQ(info->valueLabel()->text(), "-90dB");
+    ASSERT_TRUE(info->recalculateButton()->isVisible() && info->recalculateButton()->isEnabled());
+    QTest::mouseClick(info->recalculateButton(), Qt::LeftButton);
+    EXPECT_TRUE(s->buttonsBlocked()); // the document is computed again behind the wait view
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !s->buttonsBlocked(); }, 5000));
+    defaults_->setValuesInDB(false);
+    s->refreshGainSlider();
+    EXPECT_EQ(s->gainOpisLabel()->text(), "Spectrogram level gain (dB)");
+    EXPECT_EQ(s->gainSlider()->maximum(), 70);
+    defaults_->setValuesInDB(true);
+
+    s->spectrogramVsChartChanged(1);
     QTest::mouseClick(button, Qt::LeftButton);
     ASSERT_TRUE(s->gainView()->isVisible());
     EXPECT_EQ(s->gainOpisLabel()->text(), "Spectrum level gain (dB)");
@@ -321,12 +357,174 @@ TEST_F(MainScreenTest, startWithoutInputDevice_showsMessage_buttonsStayUsable) {
     EXPECT_TRUE(screen()->settingsButton()->isEnabled());
 }
 
+// --- The studio's spectrogram ------------------------------------------------------------------
+
+/// Rows of a grabbed spectrogram frame with a pixel of the colour scheme's
+/// top range (red over -30 dB at the default minimum of -107 dB), and the
+/// columns that have one.
+struct BrightCells {
+    std::vector<int> rows;    // bright pixels per image row
+    std::vector<int> columns; // x of each column with a bright pixel
+    int total = 0;
+};
+BrightCells brightCells(const QImage& frame) {
+    BrightCells cells;
+    cells.rows.assign(size_t(frame.height()), 0);
+    for (int x = 0; x < frame.width(); ++x) {
+        bool lit = false;
+        for (int y = 0; y < frame.height(); ++y) {
+            const QRgb c = frame.pixel(x, y);
+            if (qRed(c) > 150 && qBlue(c) < 100) {
+                ++cells.rows[size_t(y)];
+                ++cells.total;
+                lit = true;
+            }
+        }
+        if (lit)
+            cells.columns.push_back(x);
+    }
+    return cells;
+}
+
+int brightestRow(const BrightCells& cells) {
+    return int(std::max_element(cells.rows.begin(), cells.rows.end()) - cells.rows.begin());
+}
+
+// The studio as its users meet it: a recorded tone lights its row of the
+// spectrogram at the tone's height on a linear frequency axis and nothing far
+// from it; playback sends the recording to the sink (heard back on the
+// virtual microphone); a recalculation with another FFT size draws the same
+// document; clearing empties it.
+TEST_F(MainScreenTest, studioSpectrogram_showsPlaysRecalculatesAndClearsTheRecording) {
+    launch(AnalyzerFeatures::studioProduct());
+    MainViewController* s = screen();
+    ASSERT_TRUE(s->spectrogramView() != nullptr);
+    EXPECT_EQ(s->spectrogramVsChartSegment(), 0);
+    defaults_->copyCurrentToPreferred();
+    defaults_->setPreferredLinearFrequency(true);
+    s->settingsWillClose();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !s->buttonsBlocked(); }, 5000));
+    ASSERT_TRUE(defaults_->linearFrequency());
+
+    test::SinkPlayer tone = toneOnFirstChannel();
+    ASSERT_TRUE(tone.start());
+    clickStartPause();
+    ASSERT_TRUE(waitRecording(true));
+    EXPECT_FALSE(s->clearSpectrogramButton()->isEnabled());
+    EXPECT_FALSE(s->playStopButton()->isEnabled());
+    QTest::qWait(2500);
+    clickStartPause();
+    ASSERT_TRUE(waitRecording(false));
+    tone.stop();
+    const int64_t intervals = defaults_->actualInterval();
+    ASSERT_GT(intervals, 100);
+
+    SpectrogramScrollView* scroll = s->spectrogramView()->scroll();
+    QTest::qWait(200);
+    const QImage recorded = scroll->grabFramebuffer();
+    const BrightCells before = brightCells(recorded);
+    ASSERT_GT(before.total, 0) << "nothing bright on the spectrogram";
+    const double toneY = (1.0 - 997.0 / (defaults_->sampleRate() / 2.0)) * recorded.height();
+    EXPECT_NEAR(brightestRow(before), toneY, 3.0);
+    for (size_t y = 0; y < before.rows.size(); ++y)
+        if (std::abs(double(y) - toneY) > 6.0)
+            EXPECT_EQ(before.rows[y], 0) << "bright pixels at row " << y;
+    // The recording ends at the right edge.
+    EXPECT_GE(before.columns.back(), recorded.width() - 3);
+
+    // Playback: the play line runs and the sink plays the recorded tone at its level.
+    test::CaptureRecorder listener;
+    AudioIOUnit listening(listener, audio_->soundServer());
+    listener.unit = &listening;
+    ASSERT_TRUE(listening.start(test::captureConfig(audio_->soundServer(), 48000)).ok());
+    ASSERT_TRUE(s->playStopButton()->isEnabled());
+    QTest::mouseClick(s->playStopButton(), Qt::LeftButton);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return audio_->isPlaying(); }, 5000));
+    EXPECT_FALSE(s->recordPauseButton()->isEnabled());
+    EXPECT_TRUE(QTest::qWaitFor([&] { return scroll->playLineVisible(); }, 2000));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !audio_->isPlaying(); }, 8000))
+        << "playback did not end at the newest interval";
+    listening.stop();
+    const std::vector<float>& heard = listener.samples;
+    ASSERT_GT(heard.size(), size_t(2 * 48000));
+    const size_t middle = heard.size() / 4; // frames; half of the capture is before it
+    const double heardDb = test::toDb(
+        test::toneAmplitude(heard.data() + middle, 24000, 2, 997.0, 48000.0));
+    EXPECT_NEAR(heardDb, test::toDb(kMinus12dBFS) + defaults_->outputGainValue(), 1.0);
+    EXPECT_TRUE(s->recordPauseButton()->isEnabled());
+
+    // Recalculated with a four times longer FFT: the same row and the same columns.
+    defaults_->copyCurrentToPreferred();
+    defaults_->setPreferredFftSize(defaults_->fftSize() * 4);
+    s->settingsWillClose();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !s->buttonsBlocked(); }, 10000));
+    EXPECT_EQ(defaults_->actualInterval(), intervals);
+    QTest::qWait(200);
+    const BrightCells after = brightCells(scroll->grabFramebuffer());
+    ASSERT_GT(after.total, 0) << "the recalculated document is not drawn";
+    EXPECT_NEAR(brightestRow(after), toneY, 3.0);
+    EXPECT_NEAR(double(after.columns.size()), double(before.columns.size()), 3.0);
+    EXPECT_NEAR(after.columns.back(), before.columns.back(), 2.0);
+
+    // Clear, after its question: nothing is left.
+    QTest::mouseClick(s->clearSpectrogramButton(), Qt::LeftButton);
+    QMessageBox* question = nullptr;
+    ASSERT_TRUE(QTest::qWaitFor([&] { return (question = visibleMessage()) != nullptr; }, 2000));
+    EXPECT_EQ(question->text(), "Do you want to clear the spectrogram?");
+    QAbstractButton* yes = nullptr;
+    for (QAbstractButton* b : question->buttons())
+        if (b->text() == "Yes")
+            yes = b;
+    ASSERT_TRUE(yes != nullptr);
+    yes->click();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !s->buttonsBlocked(); }, 5000));
+    EXPECT_EQ(defaults_->actualInterval(), 0);
+    QTest::qWait(200);
+    EXPECT_EQ(brightCells(scroll->grabFramebuffer()).total, 0);
+}
+
+// The picture-in-picture follows the segmented control: the other view in a
+// corner clear of the full-screen view's meter, and back.
+TEST_F(MainScreenTest, studioPictureInPicture_followsTheViewOnScreen) {
+    launch(AnalyzerFeatures::studioProduct());
+    MainViewController* s = screen();
+    SpectrogramView* spectrogram = s->spectrogramView();
+    ChartView* chart = s->chartView();
+    EXPECT_TRUE(spectrogram->isVisible() && spectrogram->fullScreen());
+    EXPECT_FALSE(chart->isVisible());
+
+    QTest::mouseClick(s->pipButton(), Qt::LeftButton);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !s->layoutAnimating(); }, 3000));
+    ASSERT_TRUE(chart->isVisible());
+    EXPECT_FALSE(chart->fullScreen());
+    const QRect area = spectrogram->geometry();
+    EXPECT_TRUE(area.contains(chart->geometry()));
+    EXPECT_LT(chart->width(), area.width() / 2);
+    // Top right: the spectrogram's meter and labels are at its left.
+    EXPECT_GT(chart->geometry().left(), area.center().x());
+
+    QTest::mouseClick(s->spectrogramVsChartSegmentedControl()->buttonForSegment(1),
+                      Qt::LeftButton);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !s->layoutAnimating(); }, 3000));
+    EXPECT_TRUE(chart->fullScreen());
+    EXPECT_EQ(chart->geometry(), area);
+    EXPECT_FALSE(spectrogram->isVisible()) << "the spectrogram's picture-in-picture is off";
+    EXPECT_EQ(s->gainMeaning(), MainViewController::GainMeaning::Spectrum);
+    QTest::mouseClick(s->pipButton(), Qt::LeftButton);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !s->layoutAnimating(); }, 3000));
+    ASSERT_TRUE(spectrogram->isVisible());
+    EXPECT_FALSE(spectrogram->fullScreen());
+    // Top left, clear of the chart's meter at its right.
+    EXPECT_LT(spectrogram->geometry().right(), area.center().x());
+}
+
 // A fresh start as a user makes it: the octave RTA shows the tone's band
 // without any change of its settings first.
 TEST_F(MainScreenTest, freshStudio_octaveRTA_toneLightsItsBars) {
     launch(AnalyzerFeatures::studioProduct());
     test::SinkPlayer tone = toneOnFirstChannel();
     ASSERT_TRUE(tone.start());
+    screen()->spectrogramVsChartChanged(1);
     screen()->typeOfChartOctaveRTASelected();
     clickStartPause();
     ASSERT_TRUE(waitRecording(true));

@@ -1,6 +1,8 @@
 // Writes pictures of the settings pages and the help screen, as a tablet
-// shows them, for the products widmo and widmo-studio, and the main screen of
-// widmo-voice measuring a voice and EGG pair played into the test sink:
+// shows them, for the products widmo and widmo-studio, the main screen of
+// widmo-voice measuring a voice and EGG pair played into the test sink, and
+// widmo-studio's spectrogram of a sweep and a voice-like tone in each colour
+// scheme, logarithmic and linear, and with the spectrum as a picture-in-picture:
 //   widmo_ui_screenshots <folder>
 // Needs a display and a sound server (the test services).
 
@@ -103,6 +105,66 @@ bool shootVoiceMainScreen(const QDir& out) {
     return ok;
 }
 
+/// widmo-studio recording a repeating sweep over a 220 Hz tone with its
+/// harmonics, then each colour scheme and frequency axis of the document.
+bool shootStudioSpectrogram(const QDir& out) {
+    const widmo::AnalyzerFeatures features = widmo::AnalyzerFeatures::studioProduct();
+    widmo::AnalyzerDefaults defaults(features, "screenshots-main-studio");
+    widmo::TQAudio audio(defaults, features);
+    widmo::FFTManager fft(defaults);
+    widmo::AppDelegate app(defaults, audio, fft);
+    if (!app.didFinishLaunchingWithOptions() || !QTest::qWaitForWindowExposed(app.window()))
+        return false;
+    app.window()->resize(1000, 640);
+    widmo::MainViewController* screen = app.mainViewController();
+    const auto ready = [&] {
+        return QTest::qWaitFor([&] { return app.dataPrepared() && !screen->buttonsBlocked(); },
+                               10000);
+    };
+    if (!ready())
+        return false;
+    const auto signal = [](double t) {
+        // A sweep from 300 Hz to 6 kHz every 3 s, exponential in frequency.
+        const double period = 3.0;
+        const double u = std::fmod(t, period);
+        const double k = std::log(20.0) / period;
+        const double sweep = std::sin(2.0 * std::numbers::pi * 300.0 * (std::exp(k * u) - 1.0) / k);
+        double voice = 0.0;
+        for (int h = 1; h <= 8; ++h)
+            voice += std::sin(2.0 * std::numbers::pi * h * 220.0 * t) / h;
+        return float(0.15 * sweep + 0.08 * voice);
+    };
+    widmo::test::SinkPlayer player(48000, 30.0, signal, [](double) { return 0.0f; });
+    if (!player.start())
+        return false;
+    // Recording, with the spectrum as a picture-in-picture.
+    screen->pipOnOffChanged();
+    QTest::mouseClick(screen->recordPauseButton(), Qt::LeftButton);
+    QTest::qWait(9000);
+    bool ok = save(app.window(), out.filePath("spectrogram-pip-widmo-studio.png"));
+    QTest::mouseClick(screen->recordPauseButton(), Qt::LeftButton);
+    QTest::qWait(300);
+    player.stop();
+    screen->pipOnOffChanged();
+    const char* schemes[] = {"colour", "black", "white"};
+    for (const bool linear : {false, true}) {
+        for (int scheme = 0; scheme < 3; ++scheme) {
+            defaults.copyCurrentToPreferred();
+            defaults.setPreferredSpectrogramColorType(scheme);
+            defaults.setPreferredLinearFrequency(linear);
+            screen->settingsWillClose();
+            if (!ready())
+                return false;
+            QTest::qWait(300);
+            ok &= save(app.window(), out.filePath(QString("spectrogram-%1-%2-widmo-studio.png")
+                                                      .arg(schemes[scheme],
+                                                           linear ? "linear" : "log")));
+        }
+    }
+    app.applicationWillTerminate();
+    return ok;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -119,5 +181,6 @@ int main(int argc, char** argv) {
     bool ok = shoot("widmo", widmo::AnalyzerFeatures::spectrumProduct(), out);
     ok &= shoot("widmo-studio", widmo::AnalyzerFeatures::studioProduct(), out);
     ok &= shootVoiceMainScreen(out);
+    ok &= shootStudioSpectrogram(out);
     return ok ? 0 : 1;
 }
