@@ -1,0 +1,125 @@
+#pragma once
+
+#include "engine/SpectrogramViewInterface.h"
+#include "render/TQGLView.h"
+#include "render/TQGLViewScrolling.h"
+
+#include <QImage>
+#include <QRect>
+#include <QSize>
+#include <QTimer>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+namespace widmo {
+
+class AnalyzerDefaults;
+class LevelMeterView;
+class SpectrogramScrollView;
+class TQTexture;
+
+/// The spectrogram as the main screen places it: the scrolling texture view
+/// (`SpectrogramScrollView`) with a time axis below it (seconds back from the
+/// newest column), a frequency axis beside it (linear in kHz or logarithmic in
+/// Hz, following `linearFrequency`) and the level meter at its LEFT edge
+/// (full screen); or the bare spectrogram filling the view (picture in
+/// picture).
+///
+/// The engine hands it every analysed interval (`addFFTdata`, analysis queue);
+/// the scroll view turns it into one texture column. The meter is fed from
+/// outside through `levelMeterView()->setLevelDB`.
+///
+/// To show it: create it with the document's `AnalyzerDefaults`, hand it to
+/// `AnalyzerController::setChartViews`; the engine calls `prepareData`,
+/// `clearData` and `prepareTextures` whenever the geometry changes.
+///
+/// Threading: main thread, except `addFFTdata` (analysis queue, in interval
+/// order; it writes only the column being filled) and `setNeedsDisplay`
+/// (any thread, also the real-time playback thread: it only stores an atomic
+/// flag, which a main-thread timer turns into frames while the analyser runs
+/// or a play line moves).
+class SpectrogramView : public TQGLView, public SpectrogramViewInterface, public TQGLViewScrolling {
+    Q_OBJECT
+public:
+    /// `defaults` must outlive the view; its product switches decide the meter.
+    explicit SpectrogramView(AnalyzerDefaults& defaults, QWidget* parent = nullptr);
+    ~SpectrogramView() override;
+
+    SpectrogramScrollView* scroll() const { return scrollView_; }
+    LevelMeterView* levelMeterView() const { return levelMeterView_; }
+
+    bool fullScreen() const { return fullScreen_; }
+    /// True: axes and meter around the spectrogram; false: the bare spectrogram.
+    void setFullScreen(bool on);
+
+    /// What is on screen (axes, spectrogram, meter) as one image, device
+    /// pixels; a null image before the view has a size or without OpenGL.
+    QImage imageOfChart();
+
+    // SpectrogramViewInterface
+    SpectrogramScrollViewInterface* spectrogramScrollView() override;
+    /// One column of interval `intervalIndex` (`fftOutSize` power values).
+    /// Analysis queue; does nothing without the spectrogram product switch.
+    void addFFTdata(const float* fftData, int64_t intervalIndex) override;
+    /// From the first column: segments placed from time 0; scrolling follows
+    /// the newest column.
+    void startScrolling() override;
+    /// The view stops following; the user pans through what is stored.
+    void pauseScrolling() override;
+    void setAnalyzerRunning(bool running) override;
+    /// Raises a flag only (any thread); see Threading.
+    void setNeedsDisplay() override;
+    void setNeedsDisplayWithSubviews() override;
+    /// Creates `iloscSegmentow` segments of `segmentSize` x `fftDisplaySize`
+    /// (main thread; the engine is stopped).
+    void prepareData() override;
+    /// Forgets every column and uploads the cleared textures (main thread).
+    void clearData() override;
+    /// Rebuilds the axis label textures for the current geometry; before the
+    /// GL context exists they are made when it does.
+    void prepareTextures() override;
+
+    // TQGLViewScrolling: the spectrogram's transform moved, the axes follow.
+    void contentWasChanged() override;
+
+    /// The spectrogram's rectangle inside this view (points).
+    QRect chartRect() const;
+    /// Margins kept for the labels at the left and at the bottom in full screen.
+    QSize fullScreenMargines() const { return fullScreenMargines_; }
+
+protected:
+    void drawGLRect(const QRectF& rect) override;
+    void setupGLResources() override;
+    void releaseGLResources() override;
+    void resizeEvent(QResizeEvent* event) override;
+
+private:
+    using TextureList = std::vector<std::shared_ptr<TQTexture>>;
+    void updateConstraints();
+    void makeTexturesNow();
+    void pollNeedsDisplay();
+    bool pad() const;
+    void rysujOpisyCzasu();
+    void rysujOpisyCzestotliwosci();
+
+    AnalyzerDefaults& mDefaults;
+    SpectrogramScrollView* scrollView_ = nullptr;
+    LevelMeterView* levelMeterView_ = nullptr;
+    bool fullScreen_ = true;
+    QSize fullScreenMargines_;
+    bool texturesPending_ = true;
+    TextureList mCzasTextures;
+    TextureList mFrequencyTextures;
+    std::vector<float> mFrequencyLabelValues; // Hz of each frequency label
+    std::shared_ptr<TQTexture> mLegendCzasTexture;
+    std::shared_ptr<TQTexture> mLegendFrequencyTexture;
+    // Raised from any thread by setNeedsDisplay, taken by the poll timer.
+    std::atomic<bool> mNeedsDisplayFlag{false};
+    QTimer mNeedsDisplayPoll;
+    bool analyzerRunning_ = false;
+};
+
+} // namespace widmo
