@@ -24,63 +24,91 @@ namespace widmo {
 
 namespace {
 
-// The ramp flattened for the colour loop: thresholds and the r, g, b of each colour.
+// The ramp flattened for the colour loop, as plain scalars so that the loop
+// holds no indexed loads: thresholds, 1 / width of each band, and per channel
+// each colour with its step to the next one (high - low, as the ramp's
+// interpolation computes it).
 struct RampArgs {
     float g0, g1, g2, g3;
-    float c[4][3];
+    float inv01, inv12, inv23;
+    std::array<std::array<float, 4>, 3> low;  // [channel][colour]
+    std::array<std::array<float, 4>, 3> step; // [channel][colour]; 0 for colour 3
 };
 
 RampArgs rampArgs(const SpectrogramColorRamp& ramp) {
-    RampArgs a{};
-    a.g0 = ramp.granicaKoloru[0];
-    a.g1 = ramp.granicaKoloru[1];
-    a.g2 = ramp.granicaKoloru[2];
-    a.g3 = ramp.granicaKoloru[3];
-    for (size_t i = 0; i < 4; ++i)
-        for (size_t ch = 0; ch < 3; ++ch)
-            a.c[i][ch] = ramp.kolor[i][ch];
+    const auto& g = ramp.granicaKoloru;
+    const auto& c = ramp.kolor;
+    RampArgs a{
+        g[0], g[1], g[2], g[3], 1.0f / (g[1] - g[0]), 1.0f / (g[2] - g[1]), 1.0f / (g[3] - g[2]),
+        {},   {}};
+    for (size_t ch = 0; ch < 3; ++ch) {
+        for (size_t k = 0; k < 4; ++k) {
+            a.low[ch][k] = c[k][ch];
+            a.step[ch][k] = k < 3 ? c[k + 1][ch] - c[k][ch] : 0.0f;
+        }
+    }
     return a;
 }
 
-// Normalised levels to packed RGBA (bytes r, g, b, 255 in memory order). Every
-// band is chosen by selects rather than branches, so the loop vectorises; the
-// arithmetic per band is the ramp's own: low + t * (high - low) with
-// t = (n - lower threshold) / (upper - lower), and t = 0 outside the ramp, so
-// that levels below the first threshold give colour 0 and levels from the last
-// one up give colour 3 exactly.
-WIDMO_SEGMENT_CLONES void levelsToColors(const float* __restrict levels, uint32_t* __restrict out,
-                                         int32_t count, RampArgs r) {
+// One value per band, picked by level n: v0 below g1 (and below g0), v1 from
+// g1, v2 from g2, v3 from g3. A chain of flat selects, one comparison each,
+// which GCC turns into vector blends (the file is built without trapping
+// maths, so that comparisons may be made on every path).
+inline float pick(float n, const RampArgs& a, float v0, float v1, float v2, float v3) {
+    float v = v0;
+    v = n >= a.g1 ? v1 : v;
+    v = n >= a.g2 ? v2 : v;
+    v = n >= a.g3 ? v3 : v;
+    return v;
+}
+
+inline uint32_t channelByte(float v, int shift) {
+    return static_cast<uint32_t>(static_cast<int32_t>(v * 255.0f)) << shift;
+}
+
+// A normalised level to packed RGBA (bytes r, g, b, 255 in memory order),
+// without a branch, so that the loops below vectorise. Band k (from threshold
+// k to k + 1) interpolates colour k to colour k + 1 with t = (n - g_k) times
+// the band's precomputed 1 / (g_k+1 - g_k), low + t * (high - low). Below the
+// first threshold and from the last one up t is 0, so those levels give colour
+// 0 and colour 3 exactly. Equal thresholds make an empty band's inverse width
+// infinite, but that band is never the one selected.
+inline uint32_t packedColorForLevel(float n, const RampArgs& a) {
+    const float lowG = pick(n, a, a.g0, a.g1, a.g2, a.g3);
+    const float inverseWidth = pick(n, a, a.inv01, a.inv12, a.inv23, 0.0f);
+    float t = (n - lowG) * inverseWidth;
+    t = n >= a.g0 ? t : 0.0f;
+    uint32_t packed = 0xFF000000u;
+    for (size_t ch = 0; ch < 3; ++ch) {
+        const auto& low = a.low[ch];
+        const auto& step = a.step[ch];
+        const float v = pick(n, a, low[0], low[1], low[2], low[3]) +
+                        t * pick(n, a, step[0], step[1], step[2], step[3]);
+        packed |= channelByte(v, static_cast<int>(8 * ch));
+    }
+    return packed;
+}
+
+// Column values to packed colours in one pass (multiplications by
+// reciprocals: a division per value would cost more than the rest of the
+// loop): dB against the minimum level (1 - x / minimum), or a linear magnitude times the gain,
+// clamped to 0..1, then the ramp.
+WIDMO_SEGMENT_CLONES void decibelsToColors(const float* __restrict values, uint32_t* __restrict out,
+                                           int32_t count, float minimumLevelDB, RampArgs a) {
+    const float inverseMinimum = 1.0f / minimumLevelDB;
     for (int32_t k = 0; k < count; ++k) {
-        const float n = levels[k];
-        const bool b0 = n >= r.g0;
-        const bool b1 = n >= r.g1;
-        const bool b2 = n >= r.g2;
-        const bool b3 = n >= r.g3;
-        const float lowG = b2 ? r.g2 : (b1 ? r.g1 : r.g0);
-        const float highG = b2 ? r.g3 : (b1 ? r.g2 : r.g1);
-        const float inRamp = (b0 && !b3) ? 1.0f : 0.0f;
-        const float t = inRamp != 0.0f ? (n - lowG) / (highG - lowG) : 0.0f;
-        uint32_t packed = 0xFF000000u;
-        for (int ch = 0; ch < 3; ++ch) {
-            const float low = b3 ? r.c[3][ch] : (b2 ? r.c[2][ch] : (b1 ? r.c[1][ch] : r.c[0][ch]));
-            const float high = b2 ? r.c[3][ch] : (b1 ? r.c[2][ch] : (b0 ? r.c[1][ch] : r.c[0][ch]));
-            const float v = low + t * (high - low);
-            packed |= static_cast<uint32_t>(static_cast<int32_t>(v * 255.0f)) << (8 * ch);
-        }
-        out[k] = packed;
+        const float n = std::min(std::max(1.0f - values[k] * inverseMinimum, 0.0f), 1.0f);
+        out[k] = packedColorForLevel(n, a);
     }
 }
 
-// Values to normalised levels 0..1 in place: dB against the minimum level, or
-// linear magnitude times the gain.
-WIDMO_SEGMENT_CLONES void decibelsToLevels(float* io, int32_t count, float minimumLevelDB) {
-    for (int32_t k = 0; k < count; ++k)
-        io[k] = std::min(std::max(1.0f - io[k] / minimumLevelDB, 0.0f), 1.0f);
-}
-
-WIDMO_SEGMENT_CLONES void magnitudesToLevels(float* io, int32_t count, float gain) {
-    for (int32_t k = 0; k < count; ++k)
-        io[k] = std::min(std::max(gain * io[k], 0.0f), 1.0f);
+WIDMO_SEGMENT_CLONES void magnitudesToColors(const float* __restrict values,
+                                             uint32_t* __restrict out, int32_t count, float gain,
+                                             RampArgs a) {
+    for (int32_t k = 0; k < count; ++k) {
+        const float n = std::min(std::max(gain * values[k], 0.0f), 1.0f);
+        out[k] = packedColorForLevel(n, a);
+    }
 }
 
 uint32_t packedColor(const std::array<float, 4>& c) {
@@ -93,8 +121,7 @@ uint32_t packedColor(const std::array<float, 4>& c) {
 } // namespace
 
 std::array<uint8_t, 4> SpectrogramColorRamp::colorForLevel(float n) const {
-    uint32_t packed = 0;
-    levelsToColors(&n, &packed, 1, rampArgs(*this));
+    const uint32_t packed = packedColorForLevel(n, rampArgs(*this));
     std::array<uint8_t, 4> out{};
     std::memcpy(out.data(), &packed, 4);
     return out;
@@ -175,14 +202,13 @@ float SpectrogramScrollViewSegment::valueAtRow(const AnalyzerDefaults& defaults,
 void SpectrogramScrollViewSegment::writeColumn(const float* values, uint8_t* pixels) {
     // The top row keeps the clear colour: columns fill rows 0 .. rows - 2.
     const int32_t count = rows_ - 1;
-    float* x = levels_.data();
-    if (defaults_.linearFrequency()) {
-        std::copy(values, values + count, x);
-    } else {
+    const float* x = values;
+    if (!defaults_.linearFrequency()) {
+        float* rowValues = levels_.data();
         const int32_t points = defaults_.spectrogramLogIndexesCount() - 1;
         const int32_t* idx = defaults_.spectrogramLogIndexes();
         if (points < 1) {
-            std::fill(x, x + count, defaults_.valuesInDB() ? -144.0f : 0.0f);
+            std::fill(rowValues, rowValues + count, defaults_.valuesInDB() ? -144.0f : 0.0f);
         } else {
             // One cursor over the points, advanced as the rows pass them; it
             // stops at the last point, beyond which the row holds that value.
@@ -191,24 +217,27 @@ void SpectrogramScrollViewSegment::writeColumn(const float* values, uint8_t* pix
                 while (j + 1 < points && r >= idx[j + 1])
                     ++j;
                 if (j + 1 >= points || r <= idx[j]) {
-                    x[r] = values[j];
+                    rowValues[r] = values[j];
                     continue;
                 }
                 const int32_t i0 = idx[j];
                 const int32_t i1 = idx[j + 1];
-                x[r] = values[j] + static_cast<float>(r - i0) / static_cast<float>(i1 - i0) *
-                                       (values[j + 1] - values[j]);
+                rowValues[r] = values[j] + static_cast<float>(r - i0) /
+                                               static_cast<float>(i1 - i0) *
+                                               (values[j + 1] - values[j]);
             }
         }
+        x = rowValues;
     }
     if (defaults_.valuesInDB()) {
-        decibelsToLevels(x, count, defaults_.spectrogramValuesInDBMinimumLevelDB());
+        decibelsToColors(x, colors_.data(), count, defaults_.spectrogramValuesInDBMinimumLevelDB(),
+                         rampArgs(ramp_));
     } else {
         const auto gain = static_cast<float>(std::pow(
             10.0, static_cast<double>(defaults_.spectrogramLinearValuesWzmocnienieDB()) / 20.0));
-        magnitudesToLevels(x, count, gain);
+        magnitudesToColors(x, colors_.data(), count, gain, rampArgs(ramp_));
     }
-    levelsToColors(x, colors_.data(), count, rampArgs(ramp_));
+    // Rows are segmentSize pixels apart: one 4-byte store per row.
     const size_t stride = static_cast<size_t>(segmentSize_) * 4;
     for (int32_t r = 0; r < count; ++r)
         std::memcpy(pixels + static_cast<size_t>(r) * stride, &colors_[static_cast<size_t>(r)], 4);
