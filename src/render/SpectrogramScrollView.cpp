@@ -454,16 +454,29 @@ void SpectrogramScrollView::drawGrid(double /*left*/, double width) {
                              {static_cast<float>(p.x()), static_cast<float>(p.y()),
                               static_cast<float>(q.x()), static_cast<float>(q.y())});
     };
+    // Lines stand at least this far apart on screen (points); denser steps
+    // are thinned as the labels are.
+    constexpr double kMinSpacing = 36.0;
+    const double viewWidth = std::max(1, this->width());
+    const double viewHeight = std::max(1, this->height());
     // Time lines stand at whole label steps back from the right edge.
     const double seconds = intervalSeconds(mDefaults);
     const double step = static_cast<double>(mDefaults.czasTexturesMinValue());
     if (seconds > 0.0 && step > 0.0) {
-        const double stepX = step / seconds / width;
+        double stepX = step / seconds / width;
+        for (int k = 0; k < 6 && stepX * t.a * viewWidth < kMinSpacing; ++k)
+            stepX *= k % 3 == 1 ? 2.5 : 2.0; // 1, 2, 5, 10, 20, 50 label steps
         for (double x = 1.0; x >= 0.0; x -= stepX)
             line(QPointF(x, 0.0), QPointF(x, 1.0));
     }
-    for (float y : gridY_)
+    double lastY = -1.0;
+    for (float y : gridY_) {
+        const double py = t.map(QPointF(0.0, y)).y() * viewHeight;
+        if (lastY >= 0.0 && py - lastY < kMinSpacing / 2.0)
+            continue;
+        lastY = py;
         line(QPointF(0.0, y), QPointF(1.0, y));
+    }
     if (gridVertices_.empty())
         return;
     e->prepareToDrawWithConstantColor(gridColor_[0], gridColor_[1], gridColor_[2], gridColor_[3]);
