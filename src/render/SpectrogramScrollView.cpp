@@ -424,7 +424,7 @@ void SpectrogramScrollView::drawSegments(double left, double width) {
     const std::array<float, 4>& c0 = ramp_.kolor[0];
     for (SpectrogramScrollViewSegment* segment : segmentsToShow_) {
         const int32_t columns = segment->uploadedColumns();
-        const int64_t first = segment->parametersAtIndex(0).intervalIndex;
+        const int64_t first = segment->firstIntervalIndex();
         if (columns <= 0 || first < 0)
             continue;
         const int32_t size = segment->segmentSize();

@@ -157,6 +157,7 @@ void SpectrogramScrollViewSegment::clearData() {
     clearImageData();
     for (FFTSpectrumParameters& p : mParameters)
         p.intervalIndex = -1;
+    firstInterval_.store(-1, std::memory_order_release);
     createGLTexture();
 }
 
@@ -252,6 +253,8 @@ void SpectrogramScrollViewSegment::addFFTdata(const float* values, int64_t inter
     record.linearWzmocnienieDB = defaults_.spectrogramLinearValuesWzmocnienieDB();
     record.valuesInDBMinimumLevelDB = defaults_.spectrogramValuesInDBMinimumLevelDB();
     writeColumn(values, mImageData.data() + static_cast<size_t>(column) * 4);
+    if (column == 0)
+        firstInterval_.store(intervalIndex, std::memory_order_release);
     const int32_t written = column + 1;
     writeIndex_.store(written, std::memory_order_release);
 

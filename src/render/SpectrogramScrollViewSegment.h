@@ -110,6 +110,9 @@ public:
     /// Place along the time axis in columns from the document's start.
     void setPosition(float columns) { position_.store(columns, std::memory_order_release); }
     uint32_t textureName() const { return textureName_; }
+    /// Interval of column 0 (-1 before the first column since a reset); for
+    /// drawing on the main thread while columns are written.
+    int64_t firstIntervalIndex() const { return firstInterval_.load(std::memory_order_acquire); }
     int32_t writeIndex() const { return writeIndex_.load(std::memory_order_acquire); }
     /// Columns the texture held at its last upload (drawing shows no more).
     int32_t uploadedColumns() const { return uploadedColumns_.load(std::memory_order_acquire); }
@@ -135,6 +138,7 @@ private:
     std::atomic<float> position_{0.0f};
     uint32_t textureName_ = 0;
     std::atomic<int32_t> writeIndex_{0};
+    std::atomic<int64_t> firstInterval_{-1};
     std::atomic<int32_t> uploadedColumns_{0};
     std::atomic<int64_t> uploadCount_{0};
     QPointer<QOpenGLContext> context_;
