@@ -7,11 +7,10 @@
 #include <QImage>
 #include <QRect>
 #include <QSize>
-#include <QTimer>
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
+#include <utility>
 #include <vector>
 
 namespace widmo {
@@ -39,8 +38,9 @@ class TQTexture;
 /// Threading: main thread, except `addFFTdata` (analysis queue, in interval
 /// order; it writes only the column being filled) and `setNeedsDisplay`
 /// (any thread, also the real-time playback thread: it only stores an atomic
-/// flag, which a main-thread timer turns into frames while the analyser runs
-/// or a play line moves).
+/// flag in the scroll view, whose main-thread poll turns it into frames while
+/// a play line moves; while the analyser runs the spectrogram draws every
+/// frame anyway).
 class SpectrogramView : public TQGLView, public SpectrogramViewInterface, public TQGLViewScrolling {
     Q_OBJECT
 public:
@@ -100,10 +100,15 @@ private:
     using TextureList = std::vector<std::shared_ptr<TQTexture>>;
     void updateConstraints();
     void makeTexturesNow();
-    void pollNeedsDisplay();
     bool pad() const;
+    /// Spectrogram content point (through its transform) to unit space of this view.
+    QPointF mapFromSpectrogram(QPointF content) const;
+    QRectF chartUnitRect() const;
     void rysujOpisyCzasu();
     void rysujOpisyCzestotliwosci();
+    void drawTitles();
+    /// Content heights of the frequency labels (and the grid's lines).
+    std::vector<float> frequencyLabelHeights() const;
 
     AnalyzerDefaults& mDefaults;
     SpectrogramScrollView* scrollView_ = nullptr;
@@ -111,15 +116,12 @@ private:
     bool fullScreen_ = true;
     QSize fullScreenMargines_;
     bool texturesPending_ = true;
-    TextureList mCzasTextures;
-    TextureList mFrequencyTextures;
-    std::vector<float> mFrequencyLabelValues; // Hz of each frequency label
+    TextureList mCzasTextures;      // label k: k steps back from the newest column
+    TextureList mFrequencyTextures; // at the heights of mFrequencyLabelHeights
+    std::vector<float> mFrequencyLabelHeights;
+    std::vector<std::pair<double, double>> mTakenLabelSpans; // reused every frame
     std::shared_ptr<TQTexture> mLegendCzasTexture;
     std::shared_ptr<TQTexture> mLegendFrequencyTexture;
-    // Raised from any thread by setNeedsDisplay, taken by the poll timer.
-    std::atomic<bool> mNeedsDisplayFlag{false};
-    QTimer mNeedsDisplayPoll;
-    bool analyzerRunning_ = false;
 };
 
 } // namespace widmo

@@ -495,6 +495,11 @@ float* AnalyzerDefaults::nextConvertBuffer() {
 
 const float* AnalyzerDefaults::interlaceToSpectrogramFFTData(const float* fftData) {
     float* out = nextConvertBuffer();
+    interlaceToSpectrogramFFTData(fftData, out);
+    return out;
+}
+
+void AnalyzerDefaults::interlaceToSpectrogramFFTData(const float* fftData, float* out) const {
     const int rows = fftDisplaySize_;
     const float r = static_cast<float>(fftSize_) * 0.5f / static_cast<float>(rows);
     const int k = static_cast<int>(r);
@@ -513,18 +518,21 @@ const float* AnalyzerDefaults::interlaceToSpectrogramFFTData(const float* fftDat
         for (int j = 0; j < rows; ++j)
             out[j] = fftData[j / m];
     }
-    return out;
 }
 
 const float* AnalyzerDefaults::convertToLogaritmicScaleFFTData(const float* fftData) {
     float* out = nextConvertBuffer();
+    convertToLogaritmicScaleFFTData(fftData, out);
+    return out;
+}
+
+void AnalyzerDefaults::convertToLogaritmicScaleFFTData(const float* fftData, float* out) const {
     for (int j = 0; j + 1 < spectrogramLogIndexesCount_; ++j) {
         const int lo = spectrogramLogInMiddleIndexes_[j];
         const int hi = spectrogramLogInMiddleIndexes_[j + 1];
         // The logarithmic column keeps the peak of its bins.
         out[j] = *std::max_element(fftData + lo, fftData + std::max(hi, lo + 1));
     }
-    return out;
 }
 
 } // namespace widmo

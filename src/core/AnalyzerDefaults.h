@@ -112,6 +112,11 @@ public:
     /// logarithmic rows (peak per row); value j belongs at row
     /// `spectrogramLogIndexes()[j]`. Same lifetime as above.
     const float* convertToLogaritmicScaleFFTData(const float* fftData);
+    /// The same two conversions into a caller's buffer (`fftDisplaySize`
+    /// values, resp. `spectrogramLogIndexesCount - 1`), for readers off the
+    /// analysis queue (the measuring cursor). Any thread while the geometry holds.
+    void interlaceToSpectrogramFFTData(const float* fftData, float* out) const;
+    void convertToLogaritmicScaleFFTData(const float* fftData, float* out) const;
 
     // --- Plain settings and state --------------------------------------------------
 

@@ -84,6 +84,13 @@ QOpenGLContext* TQGLView::context() const {
     return effect_ && shared != nullptr ? &shared->context : nullptr;
 }
 
+QOpenGLContext* TQGLView::makeSharedContextCurrent() {
+    SharedGL* shared = sharedGL();
+    if (shared == nullptr || !shared->context.makeCurrent(&shared->surface))
+        return nullptr;
+    return &shared->context;
+}
+
 void TQGLView::makeCurrent() {
     SharedGL* shared = sharedGLSlot();
     if (!effect_ || shared == nullptr)

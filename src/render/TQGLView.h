@@ -59,6 +59,10 @@ public:
     /// The shared GL context once the view has drawn (or been grabbed); null
     /// before, and when the platform offers no OpenGL.
     QOpenGLContext* context() const;
+    /// Makes the process's shared GL context current (creating it on first
+    /// use) on its offscreen surface, for GL objects that belong to no single
+    /// view (textures shared by several frames). Null without OpenGL. Main thread.
+    static QOpenGLContext* makeSharedContextCurrent();
     /// Makes the shared context current with this view's frame buffer bound;
     /// does nothing before the view's first frame.
     void makeCurrent();

@@ -1,0 +1,337 @@
+#include "charts/SpectrogramView.h"
+
+#include "charts/ChartLabels.h"
+#include "core/AnalyzerDefaults.h"
+#include "render/DeviceClass.h"
+#include "render/LevelMeterView.h"
+#include "render/SpectrogramScrollView.h"
+#include "render/TQTexture.h"
+
+#include <QOpenGLContext>
+#include <QPainter>
+#include <QResizeEvent>
+
+#include <algorithm>
+#include <cmath>
+
+namespace widmo {
+
+namespace {
+
+const QColor kLabelGrey(142, 142, 147);
+constexpr int kTopMarginPad = 12;
+constexpr int kTopMarginPhone = 9;
+constexpr int kRightMargin = 8;
+constexpr double kLabelGap = 4.0;
+constexpr double kLabelSlack = 14.0;
+const char* const kTitleTime = "Time (s)";
+
+QFont valueFont(bool pad) {
+    QFont font(QStringLiteral("Arial"));
+    font.setPixelSize(pad ? 14 : 13);
+    return font;
+}
+
+QFont titleFont(bool pad) { return DeviceClass::systemFont(pad ? 17.0 : 14.0, true); }
+
+} // namespace
+
+SpectrogramView::SpectrogramView(AnalyzerDefaults& defaults, QWidget* parent)
+    : TQGLView(parent), mDefaults(defaults) {
+    scrollView_ = new SpectrogramScrollView(defaults, this);
+    scrollView_->setDelegateRefresh(this);
+    levelMeterView_ = new LevelMeterView(this, defaults.features());
+    levelMeterView_->setOnTheRight(false);
+    fullScreenMargines_ = pad() ? QSize(80, 54) : QSize(66, 46);
+    setFullScreen(true);
+}
+
+SpectrogramView::~SpectrogramView() {
+    // The base destructor can no longer reach releaseGLResources.
+    if (effect() != nullptr) {
+        makeCurrent();
+        releaseGLResources();
+        doneCurrent();
+    }
+}
+
+bool SpectrogramView::pad() const { return DeviceClass::isPad(this); }
+
+// --- Engine calls ----------------------------------------------------------------------------
+
+SpectrogramScrollViewInterface* SpectrogramView::spectrogramScrollView() { return scrollView_; }
+
+void SpectrogramView::addFFTdata(const float* fftData, int64_t intervalIndex) {
+    scrollView_->addFFTdata(fftData, intervalIndex);
+}
+
+void SpectrogramView::startScrolling() { scrollView_->startScrolling(); }
+
+void SpectrogramView::pauseScrolling() { scrollView_->pauseScrolling(); }
+
+void SpectrogramView::setAnalyzerRunning(bool running) { scrollView_->setAnalyzerRunning(running); }
+
+void SpectrogramView::setNeedsDisplay() { scrollView_->raiseNeedsDisplay(); }
+
+void SpectrogramView::setNeedsDisplayWithSubviews() { TQGLView::setNeedsDisplayWithSubviews(); }
+
+void SpectrogramView::prepareData() { scrollView_->prepareData(); }
+
+void SpectrogramView::clearData() {
+    scrollView_->clearData();
+    levelMeterView_->setLevelDB(-144.0f);
+    TQGLView::setNeedsDisplayWithSubviews();
+}
+
+void SpectrogramView::prepareTextures() {
+    mFrequencyLabelHeights = frequencyLabelHeights();
+    scrollView_->setHorizontalGridLines(mFrequencyLabelHeights);
+    if (effect() == nullptr) {
+        // No GL context yet: the textures are made as soon as it exists.
+        texturesPending_ = true;
+    } else {
+        const bool wasCurrent = QOpenGLContext::currentContext() == context();
+        if (!wasCurrent)
+            makeCurrent();
+        makeTexturesNow();
+        if (!wasCurrent)
+            doneCurrent();
+    }
+    TQGLView::setNeedsDisplayWithSubviews();
+}
+
+void SpectrogramView::contentWasChanged() { TQGLView::setNeedsDisplay(); }
+
+// --- Layout ---------------------------------------------------------------------------------
+
+void SpectrogramView::setFullScreen(bool on) {
+    fullScreen_ = on;
+    scrollView_->setFullScreen(on);
+    levelMeterView_->setFullScreen(on);
+    updateConstraints();
+    TQGLView::setNeedsDisplayWithSubviews();
+}
+
+QRect SpectrogramView::chartRect() const {
+    if (!fullScreen_)
+        return rect();
+    const bool meterOn = mDefaults.features().featureLevelMeterEnabled();
+    const LevelMeterView::Metrics& m = LevelMeterView::metrics(pad());
+    const int meterWidth = meterOn ? m.meterWidth : m.widthWhenOff;
+    const int top = pad() ? kTopMarginPad : kTopMarginPhone;
+    const int left = meterWidth + fullScreenMargines_.width();
+    return {left, top, std::max(1, width() - left - kRightMargin),
+            std::max(1, height() - top - fullScreenMargines_.height())};
+}
+
+void SpectrogramView::updateConstraints() {
+    // Full screen: the meter over the whole height at the left, the frequency
+    // labels between it and the spectrogram, the time labels below.
+    scrollView_->setGeometry(chartRect());
+    const bool meterShown = fullScreen_ && mDefaults.features().featureLevelMeterEnabled();
+    if (meterShown)
+        levelMeterView_->setGeometry(0, 0, LevelMeterView::metrics(pad()).meterWidth, height());
+    levelMeterView_->setVisible(meterShown);
+}
+
+void SpectrogramView::resizeEvent(QResizeEvent* event) {
+    TQGLView::resizeEvent(event);
+    updateConstraints();
+}
+
+// --- Labels ---------------------------------------------------------------------------------
+
+std::vector<float> SpectrogramView::frequencyLabelHeights() const {
+    std::vector<float> heights;
+    const double maxFrequency = mDefaults.maxFrequency();
+    if (maxFrequency <= 0.0)
+        return heights;
+    if (mDefaults.linearFrequency()) {
+        const double step = mDefaults.spectrogramFrequencyTexturesMinValue();
+        for (int32_t k = 0; k < mDefaults.spectrogramFrequencyTexturesCount() && step > 0.0; ++k)
+            heights.push_back(static_cast<float>(k * step / maxFrequency));
+    } else {
+        const double start = mDefaults.logStartFrequency();
+        const double delta = mDefaults.logIntervalDelta();
+        for (int32_t f : ChartLabels::logaritmicFrequencies(mDefaults.maxFrequency()))
+            if (start > 0.0 && delta > 0.0)
+                heights.push_back(static_cast<float>(std::log2(f / start) / delta));
+    }
+    return heights;
+}
+
+void SpectrogramView::makeTexturesNow() {
+    const QFont value = valueFont(pad());
+    const QFont title = titleFont(pad());
+    mCzasTextures.clear();
+    const double step = mDefaults.czasTexturesMinValue();
+    for (int32_t k = 0; k < mDefaults.czasTexturesCount(); ++k) {
+        const double seconds = k * step;
+        const QString text = k == 0 ? QStringLiteral("0") : QString::number(-seconds, 'g', 4);
+        mCzasTextures.push_back(effect()->convertToTextureText(text, value, kLabelGrey));
+    }
+    mFrequencyTextures.clear();
+    if (mDefaults.linearFrequency()) {
+        const float minValue = mDefaults.spectrogramFrequencyTexturesMinValue();
+        for (size_t k = 0; k < mFrequencyLabelHeights.size(); ++k)
+            mFrequencyTextures.push_back(effect()->convertToTextureText(
+                ChartLabels::linearFrequencyLabel(static_cast<int32_t>(k), minValue), value,
+                kLabelGrey));
+    } else {
+        for (int32_t f : ChartLabels::logaritmicFrequencies(mDefaults.maxFrequency()))
+            mFrequencyTextures.push_back(
+                effect()->convertToTextureText(ChartLabels::logaritmicLabel(f), value, kLabelGrey));
+    }
+    mLegendCzasTexture =
+        effect()->convertToTextureText(QString::fromLatin1(kTitleTime), title, kLabelGrey);
+    mLegendFrequencyTexture = effect()->convertToTextureText(
+        QString::fromLatin1(mDefaults.linearFrequency() ? ChartLabels::kTitleFrequencyLinear
+                                                        : ChartLabels::kTitleFrequencyLogaritmic),
+        title, kLabelGrey);
+    texturesPending_ = false;
+}
+
+void SpectrogramView::setupGLResources() {
+    if (texturesPending_) {
+        mFrequencyLabelHeights = frequencyLabelHeights();
+        scrollView_->setHorizontalGridLines(mFrequencyLabelHeights);
+        makeTexturesNow();
+    }
+}
+
+void SpectrogramView::releaseGLResources() {
+    mCzasTextures.clear();
+    mFrequencyTextures.clear();
+    mLegendCzasTexture.reset();
+    mLegendFrequencyTexture.reset();
+    texturesPending_ = true;
+}
+
+QRectF SpectrogramView::chartUnitRect() const {
+    const QRect r = chartRect();
+    const double w = std::max(1, width());
+    const double h = std::max(1, height());
+    return {r.x() / w, (h - (r.y() + r.height())) / h, r.width() / w, r.height() / h};
+}
+
+QPointF SpectrogramView::mapFromSpectrogram(QPointF content) const {
+    const QRect r = chartRect();
+    const double w = std::max(1, width());
+    const double h = std::max(1, height());
+    const QPointF u = scrollView_->actualContentTransform().map(content);
+    return {(r.x() + u.x() * r.width()) / w, ((h - (r.y() + r.height())) + u.y() * r.height()) / h};
+}
+
+void SpectrogramView::rysujOpisyCzasu() {
+    const auto count = static_cast<int32_t>(mCzasTextures.size());
+    const double czas = mDefaults.czasSpectrogramu();
+    if (count < 1 || czas <= 0.0)
+        return;
+    const QRectF chart = chartUnitRect();
+    const double w = std::max(1, width());
+    const double h = std::max(1, height());
+    // The widest label decides how many may stand side by side at this zoom.
+    const int32_t step = std::max(1, effect()->skokWyswietlaniaDlaTekstury(
+                                         *mCzasTextures.back(), count,
+                                         QSizeF(scrollView_->width(), scrollView_->height()), true,
+                                         scrollView_->actualContentTransform()));
+    const QRectF bounds(chart.x() - kLabelSlack / w, 0.0, chart.width() + 2.0 * kLabelSlack / w,
+                        1.0);
+    const double secondsStep = mDefaults.czasTexturesMinValue();
+    for (int32_t k = 0; k < count; k += step) {
+        const double x = 1.0 - k * secondsStep / czas;
+        const QPointF anchor(mapFromSpectrogram(QPointF(x, 0.0)).x(), chart.y() - kLabelGap / h);
+        effect()->rysujTextTexture(mCzasTextures[static_cast<size_t>(k)].get(), anchor, 1.0f, 3,
+                                   QSizeF(w, h), bounds);
+    }
+}
+
+void SpectrogramView::rysujOpisyCzestotliwosci() {
+    const QRectF chart = chartUnitRect();
+    const double w = std::max(1, width());
+    const double h = std::max(1, height());
+    const QRectF bounds(0.0, chart.y() - kLabelSlack / h, 1.0,
+                        chart.height() + 2.0 * kLabelSlack / h);
+    const double scale = DeviceClass::contentScaleFactor(this);
+    const size_t count = std::min(mFrequencyTextures.size(), mFrequencyLabelHeights.size());
+    // Labels that would overlap one already drawn are left out; from the top
+    // down, so that the crowded top of every logarithmic decade keeps its
+    // decade label.
+    mTakenLabelSpans.clear();
+    for (size_t i = count; i-- > 0;) {
+        const TQTexture* texture = mFrequencyTextures[i].get();
+        if (texture == nullptr)
+            continue;
+        const double y = mapFromSpectrogram(QPointF(0.0, mFrequencyLabelHeights[i])).y();
+        const double half = (texture->height() / scale / 2.0 + 1.0) / h;
+        bool overlaps = false;
+        for (const auto& [lo, hi] : mTakenLabelSpans)
+            overlaps = overlaps || (y - half < hi && y + half > lo);
+        if (overlaps || y < chart.y() - kLabelSlack / h || y > chart.bottom() + kLabelSlack / h)
+            continue;
+        mTakenLabelSpans.emplace_back(y - half, y + half);
+        effect()->rysujTextTexture(texture, QPointF(chart.x() - kLabelGap / w, y), 1.0f, 2,
+                                   QSizeF(w, h), bounds);
+    }
+}
+
+void SpectrogramView::drawTitles() {
+    const QRectF chart = chartUnitRect();
+    const double w = std::max(1, width());
+    const double h = std::max(1, height());
+    const QSizeF frame(w, h);
+    const double scale = DeviceClass::contentScaleFactor(this);
+    effect()->rysujTextTexture(mLegendCzasTexture.get(), QPointF(chart.center().x(), 2.0 / h), 1.0f,
+                               4, frame, QRectF());
+    if (mLegendFrequencyTexture) {
+        // Turned to read upwards, just right of the meter.
+        const double meter = levelMeterView_->isVisible() ? levelMeterView_->width() : 0;
+        const double across = (meter + mLegendFrequencyTexture->height() / scale + 2.0) / w;
+        effect()->rysujTextTexture(mLegendFrequencyTexture.get(),
+                                   QPointF(across, chart.center().y()), 1.0f, 5, frame, QRectF());
+    }
+}
+
+void SpectrogramView::drawGLRect(const QRectF& /*rect*/) {
+    if (effect() == nullptr)
+        return;
+    effect()->clearColor(0.0f, 0.0f, 0.0f, 1.0f);
+    if (!fullScreen_)
+        return;
+    if (texturesPending_)
+        makeTexturesNow();
+    rysujOpisyCzasu();
+    rysujOpisyCzestotliwosci();
+    drawTitles();
+}
+
+// --- Image ----------------------------------------------------------------------------------
+
+QImage SpectrogramView::imageOfChart() {
+    if (width() < 1 || height() < 1)
+        return {};
+    QImage image = grabFramebuffer();
+    if (image.isNull())
+        return image;
+    image = image.convertToFormat(QImage::Format_ARGB32);
+    QPainter painter(&image);
+    const QImage spectrogram = scrollView_->grabFramebuffer();
+    if (!spectrogram.isNull())
+        painter.drawImage(scrollView_->geometry().topLeft(), spectrogram);
+    if (levelMeterView_->isVisible())
+        painter.drawImage(levelMeterView_->geometry().topLeft(),
+                          levelMeterView_->grabFramebuffer());
+    if (scrollView_->measuringActivated() && fullScreen_) {
+        QFont font(QStringLiteral("Arial"));
+        font.setPixelSize(pad() ? 15 : 12);
+        painter.setFont(font);
+        painter.setPen(QColor(230, 230, 230));
+        const QRect chart = scrollView_->geometry();
+        painter.drawText(chart.x() + 8, chart.y() + 6 + QFontMetrics(font).ascent(),
+                         scrollView_->measuringText());
+    }
+    painter.end();
+    return image;
+}
+
+} // namespace widmo

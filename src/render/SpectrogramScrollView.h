@@ -1,0 +1,231 @@
+#pragma once
+
+#include "engine/SpectrogramScrollViewInterface.h"
+#include "render/SpectrogramScrollViewSegment.h"
+#include "render/TQGLScrollView.h"
+
+#include <QElapsedTimer>
+#include <QString>
+#include <QTimer>
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <vector>
+
+class QLabel;
+
+namespace widmo {
+
+class AnalyzerDefaults;
+class ChartViewInterface;
+class FFTManager;
+
+/// The scrolling spectrogram: a row of texture segments
+/// (`SpectrogramScrollViewSegment`) laid side by side along the time axis,
+/// with an optional grid, a play-position line and a measuring cursor whose
+/// read-out names time, frequency, note and level of the cell under it.
+///
+/// Content space: x from 0 to 1 spans the last `spectrogramWidth` intervals up
+/// to the right edge, y from 0 to 1 the display rows (frequency, linear or
+/// logarithmic as the document says). While the analyser runs the right edge
+/// follows the newest interval smoothly: it slides from one interval to the
+/// next over one interval's duration, timed from the moment the newest
+/// interval count was seen, so the picture moves every frame rather than by
+/// whole columns. When stopped the right edge is the newest interval and the
+/// user pans and zooms over what the sample store still holds.
+///
+/// The segments are created once per geometry (`prepareData`) and used as a
+/// ring: the engine's analysis queue writes each column into `currentToWrite`;
+/// when that segment is full, the oldest one (the last of `segmentsToWrite`)
+/// is reset and moved to the front, and `segmentOffset` counts one more full
+/// segment. `segmentsToShow` keeps the order of creation and never changes
+/// while the engine runs.
+///
+/// Threading: main thread, except `addFFTdata` and `setCurrentSegmentToWrite`
+/// (the analysis queue, one writer, while the geometry holds: they touch only
+/// the write list, the current segment and atomics), `setPlayLinePosition`
+/// and `raiseNeedsDisplay` (any thread including the real-time one: each
+/// stores an atomic that the main thread reads at its next frame or poll).
+class SpectrogramScrollView : public TQGLScrollView, public SpectrogramScrollViewInterface {
+    Q_OBJECT
+public:
+    /// Level floor added before the dB conversion of a column (about 10^-14.4).
+    static constexpr float kDecibelFloor = 3.981075e-15f;
+
+    /// What the measuring cursor reads at one content point.
+    struct MeasureReading {
+        bool valid = false; ///< a column with data lies under the point
+        int64_t intervalIndex = -1;
+        int32_t row = -1;         ///< display row, 0 at the bottom
+        double secondsBack = 0.0; ///< time from the newest column (s, >= 0)
+        double frequency = 0.0;   ///< Hz at the point's height
+        QString note;             ///< note name of `frequency`
+        bool hasLevel = false;    ///< the interval's samples are still stored
+        double level = 0.0;       ///< dB with valuesInDB, else linear magnitude
+    };
+
+    /// `defaults` must outlive the view.
+    explicit SpectrogramScrollView(AnalyzerDefaults& defaults, QWidget* parent = nullptr);
+    ~SpectrogramScrollView() override;
+
+    // --- Colours (main thread) ---------------------------------------------------------
+
+    const SpectrogramColorRamp& colorRamp() const { return ramp_; }
+    /// Scheme from `spectrogramColorType`: 0 coloured, 1 black, 2 white; any
+    /// other value keeps the current scheme.
+    void setColorForSpectrogram();
+    void setColoredSpectrogram();
+    void setBlackSpectrogram();
+    void setWhiteSpectrogram();
+    const std::array<float, 4>& gridColor() const { return gridColor_; }
+    const std::array<float, 4>& measureLineColor() const { return measureLineColor_; }
+
+    // --- Segments (main thread, engine stopped) -------------------------------------------
+
+    /// Replaces the segments by `iloscSegmentow` new ones for the current
+    /// geometry (colour scheme chosen first), placed from time 0.
+    void prepareData();
+    /// One new segment at the front of both lists.
+    void addSegment();
+    /// Segment i of the show list at position i × `segmentSize`.
+    void setupPozycjeStartu();
+    /// Every segment empty and uploaded, the write list back in show order,
+    /// the first one current, `segmentOffset` 0.
+    void clearData();
+    const std::deque<SpectrogramScrollViewSegment*>& segmentsToWrite() const {
+        return segmentsToWrite_;
+    }
+    const std::deque<SpectrogramScrollViewSegment*>& segmentsToShow() const {
+        return segmentsToShow_;
+    }
+    SpectrogramScrollViewSegment* currentToWrite() const {
+        return currentToWrite_.load(std::memory_order_acquire);
+    }
+    /// Full segments since the last clear.
+    int64_t segmentOffset() const { return segmentOffset_.load(std::memory_order_acquire); }
+
+    // --- Columns (analysis queue) -------------------------------------------------------
+
+    /// One interval's power spectrum (`fftOutSize` values): reduced to the
+    /// display rows or logarithmic points, scaled to dB (floor added) or to
+    /// magnitudes, written as one column; then the ring moves on if the
+    /// segment is full. Nothing without the spectrogram product switch or
+    /// before `prepareData`. No allocation.
+    void addFFTdata(const float* fftData, int64_t intervalIndex);
+    /// When the current segment is full: the oldest one is reset, moved to the
+    /// front and made current, placed after the one just filled.
+    void setCurrentSegmentToWrite();
+
+    // --- Scrolling (main thread) ------------------------------------------------------------
+
+    /// Follow the newest column; places the segments from time 0 when nothing
+    /// has been written yet.
+    void startScrolling();
+    /// Stop following: the right edge stays at the newest interval.
+    void pauseScrolling();
+    /// While running the view draws every frame (smooth scrolling).
+    void setAnalyzerRunning(bool running);
+    bool isScrolling() const { return following_; }
+    /// The interval coordinate at content x = 1 as of the last frame (the newest
+    /// interval count when stopped).
+    double rightEdgeInterval() const { return rightEdge_; }
+    /// Heights (content y) of the horizontal grid lines, from the axis view.
+    void setHorizontalGridLines(std::vector<float> contentY) { gridY_ = std::move(contentY); }
+    /// Any thread: ask for frames (the play line moved); taken by a main-thread
+    /// poll that runs while a play line is shown.
+    void raiseNeedsDisplay() { needsDisplayFlag_.store(true, std::memory_order_release); }
+    /// Whether the play line is drawn (it moved within the last half second).
+    bool playLineVisible() const;
+
+    // --- Measuring (main thread) ----------------------------------------------------------
+
+    /// The reading at a content point; the level is recomputed from the sample
+    /// store (only while the analyser is stopped; else `hasLevel` is false).
+    MeasureReading measureAt(QPointF content);
+    /// The read-out panel's text for the cursor.
+    QString measuringText() const { return measuringText_; }
+    /// The chart that `computeFFTInDelegateChart` feeds; not owned, may be null.
+    void setDelegateChart(ChartViewInterface* chart) { delegateChart_ = chart; }
+
+    // SpectrogramScrollViewInterface
+    int64_t getIntervalIndexForSpectrogramPosition(float position) const override;
+    int64_t getIntervalIndexForSpectrogramActualPosition() const override;
+    void setMeasureScrollType(int32_t type) override { TQGLScrollView::setMeasureScrollType(type); }
+    QPointF measuringActualPosition() const override {
+        return TQGLScrollView::measuringActualPosition();
+    }
+    void setMeasuringActualPosition(QPointF position) override {
+        TQGLScrollView::setMeasuringActualPosition(position);
+    }
+    /// Any thread; see Threading.
+    void setPlayLinePosition(float intervalsBeforeNewest) override;
+    void computeFFTInDelegateChart() override;
+    void setNeedsPanningStopRamp() override { TQGLScrollView::setNeedsPanningStopRamp(); }
+    void zoomOut() override { TQGLScrollView::zoomOut(); }
+    bool measuringActivated() const override { return TQGLScrollView::measuringActivated(); }
+    void setMeasuringActivated(bool on) override { TQGLScrollView::setMeasuringActivated(on); }
+    void setScrollViewDelegate(TQGLScrollViewInterface* partner) override;
+    using TQGLScrollView::setScrollViewDelegate;
+
+    /// "time": seconds back from the newest column to the cursor.
+    double getValueForKey(const QString& key) override;
+    /// Clamps the cursor to the content and updates the read-out.
+    QPointF recalculateMeasuringActualPosition(QPointF position) override;
+    /// The partner chart's cursor means frequency and level, not time and
+    /// frequency: positions are not mirrored.
+    void measuringActualPositionDidChanged() override {}
+
+protected:
+    void drawGLRect(const QRectF& rect) override;
+
+private:
+    void updateRightEdge();
+    void drawSegments(double left, double width);
+    void drawGrid(double left, double width);
+    void drawPlayLine(double left, double width);
+    void drawMeasureLines();
+    void pollNeedsDisplay();
+    /// Interval under content x (floor), from the last frame's right edge.
+    int64_t intervalAtContentX(double x) const;
+    /// The interval's spectrum recomputed from the store; null when it is gone.
+    const float* recomputeSpectrum(int64_t intervalIndex, float** windowData);
+
+    AnalyzerDefaults& mDefaults;
+    SpectrogramColorRamp ramp_;
+    std::array<float, 4> gridColor_{0.12f, 0.12f, 0.12f, 1.0f};
+    std::array<float, 4> measureLineColor_{1.0f, 1.0f, 1.0f, 1.0f};
+
+    std::vector<std::unique_ptr<SpectrogramScrollViewSegment>> segments_;
+    std::deque<SpectrogramScrollViewSegment*> segmentsToWrite_;
+    std::deque<SpectrogramScrollViewSegment*> segmentsToShow_;
+    std::atomic<SpectrogramScrollViewSegment*> currentToWrite_{nullptr};
+    std::atomic<int64_t> segmentOffset_{0};
+    std::vector<float> columnScratch_; // analysis queue: one scaled column
+
+    bool following_ = false;
+    bool analyzerRunning_ = false;
+    double rightEdge_ = 0.0;
+    int64_t lastSeenInterval_ = -1;
+    QElapsedTimer intervalClock_;
+    std::vector<float> gridY_;
+    std::vector<float> gridVertices_; // reused every frame
+
+    std::atomic<float> playLinePosition_{0.0f};
+    std::atomic<uint32_t> playLineUpdates_{0};
+    uint32_t playLineUpdatesSeen_ = 0;
+    QElapsedTimer playLineClock_;
+    std::atomic<bool> needsDisplayFlag_{false};
+    QTimer needsDisplayPoll_;
+
+    ChartViewInterface* delegateChart_ = nullptr;
+    std::unique_ptr<FFTManager> measureFFT_;
+    std::vector<float> measureColumn_;
+    QString measuringText_;
+    QLabel* measuringPanel_ = nullptr;
+    double measuredSecondsBack_ = 0.0;
+};
+
+} // namespace widmo

@@ -1,0 +1,152 @@
+#pragma once
+
+#include <QObject>
+#include <QPointer>
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+class QOpenGLContext;
+
+namespace widmo {
+
+class AnalyzerDefaults;
+
+/// Which interval a spectrogram column shows and with which scaling (16 bytes).
+struct FFTSpectrumParameters {
+    int64_t intervalIndex = -1;            ///< -1: empty column
+    float linearWzmocnienieDB = 0.0f;      ///< linear gain used for the column (dB)
+    float valuesInDBMinimumLevelDB = 0.0f; ///< lowest level used for the column (dB)
+};
+static_assert(sizeof(FFTSpectrumParameters) == 16);
+
+/// The four-threshold colour ramp of the spectrogram: levels below
+/// `granicaKoloru[0]` take `kolor[0]`, levels from `granicaKoloru[3]` up take
+/// `kolor[3]`, in between each channel is interpolated linearly between the two
+/// neighbouring colours. Colours are r, g, b, a in 0..1 (alpha is not used).
+/// Owned by `SpectrogramScrollView`; read by its segments.
+struct SpectrogramColorRamp {
+    std::array<float, 4> granicaKoloru{};
+    std::array<std::array<float, 4>, 4> kolor{};
+
+    /// The colour of a normalised level `n` (0..1) as RGBA bytes, each channel
+    /// times 255 truncated, alpha 255.
+    std::array<uint8_t, 4> colorForLevel(float n) const;
+};
+
+/// One texture of the scrolling spectrogram: `segmentSize` time columns by
+/// `fftDisplaySize` rows, RGBA bytes, row 0 the lowest frequency, with the
+/// record of the interval each column shows.
+///
+/// A column arrives as one value per display row (linear frequency) or one per
+/// logarithmic point (interpolated onto the rows in between), in dB or as a
+/// linear magnitude, and is turned into colours through the owner's ramp. The
+/// texture is re-uploaded on the main thread at most once per 8 columns
+/// (skipped while an upload is still queued), and always when the segment
+/// becomes full.
+///
+/// Geometry is read from `AnalyzerDefaults` at construction; a geometry change
+/// means new segments.
+///
+/// Threading: `addFFTdata` and `resetWrite` run on the analysis queue (one
+/// writer); they write only the pixels and records of the columns being
+/// written and post the upload to the main thread. Everything else, and every
+/// GL call, runs on the main thread. `writeIndex`, `position`, the upload
+/// counters are atomics (release on write, acquire on read): a record or a
+/// column is complete when `writeIndex` has passed it. An upload may read the
+/// pixels while the next column is being written; a column caught half-way is
+/// redrawn by the following upload.
+class SpectrogramScrollViewSegment {
+public:
+    /// Columns between two throttled uploads.
+    static constexpr int32_t kUploadEveryColumns = 8;
+
+    /// Allocates the pixels and records for the current geometry of
+    /// `defaults`, clears them to the ramp's `kolor[0]` and, when OpenGL is
+    /// available, creates and uploads the texture through the shared context of
+    /// the GL views. `defaults` and `ramp` must outlive the segment. Main thread.
+    SpectrogramScrollViewSegment(const AnalyzerDefaults& defaults,
+                                 const SpectrogramColorRamp& ramp);
+    /// Deletes the texture (the shared context is made current). Main thread;
+    /// queued uploads of this segment are dropped.
+    ~SpectrogramScrollViewSegment();
+    SpectrogramScrollViewSegment(const SpectrogramScrollViewSegment&) = delete;
+    SpectrogramScrollViewSegment& operator=(const SpectrogramScrollViewSegment&) = delete;
+
+    int32_t segmentSize() const { return segmentSize_; }
+    int32_t rows() const { return rows_; }
+
+    /// Every pixel `kolor[0]`, every record empty, texture uploaded now. Main thread.
+    void clearData();
+    /// Every pixel `kolor[0]` with alpha 255 (no upload, records kept).
+    void clearImageData();
+    /// Back to column 0 with a cleared image; the texture keeps the old picture
+    /// until the next upload and the records are overwritten column by column.
+    /// Analysis queue (or the main thread while nothing writes).
+    void resetWrite();
+    bool isFullToWrite() const { return writeIndex() >= segmentSize_; }
+    /// The record of `column` (0 .. segmentSize - 1; clamped).
+    const FFTSpectrumParameters& parametersAtIndex(int32_t column) const;
+
+    /// Writes one column at `writeIndex` from `values` (see the class comment;
+    /// count: `fftDisplaySize` values with linear frequency, else
+    /// `spectrogramLogIndexesCount - 1`), then advances and maybe posts an
+    /// upload. Does nothing when full. Analysis queue; no allocation.
+    void addFFTdata(const float* values, int64_t intervalIndex);
+
+    /// Uploads the whole image into the texture. Main thread; nothing without OpenGL.
+    void createGLTexture();
+
+    /// The value a column writes at display row `row` from `values` as
+    /// `addFFTdata` receives them (linear: values[row]; logarithmic: the two
+    /// neighbouring points interpolated in row space, held flat beyond the
+    /// first and last point). Any thread.
+    static float valueAtRow(const AnalyzerDefaults& defaults, const float* values, int32_t row);
+
+    float position() const { return position_.load(std::memory_order_acquire); }
+    /// Place along the time axis in columns from the document's start.
+    void setPosition(float columns) { position_.store(columns, std::memory_order_release); }
+    uint32_t textureName() const { return textureName_; }
+    /// Interval of column 0 (-1 before the first column since a reset); for
+    /// drawing on the main thread while columns are written.
+    int64_t firstIntervalIndex() const { return firstInterval_.load(std::memory_order_acquire); }
+    int32_t writeIndex() const { return writeIndex_.load(std::memory_order_acquire); }
+    /// Columns the texture held at its last upload (drawing shows no more).
+    int32_t uploadedColumns() const { return uploadedColumns_.load(std::memory_order_acquire); }
+    /// Uploads queued and not yet run.
+    int32_t pendingUploads() const {
+        return mDispatchCreateTextureCounter.load(std::memory_order_acquire);
+    }
+    /// Uploads run since construction (the first one included).
+    int64_t uploadCount() const { return uploadCount_.load(std::memory_order_acquire); }
+    /// The pixels: (row * segmentSize + column) * 4 bytes RGBA.
+    const uint8_t* imageData() const { return mImageData.data(); }
+
+private:
+    void writeColumn(const float* values, uint8_t* pixels);
+
+    const AnalyzerDefaults& defaults_;
+    const SpectrogramColorRamp& ramp_;
+    int32_t segmentSize_ = 0;
+    int32_t rows_ = 0;
+    std::vector<FFTSpectrumParameters> mParameters;
+    std::vector<uint8_t> mImageData;
+    std::atomic<int32_t> mDispatchCreateTextureCounter{0};
+    std::atomic<float> position_{0.0f};
+    uint32_t textureName_ = 0;
+    std::atomic<int32_t> writeIndex_{0};
+    std::atomic<int64_t> firstInterval_{-1};
+    std::atomic<int32_t> uploadedColumns_{0};
+    std::atomic<int64_t> uploadCount_{0};
+    QPointer<QOpenGLContext> context_;
+    // Scratch for one column, allocated once: levels, then packed colours.
+    std::vector<float> levels_;
+    std::vector<uint32_t> colors_;
+    // Context of the posted uploads: destroyed with the segment, which drops them.
+    QObject uploadContext_;
+};
+
+} // namespace widmo
