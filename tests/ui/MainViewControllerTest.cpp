@@ -145,9 +145,10 @@ TEST_F(MainScreenTest, eachProductOffersItsButtons) {
         EXPECT_EQ(s->recordPauseButton()->icon().isNull(), c.startTitle);
         EXPECT_TRUE(s->recordPauseButton()->isEnabled());
         EXPECT_TRUE(s->settingsButton()->isEnabled());
-        for (QWidget* w : {static_cast<QWidget*>(s->playStopButton()), s->clearSpectrogramButton(),
-                           s->recalculateButton(), s->pipButton(),
-                           static_cast<QWidget*>(s->spectrogramVsChartSegmentedControl())})
+        const std::initializer_list<QWidget*> spectrogramControls = {
+            s->playStopButton(), s->clearSpectrogramButton(), s->recalculateButton(),
+            s->pipButton(), s->spectrogramVsChartSegmentedControl()};
+        for (QWidget* w : spectrogramControls)
             EXPECT_EQ(w != nullptr && w->isVisibleTo(s), c.spectrogram);
         EXPECT_TRUE(s->gainSliderAndMaxMinResetButton()->isEnabled());
         EXPECT_EQ(s->gainMeaning(), c.gain);
@@ -359,12 +360,22 @@ TEST_F(MainScreenTest, startWithoutInputDevice_showsMessage_buttonsStayUsable) {
 
 // --- The studio's spectrogram ------------------------------------------------------------------
 
-/// Rows of a grabbed spectrogram frame with a pixel of the colour scheme's
-/// top range (red over -30 dB at the default minimum of -107 dB), and the
-/// columns that have one.
+/// The level (0 at the minimum level, 1 at 0 dB) that the coloured scheme
+/// gives a pixel: black up to 0.01, blue to 0.27, green to 0.54, red to 0.99.
+double levelOfPixel(QRgb c) {
+    if (qRed(c) > 0)
+        return 0.54 + 0.45 * qRed(c) / 255.0;
+    if (qGreen(c) > 0)
+        return 0.27 + 0.27 * qGreen(c) / (0.9 * 255.0);
+    return 0.01 + 0.26 * qBlue(c) / (0.8 * 255.0);
+}
+
+/// Cells of a grabbed spectrogram frame above 0.6 of the level scale (-43 dB
+/// at the default minimum of -107 dB: a -12 dBFS tone's row, far above its
+/// window's leakage): the count per image row, and the columns that have one.
 struct BrightCells {
-    std::vector<int> rows;    // bright pixels per image row
-    std::vector<int> columns; // x of each column with a bright pixel
+    std::vector<int> rows;
+    std::vector<int> columns;
     int total = 0;
 };
 BrightCells brightCells(const QImage& frame) {
@@ -373,8 +384,7 @@ BrightCells brightCells(const QImage& frame) {
     for (int x = 0; x < frame.width(); ++x) {
         bool lit = false;
         for (int y = 0; y < frame.height(); ++y) {
-            const QRgb c = frame.pixel(x, y);
-            if (qRed(c) > 150 && qBlue(c) < 100) {
+            if (levelOfPixel(frame.pixel(x, y)) > 0.6) {
                 ++cells.rows[size_t(y)];
                 ++cells.total;
                 lit = true;
@@ -412,12 +422,11 @@ TEST_F(MainScreenTest, studioSpectrogram_showsPlaysRecalculatesAndClearsTheRecor
     ASSERT_TRUE(waitRecording(true));
     EXPECT_FALSE(s->clearSpectrogramButton()->isEnabled());
     EXPECT_FALSE(s->playStopButton()->isEnabled());
-    QTest::qWait(2500);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return defaults_->actualInterval() >= 200; }, 10000));
     clickStartPause();
     ASSERT_TRUE(waitRecording(false));
     tone.stop();
     const int64_t intervals = defaults_->actualInterval();
-    ASSERT_GT(intervals, 100);
 
     SpectrogramScrollView* scroll = s->spectrogramView()->scroll();
     QTest::qWait(200);
@@ -426,9 +435,11 @@ TEST_F(MainScreenTest, studioSpectrogram_showsPlaysRecalculatesAndClearsTheRecor
     ASSERT_GT(before.total, 0) << "nothing bright on the spectrogram";
     const double toneY = (1.0 - 997.0 / (defaults_->sampleRate() / 2.0)) * recorded.height();
     EXPECT_NEAR(brightestRow(before), toneY, 3.0);
-    for (size_t y = 0; y < before.rows.size(); ++y)
-        if (std::abs(double(y) - toneY) > 6.0)
+    for (size_t y = 0; y < before.rows.size(); ++y) {
+        if (std::abs(double(y) - toneY) > 6.0) {
             EXPECT_EQ(before.rows[y], 0) << "bright pixels at row " << y;
+        }
+    }
     // The recording ends at the right edge.
     EXPECT_GE(before.columns.back(), recorded.width() - 3);
 
@@ -447,9 +458,11 @@ TEST_F(MainScreenTest, studioSpectrogram_showsPlaysRecalculatesAndClearsTheRecor
     listening.stop();
     const std::vector<float>& heard = listener.samples;
     ASSERT_GT(heard.size(), size_t(2 * 48000));
-    const size_t middle = heard.size() / 4; // frames; half of the capture is before it
-    const double heardDb = test::toDb(
-        test::toneAmplitude(heard.data() + middle, 24000, 2, 997.0, 48000.0));
+    // The loudest of a few 0.1 s stretches: a loaded machine may drop a block.
+    double heardDb = -200.0;
+    for (size_t frame = 12000; (frame + 4800) * 2 < heard.size(); frame += 9600)
+        heardDb = std::max(heardDb, test::toDb(test::toneAmplitude(heard.data() + frame * 2, 4800,
+                                                                   2, 997.0, 48000.0)));
     EXPECT_NEAR(heardDb, test::toDb(kMinus12dBFS) + defaults_->outputGainValue(), 1.0);
     EXPECT_TRUE(s->recordPauseButton()->isEnabled());
 
@@ -472,9 +485,10 @@ TEST_F(MainScreenTest, studioSpectrogram_showsPlaysRecalculatesAndClearsTheRecor
     ASSERT_TRUE(QTest::qWaitFor([&] { return (question = visibleMessage()) != nullptr; }, 2000));
     EXPECT_EQ(question->text(), "Do you want to clear the spectrogram?");
     QAbstractButton* yes = nullptr;
-    for (QAbstractButton* b : question->buttons())
+    for (QAbstractButton* b : question->buttons()) {
         if (b->text() == "Yes")
             yes = b;
+    }
     ASSERT_TRUE(yes != nullptr);
     yes->click();
     ASSERT_TRUE(QTest::qWaitFor([&] { return !s->buttonsBlocked(); }, 5000));
@@ -503,8 +517,7 @@ TEST_F(MainScreenTest, studioPictureInPicture_followsTheViewOnScreen) {
     // Top right: the spectrogram's meter and labels are at its left.
     EXPECT_GT(chart->geometry().left(), area.center().x());
 
-    QTest::mouseClick(s->spectrogramVsChartSegmentedControl()->buttonForSegment(1),
-                      Qt::LeftButton);
+    QTest::mouseClick(s->spectrogramVsChartSegmentedControl()->buttonForSegment(1), Qt::LeftButton);
     ASSERT_TRUE(QTest::qWaitFor([&] { return !s->layoutAnimating(); }, 3000));
     EXPECT_TRUE(chart->fullScreen());
     EXPECT_EQ(chart->geometry(), area);

@@ -156,9 +156,9 @@ bool shootStudioSpectrogram(const QDir& out) {
             if (!ready())
                 return false;
             QTest::qWait(300);
-            ok &= save(app.window(), out.filePath(QString("spectrogram-%1-%2-widmo-studio.png")
-                                                      .arg(schemes[scheme],
-                                                           linear ? "linear" : "log")));
+            ok &= save(app.window(),
+                       out.filePath(QString("spectrogram-%1-%2-widmo-studio.png")
+                                        .arg(schemes[scheme], linear ? "linear" : "log")));
         }
     }
     app.applicationWillTerminate();
