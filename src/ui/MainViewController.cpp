@@ -24,7 +24,6 @@
 #include <QKeySequence>
 #include <QLabel>
 #include <QPalette>
-#include <QParallelAnimationGroup>
 #include <QPropertyAnimation>
 #include <QPushButton>
 #include <QSettings>
@@ -127,6 +126,12 @@ void MainViewController::commonSetup() {
         spectrogramVsChartSegment_ = 0;
     }
     analyzerController_->setChartViews(chartView_, spectrogramView_);
+
+    // A thin light edge around the picture-in-picture sets it off from the
+    // view under it; it stands one pixel out behind the small view.
+    pipFrame_ = new QFrame(chartArea_);
+    pipFrame_->setStyleSheet(QStringLiteral("QFrame { background: rgb(110, 110, 110); }"));
+    pipFrame_->hide();
 
     pleaseWaitView_ = new QLabel(QStringLiteral("Please wait..."), chartArea_);
     auto* wait = static_cast<QLabel*>(pleaseWaitView_);
@@ -266,8 +271,13 @@ void MainViewController::resizeEvent(QResizeEvent* event) {
 void MainViewController::layoutViewPositionsWithoutAnimation() {
     if (!chartArea_)
         return;
-    if (layoutAnimation_ != nullptr)
+    // An animation cut short leaves its views where it stopped: this puts
+    // every view where the flags say, at once.
+    if (layoutAnimation_ != nullptr) {
         layoutAnimation_->stop();
+        layoutAnimation_->deleteLater();
+        layoutAnimation_ = nullptr;
+    }
     // The full-screen view fills the area above the toolbar, the other one is
     // a picture-in-picture or hidden; the wait view sits centred on top.
     chartArea_->updateGeometry();
@@ -279,6 +289,9 @@ void MainViewController::layoutViewPositionsWithoutAnimation() {
     if (QWidget* pip = pipView()) {
         pip->setGeometry(setupConstraintsForView(pip, false));
         pip->setVisible(pipShown());
+        pipFrame_->setGeometry(pip->geometry().adjusted(-1, -1, 1, 1));
+        pipFrame_->setVisible(pipShown());
+        pipFrame_->raise();
         pip->raise();
     }
     const QSize wait(220, 64);
@@ -336,57 +349,63 @@ bool MainViewController::layoutAnimating() const {
 }
 
 void MainViewController::animateLayout() {
-    if (layoutAnimation_ != nullptr) {
-        layoutAnimation_->stop();
-        layoutAnimation_->deleteLater();
-    }
     QWidget* full = fullScreenView();
+    const QRect from = full->isVisible() ? full->geometry() : setupConstraintsForView(full, false);
+    layoutViewPositionsWithoutAnimation();
     QWidget* pip = pipView();
-    auto* group = new QParallelAnimationGroup(this);
-    layoutAnimation_ = group;
-    // First the full-screen view grows into place under the other one.
-    auto* grow = new QPropertyAnimation(full, "geometry");
-    grow->setDuration(kLayoutAnimationMs);
-    grow->setEasingCurve(QEasingCurve::InOutQuad);
-    grow->setStartValue(full->isVisible() ? full->geometry()
-                                          : setupConstraintsForView(full, false));
-    grow->setEndValue(setupConstraintsForView(full, true));
-    full->show();
     if (pip != nullptr)
         pip->hide();
-    full->lower();
-    group->addAnimation(grow);
-    connect(group, &QAbstractAnimation::finished, this, [this, group] {
-        if (layoutAnimation_ != group)
+    // First the full-screen view grows into place under the other one...
+    auto* grow = new QPropertyAnimation(full, "geometry", this);
+    grow->setDuration(kLayoutAnimationMs);
+    grow->setEasingCurve(QEasingCurve::InOutQuad);
+    grow->setStartValue(from);
+    grow->setEndValue(setupConstraintsForView(full, true));
+    full->setGeometry(from);
+    layoutAnimation_ = grow;
+    connect(grow, &QAbstractAnimation::finished, this, [this, grow] {
+        if (layoutAnimation_ != grow)
             return;
+        grow->deleteLater();
+        layoutAnimation_ = nullptr;
         QWidget* small = pipView();
-        if (small != nullptr && pipShown()) {
-            // Then the picture-in-picture grows out of its corner.
-            const QRect target = setupConstraintsForView(small, false);
-            auto* in = new QPropertyAnimation(small, "geometry", this);
-            in->setDuration(kLayoutAnimationMs);
-            in->setEasingCurve(QEasingCurve::OutQuad);
-            in->setStartValue(QRect(target.center(), QSize(1, 1)));
-            in->setEndValue(target);
-            small->setGeometry(QRect(target.center(), QSize(1, 1)));
-            small->show();
-            small->raise();
-            pleaseWaitView_->raise();
-            auto* second = new QParallelAnimationGroup(this);
-            second->addAnimation(in);
-            layoutAnimation_ = second;
-            group->deleteLater();
-            connect(second, &QAbstractAnimation::finished, this, [this] {
-                MainQueue::asyncAfter(
-                    std::chrono::milliseconds(200), [this] { redrawViews(); }, &delayedContext_);
-            });
-            second->start();
+        if (small != nullptr && pipShown())
+            animatePip(small, true); // ...then the picture-in-picture grows out of its corner
+        else
+            MainQueue::asyncAfter(
+                std::chrono::milliseconds(200), [this] { redrawViews(); }, &delayedContext_);
+    });
+    grow->start();
+}
+
+void MainViewController::animatePip(QWidget* small, bool in) {
+    const QRect target = setupConstraintsForView(small, false);
+    const QRect point(target.center(), QSize(1, 1));
+    auto* anim = new QPropertyAnimation(small, "geometry", this);
+    anim->setDuration(kLayoutAnimationMs);
+    anim->setEasingCurve(QEasingCurve::OutQuad);
+    anim->setStartValue(in ? point : small->geometry());
+    anim->setEndValue(in ? target : point);
+    small->setGeometry(anim->startValue().toRect());
+    small->show();
+    small->raise();
+    pipFrame_->hide(); // back when the view has arrived
+    pleaseWaitView_->raise();
+    layoutAnimation_ = anim;
+    connect(anim, &QAbstractAnimation::finished, this, [this, anim, small, in] {
+        if (layoutAnimation_ != anim)
             return;
-        }
+        anim->deleteLater();
+        layoutAnimation_ = nullptr;
+        if (!in)
+            small->hide();
+        pipFrame_->setGeometry(small->geometry().adjusted(-1, -1, 1, 1));
+        pipFrame_->setVisible(in);
+        pipFrame_->stackUnder(small);
         MainQueue::asyncAfter(
             std::chrono::milliseconds(200), [this] { redrawViews(); }, &delayedContext_);
     });
-    group->start();
+    anim->start();
 }
 
 void MainViewController::redrawViews() {
@@ -414,34 +433,16 @@ void MainViewController::pipOnOffChanged() {
     if (spectrogramView_ == nullptr || !defaults_.features().featurePIPEnabled())
         return;
     bool& flag = spectrogramVsChartSegment_ == 0 ? chartPIP_ : spectrogramPIP_;
+    QWidget* small = pipView();
+    const QRect from = small->geometry();
+    const bool wasShown = small->isVisible();
     flag = !flag;
     applyFullScreenFlags();
-    QWidget* small = pipView();
-    const QRect target = setupConstraintsForView(small, false);
-    const QRect point(target.center(), QSize(1, 1));
-    if (layoutAnimation_ != nullptr) {
-        layoutAnimation_->stop();
-        layoutAnimation_->deleteLater();
+    layoutViewPositionsWithoutAnimation();
+    if (flag || wasShown) {
+        small->setGeometry(from);
+        animatePip(small, flag);
     }
-    auto* group = new QParallelAnimationGroup(this);
-    layoutAnimation_ = group;
-    auto* anim = new QPropertyAnimation(small, "geometry");
-    anim->setDuration(kLayoutAnimationMs);
-    anim->setStartValue(flag ? point : small->geometry());
-    anim->setEndValue(flag ? target : point);
-    group->addAnimation(anim);
-    if (flag) {
-        small->setGeometry(point);
-        small->show();
-        small->raise();
-        pleaseWaitView_->raise();
-    }
-    connect(group, &QAbstractAnimation::finished, this, [this, small, on = flag] {
-        if (!on)
-            small->hide();
-        redrawViews();
-    });
-    group->start();
 }
 
 bool MainViewController::panelOpen() const {

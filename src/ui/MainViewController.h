@@ -14,7 +14,7 @@
 
 class QFrame;
 class QLabel;
-class QParallelAnimationGroup;
+class QAbstractAnimation;
 class QPushButton;
 class QSettings;
 class QSlider;
@@ -229,6 +229,8 @@ private:
     QRect setupConstraintsForView(QWidget* view, bool fullScreen) const;
     /// The full-screen view grows into place, then the picture-in-picture (if on).
     void animateLayout();
+    /// The picture-in-picture grows out of its corner (`in`) or shrinks into it.
+    void animatePip(QWidget* small, bool in);
     QWidget* fullScreenView() const;
     QWidget* pipView() const;
     bool pipShown() const;
@@ -257,7 +259,8 @@ private:
     QToolButton* recalculateButton_ = nullptr;
     QPushButton* gainValueButton_ = nullptr;
     iPad_GainInfoViewController* gainInfoViewController_ = nullptr;
-    QParallelAnimationGroup* layoutAnimation_ = nullptr;
+    QAbstractAnimation* layoutAnimation_ = nullptr; // the one running, if any
+    QFrame* pipFrame_ = nullptr;
     QToolButton* typeOfChartButton_ = nullptr;
     QToolButton* gainSliderAndMaxMinResetButton_ = nullptr;
     QToolButton* settingsButton_ = nullptr;

@@ -517,18 +517,29 @@ TEST_F(MainScreenTest, studioPictureInPicture_followsTheViewOnScreen) {
     // Top right: the spectrogram's meter and labels are at its left.
     EXPECT_GT(chart->geometry().left(), area.center().x());
 
+    // Switched, and the picture-in-picture asked for before the switch has
+    // finished animating: each view still ends where it belongs.
     QTest::mouseClick(s->spectrogramVsChartSegmentedControl()->buttonForSegment(1), Qt::LeftButton);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return !s->layoutAnimating(); }, 3000));
-    EXPECT_TRUE(chart->fullScreen());
-    EXPECT_EQ(chart->geometry(), area);
-    EXPECT_FALSE(spectrogram->isVisible()) << "the spectrogram's picture-in-picture is off";
+    EXPECT_FALSE(spectrogram->fullScreen());
     EXPECT_EQ(s->gainMeaning(), MainViewController::GainMeaning::Spectrum);
     QTest::mouseClick(s->pipButton(), Qt::LeftButton);
     ASSERT_TRUE(QTest::qWaitFor([&] { return !s->layoutAnimating(); }, 3000));
+    EXPECT_TRUE(chart->fullScreen());
+    EXPECT_EQ(chart->geometry(), area);
     ASSERT_TRUE(spectrogram->isVisible());
-    EXPECT_FALSE(spectrogram->fullScreen());
     // Top left, clear of the chart's meter at its right.
     EXPECT_LT(spectrogram->geometry().right(), area.center().x());
+    EXPECT_GT(spectrogram->width(), area.width() / 4);
+
+    // Off, with a rebuild right behind it: gone, and the chart keeps the area.
+    QTest::mouseClick(s->pipButton(), Qt::LeftButton);
+    defaults_->copyCurrentToPreferred();
+    defaults_->setPreferredSpectrogramColorType(1);
+    s->settingsWillClose();
+    ASSERT_TRUE(
+        QTest::qWaitFor([&] { return !s->buttonsBlocked() && !s->layoutAnimating(); }, 5000));
+    EXPECT_FALSE(spectrogram->isVisible());
+    EXPECT_EQ(chart->geometry(), area);
 }
 
 // A fresh start as a user makes it: the octave RTA shows the tone's band

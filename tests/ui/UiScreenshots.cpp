@@ -118,9 +118,18 @@ bool shootStudioSpectrogram(const QDir& out) {
     app.window()->resize(1000, 640);
     widmo::MainViewController* screen = app.mainViewController();
     const auto ready = [&] {
-        return QTest::qWaitFor([&] { return app.dataPrepared() && !screen->buttonsBlocked(); },
-                               10000);
+        return QTest::qWaitFor(
+            [&] {
+                return app.dataPrepared() && !screen->buttonsBlocked() &&
+                       !screen->layoutAnimating();
+            },
+            10000);
     };
+    if (!ready())
+        return false;
+    // The spectrogram full screen, the spectrum beside it.
+    screen->spectrogramVsChartChanged(0);
+    screen->typeOfChartSpectrumSelected();
     if (!ready())
         return false;
     const auto signal = [](double t) {
@@ -146,6 +155,8 @@ bool shootStudioSpectrogram(const QDir& out) {
     QTest::qWait(300);
     player.stop();
     screen->pipOnOffChanged();
+    if (!ready())
+        return false;
     const char* schemes[] = {"colour", "black", "white"};
     for (const bool linear : {false, true}) {
         for (int scheme = 0; scheme < 3; ++scheme) {
