@@ -297,7 +297,6 @@ TEST(SpectrogramDrawing, writtenColumnsAppearAtTheRightPlace) {
     view.show();
     ASSERT_TRUE(QTest::qWaitForWindowExposed(&view));
     view.prepareData();
-    const int32_t rows = d->fftDisplaySize();
     const int32_t size = d->segmentSize();
     std::vector<float> spectrum(static_cast<size_t>(d->fftOutSize()), 0.0f);
     // Full scale in the lower quarter of the rows, silence above.
@@ -324,7 +323,6 @@ TEST(SpectrogramDrawing, writtenColumnsAppearAtTheRightPlace) {
     while (left > 0 && isRed(image.pixel(left - 1, low)))
         --left;
     EXPECT_NEAR(left, w * (1.0 - size / width), 3.0);
-    (void)rows;
 }
 
 } // namespace
