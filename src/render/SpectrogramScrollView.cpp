@@ -360,10 +360,22 @@ SpectrogramScrollView::MeasureReading SpectrogramScrollView::measureAt(QPointF c
     return m;
 }
 
+void SpectrogramScrollView::measuringActualPositionDidChanged() {
+    if (measuredFrequencyObserver_)
+        measuredFrequencyObserver_(measuredFrequency_);
+}
+
 QPointF SpectrogramScrollView::recalculateMeasuringActualPosition(QPointF position) {
+    // The partner chart mirrors its own cursor (frequency and level) here
+    // while the user drags it: those coordinates mean nothing on this view.
+    if (const TQGLScrollView* partner = scrollViewDelegate();
+        partner != nullptr &&
+        (partner->model().isPanMeasuring() || partner->model().isLongPressMeasuring()))
+        return measuringActualPosition();
     const QPointF p(std::clamp(position.x(), 0.0, 1.0), std::clamp(position.y(), 0.0, 1.0));
     const MeasureReading m = measureAt(p);
     measuredSecondsBack_ = m.secondsBack;
+    measuredFrequency_ = m.frequency;
     if (!m.valid) {
         measuringText_ = QStringLiteral("No data");
     } else {
