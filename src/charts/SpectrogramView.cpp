@@ -1,6 +1,7 @@
 #include "charts/SpectrogramView.h"
 
 #include "charts/ChartLabels.h"
+#include "charts/ChartScrollView.h"
 #include "core/AnalyzerDefaults.h"
 #include "render/DeviceClass.h"
 #include "render/LevelMeterView.h"
@@ -40,6 +41,12 @@ SpectrogramView::SpectrogramView(AnalyzerDefaults& defaults, QWidget* parent)
     : TQGLView(parent), mDefaults(defaults) {
     scrollView_ = new SpectrogramScrollView(defaults, this);
     scrollView_->setDelegateRefresh(this);
+    // The user's cursor on the spectrogram puts the partner chart's cursor on
+    // the same frequency (the engine makes the two views partners).
+    scrollView_->setMeasuredFrequencyObserver([this](double frequency) {
+        if (auto* chart = dynamic_cast<ChartScrollView*>(scrollView_->scrollViewDelegate()))
+            chart->updateMeasuringActualPositionWith(frequency);
+    });
     levelMeterView_ = new LevelMeterView(this, defaults.features());
     levelMeterView_->setOnTheRight(false);
     fullScreenMargines_ = pad() ? QSize(80, 54) : QSize(66, 46);

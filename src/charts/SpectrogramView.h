@@ -33,7 +33,9 @@ class TQTexture;
 ///
 /// To show it: create it with the document's `AnalyzerDefaults`, hand it to
 /// `AnalyzerController::setChartViews`; the engine calls `prepareData`,
-/// `clearData` and `prepareTextures` whenever the geometry changes.
+/// `clearData` and `prepareTextures` whenever the geometry changes. For the
+/// engine's `computeFFTInDelegateChart` (the second chart showing the interval
+/// under the spectrogram's cursor) hand the chart to `scroll()->setDelegateChart`.
 ///
 /// Threading: main thread, except `addFFTdata` (analysis queue, in interval
 /// order; it writes only the column being filled) and `setNeedsDisplay`

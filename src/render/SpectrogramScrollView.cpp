@@ -5,6 +5,7 @@
 #include "dsp/MusicConverter.h"
 #include "dsp/VectorHelpers.h"
 #include "engine/ChartViewInterface.h"
+#include "engine/MainQueue.h"
 #include "render/DeviceClass.h"
 
 #include <QLabel>
@@ -114,6 +115,7 @@ void SpectrogramScrollView::setWhiteSpectrogram() {
 // --- Segments -----------------------------------------------------------------------------
 
 void SpectrogramScrollView::prepareData() {
+    Q_ASSERT(MainQueue::isMainThread());
     segmentsToWrite_.clear();
     segmentsToShow_.clear();
     currentToWrite_.store(nullptr, std::memory_order_release);
@@ -147,6 +149,7 @@ void SpectrogramScrollView::setupPozycjeStartu() {
 }
 
 void SpectrogramScrollView::clearData() {
+    Q_ASSERT(MainQueue::isMainThread());
     setColorForSpectrogram();
     // The columns of the previous document must not be recomputed on top of
     // a half-rotated ring: both lists start again in the same order.
@@ -200,6 +203,7 @@ void SpectrogramScrollView::setCurrentSegmentToWrite() {
 // --- Scrolling ------------------------------------------------------------------------------
 
 void SpectrogramScrollView::startScrolling() {
+    Q_ASSERT(MainQueue::isMainThread());
     following_ = true;
     lastSeenInterval_ = -1;
     SpectrogramScrollViewSegment* current = currentToWrite();
@@ -209,6 +213,7 @@ void SpectrogramScrollView::startScrolling() {
 }
 
 void SpectrogramScrollView::pauseScrolling() {
+    Q_ASSERT(MainQueue::isMainThread());
     following_ = false;
     setNeedsDisplay();
 }
@@ -355,10 +360,22 @@ SpectrogramScrollView::MeasureReading SpectrogramScrollView::measureAt(QPointF c
     return m;
 }
 
+void SpectrogramScrollView::measuringActualPositionDidChanged() {
+    if (measuredFrequencyObserver_)
+        measuredFrequencyObserver_(measuredFrequency_);
+}
+
 QPointF SpectrogramScrollView::recalculateMeasuringActualPosition(QPointF position) {
+    // The partner chart mirrors its own cursor (frequency and level) here
+    // while the user drags it: those coordinates mean nothing on this view.
+    if (const TQGLScrollView* partner = scrollViewDelegate();
+        partner != nullptr &&
+        (partner->model().isPanMeasuring() || partner->model().isLongPressMeasuring()))
+        return measuringActualPosition();
     const QPointF p(std::clamp(position.x(), 0.0, 1.0), std::clamp(position.y(), 0.0, 1.0));
     const MeasureReading m = measureAt(p);
     measuredSecondsBack_ = m.secondsBack;
+    measuredFrequency_ = m.frequency;
     if (!m.valid) {
         measuringText_ = QStringLiteral("No data");
     } else {

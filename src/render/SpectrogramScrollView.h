@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -174,9 +175,15 @@ public:
     double getValueForKey(const QString& key) override;
     /// Clamps the cursor to the content and updates the read-out.
     QPointF recalculateMeasuringActualPosition(QPointF position) override;
+    /// Told the frequency under the cursor after each move of the user's own
+    /// cursor (the owner passes it to the partner chart); may be empty.
+    void setMeasuredFrequencyObserver(std::function<void(double frequency)> observer) {
+        measuredFrequencyObserver_ = std::move(observer);
+    }
     /// The partner chart's cursor means frequency and level, not time and
-    /// frequency: positions are not mirrored.
-    void measuringActualPositionDidChanged() override {}
+    /// frequency: positions are not mirrored as they stand; the frequency goes
+    /// to the observer instead.
+    void measuringActualPositionDidChanged() override;
 
 protected:
     void drawGLRect(const QRectF& rect) override;
@@ -221,6 +228,8 @@ private:
     QTimer needsDisplayPoll_;
 
     ChartViewInterface* delegateChart_ = nullptr;
+    std::function<void(double)> measuredFrequencyObserver_;
+    double measuredFrequency_ = 0.0;
     std::unique_ptr<FFTManager> measureFFT_;
     std::vector<float> measureColumn_;
     QString measuringText_;

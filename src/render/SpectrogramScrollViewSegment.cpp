@@ -154,6 +154,7 @@ SpectrogramScrollViewSegment::~SpectrogramScrollViewSegment() {
 }
 
 void SpectrogramScrollViewSegment::clearData() {
+    Q_ASSERT(MainQueue::isMainThread());
     clearImageData();
     for (FFTSpectrumParameters& p : mParameters)
         p.intervalIndex = -1;
@@ -272,6 +273,7 @@ void SpectrogramScrollViewSegment::addFFTdata(const float* values, int64_t inter
 }
 
 void SpectrogramScrollViewSegment::createGLTexture() {
+    Q_ASSERT(MainQueue::isMainThread());
     // What the upload holds: every column written before this point.
     const int32_t columns = writeIndex_.load(std::memory_order_acquire);
     uploadCount_.fetch_add(1, std::memory_order_acq_rel);

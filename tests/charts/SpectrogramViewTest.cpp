@@ -1,5 +1,8 @@
 #include "charts/SpectrogramView.h"
 
+#include "charts/ChartScrollView.h"
+#include "charts/ChartView.h"
+
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
 #include "render/LevelMeterView.h"
@@ -93,6 +96,42 @@ TEST(SpectrogramViewLayout, meterLeftLabelsAroundAndImageShowsColumns) {
     view.setFullScreen(false);
     EXPECT_EQ(view.scroll()->geometry(), view.rect());
     EXPECT_FALSE(view.levelMeterView()->isVisible());
+}
+
+// The user's cursor on the spectrogram moves the partner chart's cursor to
+// the same frequency, and the chart's coordinates do not come back.
+TEST(SpectrogramViewLayout, cursorFrequencyReachesThePartnerChart) {
+    AnalyzerFeatures::Switches s;
+    s.featureSpectrogramEnabled = true;
+    s.featureSpectrumEnabled = true;
+    s.featureSampleRatesStdEnabled = true;
+    const AnalyzerFeatures features(s);
+    AnalyzerDefaults d(features, "spectrogram-view-test");
+    d.setSampleRate(48000.0f);
+    d.setFftSize(4096);
+    d.setLinearFrequency(true);
+    d.recalculateDocumentSettings();
+    d.generateAllIndexes();
+    d.setDataValid(true);
+    d.setActualInterval(100);
+
+    SpectrogramView spectrogram(d);
+    ChartView chart(d);
+    spectrogram.resize(600, 300);
+    chart.resize(600, 300);
+    spectrogram.scroll()->setScrollViewDelegate(chart.chartScrollView());
+    chart.chart()->setScrollViewDelegate(
+        static_cast<TQGLScrollViewInterface*>(spectrogram.scroll()));
+    spectrogram.prepareData();
+
+    SpectrogramScrollView* scroll = spectrogram.scroll();
+    scroll->grabFramebuffer(); // the gesture model learns the view's size
+    scroll->model().invokeMeasuring(QPointF(scroll->width() * 0.75, scroll->height() * 0.25));
+    const QPointF cursor = scroll->measuringActualPosition();
+    ASSERT_GT(cursor.y(), 0.5);
+    EXPECT_TRUE(chart.chart()->measuringActivated());
+    EXPECT_NEAR(chart.chart()->measureFrequency(), cursor.y() * 24000.0, 24000.0 / 2048.0);
+    EXPECT_EQ(scroll->measuringActualPosition(), cursor) << "the chart's position came back";
 }
 
 } // namespace

@@ -297,7 +297,6 @@ TEST(SpectrogramDrawing, writtenColumnsAppearAtTheRightPlace) {
     view.show();
     ASSERT_TRUE(QTest::qWaitForWindowExposed(&view));
     view.prepareData();
-    const int32_t rows = d->fftDisplaySize();
     const int32_t size = d->segmentSize();
     std::vector<float> spectrum(static_cast<size_t>(d->fftOutSize()), 0.0f);
     // Full scale in the lower quarter of the rows, silence above.
@@ -324,7 +323,39 @@ TEST(SpectrogramDrawing, writtenColumnsAppearAtTheRightPlace) {
     while (left > 0 && isRed(image.pixel(left - 1, low)))
         --left;
     EXPECT_NEAR(left, w * (1.0 - size / width), 3.0);
-    (void)rows;
+}
+
+// While following, the right edge slides through the newest column over one
+// interval's duration (timed from when the count changed), never past it;
+// stopped, it is the newest interval count.
+TEST(SpectrogramDrawing, rightEdgeSlidesWithTheAudioClock) {
+    auto d = makeDefaults();
+    d->setIntervalSizePower(d->intervalSizePower() + 4); // intervals of about 0.17 s
+    d->recalculateDocumentSettings();
+    SpectrogramScrollView view(*d);
+    view.resize(200, 100);
+    view.prepareData();
+    const double seconds = d->intervalSizeInFrames() / 48000.0;
+    ASSERT_GT(seconds, 0.05);
+    view.startScrolling();
+    d->setActualInterval(10);
+    view.grabFramebuffer();
+    const double start = view.rightEdgeInterval();
+    EXPECT_GE(start, 9.0);
+    EXPECT_LT(start, 9.5);
+    QTest::qWait(static_cast<int>(seconds * 500.0));
+    view.grabFramebuffer();
+    EXPECT_GT(view.rightEdgeInterval(), start + 0.2) << "not moving between columns";
+    EXPECT_LT(view.rightEdgeInterval(), 10.0);
+    QTest::qWait(static_cast<int>(seconds * 1000.0));
+    view.grabFramebuffer();
+    EXPECT_EQ(view.rightEdgeInterval(), 10.0) << "ran past the newest column";
+    d->setActualInterval(11);
+    view.grabFramebuffer();
+    EXPECT_LT(view.rightEdgeInterval(), 10.5);
+    view.pauseScrolling();
+    view.grabFramebuffer();
+    EXPECT_EQ(view.rightEdgeInterval(), 11.0);
 }
 
 } // namespace
