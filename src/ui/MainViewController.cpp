@@ -10,6 +10,7 @@
 #include "engine/MainQueue.h"
 #include "render/DeviceClass.h"
 #include "render/LevelMeterView.h"
+#include "render/SpectrogramScrollView.h"
 #include "ui/HelpViewController.h"
 #include "ui/SegmentedControl.h"
 #include "ui/SettingsRootViewController.h"
@@ -123,6 +124,8 @@ void MainViewController::commonSetup() {
         spectrogramView_ = new SpectrogramView(defaults_, chartArea_);
         // The spectrogram's meter shows the level the chart measures.
         chartView_->chart()->setSecondLevelMeterView(spectrogramView_->levelMeterView());
+        // The chart shows the spectrum of the interval under the spectrogram's cursor.
+        spectrogramView_->scroll()->setDelegateChart(chartView_);
         spectrogramVsChartSegment_ = 0;
     }
     analyzerController_->setChartViews(chartView_, spectrogramView_);
