@@ -130,15 +130,56 @@ void AnalyzerController::didGetNewAudioData(TQAudioData data) {
         return;
     }
     const int64_t packets = mPacketsCount.fetch_add(1, std::memory_order_acq_rel) + 1;
-    // Trigger: a recording that waits for the trigger skips its first
-    // trunc(sampleRate * 7 / 44100) blocks and hands the rest to the trigger's
-    // intake until it fires; with automatic stop it also cuts the document at the
-    // spectrogram's width. Without the trigger nothing is skipped and the store
-    // is a ring that never fills.
-    const int64_t skip = 0;
-    if (audio_.isRecording() && packets > skip) {
-        didGetNewAudioDataStandard(data.count, data.data, false);
+    // A recording that waits for the trigger drops its first blocks (the input's
+    // start-up); without the trigger nothing is skipped.
+    const bool withTrig = workingWithTrig_.load(std::memory_order_acquire);
+    const int64_t skip = withTrig ? trigStartupSkip() : 0;
+    if (!audio_.isRecording() || packets <= skip) {
+        return;
     }
+    if (withTrig && !trigIsStarted_.load(std::memory_order_seq_cst)) {
+        didGetNewAudioDataWithTrig(data);
+        return;
+    }
+    if (withTrig && defaults_.trigAutomaticStop()) {
+        // The document ends at exactly the spectrogram's width: the block that
+        // reaches it is cut, and the next one finds no room and stops.
+        const int64_t n = intervalSize();
+        const int64_t room = int64_t{defaults_.spectrogramWidth()} * n -
+                             mFramesWriteCount.load(std::memory_order_relaxed);
+        const int64_t count = std::min<int64_t>(room, data.count);
+        if (count >= 1) {
+            didGetNewAudioDataStandard(static_cast<int32_t>(count), data.data, false);
+        } else {
+            mDocumentFull.store(true, std::memory_order_release);
+        }
+        return;
+    }
+    didGetNewAudioDataStandard(data.count, data.data, false);
+}
+
+int64_t AnalyzerController::trigStartupSkip() const {
+    if (defaults_.features().featureUltrasonicEnabled() && !defaults_.cpu64bit()) {
+        return 50;
+    }
+    return static_cast<int64_t>(defaults_.sampleRate() * 7.0f / 44100.0f);
+}
+
+void AnalyzerController::didGetNewAudioDataWithTrig(TQAudioData data) {
+    const int32_t channel = audio_.currentInputChannel() == 1 ? 1 : 0;
+    const float gain = decibelsToFactor(defaults_.softwareInputGainValue());
+    if (!trigger_.addBlock(data.data, data.count, channel, gain)) {
+        return;
+    }
+    // Fired. From the next block on the intake writes into the document; first
+    // the pre-trigger audio enters it, interval by interval, in order.
+    const int64_t first = defaults_.actualInterval();
+    trigIsStarted_.store(true, std::memory_order_seq_cst);
+    const int64_t replayed = trigger_.preTriggerChunks([this](const float* samples, int32_t count) {
+        didGetNewAudioDataStandard(count, samples, true);
+    });
+    // The chart skips the replayed intervals and shows the live ones.
+    mShowChartInTrigAfterInterval.store(first + replayed - 1, std::memory_order_release);
 }
 
 void AnalyzerController::audioEffectDidGetAudioData(TQAudioData data) {
@@ -301,8 +342,20 @@ void AnalyzerController::displayChart() {
     if (!audio_.isRecording()) {
         return;
     }
-    // Trigger: while a recording waits for the trigger, the chart shows the
-    // trigger's latest measurement instead (unless energy saving is on).
+    followIntakeFlags();
+    if (!audio_.isRecording()) {
+        return; // the document became full and the recording stopped
+    }
+    const bool withTrig = workingWithTrig_.load(std::memory_order_acquire);
+    if (withTrig && !trigIsStarted_.load(std::memory_order_seq_cst)) {
+        // Waiting: the chart shows the trigger's newest measurement, unless
+        // energy saving is on.
+        if (defaults_.trigEnergySaveMode() == 0.0f &&
+            mPacketsCount.load(std::memory_order_acquire) > trigStartupSkip()) {
+            showTriggerMeasurement();
+        }
+        return;
+    }
     const int64_t computed = mComputedIntervalIndex.load(std::memory_order_acquire);
     SpectrogramScrollViewInterface* scroll = spectrogramScrollView();
     const int64_t scrolledTo =
@@ -315,11 +368,56 @@ void AnalyzerController::displayChart() {
     } else if (computed >= 0) {
         shown = computed;
     }
-    // Trigger: after the trigger fired, intervals up to the replayed pre-trigger
-    // audio are not shown.
+    // After the trigger fired, the replayed pre-trigger intervals are not shown.
+    if (withTrig && shown <= mShowChartInTrigAfterInterval.load(std::memory_order_acquire)) {
+        return;
+    }
     if (shown >= 0) {
         showChartInterval(shown);
     }
+}
+
+void AnalyzerController::followIntakeFlags() {
+    if (workingWithTrig_.load(std::memory_order_acquire) && !trigStartShown_ &&
+        trigIsStarted_.load(std::memory_order_seq_cst)) {
+        trigStartShown_ = true;
+        if (spectrogramView_ != nullptr) {
+            spectrogramView_->startScrolling();
+            spectrogramView_->setAnalyzerRunning(true);
+        }
+        if (chartView_ != nullptr) {
+            chartView_->setAnalyzerRunning(true);
+        }
+    }
+    if (mDocumentFull.exchange(false, std::memory_order_acq_rel)) {
+        defaults_.setReadOnly(true);
+        defaults_.setTimeOfDocument(defaults_.czasSpectrogramu());
+        stopRecorder();
+        if (delegate_ != nullptr) {
+            delegate_->recorderDidStop();
+        }
+    }
+}
+
+void AnalyzerController::showTriggerMeasurement() {
+    const int64_t index = trigger_.measurementCount();
+    if (chartView_ == nullptr || index < 1) {
+        return;
+    }
+    // Marks the slot before checking that the trigger still waits: once it has
+    // fired, queue 1 may compute a document interval into the same slot, and
+    // then waits for this mark to clear (see computeInterval).
+    mChartReadIntervalIndex.store(index, std::memory_order_seq_cst);
+    if (!trigIsStarted_.load(std::memory_order_seq_cst)) {
+        float* windowData = nullptr;
+        float* dataOut = nullptr;
+        float* eggWindowData = nullptr;
+        fftManager_.podajFFTDlaIntervalIndex(index, &windowData, &dataOut, &eggWindowData);
+        if (dataOut != nullptr && windowData != nullptr) {
+            chartView_->addFFTdata(dataOut, windowData, nullptr);
+        }
+    }
+    mChartReadIntervalIndex.store(-1, std::memory_order_seq_cst);
 }
 
 void AnalyzerController::showChartInterval(int64_t intervalIndex) {
@@ -358,16 +456,33 @@ void AnalyzerController::startRecorder(std::function<void(bool)> completion) {
     mTooSlow.store(false, std::memory_order_release);
     mComputedIntervalIndex.store(current, std::memory_order_release);
     mStartIntervalMem.store(current, std::memory_order_release);
-    // Trigger: here the trigger's fields are reset and its pre-trigger ring is
-    // allocated when the recording uses it (trigOn).
+    const bool withTrig = defaults_.features().featureRecordTrig() && defaults_.trigOn();
+    trigIsStarted_.store(false, std::memory_order_seq_cst);
+    mDocumentFull.store(false, std::memory_order_release);
+    mShowChartInTrigAfterInterval.store(-1, std::memory_order_release);
+    trigStartShown_ = false;
+    if (withTrig) {
+        // The trigger's measurements use the FFT engine from the intake: queue 1
+        // must have finished with it. The window table and the scratch blocks
+        // are made here rather than on the intake.
+        mAnalyzerQueue1->waitUntilEmpty();
+        fftManager_.prepareWindow();
+        createMDataBufferIfNeededWithSize(
+            static_cast<int32_t>(std::max(intervalSize(), int64_t{4096})));
+        trigger_.arm();
+    }
+    workingWithTrig_.store(withTrig, std::memory_order_release);
     audio_.startRecorder([this, completion = std::move(completion)](bool success) {
         if (success) {
-            if (spectrogramView_ != nullptr) {
-                spectrogramView_->startScrolling();
-                spectrogramView_->setAnalyzerRunning(true);
-            }
-            if (chartView_ != nullptr) {
-                chartView_->setAnalyzerRunning(true);
+            // With the trigger, the views start when it fires (followIntakeFlags).
+            if (!workingWithTrig_.load(std::memory_order_acquire)) {
+                if (spectrogramView_ != nullptr) {
+                    spectrogramView_->startScrolling();
+                    spectrogramView_->setAnalyzerRunning(true);
+                }
+                if (chartView_ != nullptr) {
+                    chartView_->setAnalyzerRunning(true);
+                }
             }
             timer_.start([this] { displayChart(); });
         }
