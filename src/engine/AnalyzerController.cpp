@@ -4,6 +4,7 @@
 #include "dsp/FFTManager.h"
 #include "engine/AnalyzerControllerDelegate.h"
 #include "engine/ChartViewInterface.h"
+#include "engine/LastSessionSaver.h"
 #include "engine/MainQueue.h"
 #include "engine/MainViewControllerInterface.h"
 #include "engine/SpectrogramScrollViewInterface.h"
@@ -235,6 +236,7 @@ void AnalyzerController::didGetNewAudioDataStandard(int32_t count, const float* 
     // the queue has finished reading is ordered before the writes below, which
     // may reuse its samples one ring lap later.
     (void)defaults_.actualInterval();
+    (void)mStoreCopyMark.load(std::memory_order_acquire); // the same for the session saver
 
     const int64_t written = mFramesWriteCount.load(std::memory_order_relaxed);
     const int64_t position = written % capacity;
@@ -485,6 +487,9 @@ void AnalyzerController::startRecorder(std::function<void(bool)> completion) {
                 }
             }
             timer_.start([this] { displayChart(); });
+            if (saver_ != nullptr) {
+                saver_->recordingStarted();
+            }
         }
         if (completion) {
             completion(success);
@@ -499,6 +504,9 @@ void AnalyzerController::stopRecorder() {
     }
     timer_.invalidate();
     audio_.stop();
+    if (saver_ != nullptr) {
+        saver_->recordingStopped();
+    }
     if (spectrogramView_ != nullptr) {
         spectrogramView_->pauseScrolling();
         spectrogramView_->setAnalyzerRunning(false);
@@ -661,8 +669,13 @@ void AnalyzerController::prepareData() {
 }
 
 void AnalyzerController::prepareAudioBuffersData() {
-    // Queue 1 reads the store; whatever it still has queued finishes first.
+    // Queue 1 and the session saver read the store; what they have queued
+    // finishes first.
     mAnalyzerQueue1->waitUntilEmpty();
+    if (saver_ != nullptr) {
+        saver_->waitUntilIdle();
+    }
+    storeGeneration_.fetch_add(1, std::memory_order_acq_rel);
     std::vector<float>& store = defaults_.audioBuffersData();
     if (!mFirsInitAudioBufferDone && !store.empty() && defaults_.actualInterval() != 0) {
         // A store restored from the last session: keep its samples. The caller
@@ -699,6 +712,7 @@ void AnalyzerController::recalculateDataWithFinishBlock(std::function<void()> fi
     defaults_.setDataValid(true);
     const int64_t end = defaults_.actualInterval();
     mFramesWriteCount.store(end * intervalSize(), std::memory_order_release);
+    storeGeneration_.fetch_add(1, std::memory_order_acq_rel);
     const int64_t width = defaults_.spectrogramWidth();
     const int64_t start = end >= width ? end - width : 0;
     if (spectrogramView_ != nullptr) {
@@ -720,6 +734,25 @@ void AnalyzerController::recalculateDataWithFinishBlock(std::function<void()> fi
         computeInterval(last);
         MainQueue::async(finishBlock, &mainContext_);
     });
+}
+
+int64_t AnalyzerController::copyStoreInto(std::vector<float>& mirror, int64_t from,
+                                          int64_t maxFrames) {
+    const std::vector<float>& store = defaults_.audioBuffersData();
+    const auto capacity = static_cast<int64_t>(mirror.size());
+    if (capacity == 0 || static_cast<int64_t>(store.size()) != capacity) {
+        return -1;
+    }
+    const int64_t written = mFramesWriteCount.load(std::memory_order_acquire);
+    int64_t at = std::max({from, written - std::min(maxFrames, capacity), int64_t{0}});
+    while (at < written) {
+        const int64_t position = at % capacity;
+        const int64_t count = std::min(written - at, capacity - position);
+        std::copy_n(store.data() + position, count, mirror.data() + position);
+        at += count;
+    }
+    mStoreCopyMark.store(written, std::memory_order_release);
+    return written;
 }
 
 bool AnalyzerController::openTestFile() {

@@ -22,6 +22,7 @@ class AnalyzerControllerDelegate;
 class AnalyzerDefaults;
 class ChartViewInterface;
 class FFTManager;
+class LastSessionSaver;
 class MainViewControllerInterface;
 class SpectrogramScrollViewInterface;
 class SpectrogramViewInterface;
@@ -115,6 +116,9 @@ public:
         mainViewController_ = mainViewController;
     }
     void setMessages(TQMessageInterface* messages) { messages_ = messages; }
+    /// The last-session saver, told of every start and stop of a recording and
+    /// waited for before the store is replaced; null for none.
+    void setSessionSaver(LastSessionSaver* saver) { saver_ = saver; }
 
     bool isBackground() const { return isBackground_; }
     void setIsBackground(bool background) { isBackground_ = background; }
@@ -188,6 +192,17 @@ public:
     bool openTestFile();
     /// Closes the test file, if open. Main thread, only while not recording.
     void closeTestFile();
+
+    /// Copies the store's samples from document frame `from` up to the newest
+    /// written one (at most the newest `maxFrames`) into `mirror`, a ring of
+    /// the store's length, at the same positions; returns the frames written
+    /// so far, or -1 when the store is not `mirror`'s length. Any thread but
+    /// the intake; `maxFrames` must leave the store's spare intervals (the
+    /// intake writes only there meanwhile).
+    int64_t copyStoreInto(std::vector<float>& mirror, int64_t from, int64_t maxFrames);
+    /// Changes whenever the store's contents are replaced or recalculated,
+    /// so that a copy made before no longer counts. Any thread.
+    int64_t storeGeneration() const { return storeGeneration_.load(std::memory_order_acquire); }
 
     // --- State, for the main screen and tests -----------------------------------------
 
@@ -286,6 +301,11 @@ private:
     std::atomic<int64_t> mShowChartInTrigAfterInterval{-1};
     // Set by the intake when the document reached the spectrogram's width.
     std::atomic<bool> mDocumentFull{false};
+    LastSessionSaver* saver_ = nullptr;
+    std::atomic<int64_t> storeGeneration_{0};
+    // Released by `copyStoreInto` after reading, acquired by the intake before
+    // writing: the reads are ordered before the writes that reuse the samples.
+    std::atomic<int64_t> mStoreCopyMark{0};
     // Context of posted main-thread work: destroyed with the engine, which drops
     // work still waiting in the event loop.
     QObject mainContext_;
