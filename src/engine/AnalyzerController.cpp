@@ -142,7 +142,7 @@ void AnalyzerController::didGetNewAudioData(TQAudioData data) {
         didGetNewAudioDataWithTrig(data);
         return;
     }
-    if (withTrig && defaults_.trigAutomaticStop()) {
+    if (withTrig && trigAutomaticStop_.load(std::memory_order_relaxed)) {
         // The document ends at exactly the spectrogram's width: the block that
         // reaches it is cut, and the next one finds no room and stops.
         const int64_t n = intervalSize();
@@ -349,6 +349,11 @@ void AnalyzerController::displayChart() {
         return; // the document became full and the recording stopped
     }
     const bool withTrig = workingWithTrig_.load(std::memory_order_acquire);
+    if (withTrig) {
+        // The trigger page may change these while the recording runs.
+        trigAutomaticStop_.store(defaults_.trigAutomaticStop(), std::memory_order_relaxed);
+        trigger_.refreshSettings();
+    }
     if (withTrig && !trigIsStarted_.load(std::memory_order_seq_cst)) {
         // Waiting: the chart shows the trigger's newest measurement, unless
         // energy saving is on.
@@ -473,6 +478,7 @@ void AnalyzerController::startRecorder(std::function<void(bool)> completion) {
             static_cast<int32_t>(std::max(intervalSize(), int64_t{4096})));
         trigger_.arm();
     }
+    trigAutomaticStop_.store(defaults_.trigAutomaticStop(), std::memory_order_relaxed);
     workingWithTrig_.store(withTrig, std::memory_order_release);
     audio_.startRecorder([this, completion = std::move(completion)](bool success) {
         if (success) {

@@ -296,7 +296,8 @@ private:
     RecordingTrigger trigger_{defaults_, fftManager_};
     std::atomic<bool> workingWithTrig_{false};
     std::atomic<bool> trigIsStarted_{false};
-    bool trigStartShown_ = false; // main thread: scrolling started after firing
+    std::atomic<bool> trigAutomaticStop_{false}; // copy of the setting, refreshed per tick
+    bool trigStartShown_ = false;                // main thread: scrolling started after firing
     // The chart shows only intervals after this one once the trigger fired.
     std::atomic<int64_t> mShowChartInTrigAfterInterval{-1};
     // Set by the intake when the document reached the spectrogram's width.

@@ -32,6 +32,13 @@ void RecordingTrigger::arm() {
     fired_.store(false, std::memory_order_release);
     preTriggerFrames_ = p * n;
     intervalFrames_ = n;
+    refreshSettings();
+}
+
+void RecordingTrigger::refreshSettings() {
+    level_.store(defaults_.trigLevel(), std::memory_order_relaxed);
+    minFraction_.store(defaults_.trigMinFrequency(), std::memory_order_relaxed);
+    maxFraction_.store(defaults_.trigMaxFrequency(), std::memory_order_relaxed);
 }
 
 void RecordingTrigger::disarm() {
@@ -94,7 +101,7 @@ bool RecordingTrigger::addBlock(const float* interleaved, int32_t count, int32_t
     lastLevel_.store(level, std::memory_order_release);
     // Publishes the slot: the display timer reads it after an acquire load.
     mTrigIndexCounter.store(index, std::memory_order_release);
-    if (level > defaults_.trigLevel()) {
+    if (level > level_.load(std::memory_order_relaxed)) {
         fired_.store(true, std::memory_order_release);
         return true;
     }

@@ -31,7 +31,8 @@ class FFTManager;
 /// engine's own does). The FFT engine is used from the intake context only
 /// while the trigger waits: the analysis queue has no work then (the engine
 /// drains it before arming, and gives it work only once the trigger fired).
-/// `measurementCount` is an atomic with release/acquire ordering: the display
+/// The threshold and the band are atomic copies of the settings, refreshed on
+/// the main thread. `measurementCount` is an atomic with release/acquire ordering: the display
 /// timer reads it on the main thread and then the slot of the measurement it
 /// names, complete by then.
 class RecordingTrigger {
@@ -44,6 +45,10 @@ public:
     void arm();
     /// Releases the ring. Main thread, no block being delivered.
     void disarm();
+    /// Takes `trigLevel`, `trigMinFrequency` and `trigMaxFrequency` from the
+    /// settings (which the settings page changes while the trigger waits).
+    /// Main thread; the intake reads the copies, which are atomics.
+    void refreshSettings();
 
     /// One interleaved stereo block of `count` frames: channel `channel` (0 or
     /// 1) times `gain` goes into the ring; a measurement follows when one is
@@ -91,6 +96,9 @@ private:
     std::atomic<int64_t> mTrigIndexCounter{0};
     std::atomic<float> lastLevel_{0.0f};
     std::atomic<bool> fired_{false};
+    std::atomic<float> level_{0.0f};
+    std::atomic<float> minFraction_{0.0f};
+    std::atomic<float> maxFraction_{0.0f};
     int64_t preTriggerFrames_ = 0; // P × intervalSizeInFrames, at arming
     int64_t intervalFrames_ = 0;
 };

@@ -18,6 +18,7 @@ class QSettings;
 class QSlider;
 class QStackedLayout;
 class QToolBar;
+class QTimer;
 class QToolButton;
 
 namespace widmo {
@@ -27,6 +28,7 @@ class AnalyzerDefaults;
 class ChartView;
 class FFTManager;
 class HelpViewController;
+class LastSessionSaver;
 class SettingsRootViewController;
 class TQAudio;
 class iPad_TypeOfChartViewController;
@@ -127,20 +129,31 @@ public:
     void refreshMaxMinResetButton();
     void refreshSegmentedControlTypeOfChartName();
     /// Builds the document on first activation: geometry, tables, store,
-    /// textures; the buttons are blocked until it is done.
+    /// textures; the buttons are blocked until it is done. A last session
+    /// restored with the screen's state (spectrogram products) is offered
+    /// for recovery first ("Recover analysis"); "Yes" keeps its samples and
+    /// recalculates them, "No" starts an empty document.
     void prepareAnalyzerData();
+    /// The recovery question's text.
+    static const char* const kRecoverMessage;
 
     // --- State restoration ----------------------------------------------------------------------
 
-    /// Saves the settings, then the screen's keys and the "VersionKey" tag.
+    /// Saves the settings, the last-session file with its keys (spectrogram
+    /// products), then the screen's keys and the "VersionKey" tag.
     void encodeRestorableStateWithCoder(QSettings& coder);
-    /// Restores the screen's keys, only from a record with this build's tag.
+    /// Restores the screen's keys, and the last session (spectrogram
+    /// products), only from a record with this build's tag.
     void decodeRestorableStateWithCoder(const QSettings& coder);
     void applicationFinishedRestoringState();
 
     // --- Parts, for the application and tests -----------------------------------------------
 
     AnalyzerController& analyzerController() { return *analyzerController_; }
+    /// The saver of the last session; null without the spectrogram.
+    LastSessionSaver* sessionSaver() const { return sessionSaver_.get(); }
+    /// The record button blinks: the trigger is armed and waits.
+    bool trigBlinking() const;
     ChartView* chartView() const { return chartView_; }
     QToolButton* recordPauseButton() const { return recordPauseButton_; }
     QToolButton* typeOfChartButton() const { return typeOfChartButton_; }
@@ -181,6 +194,11 @@ private:
     void setupEnvironment();
     void setTypeOfChart(int32_t type);
     void layoutViewPositionsWithoutAnimation();
+    /// The blink timer's action: tints the record button in turn, and ends
+    /// the blinking once the trigger fired or the recording stopped.
+    void buttonRecTrigTint();
+    /// The end of `prepareAnalyzerData`, after the recovery question.
+    void continuePrepareAnalyzerData(bool recover, int64_t intervals);
     float gainSliderValue() const;
     QToolButton* addToolButton(const QString& toolTip);
 
@@ -191,6 +209,9 @@ private:
     ScreenSaverInhibitor screenSaver_;
 
     std::unique_ptr<AnalyzerController> analyzerController_;
+    std::unique_ptr<LastSessionSaver> sessionSaver_;
+    QTimer* timerTrigREC_ = nullptr;
+    bool trigTintOn_ = false;
     QWidget* chartArea_ = nullptr;
     ChartView* chartView_ = nullptr;
     QToolBar* toolBar_ = nullptr;
