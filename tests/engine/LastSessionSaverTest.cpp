@@ -61,6 +61,7 @@ TEST_F(LastSessionSaverTest, savesDuringAndAfterRecording_fileHoldsDocument_newD
         EXPECT_TRUE(next->audioBuffersData() == defaults_->audioBuffersData());
     }
 
+    drain(); // a rebuild follows a stop only once the analysis is done
     engine_->rebuildDataWithClear();
     defaults_->setDataValid(true);
     startRecording();
