@@ -11,6 +11,7 @@
 #include <QtGlobal>
 
 #include <cmath>
+#include <functional>
 #include <limits>
 
 namespace widmo {

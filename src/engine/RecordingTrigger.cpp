@@ -28,7 +28,6 @@ void RecordingTrigger::arm() {
     mTrigFramesWriteCount = 0;
     mTrigDataCounter = 0;
     mTrigIndexCounter.store(0, std::memory_order_release);
-    lastLevel_.store(-std::numeric_limits<float>::infinity(), std::memory_order_release);
     fired_.store(false, std::memory_order_release);
     preTriggerFrames_ = p * n;
     intervalFrames_ = n;
@@ -39,11 +38,6 @@ void RecordingTrigger::refreshSettings() {
     level_.store(defaults_.trigLevel(), std::memory_order_relaxed);
     minFraction_.store(defaults_.trigMinFrequency(), std::memory_order_relaxed);
     maxFraction_.store(defaults_.trigMaxFrequency(), std::memory_order_relaxed);
-}
-
-void RecordingTrigger::disarm() {
-    std::vector<float>().swap(mTrigBuffer);
-    fired_.store(false, std::memory_order_release);
 }
 
 float RecordingTrigger::trigRMSLevelForFFTData(const float* fftData, int32_t fftOutSize,
@@ -98,7 +92,6 @@ bool RecordingTrigger::addBlock(const float* interleaved, int32_t count, int32_t
                                                                     defaults_.trigMinFrequency(),
                                                                     defaults_.trigMaxFrequency())
                                            : -std::numeric_limits<float>::infinity();
-    lastLevel_.store(level, std::memory_order_release);
     // Publishes the slot: the display timer reads it after an acquire load.
     mTrigIndexCounter.store(index, std::memory_order_release);
     if (level > level_.load(std::memory_order_relaxed)) {

@@ -23,18 +23,17 @@ class FFTManager;
 /// newest fftSize samples, computed into the FFT engine's slot of the
 /// measurement's index (1, 2, ...), so the display timer can show it.
 ///
-/// Threading: `arm` and `disarm` run on the main thread while no block is
-/// delivered (before the audio object starts, after it stopped); they
-/// allocate. `addBlock` and `preTriggerChunks` run on the intake context (the
-/// audio object's delivery queue) only, and neither allocates nor locks
+/// Threading: `arm` runs on the main thread while no block is
+/// delivered (before the audio object starts); it allocates. `addBlock` and `preTriggerChunks` run
+/// on the intake context (the audio object's delivery queue) only, and neither allocates nor locks
 /// (the scratch block grows only for a block larger than any before, as the
 /// engine's own does). The FFT engine is used from the intake context only
 /// while the trigger waits: the analysis queue has no work then (the engine
 /// drains it before arming, and gives it work only once the trigger fired).
 /// The threshold and the band are atomic copies of the settings, refreshed on
-/// the main thread. `measurementCount` is an atomic with release/acquire ordering: the display
-/// timer reads it on the main thread and then the slot of the measurement it
-/// names, complete by then.
+/// the main thread. `measurementCount` is an atomic with release/acquire
+/// ordering: the display timer reads it on the main thread and then the slot
+/// of the measurement it names, complete by then.
 class RecordingTrigger {
 public:
     /// `defaults` and `fftManager` must outlive the trigger.
@@ -43,8 +42,6 @@ public:
     /// Resets every counter and allocates a zero-filled ring for the current
     /// settings. Main thread, no block being delivered.
     void arm();
-    /// Releases the ring. Main thread, no block being delivered.
-    void disarm();
     /// Takes `trigLevel`, `trigMinFrequency` and `trigMaxFrequency` from the
     /// settings (which the settings page changes while the trigger waits).
     /// Main thread; the intake reads the copies, which are atomics.
@@ -78,12 +75,10 @@ public:
     /// Measurements made since arming; the newest is in the FFT engine's slot
     /// of this index. Any thread (acquire).
     int64_t measurementCount() const { return mTrigIndexCounter.load(std::memory_order_acquire); }
-    /// Level of the newest measurement, dB (minus infinity before the first).
-    float lastLevel() const { return lastLevel_.load(std::memory_order_acquire); }
     /// Samples the ring received since arming. Intake context, or any thread
     /// once the trigger fired.
     int64_t framesWriteCount() const { return mTrigFramesWriteCount; }
-    /// Ring length M in samples (0 while disarmed).
+    /// Ring length M in samples (0 before the first arming).
     int64_t ringSize() const { return static_cast<int64_t>(mTrigBuffer.size()); }
 
 private:
@@ -94,7 +89,6 @@ private:
     int64_t mTrigFramesWriteCount = 0;
     int64_t mTrigDataCounter = 0;
     std::atomic<int64_t> mTrigIndexCounter{0};
-    std::atomic<float> lastLevel_{0.0f};
     std::atomic<bool> fired_{false};
     std::atomic<float> level_{0.0f};
     std::atomic<float> minFraction_{0.0f};
