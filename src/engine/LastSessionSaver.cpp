@@ -6,6 +6,7 @@
 #include "engine/MainQueue.h"
 
 #include <QElapsedTimer>
+#include <QFile>
 #include <QSettings>
 
 #include <algorithm>
@@ -81,6 +82,12 @@ void LastSessionSaver::save(const Request& r) {
         return; // no store
     }
     copiedUpTo_ = frames;
+    if (frames < n) {
+        // An empty document: nothing to recover, and an older file must not be
+        // offered in its place.
+        QFile::remove(path_);
+        return;
+    }
     if (!LastSessionFile::write(path_, mirror_.data(), r.capacity)) {
         return;
     }
@@ -106,7 +113,11 @@ bool LastSessionSaver::saveNow(QSettings& coder) {
     const int64_t n = defaults_.intervalSizeInFrames();
     const int64_t frames = engine_.framesWriteCount();
     if (store.empty() || n <= 0 || frames < n) {
-        return false; // nothing worth recovering
+        // Nothing worth recovering; what an earlier save left is not this
+        // document.
+        QFile::remove(path_);
+        coder.remove(QLatin1String(LastSessionFile::kActualIntervalKey));
+        return false;
     }
     if (!LastSessionFile::write(path_, store.data(), static_cast<int64_t>(store.size()))) {
         return false;

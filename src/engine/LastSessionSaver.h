@@ -69,7 +69,8 @@ public:
     /// Waits for a running save, then writes the whole store and the keys
     /// into `coder` (not synced) on the calling thread. Main thread, engine
     /// stopped (the application's end). False when the file could not be
-    /// written; the keys are then left out.
+    /// written (the keys are then left out) or the document is empty (the
+    /// file and its interval key are then removed, so nothing is offered).
     bool saveNow(QSettings& coder);
     /// Blocks until no save is pending or running. Main thread.
     void waitUntilIdle();

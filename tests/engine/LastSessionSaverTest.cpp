@@ -43,8 +43,9 @@ protected:
 
 // Saves during and at the end of a recording leave the whole document in the
 // file (each save copies only what is new); a new document does not inherit the
-// old one's samples.
-TEST_F(LastSessionSaverTest, savesDuringAndAfterRecording_fileHoldsDocument_newDocumentClean) {
+// old one's samples, and an empty one leaves no file to recover.
+TEST_F(LastSessionSaverTest,
+       savesDuringAndAfterRecording_fileHoldsDocument_newOrEmptyDocumentClean) {
     std::mt19937 random(21);
     startRecording();
     pushIntervals(30, random);
@@ -71,6 +72,20 @@ TEST_F(LastSessionSaverTest, savesDuringAndAfterRecording_fileHoldsDocument_newD
     const auto next = restored();
     EXPECT_EQ(next->actualInterval(), 10);
     EXPECT_TRUE(next->audioBuffersData() == defaults_->audioBuffersData());
+
+    // A document cleared and left empty takes the older file with it.
+    saver_->saveInBackground();
+    saver_->waitUntilIdle();
+    ASSERT_TRUE(QFile::exists(file_));
+    drain();
+    engine_->rebuildDataWithClear();
+    defaults_->setDataValid(true);
+    startRecording();
+    std::vector<float> partial = stereoBlock(100, random);
+    push(partial);
+    engine_->stopRecorder();
+    saver_->waitUntilIdle();
+    EXPECT_FALSE(QFile::exists(file_));
 }
 
 } // namespace
