@@ -24,6 +24,7 @@
 #include "dsp/FFTManager.h"
 #include "dsp/FFTPlanCache.h"
 #include "engine/AnalyzerController.h"
+#include "engine/LastSessionSaver.h"
 #include "engine/TQAudioInterface.h"
 
 #include <QCoreApplication>
@@ -82,11 +83,14 @@ const Config kConfigs[] = {
 
 /// Settings, FFT manager and engine for one configuration.
 struct Rig {
-    explicit Rig(const Config& c) {
+    /// `studio`: the studio product's document (the spectrogram's store) at
+    /// every configuration.
+    explicit Rig(const Config& c, bool studio = false) {
         QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, dir.path());
-        defaults = std::make_unique<AnalyzerDefaults>(
-            c.ultrasonic ? AnalyzerFeatures::studioProduct() : AnalyzerFeatures::spectrumProduct(),
-            "engine-bench");
+        defaults = std::make_unique<AnalyzerDefaults>(c.ultrasonic || studio
+                                                          ? AnalyzerFeatures::studioProduct()
+                                                          : AnalyzerFeatures::spectrumProduct(),
+                                                      "engine-bench");
         defaults->setSampleRate(c.sampleRate);
         defaults->setIntervalSizePower(c.intervalSizePower);
         defaults->setFftSize(c.fftSize);
@@ -242,9 +246,47 @@ void BM_intervalTransforms(benchmark::State& state) {
 
 } // namespace
 
+/// The last-session save while recording: 5 s of audio (one save period) come
+/// in, then one save. Manual time: the whole save on the saver's thread (copy
+/// of what is new, the file through a temporary file and a rename, the keys).
+/// Counter main_ms: what the save costs the main thread (posting it).
+void BM_lastSessionSave(benchmark::State& state) {
+    const Config& c = kConfigs[state.range(0)];
+    Rig rig(c, true);
+    const QString file = rig.dir.filePath(QStringLiteral("analyzer.last.dat"));
+    const QString keys = rig.dir.filePath(QStringLiteral("state.conf"));
+    LastSessionSaver saver(*rig.defaults, *rig.engine, file, [keys] {
+        return std::make_unique<QSettings>(keys, QSettings::IniFormat);
+    });
+    rig.engine->setSessionSaver(&saver);
+    const auto period = static_cast<int64_t>(c.sampleRate * 5.0f);
+    const int64_t blocksInSignal = static_cast<int64_t>(rig.stereo.size()) / (2 * Rig::kBlock);
+    int64_t block = 0;
+    for (auto _ : state) {
+        for (int64_t written = 0; written < period; written += Rig::kBlock) {
+            float* data = rig.stereo.data() + 2 * Rig::kBlock * (block++ % blocksInSignal);
+            rig.engine->didGetNewAudioData(TQAudioData{Rig::kBlock, data});
+            rig.engine->analyzerQueue1().waitUntilEmpty();
+        }
+        const auto start = Clock::now();
+        saver.saveInBackground();
+        saver.waitUntilIdle();
+        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+    }
+    rig.engine->setSessionSaver(nullptr);
+    state.counters["main_ms"] = saver.maxMainThreadMs();
+    state.counters["file_MB"] = static_cast<double>(rig.defaults->audioBufferByteSize()) / 1e6;
+    state.SetLabel(c.name);
+}
+
 BENCHMARK(BM_bareTransforms)->DenseRange(0, 1)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_intervalTransforms)->DenseRange(0, 1)->UseManualTime()->Unit(benchmark::kMillisecond);
 BENCHMARK(BM_intakeAndProcessing)->DenseRange(0, 1)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_lastSessionSave)
+    ->DenseRange(0, 1)
+    ->UseManualTime()
+    ->Iterations(4)
+    ->Unit(benchmark::kMillisecond);
 
 int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);

@@ -19,7 +19,7 @@ PACKAGES=(
 TEST_PACKAGES=(
     pulseaudio pulseaudio-utils sox
     xvfb xauth mesa-utils x11-utils
-    jackd2
+    jackd2 xdotool python3
 )
 if [ "${1:-}" != "--build" ]; then
     PACKAGES+=("${TEST_PACKAGES[@]}")

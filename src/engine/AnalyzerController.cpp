@@ -4,6 +4,7 @@
 #include "dsp/FFTManager.h"
 #include "engine/AnalyzerControllerDelegate.h"
 #include "engine/ChartViewInterface.h"
+#include "engine/LastSessionSaver.h"
 #include "engine/MainQueue.h"
 #include "engine/MainViewControllerInterface.h"
 #include "engine/SpectrogramScrollViewInterface.h"
@@ -130,15 +131,56 @@ void AnalyzerController::didGetNewAudioData(TQAudioData data) {
         return;
     }
     const int64_t packets = mPacketsCount.fetch_add(1, std::memory_order_acq_rel) + 1;
-    // Trigger: a recording that waits for the trigger skips its first
-    // trunc(sampleRate * 7 / 44100) blocks and hands the rest to the trigger's
-    // intake until it fires; with automatic stop it also cuts the document at the
-    // spectrogram's width. Without the trigger nothing is skipped and the store
-    // is a ring that never fills.
-    const int64_t skip = 0;
-    if (audio_.isRecording() && packets > skip) {
-        didGetNewAudioDataStandard(data.count, data.data, false);
+    // A recording that waits for the trigger drops its first blocks (the input's
+    // start-up); without the trigger nothing is skipped.
+    const bool withTrig = workingWithTrig_.load(std::memory_order_acquire);
+    const int64_t skip = withTrig ? trigStartupSkip() : 0;
+    if (!audio_.isRecording() || packets <= skip) {
+        return;
     }
+    if (withTrig && !trigIsStarted_.load(std::memory_order_seq_cst)) {
+        didGetNewAudioDataWithTrig(data);
+        return;
+    }
+    if (withTrig && trigAutomaticStop_.load(std::memory_order_relaxed)) {
+        // The document ends at exactly the spectrogram's width: the block that
+        // reaches it is cut, and the next one finds no room and stops.
+        const int64_t n = intervalSize();
+        const int64_t room = int64_t{defaults_.spectrogramWidth()} * n -
+                             mFramesWriteCount.load(std::memory_order_relaxed);
+        const int64_t count = std::min<int64_t>(room, data.count);
+        if (count >= 1) {
+            didGetNewAudioDataStandard(static_cast<int32_t>(count), data.data, false);
+        } else {
+            mDocumentFull.store(true, std::memory_order_release);
+        }
+        return;
+    }
+    didGetNewAudioDataStandard(data.count, data.data, false);
+}
+
+int64_t AnalyzerController::trigStartupSkip() const {
+    if (defaults_.features().featureUltrasonicEnabled() && !defaults_.cpu64bit()) {
+        return 50;
+    }
+    return static_cast<int64_t>(defaults_.sampleRate() * 7.0f / 44100.0f);
+}
+
+void AnalyzerController::didGetNewAudioDataWithTrig(TQAudioData data) {
+    const int32_t channel = audio_.currentInputChannel() == 1 ? 1 : 0;
+    const float gain = decibelsToFactor(defaults_.softwareInputGainValue());
+    if (!trigger_.addBlock(data.data, data.count, channel, gain)) {
+        return;
+    }
+    // Fired. From the next block on the intake writes into the document; first
+    // the pre-trigger audio enters it, interval by interval, in order.
+    const int64_t first = defaults_.actualInterval();
+    trigIsStarted_.store(true, std::memory_order_seq_cst);
+    const int64_t replayed = trigger_.preTriggerChunks([this](const float* samples, int32_t count) {
+        didGetNewAudioDataStandard(count, samples, true);
+    });
+    // The chart skips the replayed intervals and shows the live ones.
+    mShowChartInTrigAfterInterval.store(first + replayed - 1, std::memory_order_release);
 }
 
 void AnalyzerController::audioEffectDidGetAudioData(TQAudioData data) {
@@ -194,6 +236,7 @@ void AnalyzerController::didGetNewAudioDataStandard(int32_t count, const float* 
     // the queue has finished reading is ordered before the writes below, which
     // may reuse its samples one ring lap later.
     (void)defaults_.actualInterval();
+    (void)mStoreCopyMark.load(std::memory_order_acquire); // the same for the session saver
 
     const int64_t written = mFramesWriteCount.load(std::memory_order_relaxed);
     const int64_t position = written % capacity;
@@ -301,8 +344,25 @@ void AnalyzerController::displayChart() {
     if (!audio_.isRecording()) {
         return;
     }
-    // Trigger: while a recording waits for the trigger, the chart shows the
-    // trigger's latest measurement instead (unless energy saving is on).
+    followIntakeFlags();
+    if (!audio_.isRecording()) {
+        return; // the document became full and the recording stopped
+    }
+    const bool withTrig = workingWithTrig_.load(std::memory_order_acquire);
+    if (withTrig) {
+        // The trigger page may change these while the recording runs.
+        trigAutomaticStop_.store(defaults_.trigAutomaticStop(), std::memory_order_relaxed);
+        trigger_.refreshSettings();
+    }
+    if (withTrig && !trigIsStarted_.load(std::memory_order_seq_cst)) {
+        // Waiting: the chart shows the trigger's newest measurement, unless
+        // energy saving is on.
+        if (defaults_.trigEnergySaveMode() == 0.0f &&
+            mPacketsCount.load(std::memory_order_acquire) > trigStartupSkip()) {
+            showTriggerMeasurement();
+        }
+        return;
+    }
     const int64_t computed = mComputedIntervalIndex.load(std::memory_order_acquire);
     SpectrogramScrollViewInterface* scroll = spectrogramScrollView();
     const int64_t scrolledTo =
@@ -315,11 +375,56 @@ void AnalyzerController::displayChart() {
     } else if (computed >= 0) {
         shown = computed;
     }
-    // Trigger: after the trigger fired, intervals up to the replayed pre-trigger
-    // audio are not shown.
+    // After the trigger fired, the replayed pre-trigger intervals are not shown.
+    if (withTrig && shown <= mShowChartInTrigAfterInterval.load(std::memory_order_acquire)) {
+        return;
+    }
     if (shown >= 0) {
         showChartInterval(shown);
     }
+}
+
+void AnalyzerController::followIntakeFlags() {
+    if (workingWithTrig_.load(std::memory_order_acquire) && !trigStartShown_ &&
+        trigIsStarted_.load(std::memory_order_seq_cst)) {
+        trigStartShown_ = true;
+        if (spectrogramView_ != nullptr) {
+            spectrogramView_->startScrolling();
+            spectrogramView_->setAnalyzerRunning(true);
+        }
+        if (chartView_ != nullptr) {
+            chartView_->setAnalyzerRunning(true);
+        }
+    }
+    if (mDocumentFull.exchange(false, std::memory_order_acq_rel)) {
+        defaults_.setReadOnly(true);
+        defaults_.setTimeOfDocument(defaults_.czasSpectrogramu());
+        stopRecorder();
+        if (delegate_ != nullptr) {
+            delegate_->recorderDidStop();
+        }
+    }
+}
+
+void AnalyzerController::showTriggerMeasurement() {
+    const int64_t index = trigger_.measurementCount();
+    if (chartView_ == nullptr || index < 1) {
+        return;
+    }
+    // Marks the slot before checking that the trigger still waits: once it has
+    // fired, queue 1 may compute a document interval into the same slot, and
+    // then waits for this mark to clear (see computeInterval).
+    mChartReadIntervalIndex.store(index, std::memory_order_seq_cst);
+    if (!trigIsStarted_.load(std::memory_order_seq_cst)) {
+        float* windowData = nullptr;
+        float* dataOut = nullptr;
+        float* eggWindowData = nullptr;
+        fftManager_.podajFFTDlaIntervalIndex(index, &windowData, &dataOut, &eggWindowData);
+        if (dataOut != nullptr && windowData != nullptr) {
+            chartView_->addFFTdata(dataOut, windowData, nullptr);
+        }
+    }
+    mChartReadIntervalIndex.store(-1, std::memory_order_seq_cst);
 }
 
 void AnalyzerController::showChartInterval(int64_t intervalIndex) {
@@ -358,18 +463,39 @@ void AnalyzerController::startRecorder(std::function<void(bool)> completion) {
     mTooSlow.store(false, std::memory_order_release);
     mComputedIntervalIndex.store(current, std::memory_order_release);
     mStartIntervalMem.store(current, std::memory_order_release);
-    // Trigger: here the trigger's fields are reset and its pre-trigger ring is
-    // allocated when the recording uses it (trigOn).
+    const bool withTrig = defaults_.features().featureRecordTrig() && defaults_.trigOn();
+    trigIsStarted_.store(false, std::memory_order_seq_cst);
+    mDocumentFull.store(false, std::memory_order_release);
+    mShowChartInTrigAfterInterval.store(-1, std::memory_order_release);
+    trigStartShown_ = false;
+    if (withTrig) {
+        // The trigger's measurements use the FFT engine from the intake: queue 1
+        // must have finished with it. The window table and the scratch blocks
+        // are made here rather than on the intake.
+        mAnalyzerQueue1->waitUntilEmpty();
+        fftManager_.prepareWindow();
+        createMDataBufferIfNeededWithSize(
+            static_cast<int32_t>(std::max(intervalSize(), int64_t{4096})));
+        trigger_.arm();
+    }
+    trigAutomaticStop_.store(defaults_.trigAutomaticStop(), std::memory_order_relaxed);
+    workingWithTrig_.store(withTrig, std::memory_order_release);
     audio_.startRecorder([this, completion = std::move(completion)](bool success) {
         if (success) {
-            if (spectrogramView_ != nullptr) {
-                spectrogramView_->startScrolling();
-                spectrogramView_->setAnalyzerRunning(true);
-            }
-            if (chartView_ != nullptr) {
-                chartView_->setAnalyzerRunning(true);
+            // With the trigger, the views start when it fires (followIntakeFlags).
+            if (!workingWithTrig_.load(std::memory_order_acquire)) {
+                if (spectrogramView_ != nullptr) {
+                    spectrogramView_->startScrolling();
+                    spectrogramView_->setAnalyzerRunning(true);
+                }
+                if (chartView_ != nullptr) {
+                    chartView_->setAnalyzerRunning(true);
+                }
             }
             timer_.start([this] { displayChart(); });
+            if (saver_ != nullptr) {
+                saver_->recordingStarted();
+            }
         }
         if (completion) {
             completion(success);
@@ -384,6 +510,9 @@ void AnalyzerController::stopRecorder() {
     }
     timer_.invalidate();
     audio_.stop();
+    if (saver_ != nullptr) {
+        saver_->recordingStopped();
+    }
     if (spectrogramView_ != nullptr) {
         spectrogramView_->pauseScrolling();
         spectrogramView_->setAnalyzerRunning(false);
@@ -546,8 +675,13 @@ void AnalyzerController::prepareData() {
 }
 
 void AnalyzerController::prepareAudioBuffersData() {
-    // Queue 1 reads the store; whatever it still has queued finishes first.
+    // Queue 1 and the session saver read the store; what they have queued
+    // finishes first.
     mAnalyzerQueue1->waitUntilEmpty();
+    if (saver_ != nullptr) {
+        saver_->waitUntilIdle();
+    }
+    storeGeneration_.fetch_add(1, std::memory_order_acq_rel);
     std::vector<float>& store = defaults_.audioBuffersData();
     if (!mFirsInitAudioBufferDone && !store.empty() && defaults_.actualInterval() != 0) {
         // A store restored from the last session: keep its samples. The caller
@@ -584,6 +718,7 @@ void AnalyzerController::recalculateDataWithFinishBlock(std::function<void()> fi
     defaults_.setDataValid(true);
     const int64_t end = defaults_.actualInterval();
     mFramesWriteCount.store(end * intervalSize(), std::memory_order_release);
+    storeGeneration_.fetch_add(1, std::memory_order_acq_rel);
     const int64_t width = defaults_.spectrogramWidth();
     const int64_t start = end >= width ? end - width : 0;
     if (spectrogramView_ != nullptr) {
@@ -605,6 +740,25 @@ void AnalyzerController::recalculateDataWithFinishBlock(std::function<void()> fi
         computeInterval(last);
         MainQueue::async(finishBlock, &mainContext_);
     });
+}
+
+int64_t AnalyzerController::copyStoreInto(std::vector<float>& mirror, int64_t from,
+                                          int64_t maxFrames) {
+    const std::vector<float>& store = defaults_.audioBuffersData();
+    const auto capacity = static_cast<int64_t>(mirror.size());
+    if (capacity == 0 || static_cast<int64_t>(store.size()) != capacity) {
+        return -1;
+    }
+    const int64_t written = mFramesWriteCount.load(std::memory_order_acquire);
+    int64_t at = std::max({from, written - std::min(maxFrames, capacity), int64_t{0}});
+    while (at < written) {
+        const int64_t position = at % capacity;
+        const int64_t count = std::min(written - at, capacity - position);
+        std::copy_n(store.data() + position, count, mirror.data() + position);
+        at += count;
+    }
+    mStoreCopyMark.store(written, std::memory_order_release);
+    return written;
 }
 
 bool AnalyzerController::openTestFile() {

@@ -2,6 +2,7 @@
 
 #include "engine/DispatchQueue.h"
 #include "engine/DisplayTimer.h"
+#include "engine/RecordingTrigger.h"
 #include "engine/TQAudioData.h"
 #include "engine/TQAudioDelegate.h"
 
@@ -21,6 +22,7 @@ class AnalyzerControllerDelegate;
 class AnalyzerDefaults;
 class ChartViewInterface;
 class FFTManager;
+class LastSessionSaver;
 class MainViewControllerInterface;
 class SpectrogramScrollViewInterface;
 class SpectrogramViewInterface;
@@ -38,6 +40,14 @@ class TQMessageInterface;
 /// 60 Hz display timer on the main thread shows the newest analysed interval on
 /// the second chart. The engine also starts and stops recording and playback,
 /// prepares the sample store and recomputes the document from stored samples.
+///
+/// With the trigger armed (`trigOn`, products with `featureRecordTrig`), a
+/// recording first skips trunc(sampleRate × 7 / 44100) blocks, then feeds the
+/// `RecordingTrigger` until it fires; the pre-trigger audio then enters the
+/// document interval by interval, and later blocks go straight in. With
+/// `trigAutomaticStop` the document ends at exactly `spectrogramWidth`
+/// intervals: the block that reaches it is cut, the recording stops, and the
+/// document becomes read-only.
 ///
 /// Threading: three contexts, no locks between them.
 /// - Intake context: the audio object's serial delivery queue (or the inter-app
@@ -68,6 +78,11 @@ class TQMessageInterface;
 /// writes and when it is done (`mSlotWriteState`), both sequentially consistent; the reader
 /// skips a slot being or already overwritten and the writer waits (briefly,
 /// only in that case) until the reader has finished with its slot.
+/// The trigger's firing and a full document are raised by the intake as
+/// atomic flags (sequentially consistent for the firing, which the display
+/// timer's reading of a trigger measurement pairs with); the display timer
+/// acts on them on the main thread (scrolling starts, the recording stops),
+/// so the intake never posts or allocates for them.
 /// Settings and geometry change only while the engine is stopped.
 class AnalyzerController final : public TQAudioDelegate {
 public:
@@ -101,6 +116,9 @@ public:
         mainViewController_ = mainViewController;
     }
     void setMessages(TQMessageInterface* messages) { messages_ = messages; }
+    /// The last-session saver, told of every start and stop of a recording and
+    /// waited for before the store is replaced; null for none.
+    void setSessionSaver(LastSessionSaver* saver) { saver_ = saver; }
 
     bool isBackground() const { return isBackground_; }
     void setIsBackground(bool background) { isBackground_ = background; }
@@ -175,6 +193,17 @@ public:
     /// Closes the test file, if open. Main thread, only while not recording.
     void closeTestFile();
 
+    /// Copies the store's samples from document frame `from` up to the newest
+    /// written one (at most the newest `maxFrames`) into `mirror`, a ring of
+    /// the store's length, at the same positions; returns the frames written
+    /// so far, or -1 when the store is not `mirror`'s length. Any thread but
+    /// the intake; `maxFrames` must leave the store's spare intervals (the
+    /// intake writes only there meanwhile).
+    int64_t copyStoreInto(std::vector<float>& mirror, int64_t from, int64_t maxFrames);
+    /// Changes whenever the store's contents are replaced or recalculated,
+    /// so that a copy made before no longer counts. Any thread.
+    int64_t storeGeneration() const { return storeGeneration_.load(std::memory_order_acquire); }
+
     // --- State, for the main screen and tests -----------------------------------------
 
     int64_t framesWriteCount() const { return mFramesWriteCount.load(std::memory_order_acquire); }
@@ -184,6 +213,13 @@ public:
     int64_t packetsCount() const { return mPacketsCount.load(std::memory_order_acquire); }
     int64_t actualPlayedFrame() const { return mActualPlayedFrame.load(std::memory_order_acquire); }
     bool tooSlow() const { return mTooSlow.load(std::memory_order_acquire); }
+    /// This recording waits for (or started with) the trigger.
+    bool workingWithTrig() const { return workingWithTrig_.load(std::memory_order_acquire); }
+    /// The trigger of this recording has fired.
+    bool trigIsStarted() const { return trigIsStarted_.load(std::memory_order_seq_cst); }
+    const RecordingTrigger& trigger() const { return trigger_; }
+    /// Blocks dropped at the start of a recording that waits for the trigger.
+    int64_t trigStartupSkip() const;
     bool displayTimerActive() const { return timer_.isActive(); }
     DispatchQueue& analyzerQueue1() { return *mAnalyzerQueue1; }
     DispatchQueue& analyzerQueue2() { return *mAnalyzerQueue2; }
@@ -207,6 +243,14 @@ private:
     void raiseTooSlow();
     /// Hands interval `intervalIndex`'s cached results to the chart. Main thread.
     void showChartInterval(int64_t intervalIndex);
+    /// The armed trigger's newest measurement on the chart. Main thread.
+    void showTriggerMeasurement();
+    /// Intake of a block while the trigger waits; replays the pre-trigger
+    /// audio when this block fires it. Intake context.
+    void didGetNewAudioDataWithTrig(TQAudioData data);
+    /// Acts on the intake's flags: the trigger fired, the document is full.
+    /// Main thread (display timer).
+    void followIntakeFlags();
     SpectrogramScrollViewInterface* spectrogramScrollView() const;
     TQGLScrollViewInterface* chartScrollView() const;
     int64_t intervalSize() const;
@@ -248,6 +292,21 @@ private:
     std::atomic<int64_t> mChartReadIntervalIndex{-1};
     // Set when playback ran out, so the render thread posts the stop only once.
     std::atomic<bool> mPlayerStopPosted{false};
+    // The recording trigger (see the class comment).
+    RecordingTrigger trigger_{defaults_, fftManager_};
+    std::atomic<bool> workingWithTrig_{false};
+    std::atomic<bool> trigIsStarted_{false};
+    std::atomic<bool> trigAutomaticStop_{false}; // copy of the setting, refreshed per tick
+    bool trigStartShown_ = false;                // main thread: scrolling started after firing
+    // The chart shows only intervals after this one once the trigger fired.
+    std::atomic<int64_t> mShowChartInTrigAfterInterval{-1};
+    // Set by the intake when the document reached the spectrogram's width.
+    std::atomic<bool> mDocumentFull{false};
+    LastSessionSaver* saver_ = nullptr;
+    std::atomic<int64_t> storeGeneration_{0};
+    // Released by `copyStoreInto` after reading, acquired by the intake before
+    // writing: the reads are ordered before the writes that reuse the samples.
+    std::atomic<int64_t> mStoreCopyMark{0};
     // Context of posted main-thread work: destroyed with the engine, which drops
     // work still waiting in the event loop.
     QObject mainContext_;

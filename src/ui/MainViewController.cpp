@@ -6,14 +6,18 @@
 #include "charts/SpectrogramView.h"
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
+#include "core/LastSessionFile.h"
 #include "engine/AnalyzerController.h"
+#include "engine/LastSessionSaver.h"
 #include "engine/MainQueue.h"
 #include "render/DeviceClass.h"
 #include "render/LevelMeterView.h"
 #include "render/SpectrogramScrollView.h"
+#include "ui/AppDelegate.h"
 #include "ui/HelpViewController.h"
 #include "ui/SegmentedControl.h"
 #include "ui/SettingsRootViewController.h"
+#include "ui/TQHelpers.h"
 #include "ui/TQMessage.h"
 #include "ui/ToolbarImages.h"
 #include "ui/iPad_GainInfoViewController.h"
@@ -60,6 +64,10 @@ const QColor kRecordRed = QColor(220, 30, 30);
 
 } // namespace
 
+const char* const MainViewController::kRecoverMessage =
+    "The application has been terminated due to memory pressure. Do you want to recover and "
+    "recalculate the last recording?";
+
 MainViewController::MainViewController(AnalyzerDefaults& defaults, TQAudio& audio,
                                        FFTManager& fftManager, QWidget* parent)
     : QWidget(parent), defaults_(defaults), audio_(audio), fftManager_(fftManager),
@@ -72,6 +80,8 @@ MainViewController::MainViewController(AnalyzerDefaults& defaults, TQAudio& audi
 MainViewController::~MainViewController() {
     analyzerController_->stopRecorder();
     analyzerController_->stopPlayer();
+    analyzerController_->setSessionSaver(nullptr);
+    sessionSaver_.reset(); // finishes a save still running
     audio_.setMainViewController(nullptr);
     audio_.setMessages(nullptr);
     // The engine unhooks itself from the audio object; the chart it shows goes
@@ -93,6 +103,19 @@ void MainViewController::setupEnvironment() {
     audio_.setMainViewController(this);
     audio_.setMessages(&messages_);
     TQMessage::setMainScreen(this);
+    if (defaults_.features().featureSpectrogramEnabled()) {
+        sessionSaver_ = std::make_unique<LastSessionSaver>(
+            defaults_, *analyzerController_, LastSessionFile::defaultPath(),
+            [] { return AppDelegate::restorationStore(); },
+            [](const QString& path) {
+                TQHelpers::excludeFromBackupURL(QUrl::fromLocalFile(path));
+            });
+        analyzerController_->setSessionSaver(sessionSaver_.get());
+    }
+    timerTrigREC_ = new QTimer(this);
+    timerTrigREC_->setTimerType(Qt::PreciseTimer);
+    timerTrigREC_->setInterval(500);
+    connect(timerTrigREC_, &QTimer::timeout, this, [this] { buttonRecTrigTint(); });
 }
 
 QToolButton* MainViewController::addToolButton(const QString& toolTip) {
@@ -464,6 +487,7 @@ void MainViewController::startStopRecorder() {
     if (audio_.isSetupInProgress())
         return;
     if (audio_.isRecording()) {
+        timerTrigREC_->stop();
         analyzerController_->stopRecorder();
         refreshPlayRecordPauseButtonsWithChangeEnabled(true);
         return;
@@ -473,11 +497,29 @@ void MainViewController::startStopRecorder() {
     analyzerController_->startRecorder([this, alive = std::weak_ptr<int>(lifeToken_)](bool ok) {
         if (alive.expired())
             return;
-        if (ok)
+        if (ok) {
             mTrigStarted = false;
-        // Trigger: the armed trigger's blink timer starts here (products with a trigger).
+            if (analyzerController_->workingWithTrig()) {
+                trigTintOn_ = false;
+                timerTrigREC_->start();
+            }
+        }
         refreshPlayRecordPauseButtonsWithChangeEnabled(true);
     });
+}
+
+bool MainViewController::trigBlinking() const { return timerTrigREC_->isActive(); }
+
+void MainViewController::buttonRecTrigTint() {
+    if (!audio_.isRecording() || analyzerController_->trigIsStarted()) {
+        timerTrigREC_->stop();
+        mTrigStarted = analyzerController_->trigIsStarted();
+        refreshPlayRecordPauseButtonsWithChangeEnabled(true);
+        return;
+    }
+    trigTintOn_ = !trigTintOn_;
+    const QColor tint = trigTintOn_ ? kRecordRed : palette().color(QPalette::ButtonText);
+    recordPauseButton_->setIcon(ToolbarImages::imageNamed(QStringLiteral("pause"), tint));
 }
 
 void MainViewController::recorderDidStop() { refreshPlayRecordPauseButtonsWithChangeEnabled(true); }
@@ -579,7 +621,7 @@ void MainViewController::refreshPlayRecordPauseButtonsWithChangeEnabled(bool cha
 }
 
 void MainViewController::stopAnalyzerWithRefreshButtonsEnable(bool enable) {
-    // Trigger: the blink timer is invalidated here.
+    timerTrigREC_->stop();
     analyzerController_->stopPlayer();
     analyzerController_->stopRecorder();
     refreshPlayRecordPauseButtonsWithChangeEnabled(enable);
@@ -630,15 +672,53 @@ void MainViewController::prepareAnalyzerData() {
     blockButtonsForRebuild();
     MainQueue::async(
         [this] {
-            // Geometry, index tables, sample store and textures in one chain.
-            analyzerController_->rebuildDataWithClear();
-            defaults_.setDataValid(true);
-            // The band tables were built with the index tables: the octave
-            // RTA may read them from now on.
-            defaults_.setOctaveRTAValid(true);
-            unblockButtonsAfterRebuild();
+            const int64_t intervals = defaults_.actualInterval();
+            defaults_.recalculateDocumentSettings();
+            // A store from other settings is never offered.
+            const bool offer =
+                defaults_.features().featureSpectrogramEnabled() && intervals >= 1 &&
+                static_cast<int64_t>(defaults_.audioBuffersData().size() * sizeof(float)) ==
+                    defaults_.audioBufferByteSize();
+            if (!offer) {
+                continuePrepareAnalyzerData(false, intervals);
+                return;
+            }
+            messages_.showMessage(
+                QString::fromLatin1(kRecoverMessage), QStringLiteral("Recover analysis"),
+                QStringLiteral("No"), {QStringLiteral("Yes")},
+                [this, intervals, alive = std::weak_ptr<int>(lifeToken_)](int button) {
+                    if (!alive.expired())
+                        continuePrepareAnalyzerData(button == 1, intervals);
+                });
         },
         &delayedContext_);
+}
+
+void MainViewController::continuePrepareAnalyzerData(bool recover, int64_t intervals) {
+    if (!recover) {
+        defaults_.setActualInterval(0);
+        std::vector<float>().swap(defaults_.audioBuffersData());
+        defaults_.setReadOnly(false);
+        defaults_.setTimeOfDocument(0.0f);
+    }
+    // Geometry, index tables, sample store and textures in one chain; the
+    // first rebuild keeps a restored store.
+    analyzerController_->prepareTextures();
+    analyzerController_->rebuildDataWithClear();
+    defaults_.generateAllIndexes();
+    defaults_.setDataValid(true);
+    // The band tables were built with the index tables: the octave RTA may
+    // read them from now on.
+    defaults_.setOctaveRTAValid(true);
+    if (!recover) {
+        unblockButtonsAfterRebuild();
+        return;
+    }
+    defaults_.setActualInterval(intervals);
+    analyzerController_->recalculateDataWithFinishBlock([this] {
+        refreshPlayRecordPauseButtonsWithChangeEnabled(true);
+        unblockButtonsAfterRebuild();
+    });
 }
 
 // --- Chart type ----------------------------------------------------------------------------------
@@ -950,7 +1030,9 @@ void MainViewController::setSettingsPopOverContentSize(QSize size) {
 
 void MainViewController::encodeRestorableStateWithCoder(QSettings& coder) {
     defaults_.saveDefaults();
-    // Document keys: written with the last-session file (spectrogram products).
+    // The document's keys go with the last-session file, only when it was written.
+    if (sessionSaver_)
+        sessionSaver_->saveNow(coder);
     coder.setValue(QLatin1String(kTypeOfChartKey), chartView_->typeOfChart());
     coder.setValue(QLatin1String(kSpectrogramPIPKey), spectrogramPIP_);
     coder.setValue(QLatin1String(kChartPIPKey), chartPIP_);
@@ -965,6 +1047,8 @@ void MainViewController::decodeRestorableStateWithCoder(const QSettings& coder) 
         QLatin1String(AnalyzerDefaults::kVersionTag))
         return;
     const AnalyzerFeatures& features = defaults_.features();
+    if (features.featureSpectrogramEnabled())
+        LastSessionFile::restore(coder, LastSessionFile::defaultPath(), defaults_);
     if (features.featureSecondChartEnabled() && coder.contains(QLatin1String(kTypeOfChartKey))) {
         bool ok = false;
         const int type = coder.value(QLatin1String(kTypeOfChartKey)).toInt(&ok);

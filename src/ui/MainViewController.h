@@ -19,6 +19,7 @@ class QPushButton;
 class QSettings;
 class QSlider;
 class QToolBar;
+class QTimer;
 class QToolButton;
 
 namespace widmo {
@@ -29,6 +30,7 @@ class ChartView;
 class FFTManager;
 class HelpViewController;
 class SegmentedControl;
+class LastSessionSaver;
 class SettingsRootViewController;
 class SpectrogramView;
 class TQAudio;
@@ -149,20 +151,31 @@ public:
     void refreshMaxMinResetButton();
     void refreshSegmentedControlTypeOfChartName();
     /// Builds the document on first activation: geometry, tables, store,
-    /// textures; the buttons are blocked until it is done.
+    /// textures; the buttons are blocked until it is done. A last session
+    /// restored with the screen's state (spectrogram products) is offered
+    /// for recovery first ("Recover analysis"); "Yes" keeps its samples and
+    /// recalculates them, "No" starts an empty document.
     void prepareAnalyzerData();
+    /// The recovery question's text.
+    static const char* const kRecoverMessage;
 
     // --- State restoration ----------------------------------------------------------------------
 
-    /// Saves the settings, then the screen's keys and the "VersionKey" tag.
+    /// Saves the settings, the last-session file with its keys (spectrogram
+    /// products), then the screen's keys and the "VersionKey" tag.
     void encodeRestorableStateWithCoder(QSettings& coder);
-    /// Restores the screen's keys, only from a record with this build's tag.
+    /// Restores the screen's keys, and the last session (spectrogram
+    /// products), only from a record with this build's tag.
     void decodeRestorableStateWithCoder(const QSettings& coder);
     void applicationFinishedRestoringState();
 
     // --- Parts, for the application and tests -----------------------------------------------
 
     AnalyzerController& analyzerController() { return *analyzerController_; }
+    /// The saver of the last session; null without the spectrogram.
+    LastSessionSaver* sessionSaver() const { return sessionSaver_.get(); }
+    /// The record button blinks: the trigger is armed and waits.
+    bool trigBlinking() const;
     ChartView* chartView() const { return chartView_; }
     /// Null in products without the spectrogram.
     SpectrogramView* spectrogramView() const { return spectrogramView_; }
@@ -236,6 +249,11 @@ private:
     bool pipShown() const;
     void applyFullScreenFlags();
     void redrawViews();
+    /// The blink timer's action: tints the record button in turn, and ends
+    /// the blinking once the trigger fired or the recording stopped.
+    void buttonRecTrigTint();
+    /// The end of `prepareAnalyzerData`, after the recovery question.
+    void continuePrepareAnalyzerData(bool recover, int64_t intervals);
     float gainSliderValue() const;
     QString gainInfoText() const;
     QToolButton* addToolButton(const QString& toolTip);
@@ -247,6 +265,9 @@ private:
     ScreenSaverInhibitor screenSaver_;
 
     std::unique_ptr<AnalyzerController> analyzerController_;
+    std::unique_ptr<LastSessionSaver> sessionSaver_;
+    QTimer* timerTrigREC_ = nullptr;
+    bool trigTintOn_ = false;
     QWidget* chartArea_ = nullptr;
     ChartView* chartView_ = nullptr;
     SpectrogramView* spectrogramView_ = nullptr;
