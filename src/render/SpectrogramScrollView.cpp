@@ -433,6 +433,28 @@ void SpectrogramScrollView::drawGLRect(const QRectF& /*rect*/) {
         drawPlayLine(left, width);
     if (measuringActivated())
         drawMeasureLines();
+    drawnKey_ = frameKey();
+}
+
+SpectrogramScrollView::FrameKey SpectrogramScrollView::frameKey() const {
+    FrameKey key;
+    const double width = std::max(1, mDefaults.spectrogramWidth());
+    key.transform = actualContentTransform();
+    // Where interval 0 would be drawn, in device pixels: it moves whenever
+    // every column does.
+    const double x = key.transform.map(QPointF(-(rightEdge_ - width) / width, 0.0)).x();
+    key.edgePixel = std::llround(x * this->width() * devicePixelRatioF());
+    key.measuring = measuringActivated();
+    key.measure = key.measuring ? measuringActualPosition() : QPointF();
+    key.playLine = playLineUpdates_.load(std::memory_order_acquire);
+    return key;
+}
+
+bool SpectrogramScrollView::frameWouldChange() {
+    if (!analyzerRunning_ || contentIsPanningOrZooming())
+        return true;
+    updateRightEdge();
+    return !(frameKey() == drawnKey_);
 }
 
 void SpectrogramScrollView::drawSegments(double left, double width) {

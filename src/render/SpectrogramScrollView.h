@@ -1,6 +1,7 @@
 #pragma once
 
 #include "engine/SpectrogramScrollViewInterface.h"
+#include "render/AffineTransform.h"
 #include "render/SpectrogramScrollViewSegment.h"
 #include "render/TQGLScrollView.h"
 
@@ -187,8 +188,26 @@ public:
 
 protected:
     void drawGLRect(const QRectF& rect) override;
+    /// While the analyser runs, a frame is drawn when the columns have slid by
+    /// a whole device pixel, or the view, the cursor or the play line moved;
+    /// every other frame would repeat the last one. At the defaults the
+    /// columns move about 14 pixels a second, so most of the 60 frames would.
+    /// Columns uploaded between two such frames appear with the next one (at
+    /// most one pixel's worth of time later), not with a frame of their own.
+    bool frameWouldChange() override;
 
 private:
+    /// What a frame shows, for telling whether the next one would differ.
+    struct FrameKey {
+        int64_t edgePixel = 0;
+        AffineTransform transform;
+        bool measuring = false;
+        QPointF measure;
+        uint32_t playLine = 0;
+        bool operator==(const FrameKey&) const = default;
+    };
+    FrameKey frameKey() const;
+
     void updateRightEdge();
     void drawSegments(double left, double width);
     void drawGrid(double left, double width);
@@ -212,6 +231,7 @@ private:
     std::atomic<int64_t> segmentOffset_{0};
     std::vector<float> columnScratch_; // analysis queue: one scaled column
 
+    FrameKey drawnKey_;
     bool following_ = false;
     bool analyzerRunning_ = false;
     double rightEdge_ = 0.0;

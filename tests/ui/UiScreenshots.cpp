@@ -10,11 +10,13 @@
 #include "TestSignals.h"
 #include "audio/TQAudio.h"
 #include "charts/ChartView.h"
+#include "charts/SpectrogramView.h"
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
 #include "dsp/FFTManager.h"
 #include "dsp/FFTPlanCache.h"
 #include "render/DeviceClass.h"
+#include "render/SpectrogramScrollView.h"
 #include "ui/AppDelegate.h"
 #include "ui/HelpViewController.h"
 #include "ui/MainViewController.h"
@@ -172,6 +174,16 @@ bool shootStudioSpectrogram(const QDir& out) {
                                         .arg(schemes[scheme], linear ? "linear" : "log")));
         }
     }
+    // The cursor on the recording: its read-out, and the spectrum of that
+    // interval in the picture-in-picture.
+    screen->pipOnOffChanged();
+    if (!ready())
+        return false;
+    widmo::SpectrogramScrollView* scroll = screen->spectrogramView()->scroll();
+    scroll->setMeasuringActivated(true);
+    scroll->setMeasuringActualPosition(QPointF(0.96, 0.45));
+    QTest::qWait(500);
+    ok &= save(app.window(), out.filePath("spectrogram-measuring-widmo-studio.png"));
     app.applicationWillTerminate();
     return ok;
 }
