@@ -363,6 +363,10 @@ SpectrogramScrollView::MeasureReading SpectrogramScrollView::measureAt(QPointF c
 void SpectrogramScrollView::measuringActualPositionDidChanged() {
     if (measuredFrequencyObserver_)
         measuredFrequencyObserver_(measuredFrequency_);
+    // Stopped, the chart beside shows the spectrum of the interval under the
+    // cursor; while recording it shows the live input.
+    if (!analyzerRunning_)
+        computeFFTInDelegateChart();
 }
 
 QPointF SpectrogramScrollView::recalculateMeasuringActualPosition(QPointF position) {

@@ -58,6 +58,8 @@ constexpr GainRange kMinimumLevelRange{-144, -10};
 // this far from the area's edges (and from the full-screen view's meter).
 constexpr double kPipFraction = 1.0 / 3.0;
 constexpr int kPipMargin = 8;
+// Below the full-screen view's measuring read-out, which runs along its top.
+constexpr int kPipTop = 46;
 
 const QColor kStartGreen = QColor::fromRgbF(0.0f, 0.6f, 0.0f);
 const QColor kRecordRed = QColor(220, 30, 30);
@@ -353,9 +355,9 @@ QRect MainViewController::setupConstraintsForView(QWidget* view, bool fullScreen
     // The spectrogram's meter is at its left, the chart's at its right: the
     // picture-in-picture takes the top corner on the other side.
     if (view == chartView_)
-        return QRect(area.right() + 1 - kPipMargin - w, kPipMargin, w, h);
+        return QRect(area.right() + 1 - kPipMargin - w, kPipTop, w, h);
     const int left = chartView_->fullScreenMargines().width() + kPipMargin;
-    return QRect(left, kPipMargin, w, h);
+    return QRect(left, kPipTop, w, h);
 }
 
 void MainViewController::applyFullScreenFlags() {
