@@ -8,6 +8,7 @@
 #include "engine/MainViewControllerInterface.h"
 #include "engine/SpectrogramScrollViewInterface.h"
 #include "engine/SpectrogramViewInterface.h"
+#include "engine/TQAudioEffectInterface.h"
 #include "engine/TQAudioInterface.h"
 #include "engine/TQMessageInterface.h"
 
@@ -136,9 +137,19 @@ void AnalyzerController::didGetNewAudioData(TQAudioData data) {
     // spectrogram's width. Without the trigger nothing is skipped and the store
     // is a ring that never fills.
     const int64_t skip = 0;
-    if (audio_.isRecording() && packets > skip) {
+    if (audio_.isRecording() && packets > skip && !audioEffectFeeds() &&
+        !mIntakeBusy.exchange(true, std::memory_order_acquire)) {
         didGetNewAudioDataStandard(data.count, data.data, false);
+        mIntakeBusy.store(false, std::memory_order_release);
     }
+}
+
+bool AnalyzerController::audioEffectFeeds() const {
+    const TQAudioEffectInterface* effect = audioEffect_.load(std::memory_order_acquire);
+    // The document's rate changes only while nothing records, so the intake may
+    // read it; a node at another rate would show every frequency shifted.
+    return effect != nullptr && effect->connected() &&
+           effect->sampleRate() == static_cast<int32_t>(std::lround(defaults_.sampleRate()));
 }
 
 void AnalyzerController::audioEffectDidGetAudioData(TQAudioData data) {
@@ -146,7 +157,13 @@ void AnalyzerController::audioEffectDidGetAudioData(TQAudioData data) {
         return;
     }
     mPacketsCount.fetch_add(1, std::memory_order_acq_rel);
-    didGetNewAudioDataStandard(data.count, data.data, false);
+    // The node runs whether or not the analyser does; the store is written only
+    // while recording, when the document cannot be rebuilt under the intake.
+    if (audio_.isRecording() && audioEffectFeeds() &&
+        !mIntakeBusy.exchange(true, std::memory_order_acquire)) {
+        didGetNewAudioDataStandard(data.count, data.data, false);
+        mIntakeBusy.store(false, std::memory_order_release);
+    }
 }
 
 void AnalyzerController::createMDataBufferIfNeededWithSize(int32_t count) {
@@ -360,6 +377,11 @@ void AnalyzerController::startRecorder(std::function<void(bool)> completion) {
     mStartIntervalMem.store(current, std::memory_order_release);
     // Trigger: here the trigger's fields are reset and its pre-trigger ring is
     // allocated when the recording uses it (trigOn).
+    // The node's real-time thread must not allocate: its scratch blocks are
+    // sized here, while no intake runs.
+    if (const TQAudioEffectInterface* effect = audioEffect_.load(std::memory_order_acquire)) {
+        createMDataBufferIfNeededWithSize(effect->maxBlockFrames());
+    }
     audio_.startRecorder([this, completion = std::move(completion)](bool success) {
         if (success) {
             if (spectrogramView_ != nullptr) {

@@ -4,6 +4,7 @@
 #include "engine/DisplayTimer.h"
 #include "engine/TQAudioData.h"
 #include "engine/TQAudioDelegate.h"
+#include "engine/TQAudioEffectDelegate.h"
 
 #include <QObject>
 
@@ -24,6 +25,7 @@ class FFTManager;
 class MainViewControllerInterface;
 class SpectrogramScrollViewInterface;
 class SpectrogramViewInterface;
+class TQAudioEffectInterface;
 class TQAudioInterface;
 class TQGLScrollViewInterface;
 class TQMessageInterface;
@@ -41,9 +43,12 @@ class TQMessageInterface;
 ///
 /// Threading: three contexts, no locks between them.
 /// - Intake context: the audio object's serial delivery queue (or the inter-app
-///   node's thread) runs `didGetNewAudioData`, `audioEffectDidGetAudioData` and
-///   `didGetNewAudioDataStandard`: it writes the ring, then publishes the write
-///   count with a release store of `mFramesWriteCount`. Steady state: no lock, no
+///   node's real-time thread) runs `didGetNewAudioData`, `audioEffectDidGetAudioData`
+///   and `didGetNewAudioDataStandard`: it writes the ring, then publishes the write
+///   count with a release store of `mFramesWriteCount`. While the node feeds the
+///   engine the device's blocks are dropped; at the moment the source changes
+///   both may arrive at once, and `mIntakeBusy` (taken with an exchange, never
+///   waited for) drops the block that finds the other one writing. Steady state: no lock, no
 ///   allocation (the scratch blocks grow only for a block larger than any
 ///   before; the processing task is a member object submitted with the queue's
 ///   allocation-free `async(Task&)`).
@@ -69,7 +74,7 @@ class TQMessageInterface;
 /// skips a slot being or already overwritten and the writer waits (briefly,
 /// only in that case) until the reader has finished with its slot.
 /// Settings and geometry change only while the engine is stopped.
-class AnalyzerController final : public TQAudioDelegate {
+class AnalyzerController final : public TQAudioDelegate, public TQAudioEffectDelegate {
 public:
     /// The too-slow message (spectrogram products only).
     static const char* const kTooSlowMessage;
@@ -101,6 +106,12 @@ public:
         mainViewController_ = mainViewController;
     }
     void setMessages(TQMessageInterface* messages) { messages_ = messages; }
+    /// The inter-app node, or null. While it is connected at the document's
+    /// sample rate, a recording analyses the node's blocks instead of the
+    /// device's. Must outlive the engine, or be reset to null first.
+    void setAudioEffect(const TQAudioEffectInterface* audioEffect) {
+        audioEffect_.store(audioEffect, std::memory_order_release);
+    }
 
     bool isBackground() const { return isBackground_; }
     void setIsBackground(bool background) { isBackground_ = background; }
@@ -110,9 +121,10 @@ public:
     /// One captured block (interleaved stereo). Dropped while the document is not
     /// valid or the audio object is not recording. Delivery queue.
     void didGetNewAudioData(TQAudioData data) override;
-    /// One block from the inter-app node (interleaved stereo); only while the
-    /// document is valid. The node's processing thread.
-    void audioEffectDidGetAudioData(TQAudioData data);
+    /// One block from the inter-app node (interleaved stereo). Taken only while
+    /// the document is valid, the audio object records and the node's rate is
+    /// the document's. The node's real-time thread.
+    void audioEffectDidGetAudioData(TQAudioData data) override;
     /// Writes `count` frames into the store and schedules processing. `data` is
     /// interleaved stereo, or with `fromTrig` mono samples already gained.
     /// Intake context; a count of 0 or less does nothing.
@@ -215,6 +227,9 @@ private:
     FFTManager& fftManager_;
     TQAudioInterface& audio_;
 
+    /// The node is connected at the document's rate. Intake context.
+    bool audioEffectFeeds() const;
+
     // Fields in the engine's declaration order. The trigger's fields (pre-trigger
     // ring, its counters and chart buffers) belong beside these once the trigger
     // is built.
@@ -238,6 +253,7 @@ private:
     ChartViewInterface* chartView_ = nullptr;
     SpectrogramViewInterface* spectrogramView_ = nullptr;
     AnalyzerControllerDelegate* delegate_ = nullptr;
+    std::atomic<const TQAudioEffectInterface*> audioEffect_{nullptr};
     DisplayTimer timer_;
 
     MainViewControllerInterface* mainViewController_ = nullptr;
@@ -248,6 +264,8 @@ private:
     std::atomic<int64_t> mChartReadIntervalIndex{-1};
     // Set when playback ran out, so the render thread posts the stop only once.
     std::atomic<bool> mPlayerStopPosted{false};
+    // An intake is writing the store (see Threading).
+    std::atomic<bool> mIntakeBusy{false};
     // Context of posted main-thread work: destroyed with the engine, which drops
     // work still waiting in the event loop.
     QObject mainContext_;
