@@ -94,7 +94,12 @@ services_stop() {
     # socket (a server-restart test); it is asked to end first.
     [ -n "$WIDMO_SERVICES_DIR" ] && timeout 5 pactl exit >/dev/null 2>&1 || true
     if [ -n "$WIDMO_SERVICES_DIR" ] && [ -s "$WIDMO_SERVICES_DIR/jack.pid" ]; then
-        kill "$(cat "$WIDMO_SERVICES_DIR/jack.pid")" 2>/dev/null || true
+        local jack_pid
+        jack_pid="$(cat "$WIDMO_SERVICES_DIR/jack.pid")"
+        kill "$jack_pid" 2>/dev/null || true
+        # A restarted server is not this shell's child: wait until it is gone,
+        # so that the next start may take its name.
+        _wait_for 5 bash -c "! kill -0 $jack_pid" || true
     fi
     for pid in "${_widmo_pids[@]}"; do
         kill "$pid" 2>/dev/null || true

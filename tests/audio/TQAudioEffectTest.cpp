@@ -20,8 +20,10 @@
 #include <csignal>
 #include <cstdio>
 #include <fcntl.h>
+#include <map>
 #include <memory>
 #include <numbers>
+#include <random>
 #include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
@@ -42,12 +44,16 @@ public:
     static constexpr size_t kFrames = 48000 * 3;
 
     JackPeer() : left_(kFrames), right_(kFrames) {
+        std::mt19937 random(19);
+        std::uniform_real_distribution<float> noise(-0.25f, 0.25f);
         for (size_t k = 0; k < kFrames; ++k) {
             // Never zero, so the first sample to arrive marks the delay.
             left_[k] =
                 0.25f * float(std::sin(2.0 * std::numbers::pi * kToneHz * double(k) / 48000.0)) +
                 0.001f;
-            right_[k] = float((k % 997) + 1) / 1024.0f;
+            // Noise that never repeats within the run: it arrives unchanged at
+            // one delay only.
+            right_[k] = noise(random);
         }
         for (auto& r : received_)
             r.assign(kFrames, 0.0f);
@@ -64,8 +70,7 @@ public:
                                                  : "in_ref",
                                         JACK_DEFAULT_AUDIO_TYPE, JackPortIsInput, 0);
         jack_set_process_callback(client_, &JackPeer::process, this);
-        jack_on_shutdown(
-            client_, [](void* self) { static_cast<JackPeer*>(self)->gone_ = true; }, this);
+        jack_set_xrun_callback(client_, &JackPeer::xrun, this);
         if (jack_activate(client_) != 0) {
             jack_client_close(client_);
             client_ = nullptr;
@@ -92,16 +97,42 @@ public:
     size_t frames() const { return count_.load(std::memory_order_acquire); }
     const std::vector<float>& sent(size_t channel) const { return channel == 0 ? left_ : right_; }
     const std::vector<float>& received(size_t input) const { return received_[input]; }
-    /// Frames between a sample played and its arrival at `input`; -1 if none came.
-    long delayAt(size_t input) const {
+    /// Overruns and underruns the server reported to this client.
+    int xruns() const { return xruns_.load(std::memory_order_acquire); }
+    /// The delay in frames at which a whole period of `sent` arrives unchanged
+    /// at `input`, read at three places of the run (the most common answer, so
+    /// that an xrun at one of them does not decide); -1 if none arrived.
+    long matchingDelay(size_t input, const std::vector<float>& sent) const {
         const size_t n = frames();
-        for (size_t k = 0; k < n; ++k)
-            if (received_[input][k] != 0.0f)
-                return long(k);
-        return -1;
+        std::map<long, int> votes;
+        for (size_t at : {n / 4, n / 2, 3 * n / 4}) {
+            for (size_t d = 0; d < 8192 && at + d + kPeriod <= n; ++d) {
+                if (std::equal(sent.begin() + long(at), sent.begin() + long(at + kPeriod),
+                               received_[input].begin() + long(at + d))) {
+                    ++votes[long(d)];
+                    break;
+                }
+            }
+        }
+        const auto best = std::max_element(votes.begin(), votes.end(),
+                                           [](auto& a, auto& b) { return a.second < b.second; });
+        return best == votes.end() ? -1 : best->first;
     }
+    /// Periods of `sent` that did not arrive bit for bit at `input` after `delay`.
+    size_t mismatchedPeriods(size_t input, const std::vector<float>& sent, long delay) const {
+        size_t bad = 0;
+        for (size_t at = 0; at + size_t(delay) + kPeriod <= frames(); at += kPeriod)
+            bad += !std::equal(sent.begin() + long(at), sent.begin() + long(at + kPeriod),
+                               received_[input].begin() + long(at) + delay);
+        return bad;
+    }
+    static constexpr size_t kPeriod = 512; ///< the test services' period
 
 private:
+    static int xrun(void* arg) {
+        static_cast<JackPeer*>(arg)->xruns_.fetch_add(1, std::memory_order_acq_rel);
+        return 0;
+    }
     static int process(jack_nframes_t frames, void* arg) {
         auto* self = static_cast<JackPeer*>(arg);
         float* out[2];
@@ -131,7 +162,7 @@ private:
     std::vector<float> received_[3];
     std::atomic<bool> playing_{false};
     std::atomic<size_t> count_{0};
-    std::atomic<bool> gone_{false};
+    std::atomic<int> xruns_{0};
 };
 
 class TQAudioEffectTest : public ::testing::Test {
@@ -174,7 +205,7 @@ protected:
     }
 
     /// Connects the peer's outputs to the node and the node's outputs back,
-    /// with the peer's first output also straight to its reference input.
+    /// with the peer's second output also straight to its reference input.
     void routeThroughNode() {
         for (int c = 0; c < 2; ++c) {
             const std::string out = c == 0 ? "out_1" : "out_2";
@@ -184,7 +215,7 @@ protected:
             ASSERT_TRUE(
                 peer->connect(effect->outputPortName(c).toStdString(), peer->port(in.c_str())));
         }
-        ASSERT_TRUE(peer->connect(peer->port("out_1"), peer->port("in_ref")));
+        ASSERT_TRUE(peer->connect(peer->port("out_2"), peer->port("in_ref")));
     }
 
     AnalyzerFeatures features = AnalyzerFeatures::spectrumProduct();
@@ -204,23 +235,23 @@ TEST_F(TQAudioEffectTest, signalThroughNode_returnsBitForBitWithServerDelay_andE
     ASSERT_TRUE(peer->ok());
     routeThroughNode();
     ASSERT_TRUE(runEventsUntil([&] { return effect->connected(); }));
+    const int xrunsBefore = peer->xruns();
     peer->play();
     ASSERT_TRUE(runEventsUntil([&] { return peer->frames() >= JackPeer::kFrames; }, 10000));
+    const int xruns = peer->xruns() - xrunsBefore;
 
     // The node adds no delay of its own: its path takes as long as the
     // reference wire from the peer to itself (the server's one period for a
     // loop back into the same client).
-    const long reference = peer->delayAt(2);
+    const long reference = peer->matchingDelay(2, peer->sent(1));
     ASSERT_GE(reference, 0);
-    EXPECT_EQ(peer->delayAt(0), reference);
-    EXPECT_EQ(peer->delayAt(1), reference);
-    const size_t compared = JackPeer::kFrames - size_t(reference);
-    for (size_t c = 0; c < 2; ++c) {
-        size_t mismatches = 0;
-        for (size_t k = 0; k < compared; ++k)
-            mismatches += peer->received(c)[k + size_t(reference)] != peer->sent(c)[k];
-        EXPECT_EQ(mismatches, 0u) << "channel " << c;
-    }
+    EXPECT_EQ(peer->matchingDelay(1, peer->sent(1)), reference);
+    // Bit for bit, except where the server missed a cycle (an xrun on a
+    // loaded machine disturbs the period it happens in, on the way into the
+    // node and on the way back): none on a quiet machine.
+    for (size_t c = 0; c < 2; ++c)
+        EXPECT_LE(peer->mismatchedPeriods(c, peer->sent(c), reference), size_t(2 * xruns))
+            << "channel " << c << ", " << xruns << " xruns";
 
     // The engine analysed the node's sound: the tone's bin on the chart.
     ASSERT_GT(peakBins.size(), 10u);
@@ -275,29 +306,30 @@ bool killJackServer() {
 
 /// Starts the services' JACK server again as before, detached, recording its
 /// id where the services find it; returns once a client can join it, with
-/// `upSince` started at that moment.
+/// `upSince` started at that moment. A shell waits for the server, so that
+/// the server is reaped when it ends even where the system's first process
+/// reaps no orphans (a JACK server refuses a name whose last owner remains).
 bool startJackServer(QElapsedTimer& upSince) {
     const QByteArray name = qgetenv("JACK_DEFAULT_SERVER");
     const QByteArray log = qEnvironmentVariable("WIDMO_SERVICES_DIR").toLocal8Bit() + "/jack.log";
+    const QByteArray pidFile = jackPidFile().toLocal8Bit();
     const pid_t child = ::fork();
     if (child == 0) {
         ::setsid();
-        const int fd = ::open(log.constData(), O_WRONLY | O_APPEND | O_CREAT, 0600);
-        if (fd >= 0) {
-            ::dup2(fd, 1);
-            ::dup2(fd, 2);
-        }
         // The server outlives the test: it keeps none of the test's pipes open.
+        const int null = ::open("/dev/null", O_RDWR);
+        for (int fd = 0; fd < 3 && null >= 0; ++fd)
+            ::dup2(null, fd);
         ::close_range(3, ~0U, 0);
-        ::execlp("jackd", "jackd", "--no-realtime", "-n", name.constData(), "-d", "dummy", "-r",
-                 "48000", "-p", "512", static_cast<char*>(nullptr));
+        ::execlp("sh", "sh", "-c",
+                 "jackd --no-realtime -n \"$1\" -d dummy -r 48000 -p 512 >>\"$2\" 2>&1 & "
+                 "echo $! >\"$3\"; wait",
+                 "sh", name.constData(), log.constData(), pidFile.constData(),
+                 static_cast<char*>(nullptr));
         ::_exit(127);
     }
-    QFile file(jackPidFile());
-    if (child < 0 || !file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+    if (child < 0)
         return false;
-    file.write(QByteArray::number(child));
-    file.close();
     return runEventsUntil(
         [&] {
             jack_client_t* probe = jack_client_open("widmo_test_probe", JackNoStartServer, nullptr);
