@@ -286,12 +286,23 @@ TEST_F(TQAudioEffectTest, connectionAndTransportChanges_reachPropertiesAndNotifi
     ASSERT_TRUE(runEventsUntil([&] { return notified.count() > 0; }));
     notified.clear();
 
+    // In the background the transport is not read; back in the foreground it
+    // is read at once. The node keeps passing sound meanwhile.
+    effect->appHasGoneInBackground();
+    jack_transport_locate(peer->client(), 48000);
+    runEventsFor(200);
+    EXPECT_EQ(effect->playTime(), 96000.0);
+    EXPECT_TRUE(effect->published());
+    effect->appHasGoneForeground();
+    EXPECT_EQ(effect->playTime(), 48000.0);
+    ASSERT_TRUE(runEventsUntil([&] { return notified.count() > 0; }));
+
     ASSERT_TRUE(peer->disconnect(effect->outputPortName(1).toStdString(), peer->port("in_2")));
     ASSERT_TRUE(runEventsUntil([&] { return !effect->connected() && notified.count() > 0; }));
     // Unconnected, the transport is not followed.
     jack_transport_locate(peer->client(), 4800);
     runEventsFor(200);
-    EXPECT_EQ(effect->playTime(), 96000.0);
+    EXPECT_EQ(effect->playTime(), 48000.0);
 }
 
 QString jackPidFile() { return qEnvironmentVariable("WIDMO_SERVICES_DIR") + "/jack.pid"; }
