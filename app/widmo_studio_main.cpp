@@ -4,5 +4,6 @@
 
 int main(int argc, char** argv) {
     return widmo::AppDelegate::run(argc, argv, widmo::AnalyzerFeatures::studioProduct(),
-                                   QStringLiteral("widmo-studio"), QStringLiteral("Widmo Studio"));
+                                   QStringLiteral("widmo-studio"), QStringLiteral("Widmo Studio"),
+                                   /*audioNode=*/true);
 }

@@ -7,7 +7,8 @@
 # sound server or display, and two runs on one machine do not collide.
 #
 # Exported for the tests: PULSE_SERVER, WIDMO_TEST_SINK, WIDMO_TEST_SOURCE,
-# DISPLAY, JACK_DEFAULT_SERVER, WIDMO_SERVICES_DIR.
+# DISPLAY, JACK_DEFAULT_SERVER, WIDMO_SERVICES_DIR. The JACK server's process id
+# is in $WIDMO_SERVICES_DIR/jack.pid.
 
 WIDMO_SERVICES_DIR=""
 _widmo_pids=()
@@ -72,6 +73,8 @@ _start_jack() {
     jackd --no-realtime -n "$JACK_DEFAULT_SERVER" -d dummy -r 48000 -p 512 \
         >"$WIDMO_SERVICES_DIR/jack.log" 2>&1 &
     _widmo_pids+=($!)
+    # A server-restart test ends this server and writes its successor's id here.
+    echo $! >"$WIDMO_SERVICES_DIR/jack.pid"
     if ! _wait_for 10 jack_lsp; then
         _services_log "jackd did not start:"; cat "$WIDMO_SERVICES_DIR/jack.log" >&2
         return 1
@@ -90,6 +93,14 @@ services_stop() {
     # A test may have restarted the sound server as a daemon on the same
     # socket (a server-restart test); it is asked to end first.
     [ -n "$WIDMO_SERVICES_DIR" ] && timeout 5 pactl exit >/dev/null 2>&1 || true
+    if [ -n "$WIDMO_SERVICES_DIR" ] && [ -s "$WIDMO_SERVICES_DIR/jack.pid" ]; then
+        local jack_pid
+        jack_pid="$(cat "$WIDMO_SERVICES_DIR/jack.pid")"
+        kill "$jack_pid" 2>/dev/null || true
+        # A restarted server is not this shell's child: wait until it is gone,
+        # so that the next start may take its name.
+        _wait_for 5 bash -c "! kill -0 $jack_pid" || true
+    fi
     for pid in "${_widmo_pids[@]}"; do
         kill "$pid" 2>/dev/null || true
     done

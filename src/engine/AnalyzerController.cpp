@@ -9,6 +9,7 @@
 #include "engine/MainViewControllerInterface.h"
 #include "engine/SpectrogramScrollViewInterface.h"
 #include "engine/SpectrogramViewInterface.h"
+#include "engine/TQAudioEffectInterface.h"
 #include "engine/TQAudioInterface.h"
 #include "engine/TQMessageInterface.h"
 
@@ -132,12 +133,20 @@ void AnalyzerController::didGetNewAudioData(TQAudioData data) {
     }
     const int64_t packets = mPacketsCount.fetch_add(1, std::memory_order_acq_rel) + 1;
     // A recording that waits for the trigger drops its first blocks (the input's
-    // start-up); without the trigger nothing is skipped.
+    // start-up); without the trigger nothing is skipped. While the JACK node is
+    // connected, its blocks are analysed instead of the device's.
     const bool withTrig = workingWithTrig_.load(std::memory_order_acquire);
     const int64_t skip = withTrig ? trigStartupSkip() : 0;
-    if (!audio_.isRecording() || packets <= skip) {
+    if (!audio_.isRecording() || packets <= skip || audioEffectFeeds() ||
+        mIntakeBusy.exchange(true, std::memory_order_acquire)) {
         return;
     }
+    intakeBlock(data);
+    mIntakeBusy.store(false, std::memory_order_release);
+}
+
+void AnalyzerController::intakeBlock(TQAudioData data) {
+    const bool withTrig = workingWithTrig_.load(std::memory_order_acquire);
     if (withTrig && !trigIsStarted_.load(std::memory_order_seq_cst)) {
         didGetNewAudioDataWithTrig(data);
         return;
@@ -183,12 +192,26 @@ void AnalyzerController::didGetNewAudioDataWithTrig(TQAudioData data) {
     mShowChartInTrigAfterInterval.store(first + replayed - 1, std::memory_order_release);
 }
 
+bool AnalyzerController::audioEffectFeeds() const {
+    const TQAudioEffectInterface* effect = audioEffect_.load(std::memory_order_acquire);
+    // The document's rate changes only while nothing records, so the intake may
+    // read it; a node at another rate would show every frequency shifted.
+    return effect != nullptr && effect->connected() &&
+           effect->sampleRate() == static_cast<int32_t>(std::lround(defaults_.sampleRate()));
+}
+
 void AnalyzerController::audioEffectDidGetAudioData(TQAudioData data) {
     if (!defaults_.dataValid()) {
         return;
     }
     mPacketsCount.fetch_add(1, std::memory_order_acq_rel);
-    didGetNewAudioDataStandard(data.count, data.data, false);
+    // The node runs whether or not the analyser does; the store is written only
+    // while recording, when the document cannot be rebuilt under the intake.
+    if (audio_.isRecording() && audioEffectFeeds() &&
+        !mIntakeBusy.exchange(true, std::memory_order_acquire)) {
+        intakeBlock(data);
+        mIntakeBusy.store(false, std::memory_order_release);
+    }
 }
 
 void AnalyzerController::createMDataBufferIfNeededWithSize(int32_t count) {
@@ -480,6 +503,11 @@ void AnalyzerController::startRecorder(std::function<void(bool)> completion) {
     }
     trigAutomaticStop_.store(defaults_.trigAutomaticStop(), std::memory_order_relaxed);
     workingWithTrig_.store(withTrig, std::memory_order_release);
+    // The node's real-time thread must not allocate: its scratch blocks are
+    // sized here, while no intake runs.
+    if (const TQAudioEffectInterface* effect = audioEffect_.load(std::memory_order_acquire)) {
+        createMDataBufferIfNeededWithSize(effect->maxBlockFrames());
+    }
     audio_.startRecorder([this, completion = std::move(completion)](bool success) {
         if (success) {
             // With the trigger, the views start when it fires (followIntakeFlags).

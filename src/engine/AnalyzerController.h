@@ -5,6 +5,7 @@
 #include "engine/RecordingTrigger.h"
 #include "engine/TQAudioData.h"
 #include "engine/TQAudioDelegate.h"
+#include "engine/TQAudioEffectDelegate.h"
 
 #include <QObject>
 
@@ -26,6 +27,7 @@ class LastSessionSaver;
 class MainViewControllerInterface;
 class SpectrogramScrollViewInterface;
 class SpectrogramViewInterface;
+class TQAudioEffectInterface;
 class TQAudioInterface;
 class TQGLScrollViewInterface;
 class TQMessageInterface;
@@ -51,9 +53,12 @@ class TQMessageInterface;
 ///
 /// Threading: three contexts, no locks between them.
 /// - Intake context: the audio object's serial delivery queue (or the inter-app
-///   node's thread) runs `didGetNewAudioData`, `audioEffectDidGetAudioData` and
-///   `didGetNewAudioDataStandard`: it writes the ring, then publishes the write
-///   count with a release store of `mFramesWriteCount`. Steady state: no lock, no
+///   node's real-time thread) runs `didGetNewAudioData`, `audioEffectDidGetAudioData`
+///   and `didGetNewAudioDataStandard`: it writes the ring, then publishes the write
+///   count with a release store of `mFramesWriteCount`. While the node feeds the
+///   engine the device's blocks are dropped; at the moment the source changes
+///   both may arrive at once, and `mIntakeBusy` (taken with an exchange, never
+///   waited for) drops the block that finds the other one writing. Steady state: no lock, no
 ///   allocation (the scratch blocks grow only for a block larger than any
 ///   before; the processing task is a member object submitted with the queue's
 ///   allocation-free `async(Task&)`).
@@ -84,7 +89,7 @@ class TQMessageInterface;
 /// acts on them on the main thread (scrolling starts, the recording stops),
 /// so the intake never posts or allocates for them.
 /// Settings and geometry change only while the engine is stopped.
-class AnalyzerController final : public TQAudioDelegate {
+class AnalyzerController final : public TQAudioDelegate, public TQAudioEffectDelegate {
 public:
     /// The too-slow message (spectrogram products only).
     static const char* const kTooSlowMessage;
@@ -119,6 +124,12 @@ public:
     /// The last-session saver, told of every start and stop of a recording and
     /// waited for before the store is replaced; null for none.
     void setSessionSaver(LastSessionSaver* saver) { saver_ = saver; }
+    /// The inter-app node, or null. While it is connected at the document's
+    /// sample rate, a recording analyses the node's blocks instead of the
+    /// device's. Must outlive the engine, or be reset to null first.
+    void setAudioEffect(const TQAudioEffectInterface* audioEffect) {
+        audioEffect_.store(audioEffect, std::memory_order_release);
+    }
 
     bool isBackground() const { return isBackground_; }
     void setIsBackground(bool background) { isBackground_ = background; }
@@ -128,9 +139,10 @@ public:
     /// One captured block (interleaved stereo). Dropped while the document is not
     /// valid or the audio object is not recording. Delivery queue.
     void didGetNewAudioData(TQAudioData data) override;
-    /// One block from the inter-app node (interleaved stereo); only while the
-    /// document is valid. The node's processing thread.
-    void audioEffectDidGetAudioData(TQAudioData data);
+    /// One block from the inter-app node (interleaved stereo). Taken only while
+    /// the document is valid, the audio object records and the node's rate is
+    /// the document's. The node's real-time thread.
+    void audioEffectDidGetAudioData(TQAudioData data) override;
     /// Writes `count` frames into the store and schedules processing. `data` is
     /// interleaved stereo, or with `fromTrig` mono samples already gained.
     /// Intake context; a count of 0 or less does nothing.
@@ -245,6 +257,10 @@ private:
     void showChartInterval(int64_t intervalIndex);
     /// The armed trigger's newest measurement on the chart. Main thread.
     void showTriggerMeasurement();
+    /// One block into the document, through the trigger while it waits and
+    /// cut at the spectrogram's width with automatic stop. Called by one
+    /// intake at a time (`mIntakeBusy`): the device's or the node's.
+    void intakeBlock(TQAudioData data);
     /// Intake of a block while the trigger waits; replays the pre-trigger
     /// audio when this block fires it. Intake context.
     void didGetNewAudioDataWithTrig(TQAudioData data);
@@ -258,6 +274,9 @@ private:
     AnalyzerDefaults& defaults_;
     FFTManager& fftManager_;
     TQAudioInterface& audio_;
+
+    /// The node is connected at the document's rate. Intake context.
+    bool audioEffectFeeds() const;
 
     // Fields in the engine's declaration order. The trigger's fields (pre-trigger
     // ring, its counters and chart buffers) belong beside these once the trigger
@@ -282,6 +301,7 @@ private:
     ChartViewInterface* chartView_ = nullptr;
     SpectrogramViewInterface* spectrogramView_ = nullptr;
     AnalyzerControllerDelegate* delegate_ = nullptr;
+    std::atomic<const TQAudioEffectInterface*> audioEffect_{nullptr};
     DisplayTimer timer_;
 
     MainViewControllerInterface* mainViewController_ = nullptr;
@@ -307,6 +327,8 @@ private:
     // Released by `copyStoreInto` after reading, acquired by the intake before
     // writing: the reads are ordered before the writes that reuse the samples.
     std::atomic<int64_t> mStoreCopyMark{0};
+    // An intake is writing the store (see Threading).
+    std::atomic<bool> mIntakeBusy{false};
     // Context of posted main-thread work: destroyed with the engine, which drops
     // work still waiting in the event loop.
     QObject mainContext_;

@@ -1,10 +1,14 @@
 #include "ui/AppDelegate.h"
 
 #include "audio/TQAudio.h"
+#include "audio/TQAudioEffect.h"
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
+#include "core/SettingsStore.h"
 #include "dsp/FFTManager.h"
+#include "engine/AnalyzerController.h"
 #include "engine/MainQueue.h"
+#include "ui/AudioInputTableViewController.h"
 #include "ui/MainViewController.h"
 #include "ui/TQHelpers.h"
 #include "ui/ToolbarImages.h"
@@ -126,7 +130,7 @@ void AppDelegate::applicationWillTerminate() {
 }
 
 int AppDelegate::run(int argc, char** argv, const AnalyzerFeatures& features,
-                     const QString& applicationName, const QString& displayName) {
+                     const QString& applicationName, const QString& displayName, bool audioNode) {
     AnalyzerFeatures::selectProduct(features);
 #if defined(__SANITIZE_ADDRESS__)
     // Sanitizer builds: Mesa unloads its driver when the display closes, before
@@ -154,8 +158,27 @@ int AppDelegate::run(int argc, char** argv, const AnalyzerFeatures& features,
                              FFTManager::sharedManager());
         QObject::connect(&app, &QCoreApplication::aboutToQuit, &delegate,
                          [&delegate] { delegate.applicationWillTerminate(); });
+        // The node is made before the window, so that the audio-input page
+        // finds it, and goes before the engine it feeds.
+        std::unique_ptr<TQAudioEffect> node;
+        if (audioNode)
+            node = std::make_unique<TQAudioEffect>();
         delegate.didFinishLaunchingWithOptions();
+        AnalyzerController& engine = delegate.mainViewController()->analyzerController();
+        if (node) {
+            engine.setAudioEffect(node.get());
+            node->setDelegate(&engine);
+            // Left on: published as soon as a JACK server answers, quietly.
+            if (SettingsStore().readBool(
+                    QLatin1String(AudioInputTableViewController::kAudioEffectEnabledKey)))
+                node->setEnabled(true, true);
+        }
         status = QApplication::exec();
+        if (node) {
+            node->setEnabled(false);
+            engine.setAudioEffect(nullptr);
+            node.reset();
+        }
     }
     // The window, the engine, the chart and the sound-server connection are
     // gone, and the settings and the screen's state are written and synced.

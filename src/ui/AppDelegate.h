@@ -60,9 +60,12 @@ public:
 
     /// The whole program: one application object, the product `features`,
     /// the shared settings, FFT engine and audio object, the event loop.
-    /// `applicationName` names the settings files and the window.
+    /// `applicationName` names the settings files and the window. With
+    /// `audioNode` the product offers the JACK node: it feeds the main
+    /// screen's engine and is turned on at start when the user left it on.
     static int run(int argc, char** argv, const AnalyzerFeatures& features,
-                   const QString& applicationName, const QString& displayName);
+                   const QString& applicationName, const QString& displayName,
+                   bool audioNode = false);
 
 private:
     AnalyzerDefaults& defaults_;

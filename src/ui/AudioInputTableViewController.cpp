@@ -2,11 +2,15 @@
 
 #include "audio/AudioInputPickerViewDataSource.h"
 #include "audio/TQAudio.h"
+#include "audio/TQAudioEffect.h"
 #include "core/AnalyzerDefaults.h"
+#include "core/SettingsStore.h"
 #include "render/DeviceClass.h"
 #include "ui/FloatSlider.h"
 #include "ui/SettingsDelegate.h"
+#include "ui/TQMessage.h"
 
+#include <QCheckBox>
 #include <QGridLayout>
 #include <QHBoxLayout>
 #include <QLabel>
@@ -110,6 +114,23 @@ AudioInputTableViewController::AudioInputTableViewController(AnalyzerDefaults& d
         refreshGainLabels();
     });
 
+    effect_ = TQAudioEffect::sharedAudioEffect();
+    if (effect_ != nullptr) {
+        addSection("JACK node");
+        effectSwitch_ = new QCheckBox("Analyse the sound other programs route through Widmo");
+        addRow(kSectionAudioEffect, effectSwitch_);
+        effectStatus_ = new QLabel;
+        effectStatus_->setWordWrap(true);
+        addRow(kSectionAudioEffect, effectStatus_);
+        connect(effectSwitch_, &QCheckBox::toggled, this,
+                &AudioInputTableViewController::setAudioEffectEnabled);
+        connect(effect_, &TQAudioEffect::publishedChanged, this,
+                &AudioInputTableViewController::refreshAudioEffect);
+        connect(effect_, &TQAudioEffect::transportStateChangedNotification, this,
+                &AudioInputTableViewController::refreshAudioEffect);
+        refreshAudioEffect();
+    }
+
     refreshInputSelectionEnabled();
     refreshPickerInputSelection();
 }
@@ -193,6 +214,46 @@ void AudioInputTableViewController::viewWillAppear() {
 void AudioInputTableViewController::viewWillDisappear() {
     dataSource_->setObservingInputChanges(false);
     defaults_.setLastPositionSettingsAudioInput(verticalOffset());
+}
+
+void AudioInputTableViewController::setAudioEffectEnabled(bool enabled) {
+    if (enabled != effect_->enabled() && !effect_->setEnabled(enabled)) {
+        const QSignalBlocker blocker(effectSwitch_);
+        effectSwitch_->setChecked(false);
+        TQMessage::showMessage(
+            effect_->lastFailure() == TQAudioEffect::Failure::NoServer
+                ? QString::fromLatin1(kNoJackServerMessage)
+                : QStringLiteral("The JACK node could not be started; the log says why."),
+            QStringLiteral("OK"));
+    }
+    SettingsStore store;
+    store.writeBool(QLatin1String(kAudioEffectEnabledKey), effect_->enabled());
+    refreshAudioEffect();
+}
+
+void AudioInputTableViewController::refreshAudioEffect() {
+    {
+        const QSignalBlocker blocker(effectSwitch_);
+        effectSwitch_->setChecked(effect_->enabled());
+    }
+    QString status;
+    if (effect_->published()) {
+        status = QStringLiteral("Ports %1, %2 pass to %3, %4. ")
+                     .arg(effect_->inputPortName(0), effect_->inputPortName(1),
+                          effect_->outputPortName(0), effect_->outputPortName(1));
+        status += effect_->connected()
+                      ? QStringLiteral("Connected: while the analyser runs it shows this sound.")
+                      : QStringLiteral("Not connected.");
+        const int rate = effect_->sampleRate();
+        if (rate != int(std::lround(defaults_.sampleRate())))
+            status += QStringLiteral(" The JACK server runs at %1 Hz: choose %1 Hz as the sample "
+                                     "rate to analyse it.")
+                          .arg(rate);
+    } else if (effect_->enabled()) {
+        status = QStringLiteral("Waiting for the JACK server.");
+    }
+    effectStatus_->setText(status);
+    setRowHidden(kSectionAudioEffect, 1, status.isEmpty());
 }
 
 } // namespace widmo

@@ -4,6 +4,7 @@
 
 #include <array>
 
+class QCheckBox;
 class QLabel;
 class QListWidget;
 
@@ -14,6 +15,7 @@ class AudioInputPickerViewDataSource;
 class FloatSlider;
 class SettingsDelegate;
 class TQAudio;
+class TQAudioEffect;
 
 /// The "Audio input" settings page: the input picker (input device, data
 /// source, channel as three lists side by side), the input device's own
@@ -26,11 +28,28 @@ class TQAudio;
 /// away. Choosing another input device while recording stops the analyser
 /// (`SettingsDelegate::settingsNeedStopAnalyzer`): the next start opens it.
 ///
+/// In a product with the JACK node (`TQAudioEffect::sharedAudioEffect`), the
+/// page also turns the node on and off: it is another input of the analyser,
+/// chosen beside the device, and its rate is compared with the document's as
+/// the device's is. Turning it on without a JACK server says so and leaves it
+/// off; the choice is kept in the settings (`kAudioEffectEnabledKey`).
+///
 /// Threading: main thread only.
 class AudioInputTableViewController : public TQTableViewController {
     Q_OBJECT
 public:
-    enum Section { kSectionInput = 0, kSectionSoftwareGain, kSectionHardwareGain };
+    enum Section {
+        kSectionInput = 0,
+        kSectionSoftwareGain,
+        kSectionHardwareGain,
+        kSectionAudioEffect
+    };
+    /// Settings key of the node's switch (boolean).
+    static constexpr const char* kAudioEffectEnabledKey = "audioEffect.enabled";
+    /// What the user is told when no JACK server answers.
+    static constexpr const char* kNoJackServerMessage =
+        "No JACK server is running. Start jackd, or on a PipeWire desktop start Widmo Studio "
+        "with pw-jack, then turn the JACK node on again.";
     /// Value of `lastSettingsPage` while this page is shown.
     static constexpr int kSettingsPage = 4;
     /// Software gain slider range in dB (1 dB steps; below 3 dB snaps to 0).
@@ -69,10 +88,15 @@ public:
     QLabel* deviceSampleRateLabel() const { return deviceRate_; }
     /// Shown when the document's rate is above the device's own rate.
     QLabel* sampleRateWarningLabel() const { return rateWarning_; }
+    /// The node's switch and its state (null without a node).
+    QCheckBox* audioEffectSwitch() const { return effectSwitch_; }
+    QLabel* audioEffectStatusLabel() const { return effectStatus_; }
 
 private:
     void reloadPicker();
     void refreshGainLabels();
+    void setAudioEffectEnabled(bool enabled);
+    void refreshAudioEffect();
 
     AnalyzerDefaults& defaults_;
     TQAudio& audio_;
@@ -97,6 +121,9 @@ private:
     QLabel* hardwareValue_;
     QLabel* hardwareNotAvailable_;
     int hardwareNotAvailableRow_ = -1;
+    TQAudioEffect* effect_ = nullptr;
+    QCheckBox* effectSwitch_ = nullptr;
+    QLabel* effectStatus_ = nullptr;
 };
 
 } // namespace widmo

@@ -1,4 +1,5 @@
 #include "EngineFixture.h"
+#include "engine/TQAudioEffectInterface.h"
 
 #include <QDir>
 #include <QFile>
@@ -119,7 +120,7 @@ TEST_F(IntakeTest, eggProduct_storesOtherChannelUngained) {
     EXPECT_TRUE(std::equal(egg.begin(), egg.end(), defaults_->eggBuffersData().begin()));
 }
 
-TEST_F(IntakeTest, blocksIgnored_whenDocumentInvalidOrNotRecording_interAppBypasses) {
+TEST_F(IntakeTest, blocksIgnored_whenDocumentInvalidOrNotRecording_nodeReplacesDeviceAtItsRate) {
     build();
     std::mt19937 random(6);
     std::vector<float> block = stereoBlock(512, random);
@@ -142,12 +143,42 @@ TEST_F(IntakeTest, blocksIgnored_whenDocumentInvalidOrNotRecording_interAppBypas
     EXPECT_EQ(engine_->packetsCount(), 1);
     EXPECT_EQ(engine_->framesWriteCount(), 512);
 
-    // Blocks from another application are analysed whether recording or not.
-    engine_->stopRecorder();
+    // Blocks from another application through the inter-app node: while it is
+    // connected at the document's rate they replace the device's blocks.
+    struct Node : TQAudioEffectInterface {
+        bool connected() const override { return linked; }
+        int32_t sampleRate() const override { return rate; }
+        int32_t maxBlockFrames() const override { return 512; }
+        bool linked = true;
+        int32_t rate = 44100;
+    } node;
+    engine_->setAudioEffect(&node);
     engine_->audioEffectDidGetAudioData(TQAudioData{512, block.data()});
+    push(block); // the device's block: dropped
     drain();
     EXPECT_EQ(engine_->framesWriteCount(), 1024);
     EXPECT_EQ(defaults_->actualInterval(), 2);
+
+    // At another rate, or unconnected, the device is analysed, not the node.
+    for (bool otherRate : {true, false}) {
+        node.rate = otherRate ? 48000 : 44100;
+        node.linked = otherRate;
+        engine_->audioEffectDidGetAudioData(TQAudioData{512, block.data()});
+        push(block);
+        drain();
+    }
+    EXPECT_EQ(engine_->framesWriteCount(), 2048);
+
+    // Not recording, the node's blocks are counted and not written: the
+    // document may be rebuilt at any moment then.
+    node.linked = true;
+    engine_->stopRecorder();
+    const int64_t packets = engine_->packetsCount();
+    engine_->audioEffectDidGetAudioData(TQAudioData{512, block.data()});
+    drain();
+    EXPECT_EQ(engine_->packetsCount(), packets + 1);
+    EXPECT_EQ(engine_->framesWriteCount(), 2048);
+    engine_->setAudioEffect(nullptr);
 }
 
 // --- Too-slow detection ----------------------------------------------------------------

@@ -2,15 +2,20 @@
 #include "RecordingSettingsDelegate.h"
 #include "audio/AudioInputPickerViewDataSource.h"
 #include "audio/TQAudio.h"
+#include "audio/TQAudioEffect.h"
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
+#include "core/SettingsStore.h"
 #include "render/DeviceClass.h"
 #include "ui/AudioInputTableViewController.h"
 #include "ui/FloatSlider.h"
 #include "ui/SettingsRootViewController.h"
 
+#include <QApplication>
+#include <QCheckBox>
 #include <QLabel>
 #include <QListWidget>
+#include <QMessageBox>
 #include <QPushButton>
 #include <QTest>
 
@@ -122,6 +127,50 @@ TEST_F(SettingsPanelTest, audioInputPage_listsTheTestMicrophone_channelTwoIsAnal
         page.sampleRateWarningLabel()->text().contains("content above 24000 Hz is not real"))
         << page.sampleRateWarningLabel()->text().toStdString();
     page.viewWillDisappear();
+}
+
+TEST_F(SettingsPanelTest, audioInputPage_jackNodeSwitch_publishesOnTheServer_orSaysThereIsNone) {
+    const AnalyzerFeatures features = AnalyzerFeatures::studioProduct();
+    AnalyzerDefaults defaults(features, "panel-node");
+    defaults.setSampleRate(44100.0f);
+    TQAudio audio(defaults, features);
+    TQAudioEffect node;
+    AudioInputTableViewController page(defaults, audio, delegate);
+    QCheckBox* nodeSwitch = page.audioEffectSwitch();
+    ASSERT_NE(nodeSwitch, nullptr);
+    const QString key = AudioInputTableViewController::kAudioEffectEnabledKey;
+
+    // The test services' server (48 kHz): the ports are named, the rate is
+    // compared with the document's.
+    nodeSwitch->click();
+    EXPECT_TRUE(node.published());
+    EXPECT_TRUE(SettingsStore().readBool(key));
+    const QString status = page.audioEffectStatusLabel()->text();
+    EXPECT_TRUE(status.contains(node.inputPortName(0))) << status.toStdString();
+    EXPECT_TRUE(status.contains("choose 48000 Hz")) << status.toStdString();
+    nodeSwitch->click();
+    EXPECT_FALSE(node.published());
+    EXPECT_FALSE(SettingsStore().readBool(key));
+
+    // No server under that name: the user is told, the switch stays off.
+    const QByteArray server = qgetenv("JACK_DEFAULT_SERVER");
+    qputenv("JACK_DEFAULT_SERVER", "widmo_no_such_server");
+    nodeSwitch->click();
+    qputenv("JACK_DEFAULT_SERVER", server);
+    EXPECT_FALSE(nodeSwitch->isChecked());
+    EXPECT_FALSE(node.enabled());
+    EXPECT_FALSE(SettingsStore().readBool(key));
+    QMessageBox* box = nullptr;
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] {
+            for (QWidget* w : QApplication::topLevelWidgets())
+                if (auto* b = qobject_cast<QMessageBox*>(w); b && b->isVisible())
+                    box = b;
+            return box != nullptr;
+        },
+        5000));
+    EXPECT_EQ(box->text(), AudioInputTableViewController::kNoJackServerMessage);
+    box->close();
 }
 
 TEST_F(SettingsPanelTest, audioInputPage_duringPlayback_offersNoInputSelection) {
