@@ -68,21 +68,35 @@ bool shoot(const QString& product, const widmo::AnalyzerFeatures& features, cons
     return ok;
 }
 
+/// One product's main screen in a 1000 x 640 window, its document prepared.
+struct MainScreen {
+    MainScreen(const widmo::AnalyzerFeatures& product, const QString& store)
+        : features(product), defaults(features, store), audio(defaults, features), fft(defaults),
+          app(defaults, audio, fft) {}
+    bool launch() {
+        if (!app.didFinishLaunchingWithOptions() || !QTest::qWaitForWindowExposed(app.window()))
+            return false;
+        app.window()->resize(1000, 640);
+        widmo::MainViewController* screen = app.mainViewController();
+        return QTest::qWaitFor([&] { return app.dataPrepared() && !screen->buttonsBlocked(); },
+                               10000);
+    }
+    widmo::AnalyzerFeatures features;
+    widmo::AnalyzerDefaults defaults;
+    widmo::TQAudio audio;
+    widmo::FFTManager fft;
+    widmo::AppDelegate app;
+};
+
 /// widmo-voice analysing a 196 Hz voice with an EGG closed for 45 % of each
 /// cycle, its oscilloscope showing the normalised glottal cycle.
 bool shootVoiceMainScreen(const QDir& out) {
-    const widmo::AnalyzerFeatures features = widmo::AnalyzerFeatures::voiceProduct();
-    widmo::AnalyzerDefaults defaults(features, "screenshots-main-voice");
-    widmo::TQAudio audio(defaults, features);
-    widmo::FFTManager fft(defaults);
-    widmo::AppDelegate app(defaults, audio, fft);
-    if (!app.didFinishLaunchingWithOptions() || !QTest::qWaitForWindowExposed(app.window()))
+    MainScreen main(widmo::AnalyzerFeatures::voiceProduct(), "screenshots-main-voice");
+    if (!main.launch())
         return false;
-    app.window()->resize(1000, 640);
+    widmo::AppDelegate& app = main.app;
     widmo::MainViewController* screen = app.mainViewController();
-    if (!QTest::qWaitFor([&] { return app.dataPrepared() && !screen->buttonsBlocked(); }, 5000))
-        return false;
-    const int32_t n = defaults.fftSize();
+    const int32_t n = main.defaults.fftSize();
     widmo::FFTPlanCache::shared().complexPlan(n, FFTW_FORWARD);
     widmo::FFTPlanCache::shared().complexPlan(n, FFTW_BACKWARD);
 
@@ -110,14 +124,11 @@ bool shootVoiceMainScreen(const QDir& out) {
 /// widmo-studio recording a repeating sweep over a 220 Hz tone with its
 /// harmonics, then each colour scheme and frequency axis of the document.
 bool shootStudioSpectrogram(const QDir& out) {
-    const widmo::AnalyzerFeatures features = widmo::AnalyzerFeatures::studioProduct();
-    widmo::AnalyzerDefaults defaults(features, "screenshots-main-studio");
-    widmo::TQAudio audio(defaults, features);
-    widmo::FFTManager fft(defaults);
-    widmo::AppDelegate app(defaults, audio, fft);
-    if (!app.didFinishLaunchingWithOptions() || !QTest::qWaitForWindowExposed(app.window()))
+    MainScreen main(widmo::AnalyzerFeatures::studioProduct(), "screenshots-main-studio");
+    if (!main.launch())
         return false;
-    app.window()->resize(1000, 640);
+    widmo::AppDelegate& app = main.app;
+    widmo::AnalyzerDefaults& defaults = main.defaults;
     widmo::MainViewController* screen = app.mainViewController();
     const auto ready = [&] {
         return QTest::qWaitFor(
