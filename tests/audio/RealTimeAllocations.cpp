@@ -2,6 +2,11 @@
 // (`RealTimeScope`), for the tests that prove there are none. Replaces the
 // global operator new and delete of this test binary; outside those stretches
 // they only forward to malloc and free.
+//
+// Not under ThreadSanitizer: it ignores what Qt's library does with memory
+// only when Qt calls its interceptors directly, and a replaced operator new
+// between the two makes Qt's hand-over of posted events look like races. The
+// count stays 0 there; the release and AddressSanitizer runs check it.
 #include "RealTimeAllocations.h"
 
 #include "core/RealTimeScope.h"
@@ -14,6 +19,8 @@ namespace widmo::test {
 std::atomic<int64_t> realTimeAllocations{0};
 
 } // namespace widmo::test
+
+#if !defined(__SANITIZE_THREAD__)
 
 namespace {
 
@@ -33,3 +40,5 @@ void operator delete(void* p) noexcept { std::free(p); }
 void operator delete[](void* p) noexcept { std::free(p); }
 void operator delete(void* p, std::size_t) noexcept { std::free(p); }
 void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
+
+#endif
