@@ -256,5 +256,40 @@ TEST_F(TranspositionTest, recordedTone_playsBackAnOctaveLower_slowedDownOrTransp
     EXPECT_NEAR(double(transposed.frames) / double(transposedFrames), 1.0, 0.2);
 }
 
+// An input that stops delivering while the output keeps asking: the
+// transposer runs dry, and the recording stops with the message, once.
+TEST_F(TranspositionTest, inputStalledWhileTransposing_stopsWithThePerformanceMessageOnce) {
+    UltrasonicMicrophone microphone;
+    ASSERT_TRUE(microphone.isLoaded());
+    build(192000.0f);
+    FakeMessages messages;
+    FakeMainScreen mainScreen(audio.get());
+    audio->setMessages(&messages);
+    audio->setMainViewController(&mainScreen);
+    SinkPlayer call(
+        192000, 20.0, [](double t) { return sineAt(40071.43, t); },
+        [](double t) { return sineAt(40071.43, t); }, UltrasonicMicrophone::sinkName());
+    ASSERT_TRUE(call.start());
+    QTest::qWait(1500);
+    for (const AudioDevice& d : audio->availableInputs())
+        if (d.id == UltrasonicMicrophone::kSourceName)
+            audio->setPreferredInput(d);
+    bool started = false;
+    engine->startRecorder([&](bool ok) { started = ok; });
+    ASSERT_TRUE(QTest::qWaitFor([&] { return started; }, 5000));
+    QTest::qWait(1000);
+    ASSERT_TRUE(messages.shown.empty());
+
+    ASSERT_EQ(runTool("pactl", {"suspend-source", UltrasonicMicrophone::kSourceName, "1"}), 0);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !messages.shown.empty(); }, 3000));
+    runTool("pactl", {"suspend-source", UltrasonicMicrophone::kSourceName, "0"});
+    QTest::qWait(300);
+    ASSERT_EQ(messages.shown.size(), 1u);
+    EXPECT_EQ(messages.shown[0].message, Transposer::kTooSlowMessage);
+    EXPECT_EQ(messages.shown[0].button, "OK");
+    EXPECT_EQ(mainScreen.stopsWithoutBlock, 1);
+    EXPECT_FALSE(audio->isRecording());
+}
+
 } // namespace
 } // namespace widmo
