@@ -48,6 +48,8 @@ Transposer::Transposer(FFTPlanCache& plans) : plans_(plans) {
     hannWindow_ = allocateZeroed(kOutputFrame);
     fftOutWindow_ = allocateZeroed(kOutputFrame);
     fftData_ = allocateZeroed(2 * kOutputFrame);
+    inputPhase_ = allocateZeroed(kOutputFrame / 2);
+    outputPhase_ = allocateZeroed(kOutputFrame / 2);
     // The periodic Hann window: shifted copies at any hop that divides the
     // frame sum to a constant, so overlap-added frames join without a seam.
     for (int32_t i = 0; i < kOutputFrame; ++i)
@@ -60,6 +62,8 @@ Transposer::~Transposer() {
     std::free(hannWindow_);
     std::free(fftOutWindow_);
     std::free(fftData_);
+    std::free(inputPhase_);
+    std::free(outputPhase_);
 }
 
 bool Transposer::preparePlans(FFTPlanCache& plans) {
@@ -92,6 +96,7 @@ void Transposer::setupTranspozycje() {
     startSampleID_ = 0;
     std::memset(inputBuffer_, 0, size_t(kRingSize) * sizeof(float));
     std::memset(outputBuffer_, 0, size_t(kRingSize) * sizeof(float));
+    phasesValid_ = false;
 }
 
 void Transposer::setFilter20kHzOn(bool filterOn, int32_t factor, int32_t sampleRate) {
@@ -116,6 +121,7 @@ void Transposer::restartAt(int64_t position) {
     outputSampleID_ = position;
     startSampleID_ = position;
     std::memset(outputBuffer_, 0, size_t(kRingSize) * sizeof(float));
+    phasesValid_ = false;
 }
 
 void Transposer::addNewData(const float* data, int32_t count) {
@@ -147,6 +153,7 @@ void Transposer::transformFrame() {
     std::memset(fftData_ + m, 0, size_t(m) * sizeof(float));
     auto* bins = reinterpret_cast<fftwf_complex*>(fftData_);
     fftwf_execute_dft(forward, bins, bins);
+    carryPhases(m, h);
 
     // Bins 0..M/2-1 stay where they are; everything above them, up to the
     // 8,192 bins of the inverse, is zero.
@@ -183,6 +190,37 @@ void Transposer::transformFrame() {
     const int32_t clearFirst = std::min(kOutputFrame, kRingSize - clearFrom);
     std::memset(outputBuffer_ + clearFrom, 0, size_t(clearFirst) * sizeof(float));
     std::memset(outputBuffer_, 0, size_t(kOutputFrame - clearFirst) * sizeof(float));
+}
+
+void Transposer::carryPhases(int32_t m, int32_t h) {
+    // In the packed samples a hop is H/2 complex samples, and bin k turns by
+    // 2 pi k / M a sample. The turn measured since the previous frame gives
+    // the bin's true frequency; divided by the factor, it is the turn the
+    // output frame must show over the same hop to continue the one before.
+    // (Single precision: the phases stay within one turn.)
+    constexpr float kTwoPi = 2.0f * std::numbers::pi_v<float>;
+    const auto wrap = [&](float a) { return a - kTwoPi * std::nearbyint(a / kTwoPi); };
+    const float perFactor = 1.0f / float(factor_);
+    // A bin's turn over one hop counts modulo T turns, not one: divided by T
+    // it must still tell the T possible output turns apart.
+    const int32_t turnsModulus = m * factor_;
+    for (int32_t k = 0; k < m / 2; ++k) {
+        const float re = fftData_[2 * k];
+        const float im = fftData_[2 * k + 1];
+        const float phase = std::atan2(im, re);
+        float output = phase;
+        if (phasesValid_) {
+            const float binTurn = kTwoPi * float((h / 2) * k % turnsModulus) / float(m);
+            const float deviation = wrap(phase - inputPhase_[k] - binTurn);
+            output = wrap(outputPhase_[k] + (binTurn + deviation) * perFactor);
+        }
+        inputPhase_[k] = phase;
+        outputPhase_[k] = output;
+        const float magnitude = std::sqrt(re * re + im * im);
+        fftData_[2 * k] = magnitude * std::cos(output);
+        fftData_[2 * k + 1] = magnitude * std::sin(output);
+    }
+    phasesValid_ = true;
 }
 
 bool Transposer::getTransposedData(float* out, int32_t count) {

@@ -15,8 +15,9 @@ class FFTPlanCache;
 /// 16), M = 8192 / T the input frame and H = min(M, 2048) the hop: the M
 /// samples of a frame are packed as M/2 complex values (even samples real, odd
 /// samples imaginary), padded with zeros and transformed with an M-point
-/// complex FFT. Bins 0..M/2-1 are kept, unchanged, as the lowest bins of an
-/// 8,192-point inverse transform; there they lie T times closer together, so
+/// complex FFT. Bins 0..M/2-1 are kept (their magnitudes unchanged, their
+/// phases carried on as below) as the lowest bins of an 8,192-point inverse
+/// transform; there they lie T times closer together, so
 /// every frequency comes out divided by T. The first 4,096 complex values of
 /// the inverse, scaled by 1/4096 and unpacked, are 8,192 output samples, which
 /// a Hann window of 8,192 points times the output gain g = (32768 / M) /
@@ -27,14 +28,14 @@ class FFTPlanCache;
 /// frequencies from 0 to a quarter of the rate (48 kHz at 192 kHz); a tone
 /// above that comes out mirrored about it.
 ///
-/// Frames overlap (8,192 output samples every H), and each carries its tone
-/// with the phase it had at the frame's start: consecutive frames agree only
+/// Frames overlap (8,192 output samples every H). A tone carried with the
+/// phase it has at each frame's start would continue from frame to frame only
 /// for input frequencies that are whole multiples of rate / (H (1 - 1/T))
-/// (214.3 Hz at 192 kHz and T = 8, 125 Hz at T = 4). A steady tone between two
-/// of them comes out weaker, down to cancelled half-way; a sweeping call
-/// passes in pulses as it crosses them. The unpacking leaves an image
-/// of each output tone mirrored about a quarter of the sample rate (at
-/// rate/2 - f/T): far above hearing at the ultrasonic rates this is for.
+/// (214.3 Hz at 192 kHz and T = 8), and frames of a steady tone between two
+/// of them would cancel. So each kept bin is given, before the inverse
+/// transform, the phase that continues the previous output frame: its true
+/// frequency is read from the turn of its phase since the previous frame,
+/// divided by T, and advanced over one hop (a phase vocoder); magnitudes stay.
 ///
 /// The gain g is fixed once per process, by the factor in force at the first
 /// frame any transposer makes, and the weighted window once per object: a later
@@ -142,6 +143,10 @@ private:
     void transformFrame();
     /// Transformation and output continue from input position `position`.
     void restartAt(int64_t position);
+    /// Gives each kept bin of the frame just transformed (M points, hop H) the
+    /// phase that continues the previous output frame at its true frequency
+    /// divided by the factor; keeps its magnitude.
+    void carryPhases(int32_t m, int32_t h);
 
     FFTPlanCache& plans_;
     // Parameters (reader's thread).
@@ -163,6 +168,9 @@ private:
     float* hannWindow_ = nullptr;   ///< kOutputFrame points, periodic
     float* fftOutWindow_ = nullptr; ///< hannWindow_ * g
     float* fftData_ = nullptr;      ///< kOutputFrame interleaved complex values, 64-byte aligned
+    float* inputPhase_ = nullptr;   ///< per kept bin: its phase in the previous frame
+    float* outputPhase_ = nullptr;  ///< per kept bin: the phase given to the previous output
+    bool phasesValid_ = false;      ///< a frame has been transformed since the last start
     float* outputBuffer_ = nullptr; ///< kRingSize samples, overlap-added
 };
 

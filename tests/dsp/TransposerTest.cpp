@@ -24,14 +24,6 @@ FFTPlanCache& plans() {
     return cache;
 }
 
-/// The input tone nearest `frequency` whose frames add in phase at `factor`:
-/// a whole multiple of rate / (H (1 - 1/T)).
-double passingTone(double frequency, int32_t factor) {
-    const int32_t hop = std::min(Transposer::kOutputFrame / factor, Transposer::kMaxHop);
-    const double period = kRate / (hop * (1.0 - 1.0 / factor));
-    return std::round(frequency / period) * period;
-}
-
 /// What `seconds` of a 0.5 sine at `frequency` give, fed and drained in
 /// 512-sample blocks as the audio path does.
 std::vector<float> transpose(double frequency, int32_t factor, bool filter, double seconds) {
@@ -81,15 +73,15 @@ int32_t binOf(double frequency) { return int32_t(std::lround(frequency * kSpectr
 
 TEST(TransposerTest, ultrasonicTone_comesOutDividedByTheFactor_andTheFilterRemovesOnlyAudio) {
     for (int32_t factor : {2, 4, 8, 16}) {
-        const double tone = passingTone(40000.0, factor);
+        const double tone = 40000.0;
         const std::vector<double> s = spectrumOfTail(transpose(tone, factor, false, 1.0));
         EXPECT_NEAR(peakBin(s), binOf(tone / factor), 1) << "factor " << factor;
     }
 
     // At 8 (3 octaves): an audible tone passes without the filter and is gone
     // with it; the ultrasonic tone passes the filter at the same level.
-    const double audible = passingTone(10000.0, 8);
-    const double ultrasonic = passingTone(40000.0, 8);
+    const double audible = 10000.0;
+    const double ultrasonic = 40000.0;
     const std::vector<double> open = spectrumOfTail(transpose(audible, 8, false, 1.0));
     const std::vector<double> filtered = spectrumOfTail(transpose(audible, 8, true, 1.0));
     const std::vector<double> high = spectrumOfTail(transpose(ultrasonic, 8, false, 1.0));
@@ -115,7 +107,7 @@ TEST(TransposerTest, ultrasonicTone_comesOutDividedByTheFactor_andTheFilterRemov
 // a step far above the sine's own.
 TEST(TransposerTest, transposedSine_joinsItsFramesWithoutASeam) {
     for (int32_t factor : {4, 8, 16}) {
-        const double tone = passingTone(40000.0, factor);
+        const double tone = 40000.0;
         const std::vector<float> y = transpose(tone, factor, false, 1.0);
         const size_t from = y.size() - kSpectrumSize;
         float peak = 0.0f;
