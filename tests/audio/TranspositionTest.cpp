@@ -149,7 +149,9 @@ TEST_F(TranspositionTest,
     const int32_t peak = int32_t(std::max_element(s.begin() + 1, audible) - s.begin());
     EXPECT_NEAR(peak, binOf(tone / 8), 1);
     const double level = s[size_t(binOf(tone / 8))];
-    EXPECT_GT(level, 0.01); // -40 dBFS: heard, not a leak
+    // Heard: above -50 dBFS, where a cancelled or filtered tone's leak stays
+    // below -80 dBFS (a loaded machine's dropouts in the tail lower it too).
+    EXPECT_GT(level, 0.003);
     // Captured blocks delivered through the engine, transposer fed and
     // drained, for 1.5 s: no allocation on the audio thread or the delivery queue.
     EXPECT_EQ(allocations, 0);
