@@ -6,9 +6,14 @@
 # services live in a private runtime folder, so they never meet a user's own
 # sound server or display, and two runs on one machine do not collide.
 #
+# The sound server also has null sinks at 192 and 384 kHz (the highest rate
+# PulseAudio accepts; 768 kHz is refused) for the ultrasonic tests, which
+# put a virtual microphone on their monitors while they need one.
+#
 # Exported for the tests: PULSE_SERVER, WIDMO_TEST_SINK, WIDMO_TEST_SOURCE,
-# DISPLAY, JACK_DEFAULT_SERVER, WIDMO_SERVICES_DIR. The JACK server's process id
-# is in $WIDMO_SERVICES_DIR/jack.pid.
+# WIDMO_TEST_SINK_192, WIDMO_TEST_SINK_384, DISPLAY, JACK_DEFAULT_SERVER,
+# WIDMO_SERVICES_DIR. The JACK server's process id is in
+# $WIDMO_SERVICES_DIR/jack.pid.
 
 WIDMO_SERVICES_DIR=""
 _widmo_pids=()
@@ -34,6 +39,8 @@ _start_pulse() {
     export PULSE_SERVER="unix:$PULSE_RUNTIME_PATH/native"
     export WIDMO_TEST_SINK=widmo_sink
     export WIDMO_TEST_SOURCE=widmo_mic
+    export WIDMO_TEST_SINK_192=widmo_sink192
+    export WIDMO_TEST_SINK_384=widmo_sink384
     # -n: no default modules, so nothing suspends the sink or probes hardware.
     pulseaudio --daemonize=no --exit-idle-time=-1 -n --use-pid-file=no \
         --load=module-native-protocol-unix \
@@ -46,6 +53,8 @@ _start_pulse() {
     fi
     pactl load-module module-remap-source master="$WIDMO_TEST_SINK.monitor" \
         source_name="$WIDMO_TEST_SOURCE" source_properties=device.description=WidmoTestMic >/dev/null
+    pactl load-module module-null-sink sink_name="$WIDMO_TEST_SINK_192" rate=192000 >/dev/null
+    pactl load-module module-null-sink sink_name="$WIDMO_TEST_SINK_384" rate=384000 >/dev/null
     pactl set-default-sink "$WIDMO_TEST_SINK"
     pactl set-default-source "$WIDMO_TEST_SOURCE"
     _services_log "PulseAudio at $PULSE_SERVER"

@@ -3,6 +3,7 @@
 #include "audio/AudioIOUnit.h"
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
+#include "core/RealTimeScope.h"
 #include "engine/MainQueue.h"
 #include "engine/MainViewControllerInterface.h"
 #include "engine/TQAudioDelegate.h"
@@ -54,6 +55,13 @@ TQAudio::TQAudio(AnalyzerDefaults& defaults, const AnalyzerFeatures& features)
         task.owner = this;
     knownInputIds_ = inputIds(server_);
     connect(&server_, &SoundServer::devicesChanged, this, &TQAudio::checkInputs);
+    if (features_.featureTranspositionEnabled()) {
+        transposer_ = std::make_unique<Transposer>();
+        transposerFeed_.assign(size_t(AudioIOUnit::kMaxInputFrames), 0.0f);
+        // A tenth of a second between a stall and the message is soon enough.
+        tooSlowTimer_.setInterval(100);
+        connect(&tooSlowTimer_, &QTimer::timeout, this, &TQAudio::checkTranspositionTooSlow);
+    }
 
     audioThread_.setObjectName("widmo audio control");
     unit_ = new AudioIOUnit(*this, server_);
@@ -132,6 +140,8 @@ void TQAudio::finishStart(bool recording, std::function<void(bool)> completion, 
             skipThreshold_.store(int32_t(double(defaults_.sampleRate()) * 7.0 / 44100.0),
                                  std::memory_order_release);
             isRecording_.store(true, std::memory_order_release);
+            if (isTransposing())
+                tooSlowTimer_.start();
         } else {
             isRecording_.store(false, std::memory_order_release);
             mWillRecord_.store(false, std::memory_order_release);
@@ -155,6 +165,7 @@ void TQAudio::stop() {
     isPlaying_.store(false, std::memory_order_release);
     mWillRecord_.store(false, std::memory_order_release);
     mWillPlay_.store(false, std::memory_order_release);
+    tooSlowTimer_.stop();
     stopAudioUnits();
     if (playing)
         setPreferredInput(lastPortBeforePlaying_);
@@ -205,13 +216,17 @@ void TQAudio::setupAndStartAudioUnit(std::function<void(bool)> completion) {
         if (willPlay)
             setPrefferedToInternalInput();
 
+        // Recording with transposition plays the transposed input; otherwise
+        // the output runs for playback only: while recording, the cycles of
+        // the capture stream are the device's cycles, and no silence needs
+        // playing.
+        const bool transposing =
+            willRecord && transposer_ != nullptr && defaults_.recordingTranspositionOn();
         AudioIOUnit::Config config;
         config.enableInput = willRecord;
-        // Output runs for playback only: while recording, the cycles of the
-        // capture stream are the device's cycles, and no silence needs playing.
-        config.enableOutput = willPlay;
+        config.enableOutput = willPlay || transposing;
         config.input = willRecord ? currentInput() : AudioDevice();
-        config.output = willPlay ? server_.defaultOutput() : AudioDevice();
+        config.output = config.enableOutput ? server_.defaultOutput() : AudioDevice();
         config.sampleRate = sampleRate;
         config.outputSampleRate = sampleRate;
         if (willPlay && features_.featureTranspositionEnabled() &&
@@ -222,8 +237,9 @@ void TQAudio::setupAndStartAudioUnit(std::function<void(bool)> completion) {
         }
         config.ioBufferFrames = ioBufferFrames();
         config.inputVolume = inputGain_;
-        outputRunning_.store(willPlay, std::memory_order_release);
+        outputRunning_.store(config.enableOutput, std::memory_order_release);
         ring_.reset();
+        prepareTransposition(transposing, sampleRate);
 
         AudioIOUnit* unit = unit_;
         audioCalls_->post([this, unit, config, completion = std::move(completion)]() mutable {
@@ -243,6 +259,25 @@ void TQAudio::setupAndStartAudioUnit(std::function<void(bool)> completion) {
             });
         });
     });
+}
+
+void TQAudio::prepareTransposition(bool transposing, int sampleRate) {
+    transposing_.store(transposing, std::memory_order_release);
+    transpositionTooSlow_.store(false, std::memory_order_release);
+    if (!transposing)
+        return;
+    // The streams are closed: once the blocks of an earlier recording have
+    // been delivered, nothing else touches the transposer until they open.
+    audioDispatchQueue_.waitUntilEmpty();
+    const int32_t octaves = std::clamp(defaults_.realTimeTransposeOctavesDown(), 0, 30);
+    transposeFilter_.store(defaults_.realTimeTranspFilterBelow20kHz(), std::memory_order_release);
+    transposeFactor_.store(int32_t{1} << octaves, std::memory_order_release);
+    transposeRate_.store(sampleRate, std::memory_order_release);
+    outputGainFactor_.store(float(std::pow(10.0, double(defaults_.outputGainValue()) / 20.0)),
+                            std::memory_order_release);
+    transposer_->setupTranspozycje();
+    transposer_->setFilter20kHzOn(transposeFilter_.load(std::memory_order_acquire),
+                                  transposeFactor_.load(std::memory_order_acquire), sampleRate);
 }
 
 void TQAudio::stopAudioUnits() {
@@ -290,6 +325,7 @@ void TQAudio::setInputGain(float gain) {
 // --- Audio thread ---------------------------------------------------------------------------
 
 void TQAudio::inputAvailable(int32_t frames) {
+    const RealTimeScope realTime;
     // Only the cycles of a running recording count: the stream delivers a
     // little before its start completes and until the control thread has
     // closed it after a stop.
@@ -324,22 +360,62 @@ void TQAudio::inputAvailable(int32_t frames) {
 }
 
 void TQAudio::DeliveryTask::run() {
+    const RealTimeScope realTime;
+    if (owner->isTransposing())
+        owner->feedTransposer(data, frames);
     TQAudioDelegate* delegate = owner->delegate();
     if (delegate != nullptr)
         delegate->didGetNewAudioData(TQAudioData{frames, data});
     queued.store(false, std::memory_order_release);
 }
 
+void TQAudio::feedTransposer(const float* interleaved, int32_t frames) {
+    const auto channel = size_t(std::clamp<int64_t>(currentInputChannel(), 0, 1));
+    const float gain = float(std::pow(10.0, double(defaults_.softwareInputGainValue()) / 20.0));
+    const int32_t n = std::min(frames, int32_t(transposerFeed_.size()));
+    for (int32_t i = 0; i < n; ++i)
+        transposerFeed_[size_t(i)] = gain * interleaved[2 * size_t(i) + channel];
+    transposer_->addNewData(transposerFeed_.data(), n);
+}
+
 void TQAudio::renderOutput(int32_t frames, float* out) {
-    // Silence unless the delegate writes the samples.
+    const RealTimeScope realTime;
+    // Silence unless the delegate or the transposer writes the samples.
     std::memset(out, 0, size_t(frames) * sizeof(float));
     if (isPlaying()) {
         if (TQAudioDelegate* delegate = this->delegate()) {
             TQAudioData block{frames, out};
             delegate->giveNewAudioData(&block);
         }
+    } else if (isRecording() && isTransposing() &&
+               renderCycles_.load(std::memory_order_acquire) >
+                   skipThreshold_.load(std::memory_order_acquire)) {
+        transposer_->setFilter20kHzOn(transposeFilter_.load(std::memory_order_acquire),
+                                      transposeFactor_.load(std::memory_order_acquire),
+                                      transposeRate_.load(std::memory_order_acquire));
+        if (!transposer_->getTransposedData(out, frames))
+            transpositionTooSlow_.store(true, std::memory_order_release);
+        const float gain = outputGainFactor_.load(std::memory_order_acquire);
+        for (int32_t i = 0; i < frames; ++i)
+            out[i] *= gain;
     }
     renderCycles_.fetch_add(1, std::memory_order_acq_rel);
+}
+
+void TQAudio::checkTranspositionTooSlow() {
+    if (!transpositionTooSlow_.exchange(false, std::memory_order_acq_rel) || !isRecording())
+        return;
+    tooSlowTimer_.stop();
+    auto show = [messages = messages_] {
+        if (messages != nullptr)
+            messages->showMessage(Transposer::kTooSlowMessage, "OK");
+    };
+    if (mainViewController_ == nullptr) {
+        stop();
+        show();
+    } else {
+        mainViewController_->stopAnalyzerWithoutBlockButtonsAndRunBlock(show);
+    }
 }
 
 void TQAudio::unitFailed(AudioIOFailure failure, const QString& deviceName) {

@@ -7,18 +7,21 @@
 #include "audio/CallMailbox.h"
 #include "audio/CaptureBufferRing.h"
 #include "audio/SoundServer.h"
+#include "dsp/Transposer.h"
 #include "engine/DispatchQueue.h"
 #include "engine/TQAudioInterface.h"
 
 #include <QList>
 #include <QObject>
 #include <QThread>
+#include <QTimer>
 
 #include <array>
 #include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <vector>
 
 namespace widmo {
 
@@ -41,6 +44,19 @@ class TQMessageInterface;
 /// order. Playback pulls mono float samples from the delegate's
 /// `giveNewAudioData` once per render cycle.
 ///
+/// Transposition (products with `featureTranspositionEnabled`): while a
+/// recording runs with `recordingTranspositionOn`, the output runs too. Each
+/// delivery hands the analysed channel, times the software input gain, to the
+/// transposer before the delegate gets the block, and each render cycle past
+/// the start-up skip drains it: the input comes out of the default output
+/// 2^`realTimeTransposeOctavesDown` times lower (with
+/// `realTimeTranspFilterBelow20kHz`, only what lies above 20 kHz), times the
+/// output gain. When the transposer cannot keep up, the analyser is stopped
+/// and the user told (`Transposer::kTooSlowMessage`), once per recording.
+/// Slowed-down playback (`playbackTranspType` 1) opens the output at the
+/// document's rate / 2^`playbackSlowDownOctaves`, so that the device plays
+/// the same samples slower and lower.
+///
 /// The object also stands for the platform's audio session: the available
 /// inputs, the preferred input (the device that the next start opens; none
 /// means the sound server's default input, which a running capture follows
@@ -62,7 +78,10 @@ class TQMessageInterface;
 /// the server's main loop lock, which other threads hold only briefly).
 /// Deliveries run on the delivery queue. `isRecording`, `isPlaying`,
 /// `currentInputChannel`, the delegate and the start-up counters are atomics
-/// read across these threads.
+/// read across these threads. The transposer is set up on the main thread
+/// before the streams open, fed on the delivery queue and drained on the audio
+/// thread (see `Transposer`); the render cycle reports "too slow" through an
+/// atomic that a main-thread timer reads, so that it never allocates.
 class TQAudio final : public QObject, public TQAudioInterface, private AudioIOUnitClient {
     Q_OBJECT
 public:
@@ -155,6 +174,12 @@ public:
     int32_t actualBuffer() const { return ring_.actualBuffer(); }
     DispatchQueue& audioDispatchQueue() { return audioDispatchQueue_; }
 
+    /// The transposer of the recording path; null without
+    /// `featureTranspositionEnabled`. Its read-outs are for when nothing runs.
+    const Transposer* transposer() const { return transposer_.get(); }
+    /// The running (or last) recording feeds the transposer and plays its output.
+    bool isTransposing() const { return transposing_.load(std::memory_order_acquire); }
+
     /// Render cycles counted since the recording started, and the number of
     /// first cycles whose input is dropped: trunc(sampleRate * 7 / 44100).
     int64_t renderCycleCounter() const { return renderCycles_.load(std::memory_order_acquire); }
@@ -204,6 +229,14 @@ private:
     void handleRunningFailure(AudioIOFailure failure, const QString& deviceName);
     void reportFailure(AudioIOFailure failure, const QString& deviceName, bool playback,
                        bool startFailed);
+    /// Main thread, before the streams open: sets the transposer up for the
+    /// recording about to start when `transposing`, with the settings of now.
+    void prepareTransposition(bool transposing, int sampleRate);
+    /// Delivery queue: the analysed channel of a block, gained, into the transposer.
+    void feedTransposer(const float* interleaved, int32_t frames);
+    /// Main thread, on the timer while transposing: stops and tells the user
+    /// once the render cycle has found the transposer too slow.
+    void checkTranspositionTooSlow();
     void checkInputs();
     void followDefaultInput();
     int ioBufferFrames() const;
@@ -229,6 +262,17 @@ private:
     std::atomic<int32_t> skipThreshold_{0};
     std::atomic<bool> outputRunning_{false};
     std::array<DeliveryTask, CaptureBufferRing::kBufferCount> deliveries_;
+    std::unique_ptr<Transposer> transposer_;
+    std::vector<float> transposerFeed_; ///< delivery queue: one channel of a block, gained
+    std::atomic<bool> transposing_{false};
+    // The transposer's parameters and the output gain factor of the running
+    // recording, for the render cycle.
+    std::atomic<bool> transposeFilter_{false};
+    std::atomic<int32_t> transposeFactor_{0};
+    std::atomic<int32_t> transposeRate_{0};
+    std::atomic<float> outputGainFactor_{1.0f};
+    std::atomic<bool> transpositionTooSlow_{false}; ///< set by the render cycle
+    QTimer tooSlowTimer_;                           ///< main thread
 
     // Session state, main thread.
     AudioDevice preferredInput_;

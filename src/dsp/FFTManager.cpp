@@ -107,13 +107,22 @@ FFTManager& FFTManager::sharedManager() {
     return manager;
 }
 
+namespace {
+
+// The EGG filter and the transposer run on the complex plans.
+bool needsComplexPlans(const AnalyzerFeatures& features) {
+    return features.featureVoiceEGG() || features.featureTranspositionEnabled();
+}
+
+} // namespace
+
 void FFTManager::preparePlans() {
-    mSpectrumAnalysis->prepareAll(mDefaults.fftSize(), mDefaults.features().featureVoiceEGG());
+    mSpectrumAnalysis->prepareAll(mDefaults.fftSize(), needsComplexPlans(mDefaults.features()));
 }
 
 void FFTManager::preparePlansInBackground() {
     mSpectrumAnalysis->startPreparing(mDefaults.fftSize(), FFTPlanCache::kPatientFromSize,
-                                      mDefaults.features().featureVoiceEGG());
+                                      needsComplexPlans(mDefaults.features()));
 }
 
 void FFTManager::prepareWindow() {

@@ -58,8 +58,9 @@ public:
     static FFTManager& sharedManager();
 
     /// Makes (or loads from wisdom) the FFTW plans of every size the settings
-    /// allow, the current `fftSize` first; with `featureVoiceEGG` also the
-    /// complex plans of the EGG filter (`EGGFilter`). Non-real-time thread, before the
+    /// allow, the current `fftSize` first; with `featureVoiceEGG` or
+    /// `featureTranspositionEnabled` also the complex plans of the EGG filter
+    /// (`EGGFilter`) and the transposer (`Transposer`). Non-real-time thread, before the
     /// first transform; idempotent. Blocks while planning: about 2.5 s in all
     /// on a first run, milliseconds once the wisdom file exists.
     void preparePlans();

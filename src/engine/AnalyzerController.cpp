@@ -82,8 +82,11 @@ AnalyzerController::AnalyzerController(AnalyzerDefaults& defaults, FFTManager& f
     audio_.setDelegate(this);
     mAudioData = TQAudioData{};
     mEggData = TQAudioData{};
-    // Transposition: with featureTranspositionEnabled the engine creates its
-    // Transposer here; no product of this system offers it yet.
+    // Sized for the largest block now, so that the intake never allocates.
+    createMDataBufferIfNeededWithSize(kScratchFrames);
+    if (defaults_.features().featureTranspositionEnabled()) {
+        transposer_ = std::make_unique<Transposer>();
+    }
     mAnalyzerQueue1Counter.store(0, std::memory_order_release);
     mAnalyzerQueue2Counter.store(0, std::memory_order_release);
 }
@@ -588,8 +591,12 @@ void AnalyzerController::startPlayer(std::function<void(bool)> completion) {
     if (audio_.isRecording() || audio_.isPlaying()) {
         return;
     }
-    // Transposition: with featureTranspositionEnabled the transposer is set up
-    // and its filter set here, before the first block is played.
+    if (transposer_ != nullptr) {
+        // Before the first block is played; the render thread only feeds and
+        // drains it.
+        transposer_->setupTranspozycje();
+        setTransposerParameters();
+    }
     const int64_t n = intervalSize();
     const int64_t first = getFirstIntervalToPlay();
     mStartIntervalMem.store(first, std::memory_order_release);
@@ -607,6 +614,12 @@ void AnalyzerController::startPlayer(std::function<void(bool)> completion) {
             completion(success);
         }
     });
+}
+
+void AnalyzerController::setTransposerParameters() {
+    const int32_t octaves = std::clamp(defaults_.realTimeTransposeOctavesDown(), 0, 30);
+    transposer_->setFilter20kHzOn(defaults_.realTimeTranspFilterBelow20kHz(), int32_t{1} << octaves,
+                                  static_cast<int32_t>(defaults_.sampleRate()));
 }
 
 void AnalyzerController::stopPlayer() {
@@ -654,8 +667,13 @@ void AnalyzerController::giveNewAudioData(TQAudioData* data) {
             left -= chunk;
             position = 0;
         }
-        // Transposition: with playbackTranspType 2 the block goes through the
-        // transposer here and is replaced by its output.
+        // Transposed playback: the block goes through the transposer and is
+        // replaced by its output (silent for the first frame and block).
+        if (transposer_ != nullptr && defaults_.playbackTranspType() == 2) {
+            transposer_->addNewData(data->data, data->count);
+            setTransposerParameters();
+            transposer_->getTransposedData(data->data, data->count);
+        }
         mActualPlayedFrame.store(played + data->count, std::memory_order_release);
     } else if (!mPlayerStopPosted.exchange(true, std::memory_order_acq_rel)) {
         // The render thread keeps calling until the main thread has stopped the

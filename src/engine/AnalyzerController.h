@@ -1,5 +1,6 @@
 #pragma once
 
+#include "dsp/Transposer.h"
 #include "engine/DispatchQueue.h"
 #include "engine/DisplayTimer.h"
 #include "engine/RecordingTrigger.h"
@@ -58,9 +59,10 @@ class TQMessageInterface;
 ///   count with a release store of `mFramesWriteCount`. While the node feeds the
 ///   engine the device's blocks are dropped; at the moment the source changes
 ///   both may arrive at once, and `mIntakeBusy` (taken with an exchange, never
-///   waited for) drops the block that finds the other one writing. Steady state: no lock, no
-///   allocation (the scratch blocks grow only for a block larger than any
-///   before; the processing task is a member object submitted with the queue's
+///   waited for) drops the block that finds the other one writing. No lock, no
+///   allocation (the scratch blocks hold `kScratchFrames` from the start and
+///   grow only for a larger block, which the audio object never delivers; the
+///   processing task is a member object submitted with the queue's
 ///   allocation-free `async(Task&)`).
 /// - Analysis queue 1: the processing task and the recalculation tasks. It reads
 ///   only intervals that are complete (acquire load of `mFramesWriteCount`) and
@@ -76,7 +78,8 @@ class TQMessageInterface;
 ///   contexts is always posted, never run inline.
 /// - Real-time playback thread: `giveNewAudioData` reads the ring and the
 ///   atomic `mActualPlayedFrame`; it does not lock or allocate (it posts once,
-///   when playback runs out).
+///   when playback runs out). With `playbackTranspType` 2 it feeds and drains
+///   the engine's own transposer, which `startPlayer` sets up beforehand.
 /// The display timer reads a result slot of the FFT engine while queue 1 may
 /// be computing 256 intervals ahead into the same slot: the main thread marks
 /// the interval it reads (`mChartReadIntervalIndex`), queue 1 marks the one it
@@ -95,6 +98,9 @@ public:
     static const char* const kTooSlowMessage;
     /// Name of the test capture file in the documents folder.
     static const char* const kTestFileName;
+    /// Frames the scratch blocks hold from construction: one capture buffer of
+    /// the audio object, its largest block.
+    static constexpr int32_t kScratchFrames = 32768;
 
     /// Registers the engine as `audio`'s delegate and creates the two analysis
     /// queues. `defaults`, `fftManager` and `audio` must outlive the engine.
@@ -176,7 +182,10 @@ public:
     /// Playback source: fills `data->count` mono samples from the store with the
     /// output gain, or, when fewer samples than the block remain before the
     /// newest one, leaves the block as it is and stops playback through the
-    /// main thread (once). Real-time thread.
+    /// main thread (once). With transposition and `playbackTranspType` 2 the
+    /// block is then replaced by the transposer's output: the document
+    /// 2^`realTimeTransposeOctavesDown` times lower at its own pace.
+    /// Real-time thread.
     void giveNewAudioData(TQAudioData* data) override;
 
     // --- Document (main thread, engine stopped) ---------------------------------------------
@@ -249,6 +258,8 @@ private:
     };
 
     void processIntervals();
+    /// The transposer's filter, factor and rate from the settings of now.
+    void setTransposerParameters();
     /// FFT of `intervalIndex` into its result slot, then the spectrogram column.
     /// Queue 1.
     void computeInterval(int64_t intervalIndex);
@@ -294,6 +305,8 @@ private:
     TQAudioData mEggData;
     std::vector<float> mAudioDataStorage;
     std::vector<float> mEggDataStorage;
+    /// Transposed playback (`featureTranspositionEnabled`); null otherwise.
+    std::unique_ptr<Transposer> transposer_;
     std::atomic<int> mAnalyzerQueue1Counter{0};
     std::atomic<int> mAnalyzerQueue2Counter{0};
     std::atomic<bool> mTooSlow{false};

@@ -81,8 +81,9 @@ void ChildProcess::stop() {
 }
 
 SinkPlayer::SinkPlayer(int sampleRate, double seconds, const std::function<float(double)>& left,
-                       const std::function<float(double)>& right)
-    : path_(dir_.filePath("signal.raw")), sampleRate_(sampleRate) {
+                       const std::function<float(double)>& right, const QString& sink)
+    : path_(dir_.filePath("signal.raw")), sampleRate_(sampleRate),
+      sink_(sink.isEmpty() ? qEnvironmentVariable("WIDMO_TEST_SINK", "widmo_sink") : sink) {
     const size_t frames = size_t(seconds * sampleRate);
     std::vector<float> samples(frames * 2);
     for (size_t i = 0; i < frames; ++i) {
@@ -101,8 +102,26 @@ SinkPlayer::~SinkPlayer() { stop(); }
 bool SinkPlayer::start() {
     return process_.start("pacat", {"--playback", "--raw", "--format=float32le",
                                     QString("--rate=%1").arg(sampleRate_), "--channels=2",
-                                    "--latency-msec=10", "-d",
-                                    qEnvironmentVariable("WIDMO_TEST_SINK", "widmo_sink"), path_});
+                                    "--latency-msec=10", "-d", sink_, path_});
+}
+
+QString UltrasonicMicrophone::sinkName() {
+    return qEnvironmentVariable("WIDMO_TEST_SINK_192", "widmo_sink192");
+}
+
+UltrasonicMicrophone::UltrasonicMicrophone() {
+    QString out;
+    if (runTool("pactl",
+                {"load-module", "module-remap-source", "master=" + sinkName() + ".monitor",
+                 QString("source_name=") + kSourceName,
+                 "source_properties=device.description=WidmoTestMic192"},
+                &out) == 0)
+        module_ = out.trimmed().toInt();
+}
+
+UltrasonicMicrophone::~UltrasonicMicrophone() {
+    if (module_ >= 0)
+        unloadModule(module_);
 }
 
 void SinkPlayer::stop() { process_.stop(); }
@@ -182,6 +201,8 @@ bool restartSoundServer(int downMs) {
     }
     if (!up || loadVirtualMicrophone() < 0 || runTool("pactl", {"set-default-sink", sink}) != 0)
         return false;
+    runTool("pactl", {"load-module", "module-null-sink",
+                      "sink_name=" + UltrasonicMicrophone::sinkName(), "rate=192000"});
     keepSinkRendering(false);
     return true;
 }

@@ -93,9 +93,10 @@ private:
 /// that its monitor (and the virtual microphone) deliver in real time.
 class SinkPlayer {
 public:
-    /// `left(t)` / `right(t)`: sample values at time t seconds.
+    /// `left(t)` / `right(t)`: sample values at time t seconds. Into `sink`
+    /// (the test sink when empty).
     SinkPlayer(int sampleRate, double seconds, const std::function<float(double)>& left,
-               const std::function<float(double)>& right);
+               const std::function<float(double)>& right, const QString& sink = QString());
     ~SinkPlayer();
     bool start();
     void stop();
@@ -104,7 +105,23 @@ private:
     QTemporaryDir dir_;
     QString path_;
     int sampleRate_;
+    QString sink_;
     ChildProcess process_;
+};
+
+/// A virtual microphone on the monitor of the test services' ultrasonic sink
+/// (WIDMO_TEST_SINK_192, a null sink at 192 kHz), loaded for the object's
+/// life: what is played into that sink is captured from it at 192 kHz.
+class UltrasonicMicrophone {
+public:
+    static constexpr const char* kSourceName = "widmo_mic192";
+    UltrasonicMicrophone();
+    ~UltrasonicMicrophone();
+    bool isLoaded() const { return module_ >= 0; }
+    static QString sinkName();
+
+private:
+    int module_ = -1;
 };
 
 /// Amplitude of the component at `frequency` in `count` samples taken with

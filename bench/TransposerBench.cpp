@@ -1,0 +1,155 @@
+// Cost of real-time transposition per second of input, at 192 and 384 kHz for
+// each factor, beside the bare FFTW complex transforms that the same second
+// needs (rate / H frames, each an M-point forward and an 8,192-point inverse
+// transform on the same plans). One iteration is one second of input, fed and
+// drained in 512-sample blocks as the audio path does, so the time per
+// iteration in seconds is the share of one core. The table at the end gives
+// both shares and their ratio (the transposer's own work beside the
+// transforms: copies, window, overlap-add).
+//
+// Unless told otherwise the run repeats every benchmark five times in random
+// interleaved order; the table gives medians.
+#include "BenchArguments.h"
+#include "dsp/FFTPlanCache.h"
+#include "dsp/Transposer.h"
+
+#include <QCoreApplication>
+#include <QSettings>
+#include <QTemporaryDir>
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <numbers>
+#include <string>
+#include <vector>
+
+namespace {
+
+using widmo::FFTPlanCache;
+using widmo::Transposer;
+
+constexpr int32_t kBlock = 512;
+
+int32_t frameOf(int32_t factor) { return Transposer::kOutputFrame / factor; }
+int32_t hopOf(int32_t factor) { return std::min(frameOf(factor), Transposer::kMaxHop); }
+
+void BM_transposer(benchmark::State& state) {
+    const auto rate = static_cast<int32_t>(state.range(0));
+    const auto factor = static_cast<int32_t>(state.range(1));
+    Transposer transposer(FFTPlanCache::shared());
+    transposer.setupTranspozycje();
+    transposer.setFilter20kHzOn(false, factor, rate);
+    // One second of a 40 kHz tone, made outside the timing.
+    std::vector<float> in(size_t(rate / kBlock * kBlock));
+    for (size_t i = 0; i < in.size(); ++i)
+        in[i] = 0.5f * float(std::sin(2.0 * std::numbers::pi * 40000.0 * double(i) / rate));
+    std::vector<float> out(kBlock);
+    for (auto _ : state) {
+        for (size_t at = 0; at < in.size(); at += kBlock) {
+            transposer.addNewData(in.data() + at, kBlock);
+            transposer.getTransposedData(out.data(), kBlock);
+            benchmark::DoNotOptimize(out.data());
+        }
+    }
+    state.counters["core_share"] = benchmark::Counter(
+        1.0, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+}
+
+void BM_bareComplexFFT(benchmark::State& state) {
+    const auto rate = static_cast<int32_t>(state.range(0));
+    const auto factor = static_cast<int32_t>(state.range(1));
+    const int32_t m = frameOf(factor);
+    fftwf_plan forward = FFTPlanCache::shared().complexPlan(m, FFTW_FORWARD);
+    fftwf_plan backward =
+        FFTPlanCache::shared().complexPlan(Transposer::kOutputFrame, FFTW_BACKWARD);
+    auto* data = static_cast<float*>(std::aligned_alloc(64, 2 * Transposer::kOutputFrame * 4));
+    std::memset(data, 0, 2 * Transposer::kOutputFrame * 4);
+    auto* bins = reinterpret_cast<fftwf_complex*>(data);
+    const int32_t frames = rate / hopOf(factor);
+    for (auto _ : state) {
+        for (int32_t f = 0; f < frames; ++f) {
+            data[0] = 1.0f; // keeps the values finite from frame to frame
+            fftwf_execute_dft(forward, bins, bins);
+            fftwf_execute_dft(backward, bins, bins);
+            benchmark::DoNotOptimize(data);
+        }
+    }
+    state.counters["core_share"] = benchmark::Counter(
+        1.0, benchmark::Counter::kIsIterationInvariantRate | benchmark::Counter::kInvert);
+    std::free(data);
+}
+
+void cases(benchmark::internal::Benchmark* b) {
+    for (int rate : {192000, 384000})
+        for (int factor : {2, 4, 8, 16})
+            b->Args({rate, factor});
+    b->Unit(benchmark::kMillisecond);
+}
+
+BENCHMARK(BM_transposer)->Apply(cases);
+BENCHMARK(BM_bareComplexFFT)->Apply(cases);
+
+/// Console output, and the median time per iteration of each case.
+class RecordingReporter : public benchmark::ConsoleReporter {
+public:
+    void ReportRuns(const std::vector<Run>& runs) override {
+        for (const Run& run : runs) {
+            if (run.error_occurred)
+                continue;
+            if (run.run_type == Run::RT_Iteration && !times.count(run.run_name.str()))
+                times[run.run_name.str()] = run.GetAdjustedRealTime();
+            else if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median")
+                times[run.run_name.str()] = run.GetAdjustedRealTime();
+        }
+        ConsoleReporter::ReportRuns(runs);
+    }
+    /// Milliseconds per second of input.
+    double time(const std::string& name, int rate, int factor) const {
+        const auto it =
+            times.find(name + "/" + std::to_string(rate) + "/" + std::to_string(factor));
+        return it == times.end() ? 0.0 : it->second;
+    }
+    std::map<std::string, double> times;
+};
+
+} // namespace
+
+int main(int argc, char** argv) {
+    QCoreApplication app(argc, argv);
+    QTemporaryDir home;
+    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, home.path());
+    // The plans the application's planning thread makes, outside the timings.
+    if (!Transposer::preparePlans(FFTPlanCache::shared())) {
+        std::fprintf(stderr, "FFTW could not plan the transposer's transforms\n");
+        return 1;
+    }
+
+    std::vector<char*> args = widmo::bench::withInterleavedRepetitions(argc, argv);
+    int count = static_cast<int>(args.size());
+    args.push_back(nullptr);
+    benchmark::Initialize(&count, args.data());
+    RecordingReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+
+    std::printf("\n%7s %6s %6s %5s %7s | %14s %14s %8s\n", "rate", "factor", "M", "H", "frames/s",
+                "transposer %", "bare FFTs %", "ratio");
+    for (int rate : {192000, 384000}) {
+        for (int factor : {2, 4, 8, 16}) {
+            const double t = reporter.time("BM_transposer", rate, factor);
+            const double f = reporter.time("BM_bareComplexFFT", rate, factor);
+            std::printf("%7d %6d %6d %5d %7d | %14.2f %14.2f %8.2f\n", rate, factor,
+                        frameOf(factor), hopOf(factor), rate / hopOf(factor), t / 10.0, f / 10.0,
+                        f > 0.0 ? t / f : 0.0);
+        }
+    }
+    std::printf("(share of one core per second of input: median ms per second / 10)\n");
+    return 0;
+}

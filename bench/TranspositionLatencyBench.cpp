@@ -1,0 +1,289 @@
+// The latency of real-time transposition through the test sound server
+// (source scripts/services.sh; services_start): tone bursts written into the
+// ultrasonic null sink (192 or 384 kHz) are captured by the audio object from
+// a virtual microphone on its monitor, transposed, played into the default
+// sink, and heard again on that sink's monitor.
+//
+// Each of 30 bursts is 30 ms of a 40 kHz tone at a random moment. The baseline is the time
+// from writing the burst to the delivery of the captured block that holds it
+// (the input side: the writing stream, the server, the capture fragment); the
+// measure is the time from that delivery to the moment the transposed burst is
+// captured back from the default sink's monitor (the transposer's frame and
+// blocks, the output stream's buffer, the sink, and one capture fragment of
+// the monitor, which stands for the input side's own). Counters give the
+// median and 90th percentile in milliseconds, and the whole way from writing
+// to hearing.
+#include "audio/AudioIOUnit.h"
+#include "audio/AudioIOUnitClient.h"
+#include "audio/TQAudio.h"
+#include "core/AnalyzerDefaults.h"
+#include "core/AnalyzerFeatures.h"
+#include "dsp/FFTManager.h"
+#include "dsp/FFTPlanCache.h"
+#include "dsp/Transposer.h"
+#include "engine/AnalyzerController.h"
+#include "engine/TQAudioDelegate.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QProcess>
+#include <QSettings>
+#include <QTemporaryDir>
+#include <QThread>
+
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <numbers>
+#include <random>
+#include <vector>
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr float kInputThreshold = 0.25f;
+constexpr float kOutputThreshold = 0.02f;
+
+// Runs the main thread's events for `ms` milliseconds.
+void spin(int ms) {
+    QElapsedTimer t;
+    t.start();
+    while (t.elapsed() < ms) {
+        QCoreApplication::processEvents();
+        QThread::usleep(200);
+    }
+}
+
+double median(std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    return v.empty() ? 0.0 : v[v.size() / 2];
+}
+double percentile90(std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    return v.empty() ? 0.0 : v[std::min(v.size() - 1, v.size() * 9 / 10)];
+}
+
+// Plays silence into `sink` for the object's life, so that the null sink
+// renders in small steps and its monitor delivers in real time.
+class SinkKeepAlive {
+public:
+    SinkKeepAlive(const QString& sink, int rate) {
+        process_.setStandardInputFile("/dev/zero");
+        process_.start("pacat",
+                       {"--playback", "--raw", "--format=float32le", QString("--rate=%1").arg(rate),
+                        "--channels=2", "--latency-msec=10", "-d", sink});
+        process_.waitForStarted(5000);
+    }
+    ~SinkKeepAlive() {
+        process_.kill();
+        process_.waitForFinished(3000);
+    }
+
+private:
+    QProcess process_;
+};
+
+// A virtual microphone on a sink's monitor, for the object's life.
+class Microphone {
+public:
+    Microphone(const QString& sink, const QString& name) {
+        QProcess pactl;
+        pactl.start("pactl", {"load-module", "module-remap-source", "master=" + sink + ".monitor",
+                              "source_name=" + name});
+        pactl.waitForFinished(5000);
+        module_ = QString::fromLatin1(pactl.readAllStandardOutput()).trimmed();
+    }
+    ~Microphone() {
+        if (!module_.isEmpty())
+            QProcess::execute("pactl", {"unload-module", module_});
+    }
+
+private:
+    QString module_;
+};
+
+// Notes when a delivered block holds the burst, and passes it to the engine.
+class WatchingDelegate : public widmo::TQAudioDelegate {
+public:
+    explicit WatchingDelegate(widmo::TQAudioDelegate& engine) : engine_(engine) {}
+    void didGetNewAudioData(widmo::TQAudioData data) override {
+        if (!seen.load(std::memory_order_acquire)) {
+            for (int32_t i = 0; i < data.count * 2; ++i) {
+                if (std::fabs(data.data[i]) > kInputThreshold) {
+                    at = Clock::now();
+                    seen.store(true, std::memory_order_release);
+                    break;
+                }
+            }
+        }
+        engine_.didGetNewAudioData(data);
+    }
+    void giveNewAudioData(widmo::TQAudioData*) override {}
+
+    std::atomic<bool> seen{false};
+    Clock::time_point at;
+
+private:
+    widmo::TQAudioDelegate& engine_;
+};
+
+// Listens to the default sink's monitor and notes when the transposed burst
+// arrives (armed by the caller).
+class Listener : public widmo::AudioIOUnitClient {
+public:
+    void inputAvailable(int32_t frames) override {
+        const int32_t n = unit->renderInput(buffer.data(), std::min(frames, kFrames));
+        if (!armed.load(std::memory_order_acquire) || heard.load(std::memory_order_acquire))
+            return;
+        for (int32_t i = 0; i < n * 2; ++i) {
+            if (std::fabs(buffer[size_t(i)]) > kOutputThreshold) {
+                at = Clock::now();
+                heard.store(true, std::memory_order_release);
+                break;
+            }
+        }
+    }
+    void renderOutput(int32_t frames, float* out) override { std::fill(out, out + frames, 0.0f); }
+    void unitFailed(widmo::AudioIOFailure, const QString&) override {}
+
+    static constexpr int32_t kFrames = widmo::AudioIOUnit::kMaxInputFrames;
+    widmo::AudioIOUnit* unit = nullptr;
+    std::vector<float> buffer = std::vector<float>(size_t(2 * kFrames));
+    std::atomic<bool> armed{false};
+    std::atomic<bool> heard{false};
+    Clock::time_point at;
+};
+
+void BM_transposedLatency(benchmark::State& state) {
+    const int rate = int(state.range(0));
+    const int octaves = int(state.range(1));
+    const int factor = 1 << octaves; // for the frame length reported
+    const QString sink = rate == 384000 ? qEnvironmentVariable("WIDMO_TEST_SINK_384")
+                                        : qEnvironmentVariable("WIDMO_TEST_SINK_192");
+    const QString micName = "widmo_bench_mic";
+    Microphone microphone(sink, micName);
+    SinkKeepAlive ultrasonic(sink, rate);
+    SinkKeepAlive audible(qEnvironmentVariable("WIDMO_TEST_SINK", "widmo_sink"), 48000);
+    spin(2000);
+
+    widmo::AnalyzerFeatures features = widmo::AnalyzerFeatures::studioProduct();
+    widmo::AnalyzerDefaults defaults(features, "bench-transposition");
+    defaults.setSampleRate(float(rate));
+    defaults.setRecordingTranspositionOn(true);
+    defaults.setRealTimeTransposeOctavesDown(octaves);
+    defaults.setRealTimeTranspFilterBelow20kHz(false);
+    defaults.setOutputGainValue(0.0f);
+    widmo::Transposer::preparePlans(widmo::FFTPlanCache::shared());
+    widmo::TQAudio audio(defaults, features);
+    widmo::FFTManager manager(defaults);
+    widmo::AnalyzerController engine(defaults, manager, audio);
+    engine.rebuildDataWithClear();
+    defaults.setDataValid(true);
+    WatchingDelegate watcher(engine);
+    audio.setDelegate(&watcher);
+    for (const widmo::AudioDevice& d : audio.availableInputs())
+        if (d.id == micName.toLatin1())
+            audio.setPreferredInput(d);
+
+    Listener listener;
+    widmo::AudioIOUnit listening(listener, audio.soundServer());
+    listener.unit = &listening;
+    widmo::AudioIOUnit::Config config;
+    config.enableInput = true;
+    config.input = audio.soundServer().defaultInput();
+    config.sampleRate = 48000;
+    listening.start(config);
+
+    // The burst: 30 ms of a 40 kHz tone, with 2 ms ramps.
+    const double tone = 40000.0;
+    const int burstFrames = rate * 30 / 1000;
+    const int ramp = rate * 2 / 1000;
+    std::vector<float> burst(size_t(burstFrames) * 2);
+    for (int i = 0; i < burstFrames; ++i) {
+        const double edge = std::min({1.0, double(i) / ramp, double(burstFrames - i) / ramp});
+        const float v =
+            float(0.5 * edge * std::sin(2.0 * std::numbers::pi * tone * double(i) / rate));
+        burst[2 * size_t(i)] = burst[2 * size_t(i) + 1] = v;
+    }
+    QProcess writer;
+    writer.start("pacat",
+                 {"--playback", "--raw", "--format=float32le", QString("--rate=%1").arg(rate),
+                  "--channels=2", "--latency-msec=2", "-d", sink});
+    writer.waitForStarted(5000);
+
+    std::vector<double> input, transposed, whole;
+    bool started = false;
+    engine.startRecorder([&](bool ok) { started = ok; });
+    spin(1500);
+    if (!started) {
+        state.SkipWithError("recording did not start");
+        return;
+    }
+    std::mt19937 random(1);
+    std::uniform_int_distribution<int> pause(250, 350);
+    for (int k = 0; k < 30; ++k) {
+        spin(pause(random));
+        watcher.seen.store(false, std::memory_order_release);
+        listener.heard.store(false, std::memory_order_release);
+        listener.armed.store(true, std::memory_order_release);
+        const Clock::time_point written = Clock::now();
+        writer.write(reinterpret_cast<const char*>(burst.data()),
+                     qint64(burst.size() * sizeof(float)));
+        writer.waitForBytesWritten(100);
+        while (!listener.heard.load(std::memory_order_acquire) &&
+               Clock::now() - written < std::chrono::seconds(1)) {
+            QCoreApplication::processEvents();
+            QThread::usleep(100);
+        }
+        listener.armed.store(false, std::memory_order_release);
+        if (!listener.heard.load(std::memory_order_acquire) ||
+            !watcher.seen.load(std::memory_order_acquire))
+            continue;
+        const auto ms = [](Clock::duration d) {
+            return std::chrono::duration<double, std::milli>(d).count();
+        };
+        input.push_back(ms(watcher.at - written));
+        transposed.push_back(ms(listener.at - watcher.at));
+        whole.push_back(ms(listener.at - written));
+    }
+    engine.stopRecorder();
+    listening.stop();
+    writer.closeWriteChannel();
+    writer.waitForFinished(2000);
+    audio.setDelegate(nullptr);
+
+    size_t i = 0;
+    for (auto _ : state)
+        state.SetIterationTime(transposed.empty() ? 0.0
+                                                  : transposed[i++ % transposed.size()] / 1e3);
+    state.counters["bursts"] = double(transposed.size());
+    state.counters["frame_ms"] = 1000.0 * (widmo::Transposer::kOutputFrame / factor) / rate;
+    state.counters["input_median_ms"] = median(input);
+    state.counters["transposed_median_ms"] = median(transposed);
+    state.counters["transposed_p90_ms"] = percentile90(transposed);
+    state.counters["whole_median_ms"] = median(whole);
+}
+
+BENCHMARK(BM_transposedLatency)
+    ->Args({192000, 3})
+    ->Args({192000, 1})
+    ->Args({384000, 3})
+    ->Args({384000, 1})
+    ->UseManualTime()
+    ->Iterations(30)
+    ->Unit(benchmark::kMillisecond);
+
+} // namespace
+
+int main(int argc, char** argv) {
+    QCoreApplication app(argc, argv);
+    QTemporaryDir home;
+    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, home.path());
+    benchmark::Initialize(&argc, argv);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

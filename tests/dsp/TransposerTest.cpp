@@ -1,0 +1,183 @@
+#include "dsp/Transposer.h"
+
+#include "dsp/FFTPlanCache.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <complex>
+#include <numbers>
+#include <vector>
+
+namespace widmo {
+namespace {
+
+constexpr int32_t kRate = 192000;
+constexpr int32_t kBlock = 512;
+constexpr int32_t kSpectrumSize = 65536;
+
+FFTPlanCache& plans() {
+    static FFTPlanCache cache(QString(), FFTW_ESTIMATE);
+    static const bool planned = Transposer::preparePlans(cache);
+    EXPECT_TRUE(planned);
+    return cache;
+}
+
+/// What `seconds` of a 0.5 sine at `frequency` give, fed and drained in
+/// 512-sample blocks as the audio path does.
+std::vector<float> transpose(double frequency, int32_t factor, bool filter, double seconds) {
+    Transposer t(plans());
+    t.setupTranspozycje();
+    t.setFilter20kHzOn(filter, factor, kRate);
+    std::vector<float> in(kBlock), out;
+    std::vector<float> block(kBlock);
+    int64_t n = 0;
+    for (int32_t b = 0; b < int32_t(seconds * kRate / kBlock); ++b) {
+        for (float& v : in)
+            v = 0.5f * float(std::sin(2.0 * std::numbers::pi * frequency * double(n++) / kRate));
+        t.addNewData(in.data(), kBlock);
+        EXPECT_TRUE(t.getTransposedData(block.data(), kBlock));
+        out.insert(out.end(), block.begin(), block.end());
+    }
+    return out;
+}
+
+/// Magnitudes of the Hann-windowed spectrum of the last 65,536 samples
+/// (2.93 Hz a bin at 192 kHz), bins 0..32768.
+std::vector<double> spectrumOfTail(const std::vector<float>& y) {
+    std::vector<float> in(kSpectrumSize);
+    const size_t from = y.size() - kSpectrumSize;
+    for (size_t i = 0; i < in.size(); ++i)
+        in[i] = y[from + i] *
+                float(0.5 - 0.5 * std::cos(2.0 * std::numbers::pi * double(i) / kSpectrumSize));
+    std::vector<std::complex<float>> out(kSpectrumSize / 2 + 1);
+    fftwf_plan plan = fftwf_plan_dft_r2c_1d(
+        kSpectrumSize, in.data(), reinterpret_cast<fftwf_complex*>(out.data()), FFTW_ESTIMATE);
+    fftwf_execute(plan);
+    fftwf_destroy_plan(plan);
+    std::vector<double> magnitude(out.size());
+    for (size_t k = 0; k < out.size(); ++k)
+        magnitude[k] = std::abs(out[k]);
+    return magnitude;
+}
+
+/// Bin of the strongest component below a quarter of the rate (the audible
+/// side of the image that the unpacking mirrors about rate/4).
+int32_t peakBin(const std::vector<double>& magnitude) {
+    const auto end = magnitude.begin() + kSpectrumSize / 4;
+    return int32_t(std::max_element(magnitude.begin() + 1, end) - magnitude.begin());
+}
+
+int32_t binOf(double frequency) { return int32_t(std::lround(frequency * kSpectrumSize / kRate)); }
+
+TEST(TransposerTest, ultrasonicTone_comesOutDividedByTheFactor_andTheFilterRemovesOnlyAudio) {
+    for (int32_t factor : {2, 4, 8, 16}) {
+        const double tone = 40000.0;
+        const std::vector<double> s = spectrumOfTail(transpose(tone, factor, false, 1.0));
+        EXPECT_NEAR(peakBin(s), binOf(tone / factor), 1) << "factor " << factor;
+    }
+
+    // At 8 (3 octaves): an audible tone passes without the filter and is gone
+    // with it; the ultrasonic tone passes the filter at the same level.
+    const double audible = 10000.0;
+    const double ultrasonic = 40000.0;
+    const std::vector<double> open = spectrumOfTail(transpose(audible, 8, false, 1.0));
+    const std::vector<double> filtered = spectrumOfTail(transpose(audible, 8, true, 1.0));
+    const std::vector<double> high = spectrumOfTail(transpose(ultrasonic, 8, false, 1.0));
+    const std::vector<double> highFiltered = spectrumOfTail(transpose(ultrasonic, 8, true, 1.0));
+    EXPECT_EQ(peakBin(open), binOf(audible / 8));
+    const double openLevel = open[size_t(binOf(audible / 8))];
+    // -40 dB: the input frames are transformed unwindowed, and the leakage of
+    // a tone 10 kHz below the cut (107 bins of 94 Hz) is about -50 dB.
+    EXPECT_LT(*std::max_element(filtered.begin(), filtered.end()), openLevel * 1e-2);
+    const size_t highBin = size_t(binOf(ultrasonic / 8));
+    EXPECT_EQ(peakBin(highFiltered), int32_t(highBin));
+    EXPECT_NEAR(highFiltered[highBin] / high[highBin], 1.0, 0.01);
+
+    // The 512 kept bins of a 1,024-sample frame span a quarter of the rate:
+    // at 192 kHz 213 lie below 20 kHz, at 48 kHz all of them.
+    EXPECT_EQ(Transposer::filteredBins(1024, 192000), 213);
+    EXPECT_EQ(Transposer::filteredBins(1024, 48000), 512);
+}
+
+// The unpacked output's even samples are the real parts of the inverse
+// transform, a plain sine at twice the output frequency; a frame added at the
+// wrong place, or a ring not cleared before the frames that follow, shows as
+// a step far above the sine's own.
+TEST(TransposerTest, transposedSine_joinsItsFramesWithoutASeam) {
+    for (int32_t factor : {4, 8, 16}) {
+        const double tone = 40000.0;
+        const std::vector<float> y = transpose(tone, factor, false, 1.0);
+        const size_t from = y.size() - kSpectrumSize;
+        float peak = 0.0f;
+        float step = 0.0f;
+        for (size_t i = from; i + 2 < y.size(); i += 2) {
+            peak = std::max(peak, std::fabs(y[i]));
+            step = std::max(step, std::fabs(y[i + 2] - y[i]));
+        }
+        ASSERT_GT(peak, 0.05f) << "factor " << factor;
+        // The steepest step of a sine of that peak, plus 2 % for the slow
+        // ripple of the window sum at the start of the tail.
+        const double sine = 2.0 * peak * std::sin(2.0 * std::numbers::pi * tone / factor / kRate);
+        EXPECT_LT(step, 1.02 * sine) << "factor " << factor;
+    }
+}
+
+TEST(TransposerTest, startUpSilence_factorLimits_andOneTooSlowAnswer) {
+    Transposer t(plans());
+    t.setupTranspozycje();
+    std::vector<float> in(kBlock, 0.25f), out(kBlock, 1.0f);
+
+    // Factor 0: nothing is transformed, silence, never "too slow".
+    t.setFilter20kHzOn(false, 0, kRate);
+    for (int32_t i = 0; i < 200; ++i) {
+        t.addNewData(in.data(), kBlock);
+        EXPECT_TRUE(t.getTransposedData(out.data(), kBlock));
+    }
+    EXPECT_EQ(t.transpSampleID(), 0);
+    EXPECT_TRUE(std::all_of(out.begin(), out.end(), [](float v) { return v == 0.0f; }));
+
+    // Above 16 counts as 16 (512-sample frames, hop 512); the output stays
+    // silent until the transformed frames lead it by more than a block.
+    t.setFilter20kHzOn(false, 40, kRate);
+    EXPECT_EQ(t.factor(), 16);
+    const int64_t start = t.inputSampleID();
+    EXPECT_EQ(t.transpSampleID(), start);
+    t.addNewData(in.data(), kBlock);
+    t.getTransposedData(out.data(), kBlock);
+    EXPECT_EQ(t.outputSampleID(), start); // one frame (512 + 1 samples) not complete
+    for (int32_t i = 0; i < 3; ++i) {
+        t.addNewData(in.data(), kBlock);
+        t.getTransposedData(out.data(), kBlock);
+    }
+    EXPECT_GT(t.outputSampleID(), start);
+    // The same factor again resets nothing.
+    const int64_t position = t.transpSampleID();
+    t.setFilter20kHzOn(true, 16, kRate);
+    EXPECT_EQ(t.transpSampleID(), position);
+
+    // Past the start-up, requests without input: the tenth empty one in a row
+    // answers false, once; later ones and a recovery answer true.
+    for (int32_t i = 0; i < 100; ++i) {
+        t.addNewData(in.data(), kBlock);
+        t.getTransposedData(out.data(), kBlock);
+    }
+    int32_t falses = 0;
+    for (int32_t i = 0; i < 30; ++i) {
+        const bool ok = t.getTransposedData(out.data(), kBlock);
+        falses += ok ? 0 : 1;
+        if (!ok) {
+            EXPECT_GE(i, Transposer::kTooSlowRequests - 1);
+        }
+    }
+    EXPECT_EQ(falses, 1);
+    EXPECT_TRUE(t.tooSlow());
+    for (int32_t i = 0; i < 40; ++i)
+        t.addNewData(in.data(), kBlock);
+    for (int32_t i = 0; i < 40; ++i)
+        EXPECT_TRUE(t.getTransposedData(out.data(), kBlock));
+}
+
+} // namespace
+} // namespace widmo
