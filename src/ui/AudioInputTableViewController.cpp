@@ -4,9 +4,11 @@
 #include "audio/TQAudio.h"
 #include "audio/TQAudioEffect.h"
 #include "core/AnalyzerDefaults.h"
+#include "core/AnalyzerFeatures.h"
 #include "core/SettingsStore.h"
 #include "render/DeviceClass.h"
 #include "ui/FloatSlider.h"
+#include "ui/SegmentedControl.h"
 #include "ui/SettingsDelegate.h"
 #include "ui/TQMessage.h"
 
@@ -17,6 +19,7 @@
 #include <QListWidget>
 #include <QSignalBlocker>
 
+#include <algorithm>
 #include <cmath>
 
 namespace widmo {
@@ -131,8 +134,86 @@ AudioInputTableViewController::AudioInputTableViewController(AnalyzerDefaults& d
         refreshAudioEffect();
     }
 
+    addOutputSections();
     refreshInputSelectionEnabled();
     refreshPickerInputSelection();
+}
+
+void AudioInputTableViewController::addOutputSections() {
+    const AnalyzerFeatures& features = defaults_.features();
+    const QStringList octaves{"1", "2", "3", "4"};
+    if (features.featureTranspositionEnabled()) {
+        const int section = addSection("Real-time transposition");
+        transpositionSwitch_ = new QCheckBox("Play the input transposed down while recording");
+        addRow(section, transpositionSwitch_);
+        transpositionOctaves_ = new SegmentedControl(octaves);
+        addRow(section, "Octaves down", transpositionOctaves_);
+        transpositionFilter_ = new QCheckBox("Remove everything below 20 kHz first");
+        addRow(section, transpositionFilter_);
+        connect(transpositionSwitch_, &QCheckBox::toggled, this, [this](bool on) {
+            changeOutputSetting([this, on] { defaults_.setRecordingTranspositionOn(on); });
+        });
+        connect(transpositionOctaves_, &SegmentedControl::valueChanged, this, [this](int k) {
+            changeOutputSetting([this, k] { defaults_.setRealTimeTransposeOctavesDown(k + 1); });
+        });
+        connect(transpositionFilter_, &QCheckBox::toggled, this, [this](bool on) {
+            changeOutputSetting([this, on] { defaults_.setRealTimeTranspFilterBelow20kHz(on); });
+        });
+    }
+    if (features.featurePlayback()) {
+        const int section = addSection("Playback");
+        if (features.featureTranspositionEnabled()) {
+            playbackType_ = new SegmentedControl({"As recorded", "Slowed down", "Transposed"});
+            addRow(section, "Play", playbackType_);
+            playbackOctaves_ = new SegmentedControl(octaves);
+            addRow(section, "Octaves", playbackOctaves_);
+            connect(playbackType_, &SegmentedControl::valueChanged, this, [this](int type) {
+                changeOutputSetting([this, type] { defaults_.setPlaybackTranspType(type); });
+            });
+            connect(playbackOctaves_, &SegmentedControl::valueChanged, this, [this](int k) {
+                changeOutputSetting([this, k] { defaults_.setPlaybackSlowDownOctaves(k + 1); });
+            });
+        }
+        outputSlider_ =
+            new FloatSlider(kMinOutputGain, kMaxOutputGain, int(kMaxOutputGain - kMinOutputGain));
+        outputValue_ = new QLabel;
+        addRow(section, gainCell(new QLabel("Output gain"), outputSlider_, outputValue_));
+        connect(outputSlider_, &FloatSlider::floatValueChanged, this, [this](float dB) {
+            changeOutputSetting([this, dB] { defaults_.setOutputGainValue(dB); });
+        });
+    }
+    refreshOutputControls();
+}
+
+void AudioInputTableViewController::changeOutputSetting(const std::function<void()>& change) {
+    if (audio_.isRecording() || audio_.isPlaying())
+        delegate_.settingsNeedStopAnalyzer();
+    change();
+    refreshOutputControls();
+}
+
+void AudioInputTableViewController::refreshOutputControls() {
+    const auto octaveSegment = [](int32_t octaves) { return std::clamp(octaves, 1, 4) - 1; };
+    if (transpositionSwitch_) {
+        const QSignalBlocker a(transpositionSwitch_);
+        const QSignalBlocker b(transpositionFilter_);
+        transpositionSwitch_->setChecked(defaults_.recordingTranspositionOn());
+        transpositionOctaves_->setSelectedSegmentIndex(
+            octaveSegment(defaults_.realTimeTransposeOctavesDown()));
+        transpositionFilter_->setChecked(defaults_.realTimeTranspFilterBelow20kHz());
+    }
+    if (playbackType_) {
+        const int32_t type = defaults_.playbackTranspType();
+        playbackType_->setSelectedSegmentIndex(type >= 0 && type <= 2 ? type : 0);
+        playbackOctaves_->setSelectedSegmentIndex(
+            octaveSegment(defaults_.playbackSlowDownOctaves()));
+        playbackOctaves_->setEnabled(type == 1 || type == 2);
+    }
+    if (outputSlider_) {
+        const QSignalBlocker quiet(outputSlider_);
+        outputSlider_->setFloatValue(defaults_.outputGainValue());
+        outputValue_->setText(QString::asprintf("%.0f dB", double(defaults_.outputGainValue())));
+    }
 }
 
 AudioInputTableViewController::~AudioInputTableViewController() {

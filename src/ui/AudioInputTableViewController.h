@@ -3,8 +3,10 @@
 #include "ui/TQTableViewController.h"
 
 #include <array>
+#include <functional>
 
 class QCheckBox;
+class QSlider;
 class QLabel;
 class QListWidget;
 
@@ -13,6 +15,7 @@ namespace widmo {
 class AnalyzerDefaults;
 class AudioInputPickerViewDataSource;
 class FloatSlider;
+class SegmentedControl;
 class SettingsDelegate;
 class TQAudio;
 class TQAudioEffect;
@@ -88,6 +91,22 @@ public:
     QLabel* deviceSampleRateLabel() const { return deviceRate_; }
     /// Shown when the document's rate is above the device's own rate.
     QLabel* sampleRateWarningLabel() const { return rateWarning_; }
+    /// Real-time transposition (products with transposition; else null):
+    /// the switch, the octaves down (segment k = k + 1 octaves) and the
+    /// 20 kHz filter. Playback (products with playback; else null): how the
+    /// document plays (0 as recorded, 1 slowed down, 2 transposed; only with
+    /// transposition), the octaves of either, and the output gain in dB.
+    QCheckBox* transpositionSwitch() const { return transpositionSwitch_; }
+    SegmentedControl* transpositionOctavesControl() const { return transpositionOctaves_; }
+    QCheckBox* transpositionFilterSwitch() const { return transpositionFilter_; }
+    SegmentedControl* playbackTypeControl() const { return playbackType_; }
+    SegmentedControl* playbackOctavesControl() const { return playbackOctaves_; }
+    FloatSlider* outputGainSlider() const { return outputSlider_; }
+    QLabel* outputGainValueLabel() const { return outputValue_; }
+    /// Output gain slider range in dB.
+    static constexpr float kMinOutputGain = -40.0f;
+    static constexpr float kMaxOutputGain = 20.0f;
+
     /// The node's switch and its state (null without a node).
     QCheckBox* audioEffectSwitch() const { return effectSwitch_; }
     QLabel* audioEffectStatusLabel() const { return effectStatus_; }
@@ -97,6 +116,12 @@ private:
     void refreshGainLabels();
     void setAudioEffectEnabled(bool enabled);
     void refreshAudioEffect();
+    void addOutputSections();
+    /// Shows the transposition and playback settings as they are.
+    void refreshOutputControls();
+    /// Runs `change` on the settings with nothing recording or playing: the
+    /// audio threads read these settings, so a running analysis stops first.
+    void changeOutputSetting(const std::function<void()>& change);
 
     AnalyzerDefaults& defaults_;
     TQAudio& audio_;
@@ -124,6 +149,13 @@ private:
     TQAudioEffect* effect_ = nullptr;
     QCheckBox* effectSwitch_ = nullptr;
     QLabel* effectStatus_ = nullptr;
+    QCheckBox* transpositionSwitch_ = nullptr;
+    SegmentedControl* transpositionOctaves_ = nullptr;
+    QCheckBox* transpositionFilter_ = nullptr;
+    SegmentedControl* playbackType_ = nullptr;
+    SegmentedControl* playbackOctaves_ = nullptr;
+    FloatSlider* outputSlider_ = nullptr;
+    QLabel* outputValue_ = nullptr;
 };
 
 } // namespace widmo

@@ -10,13 +10,14 @@ namespace widmo::test {
 class RecordingSettingsDelegate : public SettingsDelegate {
 public:
     void settingsWillClose() override { ++willClose; }
-    void settingsNeedStopAnalyzer() override {}
+    void settingsNeedStopAnalyzer() override { ++stopAnalyzer; }
     void refreshAllViews() override { ++refreshAll; }
     void generateOctaveRTAIndexes() override { ++octaveIndexes; }
     void refreshSecondChartMeasuringView() override { ++measuringView; }
     void setSettingsPopOverContentSize(QSize size) override { contentSize = size; }
 
     int willClose = 0;
+    int stopAnalyzer = 0;
     int refreshAll = 0;
     int octaveIndexes = 0;
     int measuringView = 0;

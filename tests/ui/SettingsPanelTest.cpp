@@ -9,6 +9,7 @@
 #include "render/DeviceClass.h"
 #include "ui/AudioInputTableViewController.h"
 #include "ui/FloatSlider.h"
+#include "ui/SegmentedControl.h"
 #include "ui/SettingsRootViewController.h"
 
 #include <QApplication>
@@ -18,6 +19,7 @@
 #include <QMessageBox>
 #include <QPushButton>
 #include <QTest>
+#include <QToolButton>
 
 #include <gtest/gtest.h>
 
@@ -194,6 +196,49 @@ TEST_F(SettingsPanelTest, audioInputPage_duringPlayback_offersNoInputSelection) 
     page.viewWillAppear();
     EXPECT_TRUE(page.inputSelectionEnabled());
     EXPECT_TRUE(page.inputSourceSoftwareGainSlider()->isEnabled());
+}
+
+// The studio's transposition and playback rows write their settings; one
+// changed while the document plays stops it first (the audio threads read
+// these settings). A product without them shows none.
+TEST_F(SettingsPanelTest, audioInputPage_transpositionAndPlayback_writeTheirSettings) {
+    const AnalyzerFeatures studio = AnalyzerFeatures::studioProduct();
+    AnalyzerDefaults defaults(studio, "panel-output");
+    TQAudio audio(defaults, studio);
+    AudioInputTableViewController page(defaults, audio, delegate);
+    ASSERT_TRUE(page.transpositionSwitch() != nullptr && page.playbackTypeControl() != nullptr);
+    EXPECT_FALSE(page.playbackOctavesControl()->isEnabled()); // as recorded: no octaves
+
+    page.transpositionSwitch()->click();
+    page.transpositionOctavesControl()->buttonForSegment(2)->click();
+    page.transpositionFilterSwitch()->click();
+    EXPECT_TRUE(defaults.recordingTranspositionOn());
+    EXPECT_EQ(defaults.realTimeTransposeOctavesDown(), 3);
+    EXPECT_TRUE(defaults.realTimeTranspFilterBelow20kHz());
+    page.playbackTypeControl()->buttonForSegment(1)->click();
+    page.playbackOctavesControl()->buttonForSegment(1)->click();
+    EXPECT_EQ(defaults.playbackTranspType(), 1);
+    EXPECT_EQ(defaults.playbackSlowDownOctaves(), 2);
+    EXPECT_TRUE(page.playbackOctavesControl()->isEnabled());
+    page.outputGainSlider()->setValue(page.outputGainSlider()->value() - 6);
+    EXPECT_EQ(defaults.outputGainValue(), -6.0f);
+    EXPECT_EQ(page.outputGainValueLabel()->text(), "-6 dB");
+    EXPECT_EQ(delegate.stopAnalyzer, 0);
+
+    bool started = false;
+    audio.startPlayer([&](bool ok) { started = ok; });
+    ASSERT_TRUE(QTest::qWaitFor([&] { return started; }, 5000));
+    page.playbackTypeControl()->buttonForSegment(2)->click();
+    EXPECT_EQ(delegate.stopAnalyzer, 1);
+    EXPECT_EQ(defaults.playbackTranspType(), 2);
+    audio.stop();
+
+    const AnalyzerFeatures plain = AnalyzerFeatures::spectrumProduct();
+    AnalyzerDefaults plainDefaults(plain, "panel-output-plain");
+    TQAudio plainAudio(plainDefaults, plain);
+    AudioInputTableViewController plainPage(plainDefaults, plainAudio, delegate);
+    EXPECT_EQ(plainPage.transpositionSwitch(), nullptr);
+    EXPECT_EQ(plainPage.outputGainSlider(), nullptr);
 }
 
 } // namespace
