@@ -7,7 +7,27 @@
 
 #include <cstdio>
 
+namespace {
+
+// Qt's messages go to standard error as usual, except the notice that no
+// runtime folder is set: the command uses none, and batch systems rarely set
+// one, so it would only stand between the user and the lines about the files.
+QtMessageHandler standardHandler = nullptr;
+
+void messageHandler(QtMsgType type, const QMessageLogContext& context, const QString& text) {
+    if (type == QtWarningMsg && text.startsWith(QLatin1String("QStandardPaths: XDG_RUNTIME_DIR")))
+        return;
+    if (standardHandler)
+        standardHandler(type, context, text);
+    else
+        std::fprintf(stderr, "%s\n",
+                     qFormatLogMessage(type, context, text).toLocal8Bit().constData());
+}
+
+} // namespace
+
 int main(int argc, char** argv) {
+    standardHandler = qInstallMessageHandler(messageHandler);
     // Text is drawn into the images through the GUI library, which needs a
     // platform plugin but no display: the offscreen one, unless one is forced.
     if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
