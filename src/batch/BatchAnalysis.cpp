@@ -117,8 +117,8 @@ BatchAnalysis::BatchAnalysis(const BatchSettings& settings, std::vector<float> s
                          .arg(intervalCount_);
             return;
         }
-        // Bytes r, g, b, a in memory order: the ramp's packed colours as they are.
-        image_ = QImage(static_cast<int>(width), static_cast<int>(height), QImage::Format_RGBA8888);
+        // Bytes r, g, b, 255 in memory order: the ramp's packed colours as they are.
+        image_ = QImage(static_cast<int>(width), static_cast<int>(height), QImage::Format_RGBX8888);
         if (image_.isNull()) {
             error_ = QStringLiteral("out of memory for the spectrogram image");
             return;
@@ -233,7 +233,6 @@ void BatchAnalysis::analyseChunk(int32_t chunk, Worker& w) {
         pending_[chunk] = std::move(sums);
         mergeReadyChunks();
     }
-    chunksDone_.fetch_add(1, std::memory_order_acq_rel);
 }
 
 void BatchAnalysis::mergeReadyChunks() {

@@ -7,7 +7,6 @@
 #include <QImage>
 #include <QString>
 
-#include <atomic>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -73,8 +72,6 @@ public:
     std::shared_ptr<Worker> makeWorker();
     /// Analyses chunk `chunk` (0 .. chunkCount - 1). Any thread, see the class comment.
     void analyseChunk(int32_t chunk, Worker& worker);
-    /// Chunks analysed so far (progress).
-    int32_t chunksDone() const { return chunksDone_.load(std::memory_order_acquire); }
 
     /// Averages the sums once every chunk is done.
     void finish();
@@ -130,7 +127,6 @@ private:
     QImage image_;
     uchar* plot_ = nullptr; ///< the image's bits, plot area at (kLeftMargin, kTopMargin)
     qsizetype stride_ = 0;
-    std::atomic<int32_t> chunksDone_{0};
 
     std::mutex mergeMutex_;
     std::map<int32_t, std::unique_ptr<ChunkSums>> pending_;

@@ -2,17 +2,23 @@
 
 #include "audio/AudioFileReader.h"
 #include "batch/BatchAnalysis.h"
+#include "batch/PngStripeEncoder.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
+#include <QFile>
 #include <QFileInfo>
-#include <QImageWriter>
 #include <QJsonArray>
 #include <QJsonDocument>
-#include <QSaveFile>
 
 #include <algorithm>
+#include <atomic>
+#include <cerrno>
 #include <cmath>
+#include <cstdio>
+#include <cstring>
+#include <functional>
 #include <map>
 #include <string>
 #include <thread>
@@ -33,38 +39,60 @@ QByteArray jsonNumber(double v, int decimals) {
     return std::isfinite(v) ? QByteArray::number(v, 'f', decimals) : QByteArray("null");
 }
 
-// Writes `bytes` to `path` through a temporary file renamed at the end.
-QString writeFile(const QString& path, const QByteArray& bytes) {
-    QSaveFile file(path);
+// Writes through `write` into a hidden file beside `path`, renamed to `path`
+// when complete: no partial file ever carries the final name. Not synced to
+// disk (QSaveFile would be): on a run over thousands of files each sync
+// costs more than the analysis, and a file lost in a crash is made again by
+// the next run.
+QString writeFile(const QString& path, const std::function<bool(QFile&)>& write) {
+    static std::atomic<int> counter{0};
+    const QFileInfo info(path);
+    const QString part = info.dir().filePath(QStringLiteral(".%1.%2-%3.part")
+                                                 .arg(info.fileName())
+                                                 .arg(QCoreApplication::applicationPid())
+                                                 .arg(counter.fetch_add(1)));
+    QFile file(part);
     if (!file.open(QIODevice::WriteOnly))
         return file.errorString();
-    if (file.write(bytes) != bytes.size()) {
-        const QString why = file.errorString();
-        file.cancelWriting();
-        return why;
+    const bool written = write(file);
+    const QString why = file.errorString();
+    file.close();
+    if (!written || file.error() != QFileDevice::NoError) {
+        file.remove();
+        return why.isEmpty() ? file.errorString() : why;
     }
-    return file.commit() ? QString() : file.errorString();
+    if (std::rename(QFile::encodeName(part).constData(), QFile::encodeName(path).constData()) !=
+        0) {
+        const QString reason = QString::fromLocal8Bit(std::strerror(errno));
+        file.remove();
+        return reason;
+    }
+    return {};
 }
 
-QString writeImage(const QString& path, const QImage& image) {
-    QSaveFile file(path);
-    if (!file.open(QIODevice::WriteOnly))
-        return file.errorString();
-    QImageWriter writer(&file, "png");
-    if (!writer.write(image)) {
-        file.cancelWriting();
-        return writer.errorString();
-    }
-    return file.commit() ? QString() : file.errorString();
+QString writeFile(const QString& path, const QByteArray& bytes) {
+    return writeFile(path, [&](QFile& f) { return f.write(bytes) == bytes.size(); });
+}
+
+QString writeImage(const QString& path, const PngStripeEncoder& png) {
+    return writeFile(path, [&](QFile& f) { return png.write(&f); });
 }
 
 } // namespace
 
+// A file in two phases, each a list of tasks any thread may take: the
+// analysis chunks, then (with a spectrogram) the image's PNG stripes. The
+// counters are under the runner's mutex.
 struct BatchRunner::Job {
     int32_t index = 0;
     std::unique_ptr<BatchAnalysis> analysis;
-    int32_t nextChunk = 0; ///< next chunk to hand out (under the runner's mutex)
-    int32_t remaining = 0; ///< chunks not yet analysed (under the runner's mutex)
+    QImage image;
+    std::unique_ptr<PngStripeEncoder> png; ///< set for the second phase
+    int32_t tasks = 0;                     ///< tasks of the current phase
+    int32_t nextTask = 0;                  ///< next one to hand out
+    int32_t remaining = 0;                 ///< not yet done
+    int32_t done = 0;                      ///< tasks done in both phases (progress)
+    int32_t total = 1;                     ///< tasks of both phases (progress)
 };
 
 BatchRunner::BatchRunner(const BatchSettings& settings, const Options& options, FILE* out,
@@ -135,24 +163,28 @@ void BatchRunner::workerLoop() {
     for (;;) {
         if (!jobs_.empty()) {
             std::shared_ptr<Job> job = jobs_.front();
-            const int32_t chunk = job->nextChunk++;
-            if (job->nextChunk == job->analysis->chunkCount())
+            const int32_t task = job->nextTask++;
+            if (job->nextTask == job->tasks)
                 jobs_.pop_front();
             lock.unlock();
-            if (workerJob != job) {
-                worker.reset();
-                worker = job->analysis->makeWorker();
-                workerJob = job;
+            if (job->png) {
+                job->png->encodeStripe(task);
+            } else {
+                if (workerJob != job) {
+                    worker.reset();
+                    worker = job->analysis->makeWorker();
+                    workerJob = job;
+                }
+                job->analysis->analyseChunk(task, *worker);
             }
-            job->analysis->analyseChunk(chunk, *worker);
             lock.lock();
+            ++job->done;
             drawProgressLocked(false);
             if (--job->remaining == 0) {
-                active_.erase(std::find(active_.begin(), active_.end(), job));
                 lock.unlock();
                 worker.reset();
-                workerJob = nullptr;
-                finishJob(*job);
+                workerJob.reset();
+                finishPhase(job);
                 lock.lock();
             }
             continue;
@@ -220,31 +252,59 @@ void BatchRunner::startFile(int32_t index) {
         settings_, std::move(samples), static_cast<float>(reader.sampleRate()), reader.channels());
     if (!job->analysis->valid())
         return fail(job->analysis->error());
-    job->remaining = job->analysis->chunkCount();
+    job->tasks = job->remaining = job->analysis->chunkCount();
+    job->total = job->tasks;
+    if (settings_.spectrogram)
+        job->total += (settings_.rows + BatchAnalysis::kTopMargin + BatchAnalysis::kBottomMargin +
+                       PngStripeEncoder::kStripeRows - 1) /
+                      PngStripeEncoder::kStripeRows;
     const std::lock_guard<std::mutex> lock(mutex_);
     jobs_.push_back(job);
     active_.push_back(job);
     wake_.notify_all();
 }
 
+void BatchRunner::finishPhase(const std::shared_ptr<Job>& job) {
+    if (!job->png) {
+        job->analysis->finish();
+        if (settings_.spectrogram) {
+            // The image's stripes become the job's next tasks.
+            const QString& path = options_.files[job->index];
+            const BatchAnalysis& a = *job->analysis;
+            const QString title = QStringLiteral("%1   %2 Hz   FFT %3 %4   hop %5")
+                                      .arg(QFileInfo(path).fileName())
+                                      .arg(static_cast<double>(a.sampleRate()))
+                                      .arg(settings_.fftSize)
+                                      .arg(QString::fromLatin1(
+                                          kWindowNames[std::clamp(settings_.fftWindowType, 0, 3)]))
+                                      .arg(a.intervalSizeInFrames());
+            job->image = job->analysis->takeSpectrogramImage(title);
+            job->png = std::make_unique<PngStripeEncoder>(job->image);
+            const std::lock_guard<std::mutex> lock(mutex_);
+            job->tasks = job->remaining = job->png->stripeCount();
+            job->nextTask = 0;
+            job->total = job->done + job->tasks;
+            jobs_.push_back(job);
+            wake_.notify_all();
+            return;
+        }
+    }
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        active_.erase(std::find(active_.begin(), active_.end(), job));
+    }
+    finishJob(*job);
+}
+
 void BatchRunner::finishJob(Job& job) {
     BatchAnalysis& a = *job.analysis;
-    a.finish();
     const QString& path = options_.files[job.index];
     Result result;
     QString why;
     const QStringList outputs = outputPaths(settings_, options_.outputDirectory, path);
     qsizetype next = 0;
-    if (settings_.spectrogram && why.isEmpty()) {
-        const QString title =
-            QStringLiteral("%1   %2 Hz   FFT %3 %4   hop %5")
-                .arg(QFileInfo(path).fileName())
-                .arg(static_cast<double>(a.sampleRate()))
-                .arg(settings_.fftSize)
-                .arg(QString::fromLatin1(kWindowNames[std::clamp(settings_.fftWindowType, 0, 3)]))
-                .arg(a.intervalSizeInFrames());
-        why = writeImage(outputs[next++], a.takeSpectrogramImage(title));
-    }
+    if (settings_.spectrogram && why.isEmpty())
+        why = writeImage(outputs[next++], *job.png);
     if (settings_.spectrum && why.isEmpty())
         why = writeFile(outputs[next++], a.spectrumCsv());
     if (settings_.bandsPerOctave > 0 && why.isEmpty())
@@ -263,6 +323,8 @@ void BatchRunner::finishJob(Job& job) {
         line += "}\n";
         result.out = line;
     }
+    job.png.reset();
+    job.image = QImage();
     job.analysis.reset();
     const std::lock_guard<std::mutex> lock(mutex_);
     setResultLocked(job.index, std::move(result));
@@ -304,11 +366,8 @@ void BatchRunner::drawProgressLocked(bool force) {
     lastProgressMs_ = now;
     const auto total = static_cast<double>(std::max<qsizetype>(1, options_.files.size()));
     double done = filesDone_;
-    for (const std::shared_ptr<Job>& job : active_) {
-        if (job->analysis)
-            done += static_cast<double>(job->analysis->chunksDone()) /
-                    std::max(1, job->analysis->chunkCount());
-    }
+    for (const std::shared_ptr<Job>& job : active_)
+        done += static_cast<double>(job->done) / std::max(1, job->total);
     const double fraction = std::clamp(done / total, 0.0, 1.0);
     constexpr int kWidth = 30;
     const auto filled = static_cast<int>(fraction * kWidth);

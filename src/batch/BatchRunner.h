@@ -73,7 +73,10 @@ private:
     void workerLoop();
     /// Reads file `index` and queues its chunks, or records why it cannot be.
     void startFile(int32_t index);
-    /// Writes the outputs of a job whose chunks are all done.
+    /// After the last task of a phase: queues the image's stripes after the
+    /// analysis, or writes the outputs.
+    void finishPhase(const std::shared_ptr<Job>& job);
+    /// Writes the outputs of a job whose tasks are all done.
     void finishJob(Job& job);
     /// Records the result of file `index` and prints what is now in order. Locked.
     void setResultLocked(int32_t index, Result result);
