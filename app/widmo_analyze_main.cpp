@@ -9,13 +9,16 @@
 
 namespace {
 
-// Qt's messages go to standard error as usual, except the notice that no
-// runtime folder is set: the command uses none, and batch systems rarely set
-// one, so it would only stand between the user and the lines about the files.
+// Qt's messages go to standard error as usual, except the notices about the
+// runtime folder (unset, or set but missing): the command uses none, and batch
+// systems rarely provide one, so they would only stand between the user and
+// the lines about the files.
 QtMessageHandler standardHandler = nullptr;
 
 void messageHandler(QtMsgType type, const QMessageLogContext& context, const QString& text) {
-    if (type == QtWarningMsg && text.startsWith(QLatin1String("QStandardPaths: XDG_RUNTIME_DIR")))
+    if (type == QtWarningMsg && text.startsWith(QLatin1String("QStandardPaths: ")) &&
+        (text.contains(QLatin1String("XDG_RUNTIME_DIR")) ||
+         text.contains(QLatin1String("runtime directory"))))
         return;
     if (standardHandler)
         standardHandler(type, context, text);

@@ -274,7 +274,7 @@ QByteArray BatchAnalysis::spectrumCsv() const {
     QByteArray out("frequency_hz,level_db\n");
     const double binWidth = static_cast<double>(sampleRate_) / defaults_->fftSize();
     for (size_t b = 0; b < spectrumSum_.size(); ++b) {
-        out += number(static_cast<double>(b) * binWidth, 3);
+        out += number(static_cast<double>(b) * binWidth, 4);
         out += ',';
         out += number(toDB(spectrumSum_[b]), 3);
         out += '\n';
