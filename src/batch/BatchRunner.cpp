@@ -199,9 +199,10 @@ void BatchRunner::workerLoop() {
             wake_.notify_all();
             continue;
         }
-        if (reading_ == 0)
+        // A file being read brings chunks, and a job whose last tasks are still
+        // running brings the stripes of its image: only then is the work over.
+        if (reading_ == 0 && active_.empty())
             break;
-        // A file being read may still bring chunks.
         wake_.wait(lock);
     }
     wake_.notify_all();
@@ -292,6 +293,7 @@ void BatchRunner::finishPhase(const std::shared_ptr<Job>& job) {
     {
         const std::lock_guard<std::mutex> lock(mutex_);
         active_.erase(std::find(active_.begin(), active_.end(), job));
+        wake_.notify_all();
     }
     finishJob(*job);
 }

@@ -94,8 +94,9 @@ private:
     std::condition_variable wake_;
     int32_t nextFile_ = 0;
     int32_t reading_ = 0;
-    std::deque<std::shared_ptr<Job>> jobs_;    ///< jobs with chunks not yet handed out
-    std::vector<std::shared_ptr<Job>> active_; ///< jobs not finished (progress)
+    std::deque<std::shared_ptr<Job>> jobs_; ///< jobs with chunks not yet handed out
+    /// Jobs read and not yet finished: they may still queue tasks.
+    std::vector<std::shared_ptr<Job>> active_;
     std::vector<Result> results_;
     int32_t nextToEmit_ = 0;
     int32_t filesDone_ = 0;
