@@ -19,35 +19,37 @@ if [ ! -f "$wav" ]; then
         synth 600 pinknoise mix vol 0.3
 fi
 
-best() { # best wall time in seconds of three runs of "$@"
-    local b=
+best() { # "wall cpu": the best wall time of three runs of "$@" and that run's CPU seconds
+    local b= c=
     for _ in 1 2 3; do
-        local t0 t1
-        t0=$(date +%s.%N)
-        "$@" > /dev/null
-        t1=$(date +%s.%N)
-        b=$(echo "$t1 - $t0" | bc -l | awk -v b="$b" '{ if (b == "" || $1 < b) print $1; else print b }')
+        /usr/bin/time -f '%e %U %S' -o "$work/time" "$@" > /dev/null
+        read -r w u s < "$work/time"
+        if [ -z "$b" ] || [ "$(echo "$w < $b" | bc -l)" = 1 ]; then
+            b=$w
+            c=$(echo "$u + $s" | bc -l)
+        fi
     done
-    echo "$b"
+    echo "$b $c"
 }
 
-sox_t=$(best sox "$wav" -n spectrogram -y 1025 -X 93.75 -w Hamming -o "$work/sox.png")
-one_t=$(best "$analyze" --spectrogram --fft-size 2048 --rows 1024 --interval 4 --window hamming \
+read -r sox_t sox_c < <(best sox "$wav" -n spectrogram -y 1025 -X 93.75 -w Hamming -o "$work/sox.png")
+read -r one_t one_c < <(best "$analyze" --spectrogram --fft-size 2048 --rows 1024 --interval 4 --window hamming \
     --jobs 1 --no-progress -o "$work/one" "$wav")
-all_t=$(best "$analyze" --spectrogram --fft-size 2048 --rows 1024 --interval 4 --window hamming \
+read -r all_t all_c < <(best "$analyze" --spectrogram --fft-size 2048 --rows 1024 --interval 4 --window hamming \
     --jobs "$cores" --no-progress -o "$work/all" "$wav")
-def_t=$(best "$analyze" --spectrogram --spectrum --bands 3 --summary --no-progress \
+read -r def_t def_c < <(best "$analyze" --spectrogram --spectrum --bands 3 --summary --no-progress \
     -o "$work/defaults" "$wav")
-spec_t=$(best "$analyze" --spectrum --no-progress -o "$work/spectrum" "$wav")
+read -r spec_t spec_c < <(best "$analyze" --spectrum --no-progress -o "$work/spectrum" "$wav")
 
-printf '%-58s %8s %8s\n' "10 min of 48 kHz audio" "wall s" "sox / it"
-printf '%-58s %8.2f %8s\n' "sox spectrogram (FFT 2048, hop 512)" "$sox_t" "1.00"
-printf '%-58s %8.2f %8.2f\n' "widmo-analyze --spectrogram, same FFT and hop, 1 thread" "$one_t" \
-    "$(echo "$sox_t / $one_t" | bc -l)"
-printf '%-58s %8.2f %8.2f\n' "widmo-analyze --spectrogram, same FFT and hop, $cores threads" "$all_t" \
-    "$(echo "$sox_t / $all_t" | bc -l)"
-printf '%-58s %8.2f %8s\n' "widmo-analyze defaults, all outputs, $cores threads" "$def_t" "-"
-printf '%-58s %8.2f %8s\n' "widmo-analyze defaults, --spectrum only, $cores threads" "$spec_t" "-"
+row() { printf '%-58s %7.2f %7.2f %8s %8s\n' "$@"; }
+printf '%-58s %7s %7s %8s %8s\n' "10 min of 48 kHz audio" "wall s" "cpu s" "sox/wall" "sox/cpu"
+row "sox spectrogram (FFT 2048, hop 512)" "$sox_t" "$sox_c" 1.00 1.00
+row "widmo-analyze --spectrogram, same FFT and hop, 1 thread" "$one_t" "$one_c" \
+    "$(printf %.2f "$(echo "$sox_t / $one_t" | bc -l)")" "$(printf %.2f "$(echo "$sox_c / $one_c" | bc -l)")"
+row "widmo-analyze --spectrogram, same FFT and hop, $cores threads" "$all_t" "$all_c" \
+    "$(printf %.2f "$(echo "$sox_t / $all_t" | bc -l)")" "$(printf %.2f "$(echo "$sox_c / $all_c" | bc -l)")"
+row "widmo-analyze defaults, all outputs, $cores threads" "$def_t" "$def_c" - -
+row "widmo-analyze defaults, --spectrum only, $cores threads" "$spec_t" "$spec_c" - -
 echo "audio seconds analysed per second at the defaults: all outputs $(echo "600 / $def_t" | bc -l | xargs printf '%.0f'), spectrum only $(echo "600 / $spec_t" | bc -l | xargs printf '%.0f')"
 cmp -s "$work/one/ten-minutes.wav.png" "$work/all/ten-minutes.wav.png" &&
     echo "1 thread and $cores threads wrote the same image"
