@@ -555,7 +555,8 @@ QByteArray ChartView::csvOfChart() const {
         out = "centre_hz,level_db,min_db,max_db\n";
         const int32_t lo = mDefaults.octaveRTAMinIndex();
         const int32_t hi = std::min(mDefaults.octaveRTAMaxIndex(), ChartData::kBands - 2);
-        for (int32_t b = std::max(lo, 0); shown.fftOutData() != nullptr && lo >= 0 && b <= hi; ++b) {
+        for (int32_t b = std::max(lo, 0); shown.fftOutData() != nullptr && lo >= 0 && b <= hi;
+             ++b) {
             const auto i = static_cast<size_t>(b);
             out += number(mDefaults.octaveRTAFequencies()[i], 3) + ',' +
                    number(shown.octaveRTAValues()[i], 3) + ',' +
