@@ -12,7 +12,7 @@ PACKAGES=(
     build-essential cmake ninja-build ccache pkg-config git clang-format
     qt6-base-dev qt6-base-dev-tools libqt6opengl6-dev
     libgl-dev libgles-dev libgl1-mesa-dri
-    libfftw3-dev libsndfile1-dev libsoxr-dev libjack-jackd2-dev libpulse-dev
+    libfftw3-dev libsndfile1-dev libsoxr-dev libjack-jackd2-dev libpulse-dev zlib1g-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     fonts-liberation
 )

@@ -6,7 +6,8 @@
 #   scripts/test.sh           release build in build/, every test
 #   scripts/test.sh --asan    AddressSanitizer + UBSan build in build-asan/, every test
 #   scripts/test.sh --tsan    ThreadSanitizer build in build-tsan/, the headless
-#                             subsystems and audio (labels core, dsp, engine, audio)
+#                             subsystems, audio and the batch command (labels core,
+#                             dsp, engine, audio, batch)
 #
 # Extra arguments after the mode go to ctest (for example -R FFT).
 set -euo pipefail
@@ -41,7 +42,7 @@ case "$mode" in
         dir=build-tsan
         cmake_args+=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DWIDMO_TSAN=ON -DWIDMO_BUILD_BENCHMARKS=OFF)
         export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1:suppressions=$root/scripts/tsan.supp"
-        ctest_args+=(-L '^(core|dsp|engine|audio)$') ;;
+        ctest_args+=(-L '^(core|dsp|engine|audio|batch)$') ;;
 esac
 
 cmake -S . -B "$dir" "${cmake_args[@]}"

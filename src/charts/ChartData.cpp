@@ -125,20 +125,17 @@ void ChartData::averageCoefficients(int32_t averageType, float* attack, float* r
     }
 }
 
-void ChartData::updateOctaveRTA(bool refreshEveryFrame, double timeSinceLastDraw) {
-    if (mFFTOutData == nullptr || mRAWFFTData == nullptr || !mDefaults.octaveRTAValid())
-        return;
-    const int32_t n = std::clamp(mDefaults.fftOutSize(), 0, kSlotSize);
-    const int32_t minIndex = mDefaults.octaveRTAMinIndex();
-    const int32_t maxIndex = std::min(mDefaults.octaveRTAMaxIndex(), kBands - 2);
+void ChartData::octaveBandPowers(const AnalyzerDefaults& defaults, const float* raw,
+                                 float* bandPowers) {
+    const int32_t n = std::clamp(defaults.fftOutSize(), 0, kSlotSize);
+    const int32_t minIndex = defaults.octaveRTAMinIndex();
+    const int32_t maxIndex = std::min(defaults.octaveRTAMaxIndex(), kBands - 2);
     if (minIndex < 0 || maxIndex < minIndex || n < 2)
         return;
-    const int32_t* f = mDefaults.octaveRTAIndexesFloor();
-    const float* p = mDefaults.octaveRTAPoPrzecinkuIndeksuFloor();
-    const float* raw = mRAWFFTData;
-
-    // 1. Band powers: the two edge bins weighted by the edges' fractional
-    // positions, the bins in between summed.
+    const int32_t* f = defaults.octaveRTAIndexesFloor();
+    const float* p = defaults.octaveRTAPoPrzecinkuIndeksuFloor();
+    // The two edge bins weighted by the edges' fractional positions, the bins
+    // in between summed.
     const auto edgeValue = [&](int32_t edge, int32_t i) {
         return raw[i] + (raw[i + 1] - raw[i]) * p[edge];
     };
@@ -150,9 +147,21 @@ void ChartData::updateOctaveRTA(bool refreshEveryFrame, double timeSinceLastDraw
         float sum = (lowerEdge + upperEdge) * 0.5f;
         for (int32_t j = lo + 1; j < hi; ++j)
             sum += raw[j];
-        mNewOctaveRTAValues[static_cast<size_t>(b)] = sum;
+        bandPowers[b] = sum;
         lowerEdge = upperEdge;
     }
+}
+
+void ChartData::updateOctaveRTA(bool refreshEveryFrame, double timeSinceLastDraw) {
+    if (mFFTOutData == nullptr || mRAWFFTData == nullptr || !mDefaults.octaveRTAValid())
+        return;
+    const int32_t n = std::clamp(mDefaults.fftOutSize(), 0, kSlotSize);
+    const int32_t minIndex = mDefaults.octaveRTAMinIndex();
+    const int32_t maxIndex = std::min(mDefaults.octaveRTAMaxIndex(), kBands - 2);
+    if (minIndex < 0 || maxIndex < minIndex || n < 2)
+        return;
+    // 1. Band powers.
+    octaveBandPowers(mDefaults, mRAWFFTData, mNewOctaveRTAValues.data());
 
     // 2. To dB, floor -144 dB. Only the bands in use: the others keep -144.
     convertPowerToDecibels(mNewOctaveRTAValues.data() + minIndex,

@@ -116,6 +116,15 @@ public:
     const std::array<float, kBands>& octaveRTAMaxTimer() const { return mOctaveRTAMaxTimer; }
     const std::array<bool, kBands>& octaveRTAMinStarted() const { return mOctaveRTAMinStarted; }
 
+    /// Band powers of one raw power spectrum (`fftOutSize` values followed by
+    /// two readable values, the band edges' reads past the end) into
+    /// `bandPowers[b]` for b = `octaveRTAMinIndex` .. `octaveRTAMaxIndex` (at
+    /// most 167); the other entries are left alone. Each band sums its bins,
+    /// the two edge bins interpolated at the edges' fractional positions.
+    /// Nothing when the band tables hold no band. Any thread.
+    static void octaveBandPowers(const AnalyzerDefaults& defaults, const float* raw,
+                                 float* bandPowers);
+
     /// Attack (rising) and release (falling) coefficients of an averaging type.
     static void averageCoefficients(int32_t averageType, float* attack, float* release);
 

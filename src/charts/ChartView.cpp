@@ -11,6 +11,7 @@
 #include <QOpenGLContext>
 #include <QPainter>
 #include <QResizeEvent>
+#include <QSaveFile>
 
 #include <algorithm>
 #include <cmath>
@@ -535,6 +536,53 @@ QImage ChartView::imageOfChart() {
 bool ChartView::writeImageOfChart(const QString& path) {
     const QImage image = imageOfChart();
     return !image.isNull() && image.save(path, "PNG");
+}
+
+QByteArray ChartView::csvOfChart() const {
+    const ChartData& shown = chartScrollView_->data();
+    const auto number = [](double v, int decimals) { return QByteArray::number(v, 'f', decimals); };
+    QByteArray out;
+    switch (typeOfChart_) {
+    case 1: {
+        out = "time_s,value\n";
+        const float* samples = shown.fftWindowData();
+        const double rate = mDefaults.sampleRate();
+        for (int32_t k = 0; samples != nullptr && rate > 0.0 && k < mDefaults.fftSize(); ++k)
+            out += number(k / rate, 7) + ',' + number(samples[k], 7) + '\n';
+        break;
+    }
+    case 2: {
+        out = "centre_hz,level_db,min_db,max_db\n";
+        const int32_t lo = mDefaults.octaveRTAMinIndex();
+        const int32_t hi = std::min(mDefaults.octaveRTAMaxIndex(), ChartData::kBands - 2);
+        for (int32_t b = std::max(lo, 0); shown.fftOutData() != nullptr && lo >= 0 && b <= hi;
+             ++b) {
+            const auto i = static_cast<size_t>(b);
+            out += number(mDefaults.octaveRTAFequencies()[i], 3) + ',' +
+                   number(shown.octaveRTAValues()[i], 3) + ',' +
+                   number(shown.octaveRTAMinValues()[i], 3) + ',' +
+                   number(shown.octaveRTAMaxValues()[i], 3) + '\n';
+        }
+        break;
+    }
+    default: {
+        const bool inDB = mDefaults.valuesInDB();
+        out = inDB ? "frequency_hz,level_db\n" : "frequency_hz,magnitude\n";
+        const float* spectrum = shown.fftOutData();
+        const int32_t bins = mDefaults.fftOutSize();
+        const double binWidth = static_cast<double>(mDefaults.sampleRate()) / mDefaults.fftSize();
+        for (int32_t i = 0; spectrum != nullptr && i < bins; ++i)
+            out += number(i * binWidth, 4) + ',' + number(spectrum[i], inDB ? 3 : 9) + '\n';
+        break;
+    }
+    }
+    return out;
+}
+
+bool ChartView::writeCsvOfChart(const QString& path) const {
+    QSaveFile file(path);
+    const QByteArray csv = csvOfChart();
+    return file.open(QIODevice::WriteOnly) && file.write(csv) == csv.size() && file.commit();
 }
 
 } // namespace widmo

@@ -100,6 +100,16 @@ public:
     QImage imageOfChart();
     /// `imageOfChart` as a PNG file; false when it cannot be written.
     bool writeImageOfChart(const QString& path);
+    /// The data of the chart shown, as CSV with a header line: the spectrum
+    /// (`frequency_hz,level_db`, or `frequency_hz,magnitude` with linear
+    /// values) one line per FFT bin; the octave RTA (`centre_hz,level_db,
+    /// min_db,max_db`) one line per band in use, the holds as drawn; the
+    /// oscilloscope (`time_s,value`) one line per sample of the FFT window.
+    /// Only the header before the first interval.
+    QByteArray csvOfChart() const;
+    /// `csvOfChart` written to `path` (through a temporary file, renamed when
+    /// complete); false when it cannot be written.
+    bool writeCsvOfChart(const QString& path) const;
 
     /// The chart's rectangle inside this view (points).
     QRect chartRect() const;

@@ -83,31 +83,19 @@ void SpectrogramScrollView::setColorForSpectrogram() {
 }
 
 void SpectrogramScrollView::setColoredSpectrogram() {
-    ramp_.granicaKoloru = {0.01f, 0.27f, 0.54f, 0.99f};
-    ramp_.kolor = {{{0.0f, 0.0f, 0.0f, 1.0f},
-                    {0.0f, 0.0f, 0.8f, 1.0f},
-                    {0.0f, 0.9f, 0.0f, 1.0f},
-                    {1.0f, 0.0f, 0.0f, 1.0f}}};
+    SpectrogramColorRamp::forColorType(0, &ramp_);
     gridColor_ = {0.12f, 0.12f, 0.12f, 1.0f};
     measureLineColor_ = {1.0f, 1.0f, 1.0f, 1.0f};
 }
 
 void SpectrogramScrollView::setBlackSpectrogram() {
-    ramp_.granicaKoloru = {0.01f, 0.25f, 0.5f, 0.9f};
-    ramp_.kolor = {{{0.0f, 0.0f, 0.0f, 1.0f},
-                    {0.33f, 0.33f, 0.33f, 1.0f},
-                    {0.66f, 0.66f, 0.66f, 1.0f},
-                    {1.0f, 1.0f, 1.0f, 1.0f}}};
+    SpectrogramColorRamp::forColorType(1, &ramp_);
     gridColor_ = {0.12f, 0.12f, 0.12f, 1.0f};
     measureLineColor_ = {1.0f, 1.0f, 1.0f, 1.0f};
 }
 
 void SpectrogramScrollView::setWhiteSpectrogram() {
-    ramp_.granicaKoloru = {0.01f, 0.25f, 0.5f, 0.9f};
-    ramp_.kolor = {{{1.0f, 1.0f, 1.0f, 1.0f},
-                    {0.66f, 0.66f, 0.66f, 1.0f},
-                    {0.33f, 0.33f, 0.33f, 1.0f},
-                    {0.0f, 0.0f, 0.0f, 1.0f}}};
+    SpectrogramColorRamp::forColorType(2, &ramp_);
     gridColor_ = {0.9f, 0.9f, 1.0f, 1.0f};
     measureLineColor_ = {0.3f, 0.3f, 1.0f, 1.0f};
 }

@@ -127,6 +127,34 @@ std::array<uint8_t, 4> SpectrogramColorRamp::colorForLevel(float n) const {
     return out;
 }
 
+bool SpectrogramColorRamp::forColorType(int32_t colorType, SpectrogramColorRamp* ramp) {
+    switch (colorType) {
+    case 0:
+        ramp->granicaKoloru = {0.01f, 0.27f, 0.54f, 0.99f};
+        ramp->kolor = {{{0.0f, 0.0f, 0.0f, 1.0f},
+                        {0.0f, 0.0f, 0.8f, 1.0f},
+                        {0.0f, 0.9f, 0.0f, 1.0f},
+                        {1.0f, 0.0f, 0.0f, 1.0f}}};
+        return true;
+    case 1:
+        ramp->granicaKoloru = {0.01f, 0.25f, 0.5f, 0.9f};
+        ramp->kolor = {{{0.0f, 0.0f, 0.0f, 1.0f},
+                        {0.33f, 0.33f, 0.33f, 1.0f},
+                        {0.66f, 0.66f, 0.66f, 1.0f},
+                        {1.0f, 1.0f, 1.0f, 1.0f}}};
+        return true;
+    case 2:
+        ramp->granicaKoloru = {0.01f, 0.25f, 0.5f, 0.9f};
+        ramp->kolor = {{{1.0f, 1.0f, 1.0f, 1.0f},
+                        {0.66f, 0.66f, 0.66f, 1.0f},
+                        {0.33f, 0.33f, 0.33f, 1.0f},
+                        {0.0f, 0.0f, 0.0f, 1.0f}}};
+        return true;
+    default:
+        return false;
+    }
+}
+
 SpectrogramScrollViewSegment::SpectrogramScrollViewSegment(const AnalyzerDefaults& defaults,
                                                            const SpectrogramColorRamp& ramp)
     : defaults_(defaults), ramp_(ramp), segmentSize_(std::max(1, defaults.segmentSize())),
@@ -201,16 +229,19 @@ float SpectrogramScrollViewSegment::valueAtRow(const AnalyzerDefaults& defaults,
            static_cast<float>(row - i0) / static_cast<float>(i1 - i0) * (values[j + 1] - values[j]);
 }
 
-void SpectrogramScrollViewSegment::writeColumn(const float* values, uint8_t* pixels) {
+void SpectrogramScrollViewSegment::columnColors(const AnalyzerDefaults& defaults,
+                                                const SpectrogramColorRamp& ramp,
+                                                const float* values, float* rowScratch,
+                                                uint32_t* colors) {
     // The top row keeps the clear colour: columns fill rows 0 .. rows - 2.
-    const int32_t count = rows_ - 1;
+    const int32_t count = std::max(1, defaults.fftDisplaySize()) - 1;
     const float* x = values;
-    if (!defaults_.linearFrequency()) {
-        float* rowValues = levels_.data();
-        const int32_t points = defaults_.spectrogramLogIndexesCount() - 1;
-        const int32_t* idx = defaults_.spectrogramLogIndexes();
+    if (!defaults.linearFrequency()) {
+        float* rowValues = rowScratch;
+        const int32_t points = defaults.spectrogramLogIndexesCount() - 1;
+        const int32_t* idx = defaults.spectrogramLogIndexes();
         if (points < 1) {
-            std::fill(rowValues, rowValues + count, defaults_.valuesInDB() ? -144.0f : 0.0f);
+            std::fill(rowValues, rowValues + count, defaults.valuesInDB() ? -144.0f : 0.0f);
         } else {
             // One cursor over the points, advanced as the rows pass them; it
             // stops at the last point, beyond which the row holds that value.
@@ -231,14 +262,19 @@ void SpectrogramScrollViewSegment::writeColumn(const float* values, uint8_t* pix
         }
         x = rowValues;
     }
-    if (defaults_.valuesInDB()) {
-        decibelsToColors(x, colors_.data(), count, defaults_.spectrogramValuesInDBMinimumLevelDB(),
-                         rampArgs(ramp_));
+    if (defaults.valuesInDB()) {
+        decibelsToColors(x, colors, count, defaults.spectrogramValuesInDBMinimumLevelDB(),
+                         rampArgs(ramp));
     } else {
         const auto gain = static_cast<float>(std::pow(
-            10.0, static_cast<double>(defaults_.spectrogramLinearValuesWzmocnienieDB()) / 20.0));
-        magnitudesToColors(x, colors_.data(), count, gain, rampArgs(ramp_));
+            10.0, static_cast<double>(defaults.spectrogramLinearValuesWzmocnienieDB()) / 20.0));
+        magnitudesToColors(x, colors, count, gain, rampArgs(ramp));
     }
+}
+
+void SpectrogramScrollViewSegment::writeColumn(const float* values, uint8_t* pixels) {
+    const int32_t count = rows_ - 1;
+    columnColors(defaults_, ramp_, values, levels_.data(), colors_.data());
     // Rows are segmentSize pixels apart: one 4-byte store per row.
     const size_t stride = static_cast<size_t>(segmentSize_) * 4;
     for (int32_t r = 0; r < count; ++r)

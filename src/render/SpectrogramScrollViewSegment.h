@@ -35,6 +35,11 @@ struct SpectrogramColorRamp {
     /// The colour of a normalised level `n` (0..1) as RGBA bytes, each channel
     /// times 255 truncated, alpha 255.
     std::array<uint8_t, 4> colorForLevel(float n) const;
+
+    /// The ramp of a colour scheme (`spectrogramColorType`): 0 coloured (black,
+    /// blue, green, red), 1 black (black to white through greys), 2 white
+    /// (white to black). False, and `ramp` unchanged, for any other value.
+    static bool forColorType(int32_t colorType, SpectrogramColorRamp* ramp);
 };
 
 /// One texture of the scrolling spectrogram: `segmentSize` time columns by
@@ -105,6 +110,14 @@ public:
     /// neighbouring points interpolated in row space, held flat beyond the
     /// first and last point). Any thread.
     static float valueAtRow(const AnalyzerDefaults& defaults, const float* values, int32_t row);
+
+    /// The colours of one column as `addFFTdata` writes them: `values` as it
+    /// receives them become `fftDisplaySize - 1` packed RGBA pixels (bytes r,
+    /// g, b, 255 in memory order), row 0 first, through `ramp` with the
+    /// document's scaling (`valuesInDB`, the minimum level or the linear gain).
+    /// `rowScratch` holds `fftDisplaySize` floats. Any thread; no allocation.
+    static void columnColors(const AnalyzerDefaults& defaults, const SpectrogramColorRamp& ramp,
+                             const float* values, float* rowScratch, uint32_t* colors);
 
     float position() const { return position_.load(std::memory_order_acquire); }
     /// Place along the time axis in columns from the document's start.

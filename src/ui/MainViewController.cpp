@@ -24,10 +24,14 @@
 #include "ui/iPad_TypeOfChartViewController.h"
 
 #include <QApplication>
+#include <QClipboard>
+#include <QFileDialog>
 #include <QFrame>
 #include <QGuiApplication>
 #include <QKeySequence>
 #include <QLabel>
+#include <QMenu>
+#include <QMimeData>
 #include <QPalette>
 #include <QPropertyAnimation>
 #include <QPushButton>
@@ -216,6 +220,15 @@ void MainViewController::commonSetup() {
             [this] { gainSliderAndMinMaxButtonButton(); });
     settingsButton_ = addToolButton(QStringLiteral("Settings (Ctrl+,)"));
     connect(settingsButton_, &QToolButton::clicked, this, [this] { settingsPopover(); });
+    csvButton_ = addToolButton(QStringLiteral("Export data as CSV..."));
+    csvButton_->setText(QStringLiteral("CSV"));
+    csvButton_->setPopupMode(QToolButton::InstantPopup);
+    auto* csvMenu = new QMenu(csvButton_);
+    csvMenu->addAction(QStringLiteral("Save Chart Data as CSV..."), this,
+                       [this] { exportChartDataAsCsv(); });
+    csvMenu->addAction(QStringLiteral("Copy Chart Data as CSV"), this,
+                       [this] { copyChartDataAsCsv(); });
+    csvButton_->setMenu(csvMenu);
     helpButton_ = addToolButton(QStringLiteral("Help (F1)"));
     connect(helpButton_, &QToolButton::clicked, this, [this] { openHelp(); });
 
@@ -956,6 +969,33 @@ void MainViewController::settingsPopover() {
     // The pages edit the pending copies; closing applies them (settingsWillClose).
     defaults_.copyCurrentToPreferred();
     settings->presentFrom(settingsButton_);
+}
+
+void MainViewController::exportChartDataAsCsv() {
+    if (chartView_ == nullptr)
+        return;
+    const QString path = QFileDialog::getSaveFileName(
+        this, QStringLiteral("Export Data as CSV"),
+        TQHelpers::urlInDocumentsWithFileName(QStringLiteral("chart.csv")).toLocalFile(),
+        QStringLiteral("CSV files (*.csv)"));
+    if (path.isEmpty())
+        return;
+    if (!chartView_->writeCsvOfChart(path))
+        TQMessage::showMessage(QStringLiteral("The chart data could not be saved."), QString(),
+                               QStringLiteral("OK"), {}, nullptr);
+}
+
+void MainViewController::copyChartDataAsCsv() {
+    if (chartView_ == nullptr)
+        return;
+    const QUrl url = TQHelpers::urlInTempWithFileName(QStringLiteral("chart.csv"));
+    auto* mime = new QMimeData;
+    mime->setText(QString::fromLatin1(chartView_->csvOfChart()));
+    if (chartView_->writeCsvOfChart(url.toLocalFile())) {
+        TQHelpers::excludeFromBackupURL(url);
+        mime->setUrls({url});
+    }
+    QGuiApplication::clipboard()->setMimeData(mime);
 }
 
 void MainViewController::openHelp() {

@@ -116,6 +116,13 @@ public:
     void settingsPopover();
     /// The help screen, in a window of its own; the analysis goes on.
     void openHelp();
+    /// The chart's data (`ChartView::csvOfChart`) saved through a file dialog
+    /// ("chart.csv" in the documents folder offered); a failed write is said
+    /// in a message. The analysis goes on.
+    void exportChartDataAsCsv();
+    /// The chart's data on the clipboard: as text, and as the file "chart.csv"
+    /// in the cache folder for applications that take files.
+    void copyChartDataAsCsv();
 
     // --- AnalyzerControllerDelegate -----------------------------------------------------------
 
@@ -286,6 +293,8 @@ private:
     QToolButton* gainSliderAndMaxMinResetButton_ = nullptr;
     QToolButton* settingsButton_ = nullptr;
     QToolButton* helpButton_ = nullptr;
+    /// "Export data as CSV...": a menu with the file and the clipboard.
+    QToolButton* csvButton_ = nullptr;
     QFrame* gainView_ = nullptr;
     QSlider* gainSlider_ = nullptr;
     QLabel* gainValueLabel_ = nullptr;

@@ -117,6 +117,56 @@ TEST_F(ChartViewTest, sinePeak_atItsFrequencyAndLevel_logOrLinearAxisAndDisplay)
 
 // A one-bin peak among the ten bins that share a pixel column near 15 kHz on
 // the logarithmic axis is drawn at its full height.
+// The CSV export of each chart holds what the chart shows: the spectrum's bins,
+// the RTA's bands with their holds, the oscilloscope's samples with their times.
+TEST_F(ChartViewTest, csvOfEachChart_holdsTheShownData) {
+    const auto rows = [](const QByteArray& csv) {
+        std::vector<QList<QByteArray>> r;
+        const QList<QByteArray> lines = csv.trimmed().split('\n');
+        for (qsizetype i = 1; i < lines.size(); ++i)
+            r.push_back(lines[i].split(','));
+        return r;
+    };
+    const ChartData& data = chart()->data();
+    // Levels keep 3 decimals and frequencies 4: half a unit of the last one.
+
+    QByteArray csv = view_->csvOfChart();
+    ASSERT_TRUE(csv.startsWith("frequency_hz,level_db\n"));
+    auto spectrum = rows(csv);
+    ASSERT_EQ(spectrum.size(), 2048u);
+    size_t loudest = 0;
+    for (size_t i = 0; i < spectrum.size(); ++i) {
+        EXPECT_NEAR(spectrum[i][0].toDouble(), i * 48000.0 / 4096, 0.00006);
+        EXPECT_NEAR(spectrum[i][1].toDouble(), data.fftOutData()[i], 0.00051);
+        if (spectrum[i][1].toDouble() > spectrum[loudest][1].toDouble())
+            loudest = i;
+    }
+    EXPECT_EQ(loudest, 85u); // 997 Hz
+
+    view_->setTypeOfChart(2);
+    chart()->data().updateOctaveRTA(false, 0.0);
+    csv = view_->csvOfChart();
+    ASSERT_TRUE(csv.startsWith("centre_hz,level_db,min_db,max_db\n"));
+    const auto bands = rows(csv);
+    ASSERT_EQ(static_cast<int32_t>(bands.size()),
+              defaults_->octaveRTAMaxIndex() - defaults_->octaveRTAMinIndex() + 1);
+    for (size_t i = 0; i < bands.size(); ++i) {
+        const size_t b = static_cast<size_t>(defaults_->octaveRTAMinIndex()) + i;
+        EXPECT_NEAR(bands[i][0].toDouble(), defaults_->octaveRTAFequencies()[b], 0.00051);
+        EXPECT_NEAR(bands[i][1].toDouble(), data.octaveRTAValues()[b], 0.00051);
+        EXPECT_NEAR(bands[i][2].toDouble(), data.octaveRTAMinValues()[b], 0.00051);
+        EXPECT_NEAR(bands[i][3].toDouble(), data.octaveRTAMaxValues()[b], 0.00051);
+    }
+
+    view_->setTypeOfChart(1);
+    const auto trace = rows(view_->csvOfChart());
+    ASSERT_EQ(trace.size(), samples_.size());
+    for (size_t k = 0; k < trace.size(); k += 97) {
+        EXPECT_NEAR(trace[k][0].toDouble(), k / 48000.0, 1e-7);
+        EXPECT_NEAR(trace[k][1].toDouble(), samples_[k], 1e-7);
+    }
+}
+
 TEST_F(ChartViewTest, oneBinPeak_amongBinsOfOneColumn_drawnAtFullHeight) {
     const int32_t n = defaults_->fftOutSize();
     std::vector<float> power(static_cast<size_t>(n), 1e-10f); // -100 dB

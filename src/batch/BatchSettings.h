@@ -1,0 +1,31 @@
+#pragma once
+
+#include <cstdint>
+
+namespace widmo {
+
+/// What the batch command computes for each file and with which analysis
+/// settings. The defaults are the analyser's own (`systemDefaults`).
+struct BatchSettings {
+    // Analysis, in the analyser's own units.
+    int32_t fftSize = 4096;         ///< power of two, 256..65536
+    int32_t fftWindowType = 2;      ///< 0 rectangle, 1 Blackman, 2 Hamming, 3 Hann
+    int32_t intervalSizePower = 4;  ///< hop = 2^power × the rate's ~1 ms interval, 0..4
+    int32_t rows = 2048;            ///< spectrogram rows: 512, 1024, 2048 or 4096
+    float minimumLevelDB = -107.0f; ///< level drawn in the lowest colour, < 0
+    int32_t colorType = 0;          ///< 0 coloured, 1 black, 2 white
+    bool logFrequency = false;      ///< logarithmic frequency axis of the spectrogram
+    int32_t channel = 0;            ///< 0: mono mix of all channels; else 1-based channel
+
+    // Outputs.
+    bool spectrogram = false;   ///< PNG
+    bool spectrum = false;      ///< average power spectrum CSV
+    int32_t bandsPerOctave = 0; ///< band CSV with 1, 3, 6 or 12 bands per octave; 0: none
+    bool summary = false;       ///< JSON line on standard output
+
+    /// The analyser's defaults for every analysis setting (its built-in
+    /// values, not a user's stored ones), no output chosen.
+    static BatchSettings systemDefaults();
+};
+
+} // namespace widmo
