@@ -15,12 +15,14 @@
 #include <QApplication>
 #include <QClipboard>
 #include <QDir>
+#include <QDropEvent>
 #include <QFile>
 #include <QFileDialog>
 #include <QImage>
 #include <QLineEdit>
 #include <QMainWindow>
 #include <QMessageBox>
+#include <QMimeData>
 #include <QTemporaryDir>
 #include <QTest>
 #include <QToolButton>
@@ -319,6 +321,45 @@ TEST_F(ImportExportTest, studioBadFilesLeaveTheDocumentAlone) {
     }
 }
 
+// A six-channel file dropped on the window: the question, then the mean of
+// its channels in the store.
+TEST_F(ImportExportTest, studioImportsADroppedFileMixedToMono) {
+    launch(AnalyzerFeatures::studioProduct());
+    SF_INFO info{};
+    info.samplerate = 48000;
+    info.channels = 6;
+    info.format = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
+    SNDFILE* f = sf_open(QFile::encodeName(file("six.wav")).constData(), SFM_WRITE, &info);
+    ASSERT_NE(f, nullptr);
+    std::vector<float> samples(24000 * 6);
+    for (size_t i = 0; i < samples.size(); ++i)
+        samples[i] = 0.1f * float(i % 6 + 1);
+    sf_writef_float(f, samples.data(), 24000);
+    sf_close(f);
+
+    QMimeData mime;
+    mime.setUrls({QUrl::fromLocalFile(file("six.wav"))});
+    QDropEvent drop(QPointF(screen()->rect().center()), Qt::CopyAction, &mime, Qt::LeftButton,
+                    Qt::NoModifier);
+    // Straight to the widget's handler: a synthetic drop has no drag behind
+    // it for the application's drag-and-drop routing.
+    static_cast<QObject*>(screen())->event(&drop);
+    QMessageBox* question = waitMessage();
+    ASSERT_TRUE(question);
+    EXPECT_EQ(question->text().toStdString(),
+              "Do you want to import the file into the current spectrogram context?");
+    press(question, "Yes");
+    ASSERT_TRUE(QTest::qWaitFor([&] { return screen()->importRunning(); }, 2000));
+    ASSERT_TRUE(waitImported());
+    // The read-only document is as long as the whole intervals of the file.
+    const int64_t frames = defaults_->intervalSizeInFrames();
+    EXPECT_EQ(defaults_->actualInterval(), 24000 / frames);
+    const std::vector<float>& store = defaults_->audioBuffersData();
+    for (size_t i = 0; i < size_t(defaults_->actualInterval() * frames); ++i)
+        ASSERT_NEAR(store[i], 0.35f, 1e-6f) << i;
+    EXPECT_TRUE(QFile::exists(file("six.wav"))); // the user's file stays
+}
+
 // The spectrum product offers the chart image's actions at once; an empty
 // document has nothing to share.
 TEST_F(ImportExportTest, spectrumProductOffersOnlyTheChartImage) {
@@ -334,6 +375,12 @@ TEST_F(ImportExportTest, spectrumProductOffersOnlyTheChartImage) {
     QMessageBox* notice = waitMessage();
     ASSERT_TRUE(notice);
     EXPECT_EQ(notice->text().toStdString(), "Nothing to share!");
+    notice->close();
+
+    // Files handed to it are ignored.
+    app_->importIntoApp(QUrl::fromLocalFile(file("any.wav")));
+    QTest::qWait(300);
+    EXPECT_EQ(waitMessageNow(), nullptr);
 }
 
 } // namespace
