@@ -20,6 +20,8 @@ TEST_PACKAGES=(
     pulseaudio pulseaudio-utils sox
     xvfb xauth mesa-utils x11-utils
     jackd2 xdotool python3
+    # scripts/fuzz.sh: clang with its libFuzzer and sanitizer runtimes
+    clang libclang-rt-14-dev
 )
 if [ "${1:-}" != "--build" ]; then
     PACKAGES+=("${TEST_PACKAGES[@]}")

@@ -128,6 +128,11 @@ bool AudioFileReader::readMono(std::vector<float>& out, double targetRate, int32
 
     const bool convert = targetRate > 0.0 && targetRate != sampleRate_;
     const double ratio = convert ? targetRate / sampleRate_ : 1.0;
+    if (ratio > kMaxRateRatio || ratio < 1.0 / kMaxRateRatio) {
+        error_ = "A sample rate of " + std::to_string(int64_t(sampleRate_)) +
+                 " Hz cannot be converted to " + std::to_string(int64_t(targetRate)) + " Hz.";
+        return false;
+    }
     SoxrHandle soxr;
     if (convert) {
         soxr_error_t err = nullptr;
@@ -142,12 +147,19 @@ bool AudioFileReader::readMono(std::vector<float>& out, double targetRate, int32
     }
 
     const auto wanted = [&](int64_t have) { return maxFrames < 0 || have < maxFrames; };
-    const int64_t expected = int64_t(std::ceil(double(frames_) * ratio)) + 16;
-    out.reserve(
-        size_t(std::max<int64_t>(0, maxFrames >= 0 ? std::min(maxFrames, expected) : expected)));
-    std::vector<float> block(static_cast<size_t>(kBlockFrames * channels_));
-    std::vector<float> mono(static_cast<size_t>(kBlockFrames));
-    std::vector<float> converted(size_t(std::ceil(double(kBlockFrames) * ratio)) + 64);
+    // The header's frame count only sizes the first reservation, within a
+    // bound: a damaged header can claim any length.
+    const double expected = std::ceil(double(frames_) * ratio) + 16.0;
+    const double limit = maxFrames >= 0 ? double(maxFrames) : double(kMaxReserveFrames);
+    out.reserve(size_t(std::min(expected, std::min(limit, double(kMaxReserveFrames)))));
+    // A block holds at most kBlockFrames frames and kBlockFrames * 8 samples,
+    // whatever the channel count; the converter's output goes through a
+    // buffer of fixed size, whatever the ratio.
+    const int64_t blockFrames =
+        std::max<int64_t>(1, std::min<int64_t>(kBlockFrames, kBlockFrames * 8 / channels_));
+    std::vector<float> block(static_cast<size_t>(blockFrames * channels_));
+    std::vector<float> mono(static_cast<size_t>(blockFrames));
+    std::vector<float> converted(static_cast<size_t>(kBlockFrames));
 
     // Feeds `count` mono frames (nullptr: the end of the input) through the
     // converter into `out`.
@@ -175,7 +187,7 @@ bool AudioFileReader::readMono(std::vector<float>& out, double targetRate, int32
             error_ = "Reading the file was cancelled.";
             return false;
         }
-        const sf_count_t n = sf_readf_float(file_, block.data(), kBlockFrames);
+        const sf_count_t n = sf_readf_float(file_, block.data(), blockFrames);
         if (n <= 0) {
             if (sf_error(file_) != SF_ERR_NO_ERROR && framesRead < frames_) {
                 error_ = std::string("The file could not be read to its end (") +

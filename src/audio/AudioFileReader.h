@@ -28,8 +28,15 @@ class AudioFileReader {
 public:
     /// `readMono`'s channel argument for the mean of all channels.
     static constexpr int32_t kMixAllChannels = -1;
-    /// Frames read from the file per block (and per progress report).
+    /// Frames read from the file per block (and per progress report); files
+    /// of more than 8 channels are read in proportionally shorter blocks.
     static constexpr int64_t kBlockFrames = 32768;
+    /// The largest conversion ratio (either way) `readMono` accepts: a file
+    /// at a rate 256 times lower or higher than the target is refused.
+    static constexpr double kMaxRateRatio = 256.0;
+    /// The most output frames reserved before reading (64 MiB of samples); a
+    /// longer file grows its output as it is read.
+    static constexpr int64_t kMaxReserveFrames = int64_t{1} << 24;
 
     /// Progress of `readMono`: frames of the file read so far and the file's
     /// frame count (as `frames()`). Called on the reading thread after each block.
@@ -68,7 +75,8 @@ public:
     /// `targetRate` in Hz (> 0) converts with libsoxr at high quality; 0 or the
     /// file's own rate keeps the samples as they are. `maxFrames` (>= 0) stops
     /// after that many output frames; negative reads the whole file.
-    /// False on a bad argument, a read error of the file, or `cancel`;
+    /// False on a bad argument, a rate too far from the target (kMaxRateRatio),
+    /// a read error of the file, or `cancel`;
     /// `errorText` says which and `out` then holds what was read before.
     bool readMono(std::vector<float>& out, double targetRate = 0.0,
                   int32_t channel = kMixAllChannels, int64_t maxFrames = -1,

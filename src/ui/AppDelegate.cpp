@@ -11,11 +11,14 @@
 #include "ui/AudioInputTableViewController.h"
 #include "ui/MainViewController.h"
 #include "ui/TQHelpers.h"
+#include "ui/TQMessage.h"
 #include "ui/ToolbarImages.h"
 
 #include <QApplication>
 #include <QFile>
+#include <QFileInfo>
 #include <QMainWindow>
+#include <QPointer>
 #include <QSettings>
 #include <QSocketNotifier>
 
@@ -81,7 +84,10 @@ bool AppDelegate::didFinishLaunchingWithOptions() {
     auto* screen = new MainViewController(defaults_, audio_, fftManager_, window_.get());
     mainViewController_ = screen;
     window_->setCentralWidget(screen);
+    connect(screen, &MainViewController::fileHandedIn, this,
+            [this](const QUrl& url) { importIntoApp(url); });
     mDataPrepared = false;
+    mWasImport = false;
 
     const std::unique_ptr<QSettings> store = restorationStore();
     if (!window_->restoreGeometry(store->value(QLatin1String(kWindowGeometryKey)).toByteArray()))
@@ -104,6 +110,7 @@ bool AppDelegate::didFinishLaunchingWithOptions() {
 }
 
 void AppDelegate::applicationWillResignActive() {
+    mWasImport = false;
     if (!mainViewController_ || audio_.isSetupInProgress())
         return;
     mainViewController_->stopAnalyzerWithRefreshButtonsEnable(true);
@@ -111,7 +118,7 @@ void AppDelegate::applicationWillResignActive() {
 }
 
 void AppDelegate::applicationDidBecomeActive() {
-    if (mDataPrepared || !mainViewController_)
+    if (mDataPrepared || mWasImport || !mainViewController_)
         return;
     mainViewController_->prepareAnalyzerData();
     mDataPrepared = true;
@@ -127,6 +134,32 @@ void AppDelegate::applicationWillTerminate() {
     }
     for (const char* name : kTemporaryFiles)
         QFile::remove(TQHelpers::urlInTempWithFileName(QLatin1String(name)).toLocalFile());
+}
+
+void AppDelegate::importIntoApp(const QUrl& url) {
+    if (!defaults_.features().featureImportExportAudio() || !mainViewController_)
+        return;
+    mWasImport = true;
+    MainQueue::async(
+        [this, url] {
+            TQMessage::showMessage(
+                QStringLiteral("Do you want to import the file into the current spectrogram "
+                               "context?"),
+                QString(), QStringLiteral("No"), {QStringLiteral("Yes")},
+                [this, url, screen = QPointer<MainViewController>(mainViewController_)](int b) {
+                    if (!screen)
+                        return;
+                    // A launch to import skipped the first preparation; it
+                    // runs now, before the import replaces its document.
+                    if (!mDataPrepared) {
+                        mWasImport = false;
+                        applicationDidBecomeActive();
+                    }
+                    if (b == 1)
+                        screen->importAudioFileAndDeleteWithURL(url);
+                });
+        },
+        this);
 }
 
 int AppDelegate::run(int argc, char** argv, const AnalyzerFeatures& features,
@@ -172,6 +205,13 @@ int AppDelegate::run(int argc, char** argv, const AnalyzerFeatures& features,
             if (SettingsStore().readBool(
                     QLatin1String(AudioInputTableViewController::kAudioEffectEnabledKey)))
                 node->setEnabled(true, true);
+        }
+        const QStringList arguments = QCoreApplication::arguments().mid(1);
+        for (const QString& argument : arguments) {
+            if (!argument.startsWith(QLatin1Char('-'))) {
+                delegate.importIntoApp(QUrl::fromLocalFile(QFileInfo(argument).absoluteFilePath()));
+                break;
+            }
         }
         status = QApplication::exec();
         if (node) {

@@ -2,6 +2,7 @@
 
 #include <QObject>
 #include <QString>
+#include <QUrl>
 
 #include <memory>
 
@@ -49,6 +50,13 @@ public:
     void applicationDidBecomeActive();
     /// Saves the state and settings; removes the temporary export files.
     void applicationWillTerminate();
+    /// A file handed to the application (named on the command line or dropped
+    /// on the window). Products with audio import ask "Do you want to import
+    /// the file into the current spectrogram context?" and on "Yes" import it;
+    /// other products ignore it.
+    void importIntoApp(const QUrl& url);
+    /// The application was opened to import a file.
+    bool wasImport() const { return mWasImport; }
 
     QMainWindow* window() const { return window_.get(); }
     MainViewController* mainViewController() const { return mainViewController_; }
@@ -63,6 +71,8 @@ public:
     /// `applicationName` names the settings files and the window. With
     /// `audioNode` the product offers the JACK node: it feeds the main
     /// screen's engine and is turned on at start when the user left it on.
+    /// The first argument that is not an option names a file to import
+    /// (`importIntoApp`).
     static int run(int argc, char** argv, const AnalyzerFeatures& features,
                    const QString& applicationName, const QString& displayName,
                    bool audioNode = false);
@@ -74,6 +84,7 @@ private:
     std::unique_ptr<QMainWindow> window_;
     MainViewController* mainViewController_ = nullptr; // owned by the window
     bool mDataPrepared = false;
+    bool mWasImport = false;
 };
 
 } // namespace widmo

@@ -25,16 +25,21 @@
 
 #include <QApplication>
 #include <QClipboard>
+#include <QDesktopServices>
+#include <QDragEnterEvent>
+#include <QDropEvent>
+#include <QFile>
 #include <QFileDialog>
 #include <QFrame>
 #include <QGuiApplication>
+#include <QImage>
 #include <QKeySequence>
 #include <QLabel>
-#include <QMenu>
 #include <QMimeData>
 #include <QPalette>
 #include <QPropertyAnimation>
 #include <QPushButton>
+#include <QSaveFile>
 #include <QSettings>
 #include <QShortcut>
 #include <QSlider>
@@ -84,6 +89,9 @@ MainViewController::MainViewController(AnalyzerDefaults& defaults, TQAudio& audi
 }
 
 MainViewController::~MainViewController() {
+    importCancel_.store(true, std::memory_order_release);
+    if (importThread_.joinable())
+        importThread_.join();
     analyzerController_->stopRecorder();
     analyzerController_->stopPlayer();
     analyzerController_->setSessionSaver(nullptr);
@@ -218,23 +226,17 @@ void MainViewController::commonSetup() {
     gainSliderAndMaxMinResetButton_ = addToolButton(QStringLiteral("Gain"));
     connect(gainSliderAndMaxMinResetButton_, &QToolButton::clicked, this,
             [this] { gainSliderAndMinMaxButtonButton(); });
+    shareImageButton_ = addToolButton(QStringLiteral("Import or export (Ctrl+E)"));
+    connect(shareImageButton_, &QToolButton::clicked, this, [this] { exportImportWybor(); });
     settingsButton_ = addToolButton(QStringLiteral("Settings (Ctrl+,)"));
     connect(settingsButton_, &QToolButton::clicked, this, [this] { settingsPopover(); });
-    csvButton_ = addToolButton(QStringLiteral("Export data as CSV..."));
-    csvButton_->setText(QStringLiteral("CSV"));
-    csvButton_->setPopupMode(QToolButton::InstantPopup);
-    auto* csvMenu = new QMenu(csvButton_);
-    csvMenu->addAction(QStringLiteral("Save Chart Data as CSV..."), this,
-                       [this] { exportChartDataAsCsv(); });
-    csvMenu->addAction(QStringLiteral("Copy Chart Data as CSV"), this,
-                       [this] { copyChartDataAsCsv(); });
-    csvButton_->setMenu(csvMenu);
     helpButton_ = addToolButton(QStringLiteral("Help (F1)"));
     connect(helpButton_, &QToolButton::clicked, this, [this] { openHelp(); });
 
     const QColor tint = palette().color(QPalette::ButtonText);
     settingsButton_->setIcon(ToolbarImages::imageNamed(QStringLiteral("settings"), tint));
     helpButton_->setIcon(ToolbarImages::imageNamed(QStringLiteral("help"), tint));
+    shareImageButton_->setIcon(ToolbarImages::imageNamed(QStringLiteral("share"), tint));
     if (typeOfChartButton_)
         typeOfChartButton_->setIcon(ToolbarImages::imageNamed(QStringLiteral("chart"), tint));
     if (pipButton_)
@@ -283,6 +285,10 @@ void MainViewController::commonSetup() {
             settingsPopover();
     });
     shortcut(QKeySequence(QKeySequence::HelpContents), [this] { openHelp(); });
+    shortcut(QKeySequence(Qt::CTRL | Qt::Key_E), [this] {
+        if (shareImageButton_->isEnabled())
+            exportImportWybor();
+    });
     shortcut(QKeySequence(Qt::CTRL | Qt::Key_Q), [] { QApplication::closeAllWindows(); });
     if (playStopButton_) {
         shortcut(QKeySequence(Qt::Key_P), [this] {
@@ -298,6 +304,8 @@ void MainViewController::commonSetup() {
     }
 
     applyFullScreenFlags();
+    // Audio files dropped on the window are imported (`fileHandedIn`).
+    setAcceptDrops(features.featureImportExportAudio());
 
     refreshSegmentedControlTypeOfChartName();
     refreshGainSlider();
@@ -663,8 +671,9 @@ void MainViewController::blockButtonsForRebuild() {
     gainView_->hide();
     pleaseWaitView_->raise();
     pleaseWaitView_->show();
-    for (QToolButton* b : {recordPauseButton_, gainSliderAndMaxMinResetButton_, settingsButton_,
-                           playStopButton_, clearSpectrogramButton_, recalculateButton_})
+    for (QToolButton* b :
+         {recordPauseButton_, gainSliderAndMaxMinResetButton_, settingsButton_, playStopButton_,
+          clearSpectrogramButton_, recalculateButton_, shareImageButton_})
         if (b)
             b->setEnabled(false);
     if (gainInfoViewController_)
@@ -677,6 +686,7 @@ void MainViewController::unblockButtonsAfterRebuild() {
     buttonsBlocked_ = false;
     pleaseWaitView_->hide();
     settingsButton_->setEnabled(true);
+    shareImageButton_->setEnabled(true);
     refreshMaxMinResetButton();
     refreshPlayRecordPauseButtonsWithChangeEnabled(true);
     redrawViews();
@@ -1112,6 +1122,353 @@ void MainViewController::applicationFinishedRestoringState() {
     refreshSegmentedControlTypeOfChartName();
     refreshGainSlider();
     layoutViewPositionsWithoutAnimation();
+}
+
+// --- Import and export -------------------------------------------------------------------------
+
+const char* const MainViewController::kImportShortenedMessage =
+    "Imported audio file time is %.1fs. Maximum spectrogram time for current settings is "
+    "%.1fs. Time was shortened. Try to change resolution settings before import.";
+
+const QString MainViewController::kChartDataCsv = QStringLiteral("Chart data CSV");
+
+void MainViewController::exportImportWybor() {
+    // Beside the audio file and the chart's picture, the chart's numbers as CSV.
+    const bool audio = defaults_.features().featureImportExportAudio();
+    QStringList choices{QStringLiteral("Chart image PNG"), kChartDataCsv};
+    if (audio)
+        choices.prepend(QStringLiteral("Audio file"));
+    TQMessage::showActionSheetWithTitle(
+        audio ? QStringLiteral("What do you want to import or export?")
+              : QStringLiteral("What do you want to export?"),
+        this, QStringLiteral("Cancel"), choices,
+        [this, choices, alive = std::weak_ptr<int>(lifeToken_)](int button) {
+            if (alive.expired() || button < 1 || button > choices.size())
+                return;
+            const QString& choice = choices[button - 1];
+            if (choice == kChartDataCsv)
+                chartDataActions();
+            else
+                exportImportActions(choice == QLatin1String("Audio file") ? 0 : 1);
+        });
+}
+
+void MainViewController::chartDataActions() {
+    TQMessage::showActionSheetWithTitle(kChartDataCsv, this, QStringLiteral("Cancel"),
+                                        {QStringLiteral("Export"), QStringLiteral("Send a copy")},
+                                        [this, alive = std::weak_ptr<int>(lifeToken_)](int button) {
+                                            if (alive.expired())
+                                                return;
+                                            if (button == 1)
+                                                exportChartDataAsCsv();
+                                            else if (button == 2)
+                                                copyChartDataAsCsv();
+                                        });
+}
+
+void MainViewController::exportImportActions(int32_t type) {
+    const QStringList buttons =
+        type == 0
+            ? QStringList{QStringLiteral("Export"), QStringLiteral("Import"),
+                          QStringLiteral("Send a copy"), QStringLiteral("Open in another app")}
+            : QStringList{QStringLiteral("Export"), QStringLiteral("Send a copy"),
+                          QStringLiteral("Open in another app")};
+    TQMessage::showActionSheetWithTitle(
+        type == 0 ? QStringLiteral("Audio file") : QStringLiteral("Chart image PNG"), this,
+        QStringLiteral("Cancel"), buttons,
+        [this, type, alive = std::weak_ptr<int>(lifeToken_)](int button) {
+            if (alive.expired() || button < 1)
+                return;
+            defaults_.setTypeOfExportImport(type);
+            // The image's sheet has no "Import": its buttons are one place further on.
+            const int action = type == 0 || button == 1 ? button : button + 1;
+            switch (action) {
+            case 1:
+                exportToITunes();
+                break;
+            case 2:
+                importFromITunes();
+                break;
+            case 3:
+                sendACopy();
+                break;
+            default:
+                openInAnotherApp();
+                break;
+            }
+        });
+}
+
+void MainViewController::exportToITunes() {
+    if (defaults_.actualInterval() < 1) {
+        TQMessage::showMessage(QStringLiteral("Nothing to export!"), QStringLiteral("OK"));
+        return;
+    }
+    stopAnalyzerWithRefreshButtonsEnable(true);
+    MainQueue::async(
+        [this] {
+            defaults_.setIsExport(true);
+            openImportExportController();
+        },
+        &delayedContext_);
+}
+
+void MainViewController::importFromITunes() {
+    stopAnalyzerWithRefreshButtonsEnable(true);
+    MainQueue::async(
+        [this] {
+            defaults_.setIsExport(false);
+            openImportExportController();
+        },
+        &delayedContext_);
+}
+
+void MainViewController::openImportExportController() {
+    auto* dialog = new QFileDialog(this);
+    dialog->setAttribute(Qt::WA_DeleteOnClose);
+    dialog->setDirectory(TQHelpers::documentDirectory().toLocalFile());
+    const bool image = defaults_.typeOfExportImport() == 1;
+    if (defaults_.isExport()) {
+        dialog->setAcceptMode(QFileDialog::AcceptSave);
+        dialog->setWindowTitle(image ? QStringLiteral("Export chart (PNG)")
+                                     : QStringLiteral("Export audio file (WAV)"));
+        dialog->setNameFilter(image ? QStringLiteral("PNG image (*.png)")
+                                    : QStringLiteral("WAV audio file (*.wav)"));
+        dialog->setDefaultSuffix(image ? QStringLiteral("png") : QStringLiteral("wav"));
+        dialog->selectFile(image ? QStringLiteral("chart.png") : QStringLiteral("recording.wav"));
+        connect(dialog, &QFileDialog::fileSelected, this, [this](const QString& path) {
+            if (!path.isEmpty())
+                writeExportFile(path);
+        });
+    } else {
+        dialog->setAcceptMode(QFileDialog::AcceptOpen);
+        dialog->setFileMode(QFileDialog::ExistingFile);
+        dialog->setWindowTitle(QStringLiteral("Import audio file"));
+        dialog->setNameFilters(
+            {QStringLiteral("Audio files (*.wav *.wave *.aif *.aiff *.aifc *.flac *.ogg *.oga "
+                            "*.opus *.mp3 *.au *.snd *.caf *.w64 *.rf64)"),
+             QStringLiteral("All files (*)")});
+        connect(dialog, &QFileDialog::fileSelected, this, [this](const QString& path) {
+            if (!path.isEmpty())
+                importAudioFileWithURL(QUrl::fromLocalFile(path), {});
+        });
+    }
+    dialog->open();
+}
+
+QImage MainViewController::imageOfChartOnScreen() {
+    if (spectrogramView_ != nullptr && spectrogramVsChartSegment_ == 0)
+        return spectrogramView_->imageOfChart();
+    return chartView_->imageOfChart();
+}
+
+bool MainViewController::writeExportFile(const QString& path) {
+    if (defaults_.typeOfExportImport() == 1) {
+        // Written whole or not at all: a viewer never sees half a picture.
+        QSaveFile file(path);
+        if (!file.open(QIODevice::WriteOnly) || !imageOfChartOnScreen().save(&file, "PNG") ||
+            !file.commit()) {
+            qWarning("error %d from %s", int(file.error()), "QSaveFile");
+            return false;
+        }
+        return true;
+    }
+    TQHelpers::writeAudioDataToFileURL(defaults_, QUrl::fromLocalFile(path), true);
+    return true;
+}
+
+void MainViewController::sendACopy() {
+    if (defaults_.actualInterval() == 0) {
+        TQMessage::showMessage(QStringLiteral("Nothing to share!"), QStringLiteral("OK"));
+        return;
+    }
+    blockButtonsForRebuild();
+    stopAnalyzerWithRefreshButtonsEnable(false);
+    MainQueue::async(
+        [this] {
+            auto* items = new QMimeData;
+            const QString appName = QGuiApplication::applicationDisplayName();
+            if (defaults_.typeOfExportImport() == 1) {
+                const bool spectrogram =
+                    spectrogramView_ != nullptr && spectrogramVsChartSegment_ == 0;
+                items->setText(spectrogram ? QStringLiteral("%1 - Spectrogram").arg(appName)
+                                           : QStringLiteral("%1 - %2").arg(
+                                                 appName, chartView_->nameOfChart()));
+                items->setImageData(imageOfChartOnScreen());
+            } else {
+                items->setText(appName);
+                removeExportedTempFile();
+                const QUrl url = TQHelpers::urlInTempWithFileName(QStringLiteral("recording.wav"));
+                TQHelpers::writeAudioDataToFileURL(defaults_, url, true);
+                TQHelpers::excludeFromBackupURL(url);
+                // The file stays while the clipboard may still be pasted from:
+                // until the next copy or the end of the session.
+                exportTempFileURL_ = url;
+                items->setUrls({url});
+            }
+            QGuiApplication::clipboard()->setMimeData(items);
+            unblockButtonsAfterRebuild();
+        },
+        &delayedContext_);
+}
+
+void MainViewController::removeExportedTempFile() {
+    if (exportTempFileURL_.isEmpty())
+        return;
+    QFile::remove(exportTempFileURL_.toLocalFile());
+    exportTempFileURL_.clear();
+}
+
+void MainViewController::openInAnotherApp() {
+    if (defaults_.actualInterval() == 0) {
+        TQMessage::showMessage(QStringLiteral("Nothing to open in another app!"),
+                               QStringLiteral("OK"));
+        return;
+    }
+    defaults_.setDataValid(true);
+    const bool image = defaults_.typeOfExportImport() == 1;
+    const QUrl url = TQHelpers::urlInTempWithFileName(image ? QStringLiteral("chart.png")
+                                                            : QStringLiteral("recording.wav"));
+    writeExportFile(url.toLocalFile());
+    TQHelpers::excludeFromBackupURL(url);
+    if (!QDesktopServices::openUrl(url)) {
+        TQMessage::showMessage(
+            QStringLiteral("There is no application on your device to open %1 file type.")
+                .arg(image ? QStringLiteral("PNG") : QStringLiteral("WAV")),
+            QString(), QStringLiteral("Cancel"), {}, {});
+        QFile::remove(url.toLocalFile());
+    }
+    refreshPlayRecordPauseButtonsWithChangeEnabled(true);
+}
+
+void MainViewController::importAudioFileWithURL(const QUrl& url,
+                                                std::function<void()> finishBlock) {
+    if (importRunning_)
+        return;
+    if (!TQHelpers::copyTemporaryAudioFileWithURL(url)) {
+        TQMessage::showMessage(QStringLiteral("This file cannot be imported."),
+                               QStringLiteral("Cancel"));
+        return;
+    }
+    const QString staged = TQHelpers::stagedImportPath(url);
+    double rate = 0.0;
+    double seconds = 0.0;
+    if (TQHelpers::getImportedSampleRateAndTimeAndReturnValues(staged, [&](double r, double s) {
+            rate = r;
+            seconds = s;
+        })) {
+        QFile::remove(staged);
+        TQMessage::showMessage(QStringLiteral("This file cannot be read."),
+                               QStringLiteral("Cancel"));
+        return;
+    }
+    if (float(rate) != defaults_.sampleRate()) {
+        TQMessage::showMessage(
+            QStringLiteral("File sample rate is %1Hz. Spectrogram sample rate is %2Hz. Do you "
+                           "want to convert the sample rate and import to the current "
+                           "spectrogram context?")
+                .arg(int(rate))
+                .arg(int(defaults_.sampleRate())),
+            QString(), QStringLiteral("Cancel"), {QStringLiteral("OK")},
+            [this, staged, seconds, finishBlock = std::move(finishBlock),
+             alive = std::weak_ptr<int>(lifeToken_)](int button) mutable {
+                if (alive.expired())
+                    return;
+                if (button == 1)
+                    importAudioFile(staged, seconds, std::move(finishBlock));
+                else
+                    QFile::remove(staged);
+            });
+        return;
+    }
+    importAudioFile(staged, seconds, std::move(finishBlock));
+}
+
+void MainViewController::importAudioFile(const QString& stagedPath, double timeLength,
+                                         std::function<void()> finishBlock) {
+    if (importRunning_)
+        return;
+    importRunning_ = true;
+    stopAnalyzerAndRunBlock([this, stagedPath, timeLength,
+                             finishBlock = std::move(finishBlock)]() mutable {
+        // The document takes the current settings; an imported one is read-only.
+        defaults_.setReadOnly(false);
+        defaults_.recalculateDocumentSettings();
+        const double maxTime = double(defaults_.czasSpectrogramu());
+        defaults_.setReadOnly(true);
+        defaults_.setTimeOfDocument(float(std::min(timeLength, maxTime)));
+        analyzerController_->rebuildDataWithClear();
+        defaults_.setDataValid(false);
+        refreshPlayRecordPauseButtonsWithChangeEnabled(false);
+
+        auto* wait = static_cast<QLabel*>(pleaseWaitView_);
+        if (importThread_.joinable())
+            importThread_.join();
+        importCancel_.store(false, std::memory_order_release);
+        // Reading and converting a long file takes seconds: a worker thread
+        // reads it, and the wait view shows how far it got.
+        importThread_ = std::thread([this, wait, stagedPath, timeLength, maxTime,
+                                     finishBlock = std::move(finishBlock)]() mutable {
+            int shown = -1;
+            const bool ok = TQHelpers::readImportedAudioData(
+                defaults_, stagedPath,
+                [&](int64_t done, int64_t total) {
+                    const int percent =
+                        total > 0 ? int(std::min<int64_t>(100, done * 100 / total)) : 0;
+                    if (percent == shown)
+                        return;
+                    shown = percent;
+                    QMetaObject::invokeMethod(
+                        wait,
+                        [wait, percent] {
+                            wait->setText(QStringLiteral("Please wait... %1%").arg(percent));
+                        },
+                        Qt::QueuedConnection);
+                },
+                &importCancel_);
+            MainQueue::async(
+                [this, ok, timeLength, maxTime, finishBlock = std::move(finishBlock)]() mutable {
+                    static_cast<QLabel*>(pleaseWaitView_)
+                        ->setText(QStringLiteral("Please wait..."));
+                    analyzerController_->recalculateDataWithFinishBlock(
+                        [this, ok, timeLength, maxTime,
+                         finishBlock = std::move(finishBlock)]() mutable {
+                            defaults_.setDataValid(true);
+                            importRunning_ = false;
+                            unblockButtonsAfterRebuild();
+                            if (!ok)
+                                TQMessage::showMessage(QStringLiteral("This file cannot be read."),
+                                                       QStringLiteral("Cancel"));
+                            else if (timeLength > maxTime + 1e-3)
+                                TQMessage::showMessage(
+                                    QString::asprintf(kImportShortenedMessage, timeLength, maxTime),
+                                    QStringLiteral("OK"));
+                            if (finishBlock)
+                                finishBlock();
+                        });
+                },
+                &delayedContext_);
+        });
+    });
+}
+
+void MainViewController::importAudioFileAndDeleteWithURL(const QUrl& url) {
+    stopAnalyzerWithRefreshButtonsEnable(true);
+    importAudioFileWithURL(url, [this] { unblockButtonsAfterRebuild(); });
+}
+
+void MainViewController::dragEnterEvent(QDragEnterEvent* event) {
+    const QList<QUrl> urls = event->mimeData()->urls();
+    if (!urls.isEmpty() && urls.first().isLocalFile())
+        event->acceptProposedAction();
+}
+
+void MainViewController::dropEvent(QDropEvent* event) {
+    const QList<QUrl> urls = event->mimeData()->urls();
+    if (urls.isEmpty() || !urls.first().isLocalFile())
+        return;
+    event->acceptProposedAction();
+    emit fileHandedIn(urls.first());
 }
 
 } // namespace widmo

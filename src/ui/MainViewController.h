@@ -6,11 +6,14 @@
 #include "ui/SettingsDelegate.h"
 #include "ui/TQMessagePresenter.h"
 
+#include <QUrl>
 #include <QWidget>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <thread>
 
 class QFrame;
 class QLabel;
@@ -123,7 +126,63 @@ public:
     /// The chart's data on the clipboard: as text, and as the file "chart.csv"
     /// in the cache folder for applications that take files.
     void copyChartDataAsCsv();
+    /// The chart data's sheet: "Export" (a file) or "Send a copy" (the clipboard).
+    void chartDataActions();
+    /// Title of the export choice and sheet for the chart's data.
+    static const QString kChartDataCsv;
 
+    // --- Import and export -----------------------------------------------------------------
+
+    /// The share button: "What do you want to import or export?" ("Audio
+    /// file", "Chart image PNG"), then the chosen kind's actions; products
+    /// without audio import and export go straight to the chart image's
+    /// actions (Export, Send a copy, Open in another app).
+    void exportImportWybor();
+    /// Stops the analyser and opens the file dialog that saves the chart image
+    /// (PNG) or the document's audio (WAV), as `typeOfExportImport` says.
+    /// "Nothing to export!" for an empty document.
+    void exportToITunes();
+    /// Stops the analyser and opens the file dialog that picks an audio file
+    /// to import (`importAudioFileWithURL`).
+    void importFromITunes();
+    /// Puts the chart image (with its subject as text), or the document's WAV
+    /// file ("recording.wav" in the cache folder), on the clipboard.
+    /// "Nothing to share!" for an empty document.
+    void sendACopy();
+    /// Writes "chart.png" or "recording.wav" in the cache folder and opens it
+    /// with the desktop's default application for its type; says so when
+    /// there is none. "Nothing to open in another app!" for an empty document.
+    void openInAnotherApp();
+    /// Deletes the file of the last "Send a copy" of audio, if any.
+    void removeExportedTempFile();
+    /// Stages a copy of the local file `url`, checks that it is audio, asks
+    /// whether to convert another sample rate, then imports it
+    /// (`importAudioFile`). A failed check ends in a message and leaves the
+    /// document as it was. `finishBlock` runs after a completed import only.
+    void importAudioFileWithURL(const QUrl& url, std::function<void()> finishBlock);
+    /// Imports the staged file `stagedPath` of `timeLength` seconds: a new
+    /// empty read-only document with the current settings, the file read into
+    /// it on a worker thread (progress on the wait view, the buttons blocked),
+    /// then every spectrum recalculated; a file longer than the spectrogram is
+    /// cut, and a message names both lengths.
+    void importAudioFile(const QString& stagedPath, double timeLength,
+                         std::function<void()> finishBlock);
+    /// A file handed to the application: stops the analyser and imports it.
+    /// The file itself is left in place (only the staged copy is deleted).
+    void importAudioFileAndDeleteWithURL(const QUrl& url);
+    /// The shortening message of an import.
+    static const char* const kImportShortenedMessage;
+    /// `imageOfChart` of whichever view is full screen.
+    QImage imageOfChartOnScreen();
+    /// An import is reading its file or recalculating.
+    bool importRunning() const { return importRunning_; }
+    QToolButton* shareImageButton() const { return shareImageButton_; }
+
+signals:
+    /// A file was dropped on the screen (products with audio import).
+    void fileHandedIn(const QUrl& url);
+
+public:
     // --- AnalyzerControllerDelegate -----------------------------------------------------------
 
     void recorderDidStop() override;
@@ -238,6 +297,8 @@ public:
 
 protected:
     void resizeEvent(QResizeEvent* event) override;
+    void dragEnterEvent(QDragEnterEvent* event) override;
+    void dropEvent(QDropEvent* event) override;
 
 private:
     void commonSetup();
@@ -264,6 +325,13 @@ private:
     float gainSliderValue() const;
     QString gainInfoText() const;
     QToolButton* addToolButton(const QString& toolTip);
+    /// The second action sheet of `exportImportWybor` for `type` (0 audio, 1 image).
+    void exportImportActions(int32_t type);
+    /// The file dialog of an export or an import, as `isExport` says.
+    void openImportExportController();
+    /// Writes the chart image (PNG) or the audio (WAV) to `path`, as
+    /// `typeOfExportImport` says; false when the image could not be written.
+    bool writeExportFile(const QString& path);
 
     AnalyzerDefaults& defaults_;
     TQAudio& audio_;
@@ -293,8 +361,7 @@ private:
     QToolButton* gainSliderAndMaxMinResetButton_ = nullptr;
     QToolButton* settingsButton_ = nullptr;
     QToolButton* helpButton_ = nullptr;
-    /// "Export data as CSV...": a menu with the file and the clipboard.
-    QToolButton* csvButton_ = nullptr;
+    QToolButton* shareImageButton_ = nullptr;
     QFrame* gainView_ = nullptr;
     QSlider* gainSlider_ = nullptr;
     QLabel* gainValueLabel_ = nullptr;
@@ -312,6 +379,11 @@ private:
     bool resetMinMaxButtonEnabled_ = false;
     bool buttonsBlocked_ = false;
     bool mTrigStarted = false;
+    QUrl exportTempFileURL_;
+    // The import's file reading; joined before the next one and on destruction.
+    std::thread importThread_;
+    std::atomic<bool> importCancel_{false};
+    bool importRunning_ = false;
     // Context of delayed main-queue work: dropped when the screen goes away.
     QObject delayedContext_;
     // Callbacks that may outlive the screen (audio completions, messages) hold

@@ -115,6 +115,16 @@ bool paintImage(QPainter& p, const QString& name, const QColor& tint) {
         p.setBrush(tint);
         p.drawPolygon(QPolygonF{QPointF(2, 10), QPointF(8, 10), QPointF(5, 14)});
         p.drawPolygon(QPolygonF{QPointF(22, 14), QPointF(16, 14), QPointF(19, 10)});
+    } else if (name == QLatin1String("share")) {
+        // An arrow rising out of an open box.
+        p.setPen(QPen(tint, 1.8));
+        p.setBrush(Qt::NoBrush);
+        p.drawPolyline(QPolygonF{QPointF(8, 9), QPointF(4.5, 9), QPointF(4.5, 21.5),
+                                 QPointF(19.5, 21.5), QPointF(19.5, 9), QPointF(16, 9)});
+        p.drawLine(QPointF(12, 15), QPointF(12, 3));
+        p.setPen(Qt::NoPen);
+        p.setBrush(tint);
+        p.drawPolygon(QPolygonF{QPointF(7.5, 7), QPointF(12, 1.5), QPointF(16.5, 7)});
     } else if (name == QLatin1String("pip")) {
         // A small picture in the corner of a large one.
         p.setPen(QPen(tint, 1.8));

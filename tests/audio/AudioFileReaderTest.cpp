@@ -86,6 +86,16 @@ TEST_F(AudioFileReaderTest, badInputsFailWithAText) {
         EXPECT_TRUE(out.empty());
     }
 
+    // A valid header claiming 1 Hz: converting it to 48 kHz would need buffers
+    // of gigabytes. Refused with a text instead.
+    writeBytes(path("slow.au"), QByteArray::fromHex("2e736e640000002c800003200000000100000001"
+                                                    "00000001"));
+    AudioFileReader slow;
+    ASSERT_TRUE(slow.open(path("slow.au"))) << slow.errorText();
+    std::vector<float> out;
+    EXPECT_FALSE(slow.readMono(out, 48000.0));
+    EXPECT_NE(slow.errorText().find("cannot be converted"), std::string::npos);
+
     if (geteuid() != 0) { // the superuser reads files whatever their permissions
         QFile::setPermissions(whole.fileName(), QFileDevice::WriteOwner);
         AudioFileReader reader;

@@ -1,0 +1,404 @@
+#include "ui/AppDelegate.h"
+#include "ui/MainViewController.h"
+#include "ui/TQHelpers.h"
+
+#include "audio/TQAudio.h"
+#include "charts/ChartView.h"
+#include "core/AnalyzerDefaults.h"
+#include "core/AnalyzerFeatures.h"
+#include "dsp/FFTManager.h"
+#include "ui/SegmentedControl.h"
+
+#include "TempSettings.h"
+
+#include <QAbstractButton>
+#include <QApplication>
+#include <QClipboard>
+#include <QDir>
+#include <QDropEvent>
+#include <QFile>
+#include <QFileDialog>
+#include <QImage>
+#include <QLineEdit>
+#include <QMainWindow>
+#include <QMessageBox>
+#include <QMimeData>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QToolButton>
+
+#include <gtest/gtest.h>
+#include <sndfile.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstring>
+#include <numbers>
+#include <random>
+#include <vector>
+
+namespace widmo {
+namespace {
+
+QMessageBox* waitMessage() {
+    QMessageBox* found = nullptr;
+    (void)QTest::qWaitFor(
+        [&] {
+            for (QWidget* w : QApplication::topLevelWidgets())
+                if (auto* box = qobject_cast<QMessageBox*>(w); box && box->isVisible())
+                    found = box;
+            return found != nullptr;
+        },
+        3000);
+    return found;
+}
+
+QStringList buttonTexts(QMessageBox* box) {
+    QStringList texts;
+    for (QAbstractButton* b : box->buttons())
+        texts << b->text();
+    texts.sort();
+    return texts;
+}
+
+void press(QMessageBox* box, const QString& text) {
+    for (QAbstractButton* b : box->buttons())
+        if (b->text() == text) {
+            b->click();
+            (void)QTest::qWaitFor([&] { return !box->isVisible(); }, 1000);
+            return;
+        }
+    ADD_FAILURE() << "no button " << text.toStdString();
+}
+
+void writeSine(const QString& path, int format, int rate, int channels, double seconds,
+               double frequency, double amplitude) {
+    SF_INFO info{};
+    info.samplerate = rate;
+    info.channels = channels;
+    info.format = format;
+    SNDFILE* f = sf_open(QFile::encodeName(path).constData(), SFM_WRITE, &info);
+    ASSERT_NE(f, nullptr) << sf_strerror(nullptr);
+    std::vector<float> s(size_t(seconds * rate) * size_t(channels));
+    for (size_t i = 0; i < s.size(); ++i)
+        s[i] = float(amplitude * std::sin(2.0 * std::numbers::pi * frequency *
+                                          double(i / size_t(channels)) / rate));
+    sf_writef_float(f, s.data(), sf_count_t(s.size()) / channels);
+    sf_close(f);
+}
+
+// The WAV export holds the intervals the spectrogram shows, oldest first, as
+// the store's own float bits: from 0 while fewer than its width were recorded,
+// across the ring's end afterwards.
+TEST(ImportExportFiles, wavExportHoldsTheShownIntervalsBitForBit) {
+    QTemporaryDir dir;
+    AnalyzerFeatures features = AnalyzerFeatures::studioProduct();
+    AnalyzerDefaults defaults(features, "import-export-test");
+    defaults.recalculateDocumentSettings();
+    std::vector<float>& store = defaults.audioBuffersData();
+    store.assign(size_t(defaults.audioBufferByteSize()) / sizeof(float), 0.0f);
+    std::mt19937 random(3);
+    std::uniform_real_distribution<float> uniform(-1.0f, 1.0f);
+    for (float& v : store)
+        v = uniform(random);
+    const int64_t frames = defaults.intervalSizeInFrames();
+    const int64_t ring = frames * defaults.audioBuffersIntervalsCount();
+    const int64_t width = defaults.spectrogramWidth();
+    ASSERT_LE(width * frames, ring);
+
+    for (const int64_t last : {int64_t{5}, int64_t{defaults.audioBuffersIntervalsCount()} + 3}) {
+        SCOPED_TRACE(last);
+        defaults.setActualInterval(last);
+        const QString path = dir.filePath(QStringLiteral("out.wav"));
+        ASSERT_TRUE(TQHelpers::writeAudioDataToFileURL(defaults, QUrl::fromLocalFile(path), true));
+        EXPECT_FALSE(
+            TQHelpers::writeAudioDataToFileURL(defaults, QUrl::fromLocalFile(path), false));
+        SF_INFO info{};
+        SNDFILE* f = sf_open(QFile::encodeName(path).constData(), SFM_READ, &info);
+        ASSERT_NE(f, nullptr);
+        EXPECT_EQ(info.format, SF_FORMAT_WAV | SF_FORMAT_FLOAT);
+        EXPECT_EQ(info.channels, 1);
+        EXPECT_EQ(info.samplerate, int(defaults.sampleRate()));
+        const int64_t first = std::max<int64_t>(last - width, 0);
+        ASSERT_EQ(info.frames, (last - first) * frames);
+        std::vector<float> read(size_t(info.frames));
+        sf_readf_float(f, read.data(), info.frames);
+        sf_close(f);
+        for (int64_t k = first; k < last; ++k)
+            ASSERT_EQ(std::memcmp(read.data() + (k - first) * frames,
+                                  store.data() + (k * frames) % ring, size_t(frames) * 4),
+                      0)
+                << "interval " << k;
+    }
+}
+
+// The studio on the test servers, with a folder of files to import.
+class ImportExportTest : public test::TempSettings {
+protected:
+    void TearDown() override {
+        while (QMessageBox* box = waitMessageNow())
+            box->close();
+        app_.reset();
+        audio_.reset();
+        fft_.reset();
+        defaults_.reset();
+    }
+    static QMessageBox* waitMessageNow() {
+        for (QWidget* w : QApplication::topLevelWidgets())
+            if (auto* box = qobject_cast<QMessageBox*>(w); box && box->isVisible())
+                return box;
+        return nullptr;
+    }
+    void launch(const AnalyzerFeatures& features) {
+        features_ = std::make_unique<AnalyzerFeatures>(features);
+        defaults_ = std::make_unique<AnalyzerDefaults>(*features_, "import-export-test");
+        defaults_->setSampleRate(48000.0f);
+        defaults_->copyCurrentToPreferred();
+        audio_ = std::make_unique<TQAudio>(*defaults_, *features_);
+        fft_ = std::make_unique<FFTManager>(*defaults_);
+        app_ = std::make_unique<AppDelegate>(*defaults_, *audio_, *fft_);
+        ASSERT_TRUE(app_->didFinishLaunchingWithOptions());
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(app_->window()));
+        ASSERT_TRUE(QTest::qWaitFor(
+            [&] { return app_->dataPrepared() && !screen()->buttonsBlocked(); }, 5000));
+    }
+    MainViewController* screen() const { return app_->mainViewController(); }
+    QString file(const char* name) const { return dir_.filePath(QLatin1String(name)); }
+    bool waitImported() {
+        return QTest::qWaitFor([&] { return !screen()->importRunning(); }, 20000);
+    }
+
+    QTemporaryDir dir_;
+    std::unique_ptr<AnalyzerFeatures> features_;
+    std::unique_ptr<AnalyzerDefaults> defaults_;
+    std::unique_ptr<TQAudio> audio_;
+    std::unique_ptr<FFTManager> fft_;
+    std::unique_ptr<AppDelegate> app_;
+};
+
+// A 44.1 kHz FLAC into the 48 kHz document: the question with both rates,
+// then the tone at 1 kHz and its level in the store; the document is
+// read-only. The chart exported through the file dialog is a PNG of the
+// chart's image, pixel for pixel.
+TEST_F(ImportExportTest, studioImportsFlacAtAnotherRate_andExportsTheChartAsPng) {
+    launch(AnalyzerFeatures::studioProduct());
+    ASSERT_EQ(defaults_->sampleRate(), 48000.0f);
+    writeSine(file("tone.flac"), SF_FORMAT_FLAC | SF_FORMAT_PCM_24, 44100, 2, 2.0, 1000.0, 0.5);
+
+    screen()->importAudioFileWithURL(QUrl::fromLocalFile(file("tone.flac")), {});
+    QMessageBox* question = waitMessage();
+    ASSERT_TRUE(question);
+    EXPECT_EQ(question->text(),
+              "File sample rate is 44100Hz. Spectrogram sample rate is 48000Hz. Do you want to "
+              "convert the sample rate and import to the current spectrogram context?");
+    press(question, "OK");
+    ASSERT_TRUE(QTest::qWaitFor([&] { return screen()->importRunning(); }, 2000));
+    EXPECT_TRUE(screen()->buttonsBlocked());
+    EXPECT_FALSE(screen()->shareImageButton()->isEnabled());
+    ASSERT_TRUE(waitImported());
+    EXPECT_FALSE(screen()->buttonsBlocked());
+    EXPECT_TRUE(defaults_->readOnly());
+    const int64_t frames = defaults_->intervalSizeInFrames();
+    EXPECT_NEAR(double(defaults_->actualInterval()), 96000.0 / double(frames), 1.0);
+
+    const std::vector<float>& store = defaults_->audioBuffersData();
+    int crossings = 0;
+    double energy = 0.0;
+    for (size_t i = 24000; i < 72000; ++i) {
+        crossings += (store[i - 1] < 0.0f) != (store[i] < 0.0f);
+        energy += double(store[i]) * store[i];
+    }
+    EXPECT_NEAR(crossings / 2.0, 1000.0, 1.0);
+    EXPECT_NEAR(20.0 * std::log10(std::sqrt(2.0 * energy / 48000) / 0.5), 0.0, 0.1);
+
+    // Chart full screen, then Export of the chart image through the dialog.
+    QTest::mouseClick(screen()->spectrogramVsChartSegmentedControl()->buttonForSegment(1),
+                      Qt::LeftButton);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !screen()->layoutAnimating(); }, 3000));
+    QTest::mouseClick(screen()->shareImageButton(), Qt::LeftButton);
+    QMessageBox* sheet = waitMessage();
+    ASSERT_TRUE(sheet);
+    EXPECT_EQ(sheet->text().toStdString(), "What do you want to import or export?");
+    EXPECT_EQ(buttonTexts(sheet).join('|').toStdString(),
+              "Audio file|Cancel|Chart data CSV|Chart image PNG");
+    press(sheet, "Chart image PNG");
+    sheet = waitMessage();
+    ASSERT_TRUE(sheet);
+    EXPECT_EQ(sheet->text().toStdString(), "Chart image PNG");
+    press(sheet, "Export");
+    QFileDialog* dialog = nullptr;
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] {
+            dialog = screen()->findChild<QFileDialog*>();
+            return dialog != nullptr && dialog->isVisible();
+        },
+        3000));
+    EXPECT_EQ(dialog->windowTitle(), "Export chart (PNG)");
+    const QString png = file("picture.png");
+    auto* name = dialog->findChild<QLineEdit*>(QStringLiteral("fileNameEdit"));
+    ASSERT_TRUE(name);
+    name->setText(png);
+    QTest::keyClick(name, Qt::Key_Return);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return QFile::exists(png); }, 3000));
+    const QImage written(png);
+    const QImage expected = screen()->chartView()->imageOfChart();
+    ASSERT_FALSE(expected.isNull());
+    EXPECT_EQ(written.size(), expected.size());
+    EXPECT_EQ(written.convertToFormat(QImage::Format_ARGB32),
+              expected.convertToFormat(QImage::Format_ARGB32));
+}
+
+// A file longer than the spectrogram is cut at its width with the message
+// naming both lengths; a file at the document's rate asks nothing.
+TEST_F(ImportExportTest, studioCutsALongFileWithItsMessage) {
+    launch(AnalyzerFeatures::studioProduct());
+    defaults_->recalculateDocumentSettings();
+    const double maxTime = defaults_->czasSpectrogramu();
+    writeSine(file("long.wav"), SF_FORMAT_WAV | SF_FORMAT_PCM_16, 48000, 1, maxTime + 2.0, 440.0,
+              0.25);
+    screen()->importAudioFileWithURL(QUrl::fromLocalFile(file("long.wav")), {});
+    ASSERT_TRUE(waitImported());
+    QMessageBox* message = waitMessage();
+    ASSERT_TRUE(message);
+    EXPECT_EQ(message->text().toStdString(),
+              QString::asprintf(MainViewController::kImportShortenedMessage,
+                                double(int64_t((maxTime + 2.0) * 48000)) / 48000, maxTime)
+                  .toStdString());
+    EXPECT_EQ(defaults_->actualInterval(), defaults_->spectrogramWidth());
+}
+
+// Staging failures end in their message and leave the document as it was.
+TEST_F(ImportExportTest, studioBadFilesLeaveTheDocumentAlone) {
+    launch(AnalyzerFeatures::studioProduct());
+    writeSine(file("good.wav"), SF_FORMAT_WAV | SF_FORMAT_FLOAT, 48000, 1, 0.5, 440.0, 0.25);
+    screen()->importAudioFileWithURL(QUrl::fromLocalFile(file("good.wav")), {});
+    ASSERT_TRUE(waitImported());
+    const int64_t intervals = defaults_->actualInterval();
+    ASSERT_GT(intervals, 0);
+    const std::vector<float> before = defaults_->audioBuffersData();
+
+    QFile good(file("good.wav"));
+    ASSERT_TRUE(good.open(QIODevice::ReadOnly));
+    const QByteArray bytes = good.readAll();
+    const auto put = [&](const char* name, const QByteArray& content) {
+        QFile f(file(name));
+        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+        f.write(content);
+    };
+    put("empty.wav", {});
+    put("truncated.wav", bytes.left(20));
+    std::mt19937 random(11);
+    QByteArray noise(8192, '\0');
+    for (char& c : noise)
+        c = char(random());
+    put("noise.wav", noise);
+    put("text.mp3", "not audio at all, only a few words\n");
+    QDir(dir_.path()).mkdir("folder.wav");
+    put("locked.wav", bytes);
+    QFile::setPermissions(file("locked.wav"), QFileDevice::WriteOwner);
+
+    struct Case {
+        const char* name;
+        const char* message;
+    };
+    std::vector<Case> cases = {{"empty.wav", "This file cannot be read."},
+                               {"truncated.wav", "This file cannot be read."},
+                               {"noise.wav", "This file cannot be read."},
+                               {"text.mp3", "This file cannot be read."},
+                               {"folder.wav", "This file cannot be imported."}};
+    if (geteuid() != 0) // the superuser reads whatever the permissions say
+        cases.push_back({"locked.wav", "This file cannot be imported."});
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        screen()->importAudioFileWithURL(QUrl::fromLocalFile(file(c.name)), {});
+        QMessageBox* message = waitMessage();
+        ASSERT_TRUE(message);
+        EXPECT_EQ(message->text().toStdString(), c.message);
+        message->close();
+        (void)QTest::qWaitFor([&] { return waitMessageNow() == nullptr; }, 1000);
+        EXPECT_FALSE(screen()->importRunning());
+        EXPECT_EQ(defaults_->actualInterval(), intervals);
+        EXPECT_TRUE(defaults_->audioBuffersData() == before);
+    }
+}
+
+// A six-channel file dropped on the window: the question, then the mean of
+// its channels in the store.
+TEST_F(ImportExportTest, studioImportsADroppedFileMixedToMono) {
+    launch(AnalyzerFeatures::studioProduct());
+    SF_INFO info{};
+    info.samplerate = 48000;
+    info.channels = 6;
+    info.format = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
+    SNDFILE* f = sf_open(QFile::encodeName(file("six.wav")).constData(), SFM_WRITE, &info);
+    ASSERT_NE(f, nullptr);
+    std::vector<float> samples(24000 * 6);
+    for (size_t i = 0; i < samples.size(); ++i)
+        samples[i] = 0.1f * float(i % 6 + 1);
+    sf_writef_float(f, samples.data(), 24000);
+    sf_close(f);
+
+    QMimeData mime;
+    mime.setUrls({QUrl::fromLocalFile(file("six.wav"))});
+    QDropEvent drop(QPointF(screen()->rect().center()), Qt::CopyAction, &mime, Qt::LeftButton,
+                    Qt::NoModifier);
+    // Straight to the widget's handler: a synthetic drop has no drag behind
+    // it for the application's drag-and-drop routing.
+    static_cast<QObject*>(screen())->event(&drop);
+    QMessageBox* question = waitMessage();
+    ASSERT_TRUE(question);
+    EXPECT_EQ(question->text().toStdString(),
+              "Do you want to import the file into the current spectrogram context?");
+    press(question, "Yes");
+    ASSERT_TRUE(QTest::qWaitFor([&] { return screen()->importRunning(); }, 2000));
+    ASSERT_TRUE(waitImported());
+    // The read-only document is as long as the whole intervals of the file.
+    const int64_t frames = defaults_->intervalSizeInFrames();
+    EXPECT_EQ(defaults_->actualInterval(), 24000 / frames);
+    const std::vector<float>& store = defaults_->audioBuffersData();
+    for (size_t i = 0; i < size_t(defaults_->actualInterval() * frames); ++i)
+        ASSERT_NEAR(store[i], 0.35f, 1e-6f) << i;
+    EXPECT_TRUE(QFile::exists(file("six.wav"))); // the user's file stays
+}
+
+// The spectrum product offers the chart's image and data, not audio; an
+// empty document has nothing to share.
+TEST_F(ImportExportTest, spectrumProductOffersOnlyTheChartImageAndData) {
+    launch(AnalyzerFeatures::spectrumProduct());
+    QTest::mouseClick(screen()->shareImageButton(), Qt::LeftButton);
+    QMessageBox* sheet = waitMessage();
+    ASSERT_TRUE(sheet);
+    EXPECT_EQ(buttonTexts(sheet).join('|').toStdString(), "Cancel|Chart data CSV|Chart image PNG");
+    press(sheet, "Chart data CSV");
+    sheet = waitMessage();
+    ASSERT_TRUE(sheet);
+    EXPECT_EQ(buttonTexts(sheet).join('|').toStdString(), "Cancel|Export|Send a copy");
+    press(sheet, "Send a copy");
+    ASSERT_TRUE(QTest::qWaitFor(
+        [] { return QApplication::clipboard()->text().startsWith("frequency_hz,level_db"); },
+        2000));
+
+    QTest::mouseClick(screen()->shareImageButton(), Qt::LeftButton);
+    sheet = waitMessage();
+    ASSERT_TRUE(sheet);
+    press(sheet, "Chart image PNG");
+    sheet = waitMessage();
+    ASSERT_TRUE(sheet);
+    EXPECT_EQ(sheet->text().toStdString(), "Chart image PNG");
+    EXPECT_EQ(buttonTexts(sheet).join('|').toStdString(),
+              "Cancel|Export|Open in another app|Send a copy");
+    defaults_->setActualInterval(0);
+    press(sheet, "Send a copy");
+    QMessageBox* notice = waitMessage();
+    ASSERT_TRUE(notice);
+    EXPECT_EQ(notice->text().toStdString(), "Nothing to share!");
+    notice->close();
+
+    // Files handed to it are ignored.
+    app_->importIntoApp(QUrl::fromLocalFile(file("any.wav")));
+    QTest::qWait(300);
+    EXPECT_EQ(waitMessageNow(), nullptr);
+}
+
+} // namespace
+} // namespace widmo
