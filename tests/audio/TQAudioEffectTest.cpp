@@ -249,9 +249,17 @@ TEST_F(TQAudioEffectTest, signalThroughNode_returnsBitForBitWithServerDelay_andE
     EXPECT_EQ(peer->matchingDelay(1, peer->sent(1)), reference);
     // Bit for bit, except where the server missed a cycle (an xrun on a
     // loaded machine disturbs the period it happens in, on the way into the
-    // node and on the way back): none on a quiet machine.
+    // node and on the way back): none on a quiet machine. Under the thread
+    // checker an instrumented cycle can overrun the non-real-time server's
+    // period without the peer being told of an xrun.
+#if defined(__SANITIZE_THREAD__)
+    constexpr size_t kUnreportedLatePeriods = 2;
+#else
+    constexpr size_t kUnreportedLatePeriods = 0;
+#endif
     for (size_t c = 0; c < 2; ++c)
-        EXPECT_LE(peer->mismatchedPeriods(c, peer->sent(c), reference), size_t(2 * xruns))
+        EXPECT_LE(peer->mismatchedPeriods(c, peer->sent(c), reference),
+                  size_t(2 * xruns) + kUnreportedLatePeriods)
             << "channel " << c << ", " << xruns << " xruns";
 
     // The engine analysed the node's sound: the tone's bin on the chart.
