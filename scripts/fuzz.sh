@@ -16,9 +16,9 @@ clang++ -std=c++20 -g -O1 -fsanitize=fuzzer,address,undefined -fno-sanitize-reco
     $(pkg-config --cflags --libs sndfile soxr) -o "$out/audio_file_reader_fuzzer"
 
 if [ -z "$(ls -A "$out/corpus")" ]; then
-    for spec in "wav -e floating-point -b 32" "wav -e signed-integer -b 16" "aiff -b 24" \
+    for format in "wav -e floating-point -b 32" "wav -e signed-integer -b 16" "aiff -b 24" \
                 "flac -b 16" "ogg" "au -e mu-law" "w64 -b 16" "caf -b 16"; do
-        read -r type rest <<< "$spec"
+        read -r type rest <<< "$format"
         # shellcheck disable=SC2086
         sox -n -r 8000 -c 2 $rest "$out/corpus/seed-${type}-${RANDOM}.${type}" \
             synth 0.05 sine 440 2>/dev/null || true
