@@ -47,12 +47,6 @@ inline int runGuiTests(int argc, char** argv, const char* applicationName,
     QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, home.path());
     ::testing::InitGoogleTest(&argc, argv);
     const int status = RUN_ALL_TESTS();
-#if defined(__SANITIZE_ADDRESS__)
-    // The leak check runs now, while Mesa's and Qt's threads are idle: at exit
-    // they are being torn down, and LeakSanitizer's tracer can crash stopping
-    // a thread that is ending.
-    soundServer = true;
-#endif
     if (!soundServer)
         return status;
     home.remove();
