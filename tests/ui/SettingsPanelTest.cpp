@@ -1,5 +1,5 @@
-#include "../core/TempSettings.h"
 #include "RecordingSettingsDelegate.h"
+#include "UiTestSupport.h"
 #include "audio/AudioInputPickerViewDataSource.h"
 #include "audio/TQAudio.h"
 #include "audio/TQAudioEffect.h"
@@ -12,16 +12,11 @@
 #include "ui/SegmentedControl.h"
 #include "ui/SettingsRootViewController.h"
 
-#include <QApplication>
 #include <QCheckBox>
 #include <QLabel>
 #include <QListWidget>
-#include <QMessageBox>
 #include <QPushButton>
-#include <QTest>
 #include <QToolButton>
-
-#include <gtest/gtest.h>
 
 namespace widmo {
 namespace {
@@ -162,15 +157,8 @@ TEST_F(SettingsPanelTest, audioInputPage_jackNodeSwitch_publishesOnTheServer_orS
     EXPECT_FALSE(nodeSwitch->isChecked());
     EXPECT_FALSE(node.enabled());
     EXPECT_FALSE(SettingsStore().readBool(key));
-    QMessageBox* box = nullptr;
-    ASSERT_TRUE(QTest::qWaitFor(
-        [&] {
-            for (QWidget* w : QApplication::topLevelWidgets())
-                if (auto* b = qobject_cast<QMessageBox*>(w); b && b->isVisible())
-                    box = b;
-            return box != nullptr;
-        },
-        5000));
+    QMessageBox* box = test::waitMessage(5000);
+    ASSERT_TRUE(box);
     EXPECT_EQ(box->text(), AudioInputTableViewController::kNoJackServerMessage);
     box->close();
 }
