@@ -67,7 +67,11 @@ protected:
 
 // --- Products ----------------------------------------------------------------------------------
 
-TEST_F(MainScreenTest, eachProductOffersItsButtons) {
+// Each product's toolbar offers its buttons, and its popups open inside the
+// window and the screen with the window away from the screen's edges: the
+// settings panel (it opened 207 px past the window's right edge) and the
+// chart-type list (it opened below the window).
+TEST_F(MainScreenTest, eachProductOffersItsButtons_popupsOpenInsideTheWindow) {
     using Meaning = MainViewController::GainMeaning;
     struct Case {
         AnalyzerFeatures features;
@@ -96,6 +100,26 @@ TEST_F(MainScreenTest, eachProductOffersItsButtons) {
         EXPECT_TRUE(s->gainSliderAndMaxMinResetButton()->isEnabled());
         EXPECT_EQ(s->gainMeaning(), c.gain);
         EXPECT_FALSE(s->pleaseWaitView()->isVisible());
+
+        QMainWindow* window = app_->window();
+        window->setGeometry(60, 40, 1000, 640);
+        ASSERT_TRUE(
+            QTest::qWaitFor([&] { return window->geometry().topLeft() == QPoint(60, 40); }));
+        const QRect inside = window->geometry() & window->screen()->availableGeometry();
+        const auto expectInside = [&](QWidget* popup) {
+            ASSERT_TRUE(popup != nullptr && popup->isVisible());
+            EXPECT_TRUE(inside.contains(popup->frameGeometry()))
+                << popup->metaObject()->className() << " at "
+                << QDebug::toString(popup->frameGeometry()).toStdString() << ", window "
+                << QDebug::toString(inside).toStdString();
+            popup->close();
+        };
+        QTest::mouseClick(s->settingsButton(), Qt::LeftButton);
+        expectInside(s->settingsPopoverViewController());
+        if (QToolButton* chartType = s->typeOfChartButton()) {
+            QTest::mouseClick(chartType, Qt::LeftButton);
+            expectInside(s->typeOfChartViewController());
+        }
         release();
     }
 }
@@ -245,35 +269,30 @@ TEST_F(MainScreenTest, voiceProduct_eggOnSecondChannel_meterReadsQuotient_chartD
     QTest::qWait(300);
     const QImage frame = chart->grabFramebuffer();
     const auto rowOf = [&](double y) { return test::chartRow(chart, y); };
-    int top = frame.height();
-    int bottom = -1;
+    const auto top = test::topmost(frame, test::isGreen);
+    const auto bottom = test::topmost(frame.mirrored(), test::isGreen);
+    ASSERT_TRUE(top && bottom);
     int contacts = 0;
     int columnsWithTrace = 0;
     bool high = false;
     for (int x = 0; x < frame.width(); ++x) {
-        double sum = 0.0;
-        int count = 0;
-        for (int y = 0; y < frame.height(); ++y)
-            if (test::isGreen(frame.pixel(x, y))) {
-                sum += y;
-                ++count;
-                top = std::min(top, y);
-                bottom = std::max(bottom, y);
-            }
-        if (count == 0)
+        const test::Pixels trace =
+            test::pixelsIn(frame, QRect(x, 0, 1, frame.height()), test::isGreen);
+        if (trace.count == 0)
             continue;
+        const bool nowHigh = trace.centre.y() < rowOf(0.5);
+        contacts += (nowHigh && !high && columnsWithTrace > 0) ? 1 : 0;
         ++columnsWithTrace;
-        const bool nowHigh = sum / count < rowOf(0.5);
-        contacts += (nowHigh && !high && columnsWithTrace > 1) ? 1 : 0;
         high = nowHigh;
     }
     EXPECT_GT(columnsWithTrace, frame.width() * 9 / 10);
     // The extremes of the whole window may lie outside the cycle drawn, so
     // its contacts and openings reach into the outer tenths of that band.
-    EXPECT_GE(top, rowOf(0.85) - 3.0);
-    EXPECT_LE(top, rowOf(0.78));
-    EXPECT_LE(bottom, rowOf(0.15) + 3.0);
-    EXPECT_GE(bottom, rowOf(0.22));
+    EXPECT_GE(top->y(), rowOf(0.85) - 3.0);
+    EXPECT_LE(top->y(), rowOf(0.78));
+    const double bottomRow = frame.height() - 1 - bottom->y();
+    EXPECT_LE(bottomRow, rowOf(0.15) + 3.0);
+    EXPECT_GE(bottomRow, rowOf(0.22));
     EXPECT_NEAR(contacts, n / 4 * f0 / 22050.0, 1.0);
 }
 
@@ -484,37 +503,6 @@ TEST_F(MainScreenTest, damagedSettings_startAWorkingProgram) {
     ASSERT_TRUE(tone.start());
     ASSERT_TRUE(startPause(true));
     expectToneOnChart();
-}
-
-// The popups of the bottom toolbar open inside the window and the screen,
-// with the window away from the screen's edges: the settings panel (it
-// opened 207 px past the window's right edge) and the chart-type list (it
-// opened below the window).
-TEST_F(MainScreenTest, toolbarPopupsOpenInsideTheWindow) {
-    for (const AnalyzerFeatures& features :
-         {AnalyzerFeatures::spectrumProduct(), AnalyzerFeatures::voiceProduct()}) {
-        launch(features);
-        QMainWindow* window = app_->window();
-        window->setGeometry(60, 40, 1000, 640);
-        ASSERT_TRUE(
-            QTest::qWaitFor([&] { return window->geometry().topLeft() == QPoint(60, 40); }));
-        const QRect inside = window->geometry() & window->screen()->availableGeometry();
-        const auto expectInside = [&](QWidget* popup) {
-            ASSERT_TRUE(popup != nullptr && popup->isVisible());
-            EXPECT_TRUE(inside.contains(popup->frameGeometry()))
-                << popup->metaObject()->className() << " at "
-                << QDebug::toString(popup->frameGeometry()).toStdString() << ", window "
-                << QDebug::toString(inside).toStdString();
-            popup->close();
-        };
-        QTest::mouseClick(screen()->settingsButton(), Qt::LeftButton);
-        expectInside(screen()->settingsPopoverViewController());
-        if (QToolButton* chartType = screen()->typeOfChartButton()) {
-            QTest::mouseClick(chartType, Qt::LeftButton);
-            expectInside(screen()->typeOfChartViewController());
-        }
-        release();
-    }
 }
 
 // --- Lifecycle and state across runs ------------------------------------------------------------
