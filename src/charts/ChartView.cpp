@@ -8,7 +8,6 @@
 #include "render/TQTexture.h"
 
 #include <QFontMetrics>
-#include <QOpenGLContext>
 #include <QPainter>
 #include <QResizeEvent>
 #include <QSaveFile>
@@ -21,51 +20,19 @@ namespace widmo {
 const char* const ChartView::kProductName = "Widmo";
 const char* const ChartView::kWatermark = "real-time sound analyser";
 
-namespace {
-
-const QColor kLabelGrey(142, 142, 147);
-// Room kept above the chart so that the top value label is not cut.
-constexpr int kTopMarginPad = 12;
-constexpr int kTopMarginPhone = 9;
-// Labels may stand out of the chart's span by this much (points) before they
-// are dropped: the labels at the ends are centred on the chart's edges.
-constexpr double kLabelSlack = 14.0;
-constexpr double kLabelGap = 4.0;
-
-QFont valueFont(bool pad) {
-    QFont font(QStringLiteral("Arial"));
-    font.setPixelSize(pad ? 14 : 13);
-    return font;
-}
-
-QFont titleFont(bool pad) { return DeviceClass::systemFont(pad ? 17.0 : 14.0, true); }
-
-} // namespace
-
 ChartView::ChartView(AnalyzerDefaults& defaults, QWidget* parent)
-    : TQGLView(parent), mDefaults(defaults), mSpectrumDebounce(defaults.spectrumWzmocnienieDB()),
+    : ChartFrameView(defaults, true, parent), mSpectrumDebounce(defaults.spectrumWzmocnienieDB()),
       mOsciloscopeDebounce(defaults.osciloscopeWzmocnienieDB()) {
     chartScrollView_ = new ChartScrollView(defaults, this, this);
     chartScrollView_->setDelegateRefresh(this);
-    levelMeterView_ = new LevelMeterView(this, defaults.features());
-    levelMeterView_->setOnTheRight(true);
+    placeInnerView(chartScrollView_);
     chartScrollView_->setLevelMeterView(levelMeterView_);
-    fullScreenMargines_ = pad() ? QSize(80, 54) : QSize(66, 46);
     logaritmicFrequencies_ = ChartLabels::logaritmicFrequencies(defaults.maxFrequency());
     setFullScreen(true);
     calculateMaxZoomWithZoomOut(true);
 }
 
-ChartView::~ChartView() {
-    // The base destructor can no longer reach releaseGLResources.
-    if (effect() != nullptr) {
-        makeCurrent();
-        releaseGLResources();
-        doneCurrent();
-    }
-}
-
-bool ChartView::pad() const { return DeviceClass::isPad(this); }
+ChartView::~ChartView() { releaseGLResourcesNow(); }
 
 TQGLScrollViewInterface* ChartView::chartScrollView() { return chartScrollView_; }
 
@@ -107,43 +74,10 @@ QString ChartView::nameOfChart() const {
     }
 }
 
-// --- Layout -----------------------------------------------------------------------------
-
-void ChartView::setFullScreen(bool on) {
-    fullScreen_ = on;
-    chartScrollView_->setFullScreen(on);
-    levelMeterView_->setFullScreen(on);
-    updateConstraints();
-    setNeedsDisplayWithSubviews();
-}
-
-QRect ChartView::chartRect() const {
-    if (!fullScreen_)
-        return rect();
-    const bool meterOn = mDefaults.features().featureLevelMeterEnabled();
-    const LevelMeterView::Metrics& m = LevelMeterView::metrics(pad());
-    const int meterWidth = meterOn ? m.meterWidth : m.widthWhenOff;
-    const int top = pad() ? kTopMarginPad : kTopMarginPhone;
-    return {fullScreenMargines_.width(), top,
-            std::max(1, width() - fullScreenMargines_.width() - meterWidth),
-            std::max(1, height() - top - fullScreenMargines_.height())};
-}
-
-void ChartView::updateConstraints() {
-    // Full screen: labels at the left and bottom, the meter at the right over
-    // the whole height. Picture in picture: the chart alone fills the view.
-    chartScrollView_->setGeometry(chartRect());
-    const bool meterShown = fullScreen_ && mDefaults.features().featureLevelMeterEnabled();
-    if (meterShown) {
-        const int meterWidth = LevelMeterView::metrics(pad()).meterWidth;
-        levelMeterView_->setGeometry(width() - meterWidth, 0, meterWidth, height());
-    }
-    levelMeterView_->setVisible(meterShown);
-}
+// --- Layout ---------------------------------------------------------------------------------
 
 void ChartView::resizeEvent(QResizeEvent* event) {
-    TQGLView::resizeEvent(event);
-    updateConstraints();
+    ChartFrameView::resizeEvent(event);
     calculateMaxZoomWithZoomOut(false);
 }
 
@@ -248,17 +182,7 @@ void ChartView::makeTexturesNow() {
 
 void ChartView::prepareTextures() {
     logaritmicFrequencies_ = ChartLabels::logaritmicFrequencies(mDefaults.maxFrequency());
-    if (effect() == nullptr) {
-        // No GL context yet: the textures are made as soon as it exists.
-        texturesPending_ = true;
-    } else {
-        const bool wasCurrent = QOpenGLContext::currentContext() == context();
-        if (!wasCurrent)
-            makeCurrent();
-        makeTexturesNow();
-        if (!wasCurrent)
-            doneCurrent();
-    }
+    makeTexturesWhenPossible();
     calculateMaxZoomWithZoomOut(typeOfChart_ != 2);
     setNeedsDisplayWithSubviews();
 }
@@ -301,13 +225,6 @@ void ChartView::releaseGLResources() {
 }
 
 // --- Drawing the labels ----------------------------------------------------------------------
-
-QRectF ChartView::chartUnitRect() const {
-    const QRect r = chartRect();
-    const double w = std::max(1, width());
-    const double h = std::max(1, height());
-    return {r.x() / w, (h - (r.y() + r.height())) / h, r.width() / w, r.height() / h};
-}
 
 QPointF ChartView::mapFromChart(QPointF content) const {
     const QRect r = chartRect();
@@ -357,22 +274,6 @@ void ChartView::drawYLabel(const TQTexture* texture, double contentY) {
     const QRectF bounds(0.0, chart.y() - kLabelSlack / h, 1.0,
                         chart.height() + 2.0 * kLabelSlack / h);
     effect()->rysujTextTexture(texture, anchor, 1.0f, 2, QSizeF(w, h), bounds);
-}
-
-void ChartView::drawTitles(const TQTexture* xTitle, const TQTexture* yTitle) {
-    const QRectF chart = chartUnitRect();
-    const double w = std::max(1, width());
-    const double h = std::max(1, height());
-    const QSizeF frame(w, h);
-    const double scale = DeviceClass::contentScaleFactor(this);
-    effect()->rysujTextTexture(xTitle, QPointF(chart.center().x(), 2.0 / h), 1.0f, 4, frame,
-                               QRectF());
-    if (yTitle != nullptr) {
-        // Turned to read upwards along the y axis, at the view's left edge.
-        const double across = (yTitle->height() / scale + 2.0) / w;
-        effect()->rysujTextTexture(yTitle, QPointF(across, chart.center().y()), 1.0f, 5, frame,
-                                   QRectF());
-    }
 }
 
 void ChartView::rysujOpisySpectrum() {
@@ -494,19 +395,11 @@ void ChartView::drawGLRect(const QRectF& /*rect*/) {
 // --- Image ----------------------------------------------------------------------------------
 
 QImage ChartView::imageOfChart() {
-    if (width() < 1 || height() < 1)
-        return {};
-    QImage image = grabFramebuffer();
+    QImage image = composedImage();
     if (image.isNull())
         return image;
-    image = image.convertToFormat(QImage::Format_ARGB32);
     QPainter painter(&image);
     const QRect chart = chartScrollView_->geometry();
-    painter.drawImage(chart.topLeft(), chartScrollView_->grabFramebuffer());
-    if (levelMeterView_->isVisible())
-        painter.drawImage(levelMeterView_->geometry().topLeft(),
-                          levelMeterView_->grabFramebuffer());
-
     painter.setPen(QPen(QColor(64, 64, 64), 2.0));
     painter.setBrush(Qt::NoBrush);
     painter.drawRect(QRectF(chart).adjusted(1.0, 1.0, -1.0, -1.0));

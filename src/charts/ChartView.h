@@ -1,9 +1,9 @@
 #pragma once
 
+#include "charts/ChartFrameView.h"
 #include "charts/ChartLabels.h"
 #include "engine/ChartViewInterface.h"
 #include "render/AffineTransform.h"
-#include "render/TQGLView.h"
 #include "render/TQGLViewScrolling.h"
 
 #include <QHash>
@@ -40,7 +40,7 @@ class TQTexture;
 /// call `prepareTextures` after every geometry change (the engine does at set-up).
 ///
 /// Threading: main thread only.
-class ChartView : public TQGLView, public ChartViewInterface, public TQGLViewScrolling {
+class ChartView : public ChartFrameView, public ChartViewInterface, public TQGLViewScrolling {
     Q_OBJECT
 public:
     /// `defaults` must outlive the view; its product switches decide the meter.
@@ -67,15 +67,11 @@ public:
     void contentWasChanged() override;
 
     ChartScrollView* chart() const { return chartScrollView_; }
-    LevelMeterView* levelMeterView() const { return levelMeterView_; }
 
     void clearOctaveRTAValues();
     void clearOctaveRTAMinMaxLevels();
     float levelDB() const;
 
-    bool fullScreen() const { return fullScreen_; }
-    /// Full screen: labels, grid and meter; otherwise the bare chart fills the view.
-    void setFullScreen(bool on);
     /// Saves the chart's pan and zoom for the old type, restores the new type's,
     /// sets the zoom limits and retitles the measuring panel.
     void setTypeOfChart(int32_t type);
@@ -111,10 +107,6 @@ public:
     /// complete); false when it cannot be written.
     bool writeCsvOfChart(const QString& path) const;
 
-    /// The chart's rectangle inside this view (points).
-    QRect chartRect() const;
-    /// Margins kept for the labels at the left and at the bottom in full screen.
-    QSize fullScreenMargines() const { return fullScreenMargines_; }
     /// Text of the linear gain labels currently shown (tests).
     QStringList linearWzmocnienieLabelTexts() const { return linearWzmocnienieTexts_; }
 
@@ -131,15 +123,11 @@ protected:
 private:
     using TextureList = std::vector<std::shared_ptr<TQTexture>>;
     TextureList makeTextures(const QStringList& texts, const QFont& font);
-    void makeTexturesNow();
+    void makeTexturesNow() override;
     void makeLinearWzmocnienieTextures();
     void makeOsciloscopeAmplitudeTextures();
-    void updateConstraints();
-    bool pad() const;
     /// Chart content point (through the chart's transform) to unit space of this view.
     QPointF mapFromChart(QPointF content) const;
-    /// Chart rectangle in this view's unit space.
-    QRectF chartUnitRect() const;
     void rysujOpisySpectrum();
     void rysujOpisyOsciloscope();
     void rysujOpisyOctaveRTA();
@@ -147,10 +135,7 @@ private:
     void drawXLabel(const TQTexture* texture, double contentX,
                     std::vector<std::pair<double, double>>* taken = nullptr);
     void drawYLabel(const TQTexture* texture, double contentY);
-    void drawTitles(const TQTexture* xTitle, const TQTexture* yTitle);
     AffineTransform& rememberedTransform(int32_t type);
-
-    AnalyzerDefaults& mDefaults;
 
     TextureList mLinearWzmocnienieTextures;
     TextureList mValuesInDBWzmocnienieTextures;
@@ -173,16 +158,11 @@ private:
     AffineTransform mOctaveDBContentTransform;
     AffineTransform mOsciloscopeContentTransform;
     std::array<float, 4> mOpisyBorderClearColor{0.0f, 0.0f, 0.0f, 1.0f};
-    bool fullScreen_ = true;
     int32_t typeOfChart_ = 0;
     ChartScrollView* chartScrollView_ = nullptr;
     std::vector<int32_t> logaritmicFrequencies_;
-    LevelMeterView* levelMeterView_ = nullptr;
-    QSize fullScreenMargines_;
-    bool texturesPending_ = true;
     bool refreshQueued_ = false;
     QStringList linearWzmocnienieTexts_;
-    std::vector<std::pair<double, double>> mTakenLabelSpans; // reused every frame
 };
 
 } // namespace widmo

@@ -8,9 +8,7 @@
 #include "render/SpectrogramScrollView.h"
 #include "render/TQTexture.h"
 
-#include <QOpenGLContext>
 #include <QPainter>
-#include <QResizeEvent>
 
 #include <algorithm>
 #include <cmath>
@@ -19,26 +17,12 @@ namespace widmo {
 
 namespace {
 
-const QColor kLabelGrey(142, 142, 147);
-constexpr int kTopMarginPad = 12;
-constexpr int kTopMarginPhone = 9;
-constexpr int kRightMargin = 8;
-constexpr double kLabelGap = 4.0;
-constexpr double kLabelSlack = 14.0;
 const char* const kTitleTime = "Time (s)";
-
-QFont valueFont(bool pad) {
-    QFont font(QStringLiteral("Arial"));
-    font.setPixelSize(pad ? 14 : 13);
-    return font;
-}
-
-QFont titleFont(bool pad) { return DeviceClass::systemFont(pad ? 17.0 : 14.0, true); }
 
 } // namespace
 
 SpectrogramView::SpectrogramView(AnalyzerDefaults& defaults, QWidget* parent)
-    : TQGLView(parent), mDefaults(defaults) {
+    : ChartFrameView(defaults, false, parent) {
     scrollView_ = new SpectrogramScrollView(defaults, this);
     scrollView_->setDelegateRefresh(this);
     // The user's cursor on the spectrogram puts the partner chart's cursor on
@@ -47,22 +31,11 @@ SpectrogramView::SpectrogramView(AnalyzerDefaults& defaults, QWidget* parent)
         if (auto* chart = dynamic_cast<ChartScrollView*>(scrollView_->scrollViewDelegate()))
             chart->updateMeasuringActualPositionWith(frequency);
     });
-    levelMeterView_ = new LevelMeterView(this, defaults.features());
-    levelMeterView_->setOnTheRight(false);
-    fullScreenMargines_ = pad() ? QSize(80, 54) : QSize(66, 46);
+    placeInnerView(scrollView_);
     setFullScreen(true);
 }
 
-SpectrogramView::~SpectrogramView() {
-    // The base destructor can no longer reach releaseGLResources.
-    if (effect() != nullptr) {
-        makeCurrent();
-        releaseGLResources();
-        doneCurrent();
-    }
-}
-
-bool SpectrogramView::pad() const { return DeviceClass::isPad(this); }
+SpectrogramView::~SpectrogramView() { releaseGLResourcesNow(); }
 
 // --- Engine calls ----------------------------------------------------------------------------
 
@@ -93,58 +66,11 @@ void SpectrogramView::clearData() {
 void SpectrogramView::prepareTextures() {
     mFrequencyLabelHeights = frequencyLabelHeights();
     scrollView_->setHorizontalGridLines(mFrequencyLabelHeights);
-    if (effect() == nullptr) {
-        // No GL context yet: the textures are made as soon as it exists.
-        texturesPending_ = true;
-    } else {
-        const bool wasCurrent = QOpenGLContext::currentContext() == context();
-        if (!wasCurrent)
-            makeCurrent();
-        makeTexturesNow();
-        if (!wasCurrent)
-            doneCurrent();
-    }
+    makeTexturesWhenPossible();
     TQGLView::setNeedsDisplayWithSubviews();
 }
 
 void SpectrogramView::contentWasChanged() { TQGLView::setNeedsDisplay(); }
-
-// --- Layout ---------------------------------------------------------------------------------
-
-void SpectrogramView::setFullScreen(bool on) {
-    fullScreen_ = on;
-    scrollView_->setFullScreen(on);
-    levelMeterView_->setFullScreen(on);
-    updateConstraints();
-    TQGLView::setNeedsDisplayWithSubviews();
-}
-
-QRect SpectrogramView::chartRect() const {
-    if (!fullScreen_)
-        return rect();
-    const bool meterOn = mDefaults.features().featureLevelMeterEnabled();
-    const LevelMeterView::Metrics& m = LevelMeterView::metrics(pad());
-    const int meterWidth = meterOn ? m.meterWidth : m.widthWhenOff;
-    const int top = pad() ? kTopMarginPad : kTopMarginPhone;
-    const int left = meterWidth + fullScreenMargines_.width();
-    return {left, top, std::max(1, width() - left - kRightMargin),
-            std::max(1, height() - top - fullScreenMargines_.height())};
-}
-
-void SpectrogramView::updateConstraints() {
-    // Full screen: the meter over the whole height at the left, the frequency
-    // labels between it and the spectrogram, the time labels below.
-    scrollView_->setGeometry(chartRect());
-    const bool meterShown = fullScreen_ && mDefaults.features().featureLevelMeterEnabled();
-    if (meterShown)
-        levelMeterView_->setGeometry(0, 0, LevelMeterView::metrics(pad()).meterWidth, height());
-    levelMeterView_->setVisible(meterShown);
-}
-
-void SpectrogramView::resizeEvent(QResizeEvent* event) {
-    TQGLView::resizeEvent(event);
-    updateConstraints();
-}
 
 // --- Labels ---------------------------------------------------------------------------------
 
@@ -214,13 +140,6 @@ void SpectrogramView::releaseGLResources() {
     texturesPending_ = true;
 }
 
-QRectF SpectrogramView::chartUnitRect() const {
-    const QRect r = chartRect();
-    const double w = std::max(1, width());
-    const double h = std::max(1, height());
-    return {r.x() / w, (h - (r.y() + r.height())) / h, r.width() / w, r.height() / h};
-}
-
 QPointF SpectrogramView::mapFromSpectrogram(QPointF content) const {
     const QRect r = chartRect();
     const double w = std::max(1, width());
@@ -282,23 +201,6 @@ void SpectrogramView::rysujOpisyCzestotliwosci() {
     }
 }
 
-void SpectrogramView::drawTitles() {
-    const QRectF chart = chartUnitRect();
-    const double w = std::max(1, width());
-    const double h = std::max(1, height());
-    const QSizeF frame(w, h);
-    const double scale = DeviceClass::contentScaleFactor(this);
-    effect()->rysujTextTexture(mLegendCzasTexture.get(), QPointF(chart.center().x(), 2.0 / h), 1.0f,
-                               4, frame, QRectF());
-    if (mLegendFrequencyTexture) {
-        // Turned to read upwards, just right of the meter.
-        const double meter = levelMeterView_->isVisible() ? levelMeterView_->width() : 0;
-        const double across = (meter + mLegendFrequencyTexture->height() / scale + 2.0) / w;
-        effect()->rysujTextTexture(mLegendFrequencyTexture.get(),
-                                   QPointF(across, chart.center().y()), 1.0f, 5, frame, QRectF());
-    }
-}
-
 void SpectrogramView::drawGLRect(const QRectF& /*rect*/) {
     if (effect() == nullptr)
         return;
@@ -309,34 +211,23 @@ void SpectrogramView::drawGLRect(const QRectF& /*rect*/) {
         makeTexturesNow();
     rysujOpisyCzasu();
     rysujOpisyCzestotliwosci();
-    drawTitles();
+    drawTitles(mLegendCzasTexture.get(), mLegendFrequencyTexture.get());
 }
 
 // --- Image ----------------------------------------------------------------------------------
 
 QImage SpectrogramView::imageOfChart() {
-    if (width() < 1 || height() < 1)
-        return {};
-    QImage image = grabFramebuffer();
-    if (image.isNull())
+    QImage image = composedImage();
+    if (image.isNull() || !scrollView_->measuringActivated() || !fullScreen_)
         return image;
-    image = image.convertToFormat(QImage::Format_ARGB32);
     QPainter painter(&image);
-    const QImage spectrogram = scrollView_->grabFramebuffer();
-    if (!spectrogram.isNull())
-        painter.drawImage(scrollView_->geometry().topLeft(), spectrogram);
-    if (levelMeterView_->isVisible())
-        painter.drawImage(levelMeterView_->geometry().topLeft(),
-                          levelMeterView_->grabFramebuffer());
-    if (scrollView_->measuringActivated() && fullScreen_) {
-        QFont font(QStringLiteral("Arial"));
-        font.setPixelSize(pad() ? 15 : 12);
-        painter.setFont(font);
-        painter.setPen(QColor(230, 230, 230));
-        const QRect chart = scrollView_->geometry();
-        painter.drawText(chart.x() + 8, chart.y() + 6 + QFontMetrics(font).ascent(),
-                         scrollView_->measuringText());
-    }
+    QFont font(QStringLiteral("Arial"));
+    font.setPixelSize(pad() ? 15 : 12);
+    painter.setFont(font);
+    painter.setPen(QColor(230, 230, 230));
+    const QRect chart = scrollView_->geometry();
+    painter.drawText(chart.x() + 8, chart.y() + 6 + QFontMetrics(font).ascent(),
+                     scrollView_->measuringText());
     painter.end();
     return image;
 }

@@ -1,7 +1,7 @@
 #pragma once
 
+#include "charts/ChartFrameView.h"
 #include "engine/SpectrogramViewInterface.h"
-#include "render/TQGLView.h"
 #include "render/TQGLViewScrolling.h"
 
 #include <QImage>
@@ -43,7 +43,9 @@ class TQTexture;
 /// flag in the scroll view, whose main-thread poll turns it into frames while
 /// a play line moves; while the analyser runs the spectrogram draws every
 /// frame anyway).
-class SpectrogramView : public TQGLView, public SpectrogramViewInterface, public TQGLViewScrolling {
+class SpectrogramView : public ChartFrameView,
+                        public SpectrogramViewInterface,
+                        public TQGLViewScrolling {
     Q_OBJECT
 public:
     /// `defaults` must outlive the view; its product switches decide the meter.
@@ -51,11 +53,6 @@ public:
     ~SpectrogramView() override;
 
     SpectrogramScrollView* scroll() const { return scrollView_; }
-    LevelMeterView* levelMeterView() const { return levelMeterView_; }
-
-    bool fullScreen() const { return fullScreen_; }
-    /// True: axes and meter around the spectrogram; false: the bare spectrogram.
-    void setFullScreen(bool on);
 
     /// What is on screen (axes, spectrogram, meter) as one image, device
     /// pixels; a null image before the view has a size or without OpenGL.
@@ -87,41 +84,25 @@ public:
     // TQGLViewScrolling: the spectrogram's transform moved, the axes follow.
     void contentWasChanged() override;
 
-    /// The spectrogram's rectangle inside this view (points).
-    QRect chartRect() const;
-    /// Margins kept for the labels at the left and at the bottom in full screen.
-    QSize fullScreenMargines() const { return fullScreenMargines_; }
-
 protected:
     void drawGLRect(const QRectF& rect) override;
     void setupGLResources() override;
     void releaseGLResources() override;
-    void resizeEvent(QResizeEvent* event) override;
 
 private:
     using TextureList = std::vector<std::shared_ptr<TQTexture>>;
-    void updateConstraints();
-    void makeTexturesNow();
-    bool pad() const;
+    void makeTexturesNow() override;
     /// Spectrogram content point (through its transform) to unit space of this view.
     QPointF mapFromSpectrogram(QPointF content) const;
-    QRectF chartUnitRect() const;
     void rysujOpisyCzasu();
     void rysujOpisyCzestotliwosci();
-    void drawTitles();
     /// Content heights of the frequency labels (and the grid's lines).
     std::vector<float> frequencyLabelHeights() const;
 
-    AnalyzerDefaults& mDefaults;
     SpectrogramScrollView* scrollView_ = nullptr;
-    LevelMeterView* levelMeterView_ = nullptr;
-    bool fullScreen_ = true;
-    QSize fullScreenMargines_;
-    bool texturesPending_ = true;
     TextureList mCzasTextures;      // label k: k steps back from the newest column
     TextureList mFrequencyTextures; // at the heights of mFrequencyLabelHeights
     std::vector<float> mFrequencyLabelHeights;
-    std::vector<std::pair<double, double>> mTakenLabelSpans; // reused every frame
     std::shared_ptr<TQTexture> mLegendCzasTexture;
     std::shared_ptr<TQTexture> mLegendFrequencyTexture;
 };

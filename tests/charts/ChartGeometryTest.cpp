@@ -50,25 +50,20 @@ TEST(ChartGeometryTest, columnSpans_atMostOneSegmentPerColumnCoveringTheStrip) {
     const ChartGeometry::PixelGrid grid{10.0, 0.0, 100.0, 0.0, 40};
     std::vector<float> out(4 * 40);
     const int32_t n = ChartGeometry::columnSpans(xy.data(), 101, grid, out.data());
-    const auto segment = [&](int k) {
-        return std::array<float, 4>{out[4 * k], out[4 * k + 1], out[4 * k + 2], out[4 * k + 3]};
-    };
     // Columns 0..2 on row 50; column 3 from row 50 up to the spike's row 90;
     // columns 4..9 on row 50 again; then one vertical segment per column.
     ASSERT_EQ(n, 2 * (3 + 16));
-    const auto near = [](std::array<float, 4> a, std::array<float, 4> b) {
-        for (size_t k = 0; k < 4; ++k)
-            if (std::abs(a[k] - b[k]) > 1e-6f)
-                return false;
-        return true;
+    const auto expectSegment = [&](int k, std::array<float, 4> expected) {
+        for (size_t i = 0; i < 4; ++i)
+            EXPECT_NEAR(out[4 * size_t(k) + i], expected[i], 1e-6f) << "segment " << k;
     };
-    EXPECT_TRUE(near(segment(0), {0.0f, 0.505f, 0.3f, 0.505f}));
-    EXPECT_TRUE(near(segment(1), {0.35f, 0.5f, 0.35f, 0.91f}));
-    EXPECT_TRUE(near(segment(2), {0.4f, 0.505f, 1.0f, 0.505f}));
+    expectSegment(0, {0.0f, 0.505f, 0.3f, 0.505f});
+    expectSegment(1, {0.35f, 0.5f, 0.35f, 0.91f});
+    expectSegment(2, {0.4f, 0.505f, 1.0f, 0.505f});
     // From (9.95, 0.505) to (25, 0.705): column 17 holds x 17..18.
     const float at17 = 0.505f + 0.2f * (17.0f - 9.95f) / 15.05f;
     const float at18 = 0.505f + 0.2f * (18.0f - 9.95f) / 15.05f;
-    EXPECT_TRUE(near(segment(3 + 7), {1.75f, at17 - 0.005f, 1.75f, at18 + 0.005f}));
+    expectSegment(3 + 7, {1.75f, at17 - 0.005f, 1.75f, at18 + 0.005f});
 }
 
 TEST(ChartGeometryTest, rtaGrid_verticalLinesByBandsPerOctave) {

@@ -74,21 +74,39 @@ inline bool isBar(QRgb c) { return qBlue(c) > 150 && qBlue(c) > qRed(c) + 50 && 
 /// The spectrum curve's colour.
 inline bool isGreen(QRgb c) { return qGreen(c) > 150 && qRed(c) < 100 && qBlue(c) < 100; }
 
-/// Topmost row that `match` finds and the mean column of its pixels there.
-inline std::optional<QPointF> topmost(const QImage& image, bool (*match)(QRgb)) {
-    for (int y = 0; y < image.height(); ++y) {
-        double sx = 0.0;
-        int count = 0;
-        for (int x = 0; x < image.width(); ++x)
+/// The pixels of `region` (clipped to the image) that `match` finds: how many,
+/// and their centre.
+struct Pixels {
+    int count = 0;
+    QPointF centre;
+};
+template <typename Match> Pixels pixelsIn(const QImage& image, QRect region, Match match) {
+    region = region.intersected(image.rect());
+    Pixels p;
+    double sx = 0.0;
+    double sy = 0.0;
+    for (int y = region.top(); y <= region.bottom(); ++y)
+        for (int x = region.left(); x <= region.right(); ++x)
             if (match(image.pixel(x, y))) {
                 sx += x;
-                ++count;
+                sy += y;
+                ++p.count;
             }
-        if (count > 0)
-            return QPointF(sx / count, y);
-    }
+    if (p.count > 0)
+        p.centre = QPointF(sx / p.count, sy / p.count);
+    return p;
+}
+
+/// Topmost row that `match` finds and the mean column of its pixels there.
+inline std::optional<QPointF> topmost(const QImage& image, bool (*match)(QRgb)) {
+    for (int y = 0; y < image.height(); ++y)
+        if (const Pixels row = pixelsIn(image, QRect(0, y, image.width(), 1), match); row.count > 0)
+            return row.centre;
     return std::nullopt;
 }
+
+/// Label ink: any light pixel.
+inline bool isInk(QRgb c) { return qRed(c) > 40 && qGreen(c) > 40 && qBlue(c) > 40; }
 
 /// Content x of `frequency` on the logarithmic axis.
 inline double logX(const AnalyzerDefaults& defaults, double frequency) {
@@ -101,6 +119,11 @@ inline double chartMargin(const QWidget* chart) { return DeviceClass::isPad(char
 /// Pixel column of content x at zoom 1 in `chart`.
 inline double chartColumn(const QWidget* chart, double x) {
     return chartMargin(chart) + x * (chart->width() - 2.0 * chartMargin(chart));
+}
+
+/// Pixel row of content y at zoom 1 in `chart`.
+inline double chartRow(const QWidget* chart, double y) {
+    return chartMargin(chart) + (1.0 - y) * (chart->height() - 2.0 * chartMargin(chart));
 }
 
 } // namespace widmo::test

@@ -20,24 +20,10 @@ using test::isBar;
 using test::isGreen;
 using test::topmost;
 
-bool isInk(QRgb c) { return qRed(c) > 40 && qGreen(c) > 40 && qBlue(c) > 40; }
-
 /// Centre of the label ink inside `region`, or nothing when there is hardly any.
 std::optional<QPointF> inkCentroid(const QImage& image, QRect region) {
-    region = region.intersected(image.rect());
-    double sx = 0.0;
-    double sy = 0.0;
-    int count = 0;
-    for (int y = region.top(); y <= region.bottom(); ++y)
-        for (int x = region.left(); x <= region.right(); ++x)
-            if (isInk(image.pixel(x, y))) {
-                sx += x;
-                sy += y;
-                ++count;
-            }
-    if (count < 8)
-        return std::nullopt;
-    return QPointF(sx / count, sy / count);
+    const test::Pixels ink = test::pixelsIn(image, region, test::isInk);
+    return ink.count < 8 ? std::nullopt : std::optional<QPointF>(ink.centre);
 }
 
 class ChartViewTest : public test::TempSettings {
@@ -53,11 +39,6 @@ protected:
         view_->prepareTextures();
         showSine(997.0);
     }
-    void TearDown() override {
-        view_.reset();
-        fft_.reset();
-    }
-
     void showSine(double frequency, double amplitude = 1.0) {
         samples_ = test::sine(frequency, 48000.0, defaults_->fftSize(), amplitude);
         const test::Interval interval = test::analyse(*fft_, samples_);
@@ -69,10 +50,7 @@ protected:
     QImage labelImage() const { return view_->grabFramebuffer(); }
     double margin() const { return test::chartMargin(chart()); }
     double column(double x) const { return test::chartColumn(chart(), x); }
-    /// Pixel row of content y at zoom 1.
-    double row(double y) const {
-        return margin() + (1.0 - y) * (chart()->height() - 2.0 * margin());
-    }
+    double row(double y) const { return test::chartRow(chart(), y); }
     double logX(double f) const { return test::logX(*defaults_, f); }
 
     std::unique_ptr<AnalyzerDefaults> defaults_;
@@ -115,8 +93,6 @@ TEST_F(ChartViewTest, sinePeak_atItsFrequencyAndLevel_logOrLinearAxisAndDisplay)
     }
 }
 
-// A one-bin peak among the ten bins that share a pixel column near 15 kHz on
-// the logarithmic axis is drawn at its full height.
 // The CSV export of each chart holds what the chart shows: the spectrum's bins,
 // the RTA's bands with their holds, the oscilloscope's samples with their times.
 TEST_F(ChartViewTest, csvOfEachChart_holdsTheShownData) {
@@ -167,6 +143,8 @@ TEST_F(ChartViewTest, csvOfEachChart_holdsTheShownData) {
     }
 }
 
+// A one-bin peak among the ten bins that share a pixel column near 15 kHz on
+// the logarithmic axis is drawn at its full height.
 TEST_F(ChartViewTest, oneBinPeak_amongBinsOfOneColumn_drawnAtFullHeight) {
     const int32_t n = defaults_->fftOutSize();
     std::vector<float> power(static_cast<size_t>(n), 1e-10f); // -100 dB
@@ -326,21 +304,10 @@ TEST_F(ChartViewTest, imageOfChart_writesPngShowingTheCurve) {
     const QImage image(path);
     ASSERT_FALSE(image.isNull());
     EXPECT_EQ(image.size(), view_->size() * view_->devicePixelRatio());
-    const QRect chartRect = view_->chartRect();
-    int green = 0;
-    for (int y = chartRect.top(); y <= chartRect.bottom(); ++y)
-        for (int x = chartRect.left(); x <= chartRect.right(); ++x)
-            green += isGreen(image.pixel(x, y)) ? 1 : 0;
-    EXPECT_GT(green, 500);
+    EXPECT_GT(test::pixelsIn(image, view_->chartRect(), test::isGreen).count, 500);
     // The level meter beside the chart shows red segments for the full-scale sine.
-    int red = 0;
-    const QRect meter = view_->levelMeterView()->geometry();
-    for (int y = meter.top(); y <= meter.bottom(); ++y)
-        for (int x = meter.left(); x <= meter.right(); ++x) {
-            const QRgb c = image.pixel(x, y);
-            red += qRed(c) > 200 && qGreen(c) < 80 ? 1 : 0;
-        }
-    EXPECT_GT(red, 0);
+    const auto red = [](QRgb c) { return qRed(c) > 200 && qGreen(c) < 80; };
+    EXPECT_GT(test::pixelsIn(image, view_->levelMeterView()->geometry(), red).count, 0);
 }
 
 } // namespace

@@ -2,57 +2,31 @@
 
 #include "charts/ChartScrollView.h"
 #include "charts/ChartView.h"
-
-#include "core/AnalyzerDefaults.h"
-#include "core/AnalyzerFeatures.h"
 #include "render/LevelMeterView.h"
 #include "render/SpectrogramScrollView.h"
+
+#include "../render/RenderTestSupport.h"
+#include "ChartTestSupport.h"
+#include "TempSettings.h"
 
 #include <QCoreApplication>
 #include <QImage>
 #include <QTest>
 
-#include <gtest/gtest.h>
-
-#include <memory>
 #include <vector>
 
 namespace widmo {
 namespace {
 
-bool isInk(QRgb c) { return qRed(c) > 40 && qGreen(c) > 40 && qBlue(c) > 40; }
-
-int inkIn(const QImage& image, QRect region) {
-    region = region.intersected(image.rect());
-    int count = 0;
-    for (int y = region.top(); y <= region.bottom(); ++y)
-        for (int x = region.left(); x <= region.right(); ++x)
-            count += isInk(image.pixel(x, y)) ? 1 : 0;
-    return count;
-}
+using SpectrogramViewLayout = test::TempSettings;
 
 // Full screen: the meter at the left edge, the frequency labels between it and
 // the spectrogram, the time labels below; the exported image holds the
 // spectrogram's columns where the spectrogram stands. Bare: the spectrogram
 // fills the view.
-TEST(SpectrogramViewLayout, meterLeftLabelsAroundAndImageShowsColumns) {
-    AnalyzerFeatures::Switches s;
-    s.featureSpectrogramEnabled = true;
-    s.featureLevelMeterEnabled = true;
-    s.featureSampleRatesStdEnabled = true;
-    const AnalyzerFeatures features(s);
-    AnalyzerDefaults d(features, "spectrogram-view-test");
-    d.setSampleRate(48000.0f);
-    d.setFftSize(4096);
-    d.setFftDisplaySize(2048);
-    d.setSpectrogramWidthMianownik(8);
-    d.setLinearFrequency(true);
-    d.setValuesInDB(true);
-    d.setSpectrogramColorType(0);
-    d.recalculateDocumentSettings();
-    d.generateAllIndexes();
-    d.setDataValid(true);
-
+TEST_F(SpectrogramViewLayout, meterLeftLabelsAroundAndImageShowsColumns) {
+    const auto document = test::spectrogramDocument();
+    AnalyzerDefaults& d = *document;
     SpectrogramView view(d);
     view.resize(700, 360);
     view.show();
@@ -84,12 +58,13 @@ TEST(SpectrogramViewLayout, meterLeftLabelsAroundAndImageShowsColumns) {
     const QRgb column = image.pixel(chart.right() - 2, chart.bottom() - chart.height() / 8);
     EXPECT_GT(qRed(column), 200);
     EXPECT_LT(qGreen(column), 40);
-    EXPECT_GT(inkIn(image, QRect(meter.right() + 1, chart.top(), chart.left() - meter.right() - 1,
-                                 chart.height())),
+    const auto ink = [&](QRect r) { return test::pixelsIn(image, r, test::isInk).count; };
+    EXPECT_GT(ink(QRect(meter.right() + 1, chart.top(), chart.left() - meter.right() - 1,
+                        chart.height())),
               50)
         << "frequency labels";
-    EXPECT_GT(inkIn(image, QRect(chart.left(), chart.bottom() + 1, chart.width(),
-                                 view.height() - chart.bottom() - 1)),
+    EXPECT_GT(ink(QRect(chart.left(), chart.bottom() + 1, chart.width(),
+                        view.height() - chart.bottom() - 1)),
               50)
         << "time labels";
 
@@ -100,21 +75,10 @@ TEST(SpectrogramViewLayout, meterLeftLabelsAroundAndImageShowsColumns) {
 
 // The user's cursor on the spectrogram moves the partner chart's cursor to
 // the same frequency, and the chart's coordinates do not come back.
-TEST(SpectrogramViewLayout, cursorFrequencyReachesThePartnerChart) {
-    AnalyzerFeatures::Switches s;
-    s.featureSpectrogramEnabled = true;
-    s.featureSpectrumEnabled = true;
-    s.featureSampleRatesStdEnabled = true;
-    const AnalyzerFeatures features(s);
-    AnalyzerDefaults d(features, "spectrogram-view-test");
-    d.setSampleRate(48000.0f);
-    d.setFftSize(4096);
-    d.setLinearFrequency(true);
-    d.recalculateDocumentSettings();
-    d.generateAllIndexes();
-    d.setDataValid(true);
+TEST_F(SpectrogramViewLayout, cursorFrequencyReachesThePartnerChart) {
+    const auto document = test::spectrogramDocument();
+    AnalyzerDefaults& d = *document;
     d.setActualInterval(100);
-
     SpectrogramView spectrogram(d);
     ChartView chart(d);
     spectrogram.resize(600, 300);

@@ -28,11 +28,6 @@ protected:
     }
 };
 
-void spinUntilIdle(const TQGLScrollView& view) {
-    for (int i = 0; i < 400 && view.isRefreshNeeded(); ++i)
-        QTest::qWait(10);
-}
-
 struct CountingDelegate : widmo::TQGLViewScrolling {
     int changes = 0;
     void contentWasChanged() override { ++changes; }
@@ -42,6 +37,12 @@ void sendMouse(QWidget& w, QEvent::Type type, QPointF pos, Qt::MouseButton butto
                Qt::MouseButtons buttons) {
     QMouseEvent e(type, pos, w.mapToGlobal(pos), button, buttons, Qt::NoModifier);
     QApplication::sendEvent(&w, &e);
+}
+
+// A left-button press and release at `pos`.
+void tap(QWidget& w, QPointF pos) {
+    sendMouse(w, QEvent::MouseButtonPress, pos, Qt::LeftButton, Qt::LeftButton);
+    sendMouse(w, QEvent::MouseButtonRelease, pos, Qt::LeftButton, Qt::NoButton);
 }
 
 void sendWheel(QWidget& w, QPointF pos, int delta, Qt::KeyboardModifiers mods) {
@@ -80,7 +81,7 @@ TEST(ScrollView, wheelZoomsAxesByModifierAndDragPans) {
     const double zoomX = view.contentTransform().a;
     // A new pinch starts from the drawn transform: let the glide settle first.
     QTest::qWait(300);
-    spinUntilIdle(view);
+    (void)QTest::qWaitFor([&] { return !view.isRefreshNeeded(); }, 4000);
 
     // A new modifier starts a new pinch on the y axis.
     sendWheel(view, QPointF(100, 100), 240, Qt::ShiftModifier);
@@ -108,8 +109,7 @@ TEST(ScrollView, wheelZoomsAxesByModifierAndDragPans) {
 
     // Double click zooms the x axis by the double-tap zoom.
     view.setActualContentTransform(AffineTransform::identity());
-    sendMouse(view, QEvent::MouseButtonPress, {200, 100}, Qt::LeftButton, Qt::LeftButton);
-    sendMouse(view, QEvent::MouseButtonRelease, {200, 100}, Qt::LeftButton, Qt::NoButton);
+    tap(view, {200, 100});
     sendMouse(view, QEvent::MouseButtonDblClick, {200, 100}, Qt::LeftButton, Qt::LeftButton);
     sendMouse(view, QEvent::MouseButtonRelease, {200, 100}, Qt::LeftButton, Qt::NoButton);
     EXPECT_DOUBLE_EQ(view.contentTransform().a, 3.0);
@@ -125,8 +125,7 @@ TEST(ScrollView, clickMeasuresAndPartnerMirrorsTheCursor) {
     partner.resize(100, 100);
     chart.setScrollViewDelegate(&partner);
 
-    sendMouse(chart, QEvent::MouseButtonPress, {100, 50}, Qt::LeftButton, Qt::LeftButton);
-    sendMouse(chart, QEvent::MouseButtonRelease, {100, 50}, Qt::LeftButton, Qt::NoButton);
+    tap(chart, {100, 50});
     EXPECT_FALSE(chart.measuringActivated()) << "the tap did not wait for a double tap";
     QTest::qWait(QApplication::doubleClickInterval() + 100);
     EXPECT_TRUE(chart.measuringActivated());
@@ -142,8 +141,7 @@ TEST(ScrollView, clickMeasuresAndPartnerMirrorsTheCursor) {
     EXPECT_FALSE(chart.model().isLongPressMeasuring());
 
     // The next tap only switches measuring off, in both views.
-    sendMouse(chart, QEvent::MouseButtonPress, {10, 10}, Qt::LeftButton, Qt::LeftButton);
-    sendMouse(chart, QEvent::MouseButtonRelease, {10, 10}, Qt::LeftButton, Qt::NoButton);
+    tap(chart, {10, 10});
     QTest::qWait(QApplication::doubleClickInterval() + 100);
     EXPECT_FALSE(chart.measuringActivated());
     EXPECT_FALSE(partner.measuringActivated());

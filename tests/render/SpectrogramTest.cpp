@@ -1,8 +1,8 @@
-#include "core/AnalyzerDefaults.h"
-#include "core/AnalyzerFeatures.h"
 #include "dsp/FFTManager.h"
 #include "render/SpectrogramScrollView.h"
 #include "render/SpectrogramScrollViewSegment.h"
+
+#include "RenderTestSupport.h"
 
 #include <QCoreApplication>
 #include <QImage>
@@ -17,43 +17,13 @@
 #include <numbers>
 #include <vector>
 
-using widmo::AnalyzerDefaults;
-using widmo::AnalyzerFeatures;
 using widmo::FFTManager;
 using widmo::SpectrogramColorRamp;
 using widmo::SpectrogramScrollView;
 using widmo::SpectrogramScrollViewSegment;
+using widmo::test::spectrogramDocument;
 
 namespace {
-
-AnalyzerFeatures spectrogramFeatures() {
-    AnalyzerFeatures::Switches s;
-    s.featureSpectrogramEnabled = true;
-    s.featureSpectrumEnabled = true;
-    s.featureLevelMeterEnabled = true;
-    s.featureSampleRatesStdEnabled = true;
-    return AnalyzerFeatures(s);
-}
-
-// 48 kHz, 4096-point FFT, 2048 display rows (64-column segments), an eighth
-// of the default width so that a test document has a dozen segments.
-std::unique_ptr<AnalyzerDefaults> makeDefaults(bool linearFrequency = true) {
-    static const AnalyzerFeatures features = spectrogramFeatures();
-    auto d = std::make_unique<AnalyzerDefaults>(features, "spectrogram-test");
-    d->setSampleRate(48000.0f);
-    d->setFftSize(4096);
-    d->setFftWindowType(2);
-    d->setFftDisplaySize(2048);
-    d->setSpectrogramWidthMianownik(8);
-    d->setLinearFrequency(linearFrequency);
-    d->setValuesInDB(true);
-    d->setSpectrogramValuesInDBMinimumLevelDB(-120.0f);
-    d->setSpectrogramColorType(0);
-    d->recalculateDocumentSettings();
-    d->generateAllIndexes();
-    d->setDataValid(true);
-    return d;
-}
 
 std::array<uint8_t, 4> bytes(const std::array<float, 4>& c) {
     return {static_cast<uint8_t>(c[0] * 255.0f), static_cast<uint8_t>(c[1] * 255.0f),
@@ -75,7 +45,7 @@ void drainMainQueue() {
 // Ramp edges in every scheme, and one column through the dB path: a level at
 // or below the minimum is colour 0, 0 dB is colour 3, the top row stays clear.
 TEST(SpectrogramColours, rampEdgesAndDecibelColumn) {
-    auto d = makeDefaults();
+    auto d = spectrogramDocument();
     SpectrogramScrollView view(*d);
     for (int32_t scheme : {0, 1, 2}) {
         d->setSpectrogramColorType(scheme);
@@ -123,7 +93,7 @@ TEST(SpectrogramColours, rampEdgesAndDecibelColumn) {
 // column's running cursor agrees with the row-by-row search on every row, up
 // to the last point and beyond it.
 TEST(SpectrogramColours, logarithmicRowsInterpolateBetweenPoints) {
-    auto d = makeDefaults(false);
+    auto d = spectrogramDocument(false);
     const int32_t points = d->spectrogramLogIndexesCount() - 1;
     ASSERT_GT(points, 10);
     const int32_t* idx = d->spectrogramLogIndexes();
@@ -157,7 +127,7 @@ TEST(SpectrogramColours, logarithmicRowsInterpolateBetweenPoints) {
 
 // Uploads: one per 8 columns, none while one is queued, always the full segment.
 TEST(SpectrogramSegment, uploadThrottle) {
-    auto d = makeDefaults();
+    auto d = spectrogramDocument();
     SpectrogramColorRamp ramp;
     SpectrogramScrollViewSegment segment(*d, ramp);
     const int32_t size = segment.segmentSize();
@@ -198,7 +168,7 @@ TEST(SpectrogramSegment, uploadThrottle) {
 // The ring: the oldest segment is reset, moves to the front and continues the
 // time axis; the show list never changes.
 TEST(SpectrogramRing, segmentsRotateAndAreReused) {
-    auto d = makeDefaults();
+    auto d = spectrogramDocument();
     SpectrogramScrollView view(*d);
     view.prepareData();
     const auto count = static_cast<size_t>(d->iloscSegmentow());
@@ -242,7 +212,7 @@ TEST(SpectrogramRing, segmentsRotateAndAreReused) {
 
 // A 1 kHz full-scale tone in one interval, read back under the cursor.
 TEST(SpectrogramMeasuring, toneCellReadsTimeFrequencyAndLevel) {
-    auto d = makeDefaults();
+    auto d = spectrogramDocument();
     d->audioBuffersData().assign(static_cast<size_t>(d->audioBufferByteSize() / 4), 0.0f);
     const int32_t n = d->intervalSizeInFrames();
     const int64_t tone = 40; // the interval whose window holds the tone
@@ -291,7 +261,7 @@ TEST(SpectrogramMeasuring, toneCellReadsTimeFrequencyAndLevel) {
 
 // Written columns appear at the right edge of the picture, at their rows.
 TEST(SpectrogramDrawing, writtenColumnsAppearAtTheRightPlace) {
-    auto d = makeDefaults();
+    auto d = spectrogramDocument();
     SpectrogramScrollView view(*d);
     view.resize(400, 200);
     view.show();
@@ -329,7 +299,7 @@ TEST(SpectrogramDrawing, writtenColumnsAppearAtTheRightPlace) {
 // interval's duration (timed from when the count changed), never past it;
 // stopped, it is the newest interval count.
 TEST(SpectrogramDrawing, rightEdgeSlidesWithTheAudioClock) {
-    auto d = makeDefaults();
+    auto d = spectrogramDocument();
     d->setIntervalSizePower(d->intervalSizePower() + 4); // intervals of about 0.17 s
     d->recalculateDocumentSettings();
     SpectrogramScrollView view(*d);

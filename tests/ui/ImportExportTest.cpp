@@ -1,18 +1,10 @@
-#include "ui/AppDelegate.h"
-#include "ui/MainViewController.h"
 #include "ui/TQHelpers.h"
 
-#include "audio/TQAudio.h"
 #include "charts/ChartView.h"
-#include "core/AnalyzerDefaults.h"
-#include "core/AnalyzerFeatures.h"
-#include "dsp/FFTManager.h"
 #include "ui/SegmentedControl.h"
 
-#include "TempSettings.h"
+#include "UiTestSupport.h"
 
-#include <QAbstractButton>
-#include <QApplication>
 #include <QClipboard>
 #include <QDir>
 #include <QDropEvent>
@@ -20,19 +12,16 @@
 #include <QFileDialog>
 #include <QImage>
 #include <QLineEdit>
-#include <QMainWindow>
-#include <QMessageBox>
 #include <QMimeData>
 #include <QTemporaryDir>
-#include <QTest>
 #include <QToolButton>
 
-#include <gtest/gtest.h>
 #include <sndfile.h>
 #include <unistd.h>
 
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <numbers>
 #include <random>
 #include <vector>
@@ -40,51 +29,30 @@
 namespace widmo {
 namespace {
 
-QMessageBox* waitMessage() {
-    QMessageBox* found = nullptr;
-    (void)QTest::qWaitFor(
-        [&] {
-            for (QWidget* w : QApplication::topLevelWidgets())
-                if (auto* box = qobject_cast<QMessageBox*>(w); box && box->isVisible())
-                    found = box;
-            return found != nullptr;
-        },
-        3000);
-    return found;
-}
+using test::press;
+using test::waitMessage;
 
-QStringList buttonTexts(QMessageBox* box) {
-    QStringList texts;
-    for (QAbstractButton* b : box->buttons())
-        texts << b->text();
-    texts.sort();
-    return texts;
-}
-
-void press(QMessageBox* box, const QString& text) {
-    for (QAbstractButton* b : box->buttons())
-        if (b->text() == text) {
-            b->click();
-            (void)QTest::qWaitFor([&] { return !box->isVisible(); }, 1000);
-            return;
-        }
-    ADD_FAILURE() << "no button " << text.toStdString();
-}
-
-void writeSine(const QString& path, int format, int rate, int channels, double seconds,
-               double frequency, double amplitude) {
+/// Writes `frames` frames of `channels` channels, sample(frame, channel) each.
+void writeFile(const QString& path, int format, int rate, int channels, size_t frames,
+               const std::function<float(size_t, int)>& sample) {
     SF_INFO info{};
     info.samplerate = rate;
     info.channels = channels;
     info.format = format;
     SNDFILE* f = sf_open(QFile::encodeName(path).constData(), SFM_WRITE, &info);
     ASSERT_NE(f, nullptr) << sf_strerror(nullptr);
-    std::vector<float> s(size_t(seconds * rate) * size_t(channels));
+    std::vector<float> s(frames * size_t(channels));
     for (size_t i = 0; i < s.size(); ++i)
-        s[i] = float(amplitude * std::sin(2.0 * std::numbers::pi * frequency *
-                                          double(i / size_t(channels)) / rate));
-    sf_writef_float(f, s.data(), sf_count_t(s.size()) / channels);
+        s[i] = sample(i / size_t(channels), int(i % size_t(channels)));
+    sf_writef_float(f, s.data(), sf_count_t(frames));
     sf_close(f);
+}
+
+void writeSine(const QString& path, int format, int rate, int channels, double seconds,
+               double frequency, double amplitude) {
+    writeFile(path, format, rate, channels, size_t(seconds * rate), [&](size_t n, int) {
+        return float(amplitude * std::sin(2.0 * std::numbers::pi * frequency * double(n) / rate));
+    });
 }
 
 // The WAV export holds the intervals the spectrogram shows, oldest first, as
@@ -133,47 +101,13 @@ TEST(ImportExportFiles, wavExportHoldsTheShownIntervalsBitForBit) {
 }
 
 // The studio on the test servers, with a folder of files to import.
-class ImportExportTest : public test::TempSettings {
+class ImportExportTest : public test::AppTest {
 protected:
-    void TearDown() override {
-        while (QMessageBox* box = waitMessageNow())
-            box->close();
-        app_.reset();
-        audio_.reset();
-        fft_.reset();
-        defaults_.reset();
-    }
-    static QMessageBox* waitMessageNow() {
-        for (QWidget* w : QApplication::topLevelWidgets())
-            if (auto* box = qobject_cast<QMessageBox*>(w); box && box->isVisible())
-                return box;
-        return nullptr;
-    }
-    void launch(const AnalyzerFeatures& features) {
-        features_ = std::make_unique<AnalyzerFeatures>(features);
-        defaults_ = std::make_unique<AnalyzerDefaults>(*features_, "import-export-test");
-        defaults_->setSampleRate(48000.0f);
-        defaults_->copyCurrentToPreferred();
-        audio_ = std::make_unique<TQAudio>(*defaults_, *features_);
-        fft_ = std::make_unique<FFTManager>(*defaults_);
-        app_ = std::make_unique<AppDelegate>(*defaults_, *audio_, *fft_);
-        ASSERT_TRUE(app_->didFinishLaunchingWithOptions());
-        ASSERT_TRUE(QTest::qWaitForWindowExposed(app_->window()));
-        ASSERT_TRUE(QTest::qWaitFor(
-            [&] { return app_->dataPrepared() && !screen()->buttonsBlocked(); }, 5000));
-    }
-    MainViewController* screen() const { return app_->mainViewController(); }
     QString file(const char* name) const { return dir_.filePath(QLatin1String(name)); }
     bool waitImported() {
         return QTest::qWaitFor([&] { return !screen()->importRunning(); }, 20000);
     }
-
     QTemporaryDir dir_;
-    std::unique_ptr<AnalyzerFeatures> features_;
-    std::unique_ptr<AnalyzerDefaults> defaults_;
-    std::unique_ptr<TQAudio> audio_;
-    std::unique_ptr<FFTManager> fft_;
-    std::unique_ptr<AppDelegate> app_;
 };
 
 // A 44.1 kHz FLAC into the 48 kHz document: the question with both rates,
@@ -181,7 +115,7 @@ protected:
 // read-only. The chart exported through the file dialog is a PNG of the
 // chart's image, pixel for pixel.
 TEST_F(ImportExportTest, studioImportsFlacAtAnotherRate_andExportsTheChartAsPng) {
-    launch(AnalyzerFeatures::studioProduct());
+    launch(AnalyzerFeatures::studioProduct(), 48000.0f);
     ASSERT_EQ(defaults_->sampleRate(), 48000.0f);
     writeSine(file("tone.flac"), SF_FORMAT_FLAC | SF_FORMAT_PCM_24, 44100, 2, 2.0, 1000.0, 0.5);
 
@@ -219,8 +153,7 @@ TEST_F(ImportExportTest, studioImportsFlacAtAnotherRate_andExportsTheChartAsPng)
     QMessageBox* sheet = waitMessage();
     ASSERT_TRUE(sheet);
     EXPECT_EQ(sheet->text().toStdString(), "What do you want to import or export?");
-    EXPECT_EQ(buttonTexts(sheet).join('|').toStdString(),
-              "Audio file|Cancel|Chart data CSV|Chart image PNG");
+    EXPECT_EQ(test::buttonTexts(sheet), "Audio file|Cancel|Chart data CSV|Chart image PNG");
     press(sheet, "Chart image PNG");
     sheet = waitMessage();
     ASSERT_TRUE(sheet);
@@ -251,7 +184,7 @@ TEST_F(ImportExportTest, studioImportsFlacAtAnotherRate_andExportsTheChartAsPng)
 // A file longer than the spectrogram is cut at its width with the message
 // naming both lengths; a file at the document's rate asks nothing.
 TEST_F(ImportExportTest, studioCutsALongFileWithItsMessage) {
-    launch(AnalyzerFeatures::studioProduct());
+    launch(AnalyzerFeatures::studioProduct(), 48000.0f);
     defaults_->recalculateDocumentSettings();
     const double maxTime = defaults_->czasSpectrogramu();
     writeSine(file("long.wav"), SF_FORMAT_WAV | SF_FORMAT_PCM_16, 48000, 1, maxTime + 2.0, 440.0,
@@ -269,7 +202,7 @@ TEST_F(ImportExportTest, studioCutsALongFileWithItsMessage) {
 
 // Staging failures end in their message and leave the document as it was.
 TEST_F(ImportExportTest, studioBadFilesLeaveTheDocumentAlone) {
-    launch(AnalyzerFeatures::studioProduct());
+    launch(AnalyzerFeatures::studioProduct(), 48000.0f);
     writeSine(file("good.wav"), SF_FORMAT_WAV | SF_FORMAT_FLOAT, 48000, 1, 0.5, 440.0, 0.25);
     screen()->importAudioFileWithURL(QUrl::fromLocalFile(file("good.wav")), {});
     ASSERT_TRUE(waitImported());
@@ -297,25 +230,23 @@ TEST_F(ImportExportTest, studioBadFilesLeaveTheDocumentAlone) {
     put("locked.wav", bytes);
     QFile::setPermissions(file("locked.wav"), QFileDevice::WriteOwner);
 
-    struct Case {
-        const char* name;
-        const char* message;
-    };
-    std::vector<Case> cases = {{"empty.wav", "This file cannot be read."},
-                               {"truncated.wav", "This file cannot be read."},
-                               {"noise.wav", "This file cannot be read."},
-                               {"text.mp3", "This file cannot be read."},
-                               {"folder.wav", "This file cannot be imported."}};
+    const char* unreadable = "This file cannot be read.";
+    const char* refused = "This file cannot be imported.";
+    std::vector<std::pair<const char*, const char*>> cases = {{"empty.wav", unreadable},
+                                                              {"truncated.wav", unreadable},
+                                                              {"noise.wav", unreadable},
+                                                              {"text.mp3", unreadable},
+                                                              {"folder.wav", refused}};
     if (geteuid() != 0) // the superuser reads whatever the permissions say
-        cases.push_back({"locked.wav", "This file cannot be imported."});
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.name);
-        screen()->importAudioFileWithURL(QUrl::fromLocalFile(file(c.name)), {});
+        cases.emplace_back("locked.wav", refused);
+    for (const auto& [name, text] : cases) {
+        SCOPED_TRACE(name);
+        screen()->importAudioFileWithURL(QUrl::fromLocalFile(file(name)), {});
         QMessageBox* message = waitMessage();
         ASSERT_TRUE(message);
-        EXPECT_EQ(message->text().toStdString(), c.message);
+        EXPECT_EQ(message->text().toStdString(), text);
         message->close();
-        (void)QTest::qWaitFor([&] { return waitMessageNow() == nullptr; }, 1000);
+        (void)QTest::qWaitFor([&] { return test::visibleMessage() == nullptr; }, 1000);
         EXPECT_FALSE(screen()->importRunning());
         EXPECT_EQ(defaults_->actualInterval(), intervals);
         EXPECT_TRUE(defaults_->audioBuffersData() == before);
@@ -325,18 +256,9 @@ TEST_F(ImportExportTest, studioBadFilesLeaveTheDocumentAlone) {
 // A six-channel file dropped on the window: the question, then the mean of
 // its channels in the store.
 TEST_F(ImportExportTest, studioImportsADroppedFileMixedToMono) {
-    launch(AnalyzerFeatures::studioProduct());
-    SF_INFO info{};
-    info.samplerate = 48000;
-    info.channels = 6;
-    info.format = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
-    SNDFILE* f = sf_open(QFile::encodeName(file("six.wav")).constData(), SFM_WRITE, &info);
-    ASSERT_NE(f, nullptr);
-    std::vector<float> samples(24000 * 6);
-    for (size_t i = 0; i < samples.size(); ++i)
-        samples[i] = 0.1f * float(i % 6 + 1);
-    sf_writef_float(f, samples.data(), 24000);
-    sf_close(f);
+    launch(AnalyzerFeatures::studioProduct(), 48000.0f);
+    writeFile(file("six.wav"), SF_FORMAT_WAV | SF_FORMAT_FLOAT, 48000, 6, 24000,
+              [](size_t, int channel) { return 0.1f * float(channel + 1); });
 
     QMimeData mime;
     mime.setUrls({QUrl::fromLocalFile(file("six.wav"))});
@@ -364,15 +286,15 @@ TEST_F(ImportExportTest, studioImportsADroppedFileMixedToMono) {
 // The spectrum product offers the chart's image and data, not audio; an
 // empty document has nothing to share.
 TEST_F(ImportExportTest, spectrumProductOffersOnlyTheChartImageAndData) {
-    launch(AnalyzerFeatures::spectrumProduct());
+    launch(AnalyzerFeatures::spectrumProduct(), 48000.0f);
     QTest::mouseClick(screen()->shareImageButton(), Qt::LeftButton);
     QMessageBox* sheet = waitMessage();
     ASSERT_TRUE(sheet);
-    EXPECT_EQ(buttonTexts(sheet).join('|').toStdString(), "Cancel|Chart data CSV|Chart image PNG");
+    EXPECT_EQ(test::buttonTexts(sheet), "Cancel|Chart data CSV|Chart image PNG");
     press(sheet, "Chart data CSV");
     sheet = waitMessage();
     ASSERT_TRUE(sheet);
-    EXPECT_EQ(buttonTexts(sheet).join('|').toStdString(), "Cancel|Export|Send a copy");
+    EXPECT_EQ(test::buttonTexts(sheet), "Cancel|Export|Send a copy");
     press(sheet, "Send a copy");
     ASSERT_TRUE(QTest::qWaitFor(
         [] { return QApplication::clipboard()->text().startsWith("frequency_hz,level_db"); },
@@ -385,8 +307,7 @@ TEST_F(ImportExportTest, spectrumProductOffersOnlyTheChartImageAndData) {
     sheet = waitMessage();
     ASSERT_TRUE(sheet);
     EXPECT_EQ(sheet->text().toStdString(), "Chart image PNG");
-    EXPECT_EQ(buttonTexts(sheet).join('|').toStdString(),
-              "Cancel|Export|Open in another app|Send a copy");
+    EXPECT_EQ(test::buttonTexts(sheet), "Cancel|Export|Open in another app|Send a copy");
     defaults_->setActualInterval(0);
     press(sheet, "Send a copy");
     QMessageBox* notice = waitMessage();
@@ -397,7 +318,7 @@ TEST_F(ImportExportTest, spectrumProductOffersOnlyTheChartImageAndData) {
     // Files handed to it are ignored.
     app_->importIntoApp(QUrl::fromLocalFile(file("any.wav")));
     QTest::qWait(300);
-    EXPECT_EQ(waitMessageNow(), nullptr);
+    EXPECT_EQ(test::visibleMessage(), nullptr);
 }
 
 } // namespace

@@ -1,106 +1,55 @@
-#include "ui/MainViewController.h"
-#include "ui/AppDelegate.h"
-
-#include "audio/TQAudio.h"
 #include "charts/ChartScrollView.h"
 #include "charts/ChartView.h"
 #include "charts/SpectrogramView.h"
-#include "core/AnalyzerDefaults.h"
-#include "core/AnalyzerFeatures.h"
 #include "core/SettingsStore.h"
-#include "dsp/FFTManager.h"
 #include "dsp/FFTPlanCache.h"
-#include "engine/AnalyzerController.h"
 #include "render/LevelMeterView.h"
 #include "render/SpectrogramScrollView.h"
 #include "ui/GeneralSettingsTableViewController.h"
 #include "ui/HelpViewController.h"
 #include "ui/SegmentedControl.h"
 #include "ui/SettingsRootViewController.h"
-#include "ui/TQMessage.h"
 #include "ui/iPad_GainInfoViewController.h"
 #include "ui/iPad_TypeOfChartViewController.h"
 
 #include "ChartTestSupport.h"
-#include "TempSettings.h"
 #include "TestSignals.h"
+#include "UiTestSupport.h"
 
-#include <QApplication>
 #include <QLabel>
-#include <QMainWindow>
-#include <QMessageBox>
 #include <QPushButton>
 #include <QScreen>
 #include <QSettings>
 #include <QSlider>
-#include <QTest>
 #include <QToolButton>
-
-#include <gtest/gtest.h>
 
 #include <climits>
 #include <cmath>
-#include <memory>
-#include <optional>
 
 namespace widmo {
 namespace {
 
 using test::kMinus12dBFS;
 
-QMessageBox* visibleMessage() {
-    for (QWidget* w : QApplication::topLevelWidgets())
-        if (auto* box = qobject_cast<QMessageBox*>(w); box && box->isVisible())
-            return box;
-    return nullptr;
-}
-
-// The whole application stack of one product on the test sound server and X
-// server: settings, FFT engine, audio object, main screen in its window.
-class MainScreenTest : public test::TempSettings {
+class MainScreenTest : public test::AppTest {
 protected:
-    void TearDown() override {
-        release();
-        if (QMessageBox* box = visibleMessage())
-            box->close();
-    }
-
-    void launch(const AnalyzerFeatures& features) {
-        features_ = std::make_unique<AnalyzerFeatures>(features);
-        defaults_ = std::make_unique<AnalyzerDefaults>(*features_, "main-screen-test");
-        audio_ = std::make_unique<TQAudio>(*defaults_, *features_);
-        fft_ = std::make_unique<FFTManager>(*defaults_);
-        app_ = std::make_unique<AppDelegate>(*defaults_, *audio_, *fft_);
-        ASSERT_TRUE(app_->didFinishLaunchingWithOptions());
-        ASSERT_TRUE(QTest::qWaitForWindowExposed(app_->window()));
-        // The first activation prepares the document with the buttons blocked.
-        ASSERT_TRUE(QTest::qWaitFor(
-            [&] { return app_->dataPrepared() && !screen()->buttonsBlocked(); }, 5000));
-        ASSERT_TRUE(defaults_->dataValid());
-    }
-    /// Quits as the application does, then releases everything.
-    void quit() {
-        app_->applicationWillTerminate();
-        release();
-    }
-    void release() {
-        app_.reset();
-        audio_.reset();
-        fft_.reset();
-        defaults_.reset();
-    }
-
-    MainViewController* screen() const { return app_->mainViewController(); }
-    void clickStartPause() { QTest::mouseClick(screen()->recordPauseButton(), Qt::LeftButton); }
-    bool waitRecording(bool recording) {
+    /// Clicks Start/Pause and waits for the audio object to be `recording`.
+    bool startPause(bool recording) {
+        QTest::mouseClick(screen()->recordPauseButton(), Qt::LeftButton);
         return QTest::qWaitFor([&] { return audio_->isRecording() == recording; }, 5000);
     }
-
+    /// Closes the settings with `change` made to the preferred settings, and
+    /// waits for the rebuilt document.
+    template <typename F> bool rebuildWith(F change) {
+        defaults_->copyCurrentToPreferred();
+        change(*defaults_);
+        screen()->settingsWillClose();
+        return QTest::qWaitFor([&] { return !screen()->buttonsBlocked(); }, 10000);
+    }
     /// A -12 dBFS 997 Hz tone into the test sink, on the first channel only.
     static test::SinkPlayer toneOnFirstChannel() {
         return test::SinkPlayer(
-            48000, 20.0,
-            [](double t) { return kMinus12dBFS * float(std::sin(2 * M_PI * 997.0 * t)); },
+            48000, 20.0, [](double t) { return test::sineAt(997.0, t); },
             [](double) { return 0.0f; });
     }
     /// While analysing the tone: the level rises and the curve peaks at 997 Hz
@@ -114,17 +63,15 @@ protected:
         EXPECT_NEAR(peak->x(), test::chartColumn(chart->chart(), test::logX(*defaults_, 997.0)),
                     3.0);
     }
-
-    std::unique_ptr<AnalyzerFeatures> features_;
-    std::unique_ptr<AnalyzerDefaults> defaults_;
-    std::unique_ptr<TQAudio> audio_;
-    std::unique_ptr<FFTManager> fft_;
-    std::unique_ptr<AppDelegate> app_;
 };
 
 // --- Products ----------------------------------------------------------------------------------
 
-TEST_F(MainScreenTest, eachProductOffersItsButtons) {
+// Each product's toolbar offers its buttons, and its popups open inside the
+// window and the screen with the window away from the screen's edges: the
+// settings panel (it opened 207 px past the window's right edge) and the
+// chart-type list (it opened below the window).
+TEST_F(MainScreenTest, eachProductOffersItsButtons_popupsOpenInsideTheWindow) {
     using Meaning = MainViewController::GainMeaning;
     struct Case {
         AnalyzerFeatures features;
@@ -153,6 +100,26 @@ TEST_F(MainScreenTest, eachProductOffersItsButtons) {
         EXPECT_TRUE(s->gainSliderAndMaxMinResetButton()->isEnabled());
         EXPECT_EQ(s->gainMeaning(), c.gain);
         EXPECT_FALSE(s->pleaseWaitView()->isVisible());
+
+        QMainWindow* window = app_->window();
+        window->setGeometry(60, 40, 1000, 640);
+        ASSERT_TRUE(
+            QTest::qWaitFor([&] { return window->geometry().topLeft() == QPoint(60, 40); }));
+        const QRect inside = window->geometry() & window->screen()->availableGeometry();
+        const auto expectInside = [&](QWidget* popup) {
+            ASSERT_TRUE(popup != nullptr && popup->isVisible());
+            EXPECT_TRUE(inside.contains(popup->frameGeometry()))
+                << popup->metaObject()->className() << " at "
+                << QDebug::toString(popup->frameGeometry()).toStdString() << ", window "
+                << QDebug::toString(inside).toStdString();
+            popup->close();
+        };
+        QTest::mouseClick(s->settingsButton(), Qt::LeftButton);
+        expectInside(s->settingsPopoverViewController());
+        if (QToolButton* chartType = s->typeOfChartButton()) {
+            QTest::mouseClick(chartType, Qt::LeftButton);
+            expectInside(s->typeOfChartViewController());
+        }
         release();
     }
 }
@@ -224,8 +191,7 @@ TEST_F(MainScreenTest, startWithTone_chartPeaksAtToneAndMeterMoves_pauseStops) {
     test::SinkPlayer tone = toneOnFirstChannel();
     ASSERT_TRUE(tone.start());
 
-    clickStartPause();
-    ASSERT_TRUE(waitRecording(true));
+    ASSERT_TRUE(startPause(true));
     EXPECT_TRUE(screen()->recordPauseButton()->text().isEmpty()); // the pause image
     EXPECT_FALSE(screen()->recordPauseButton()->icon().isNull());
 
@@ -256,13 +222,12 @@ TEST_F(MainScreenTest, startWithTone_chartPeaksAtToneAndMeterMoves_pauseStops) {
     // Space pauses, as the button does, and the meter falls empty at once.
     QApplication::setActiveWindow(app_->window());
     QTest::keyClick(app_->window(), Qt::Key_Space);
-    ASSERT_TRUE(waitRecording(false));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !audio_->isRecording(); }, 5000));
     EXPECT_EQ(screen()->recordPauseButton()->text(), "Start");
     EXPECT_TRUE(screen()->recordPauseButton()->isEnabled());
     QTest::qWait(200);
     const auto lit = [](QRgb c) { return qRed(c) > 200 && qGreen(c) < 60; };
-    const QImage column = meter->grabFramebuffer();
-    EXPECT_FALSE(test::topmost(column, +lit)) << "red segments while stopped";
+    EXPECT_FALSE(test::topmost(meter->grabFramebuffer(), +lit)) << "red segments while stopped";
     EXPECT_EQ(meter->dbLabel()->text(), "-144.0");
 }
 
@@ -280,11 +245,10 @@ TEST_F(MainScreenTest, voiceProduct_eggOnSecondChannel_meterReadsQuotient_chartD
     constexpr double cq = 0.4;
     const double expected = 100.0 * (cq + 3.85e-5 * f0);
     test::SinkPlayer signal(
-        48000, 20.0, [](double t) { return kMinus12dBFS * float(std::sin(2 * M_PI * f0 * t)); },
+        48000, 20.0, [](double t) { return test::sineAt(f0, t); },
         [](double t) { return test::eggContact(f0, cq, t); });
     ASSERT_TRUE(signal.start());
-    clickStartPause();
-    ASSERT_TRUE(waitRecording(true));
+    ASSERT_TRUE(startPause(true));
 
     // The meter's read-out, in per cent. Tolerance: the measure's (the index
     // step of 1.4 / 100 points and 0.015 for the band limit, 0.029 in all) and
@@ -304,39 +268,31 @@ TEST_F(MainScreenTest, voiceProduct_eggOnSecondChannel_meterReadsQuotient_chartD
     ChartScrollView* chart = screen()->chartView()->chart();
     QTest::qWait(300);
     const QImage frame = chart->grabFramebuffer();
-    const double margin = test::chartMargin(chart);
-    const auto rowOf = [&](double y) {
-        return margin + (1.0 - y) * (chart->height() - 2 * margin);
-    };
-    int top = frame.height();
-    int bottom = -1;
+    const auto rowOf = [&](double y) { return test::chartRow(chart, y); };
+    const auto top = test::topmost(frame, test::isGreen);
+    const auto bottom = test::topmost(frame.mirrored(), test::isGreen);
+    ASSERT_TRUE(top && bottom);
     int contacts = 0;
     int columnsWithTrace = 0;
     bool high = false;
     for (int x = 0; x < frame.width(); ++x) {
-        double sum = 0.0;
-        int count = 0;
-        for (int y = 0; y < frame.height(); ++y)
-            if (test::isGreen(frame.pixel(x, y))) {
-                sum += y;
-                ++count;
-                top = std::min(top, y);
-                bottom = std::max(bottom, y);
-            }
-        if (count == 0)
+        const test::Pixels trace =
+            test::pixelsIn(frame, QRect(x, 0, 1, frame.height()), test::isGreen);
+        if (trace.count == 0)
             continue;
+        const bool nowHigh = trace.centre.y() < rowOf(0.5);
+        contacts += (nowHigh && !high && columnsWithTrace > 0) ? 1 : 0;
         ++columnsWithTrace;
-        const bool nowHigh = sum / count < rowOf(0.5);
-        contacts += (nowHigh && !high && columnsWithTrace > 1) ? 1 : 0;
         high = nowHigh;
     }
     EXPECT_GT(columnsWithTrace, frame.width() * 9 / 10);
     // The extremes of the whole window may lie outside the cycle drawn, so
     // its contacts and openings reach into the outer tenths of that band.
-    EXPECT_GE(top, rowOf(0.85) - 3.0);
-    EXPECT_LE(top, rowOf(0.78));
-    EXPECT_LE(bottom, rowOf(0.15) + 3.0);
-    EXPECT_GE(bottom, rowOf(0.22));
+    EXPECT_GE(top->y(), rowOf(0.85) - 3.0);
+    EXPECT_LE(top->y(), rowOf(0.78));
+    const double bottomRow = frame.height() - 1 - bottom->y();
+    EXPECT_LE(bottomRow, rowOf(0.15) + 3.0);
+    EXPECT_GE(bottomRow, rowOf(0.22));
     EXPECT_NEAR(contacts, n / 4 * f0 / 22050.0, 1.0);
 }
 
@@ -347,11 +303,11 @@ TEST_F(MainScreenTest, startWithoutInputDevice_showsMessage_buttonsStayUsable) {
     ASSERT_TRUE(test::unloadModule(mic));
     ASSERT_TRUE(QTest::qWaitFor([&] { return audio_->availableInputs().isEmpty(); }, 3000));
 
-    clickStartPause();
-    const bool shown = QTest::qWaitFor([] { return visibleMessage() != nullptr; }, 5000);
+    QTest::mouseClick(screen()->recordPauseButton(), Qt::LeftButton);
+    QMessageBox* shown = test::waitMessage(5000);
     test::loadVirtualMicrophone();
     ASSERT_TRUE(shown);
-    EXPECT_TRUE(visibleMessage()->text().contains("Recording disabled."));
+    EXPECT_TRUE(shown->text().contains("Recording disabled."));
     EXPECT_FALSE(audio_->isRecording());
     EXPECT_EQ(screen()->recordPauseButton()->text(), "Start");
     EXPECT_TRUE(screen()->recordPauseButton()->isEnabled());
@@ -374,31 +330,25 @@ double levelOfPixel(QRgb c) {
 /// at the default minimum of -107 dB: a -12 dBFS tone's row, far above its
 /// window's leakage): the count per image row, and the columns that have one.
 struct BrightCells {
+    explicit BrightCells(const QImage& frame) : rows(size_t(frame.height()), 0) {
+        for (int x = 0; x < frame.width(); ++x) {
+            const int before = total;
+            for (int y = 0; y < frame.height(); ++y)
+                if (levelOfPixel(frame.pixel(x, y)) > 0.6) {
+                    ++rows[size_t(y)];
+                    ++total;
+                }
+            if (total > before)
+                columns.push_back(x);
+        }
+    }
+    int brightestRow() const {
+        return int(std::max_element(rows.begin(), rows.end()) - rows.begin());
+    }
     std::vector<int> rows;
     std::vector<int> columns;
     int total = 0;
 };
-BrightCells brightCells(const QImage& frame) {
-    BrightCells cells;
-    cells.rows.assign(size_t(frame.height()), 0);
-    for (int x = 0; x < frame.width(); ++x) {
-        bool lit = false;
-        for (int y = 0; y < frame.height(); ++y) {
-            if (levelOfPixel(frame.pixel(x, y)) > 0.6) {
-                ++cells.rows[size_t(y)];
-                ++cells.total;
-                lit = true;
-            }
-        }
-        if (lit)
-            cells.columns.push_back(x);
-    }
-    return cells;
-}
-
-int brightestRow(const BrightCells& cells) {
-    return int(std::max_element(cells.rows.begin(), cells.rows.end()) - cells.rows.begin());
-}
 
 // The studio as its users meet it: a recorded tone lights its row of the
 // spectrogram at the tone's height on a linear frequency axis and nothing far
@@ -410,36 +360,29 @@ TEST_F(MainScreenTest, studioSpectrogram_showsPlaysRecalculatesAndClearsTheRecor
     MainViewController* s = screen();
     ASSERT_TRUE(s->spectrogramView() != nullptr);
     EXPECT_EQ(s->spectrogramVsChartSegment(), 0);
-    defaults_->copyCurrentToPreferred();
-    defaults_->setPreferredLinearFrequency(true);
-    s->settingsWillClose();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return !s->buttonsBlocked(); }, 5000));
+    ASSERT_TRUE(rebuildWith([](AnalyzerDefaults& d) { d.setPreferredLinearFrequency(true); }));
     ASSERT_TRUE(defaults_->linearFrequency());
 
     test::SinkPlayer tone = toneOnFirstChannel();
     ASSERT_TRUE(tone.start());
-    clickStartPause();
-    ASSERT_TRUE(waitRecording(true));
+    ASSERT_TRUE(startPause(true));
     EXPECT_FALSE(s->clearSpectrogramButton()->isEnabled());
     EXPECT_FALSE(s->playStopButton()->isEnabled());
     ASSERT_TRUE(QTest::qWaitFor([&] { return defaults_->actualInterval() >= 200; }, 10000));
-    clickStartPause();
-    ASSERT_TRUE(waitRecording(false));
+    ASSERT_TRUE(startPause(false));
     tone.stop();
     const int64_t intervals = defaults_->actualInterval();
 
     SpectrogramScrollView* scroll = s->spectrogramView()->scroll();
     QTest::qWait(200);
     const QImage recorded = scroll->grabFramebuffer();
-    const BrightCells before = brightCells(recorded);
+    const BrightCells before(recorded);
     ASSERT_GT(before.total, 0) << "nothing bright on the spectrogram";
     const double toneY = (1.0 - 997.0 / (defaults_->sampleRate() / 2.0)) * recorded.height();
-    EXPECT_NEAR(brightestRow(before), toneY, 3.0);
-    for (size_t y = 0; y < before.rows.size(); ++y) {
-        if (std::abs(double(y) - toneY) > 6.0) {
-            EXPECT_EQ(before.rows[y], 0) << "bright pixels at row " << y;
-        }
-    }
+    EXPECT_NEAR(before.brightestRow(), toneY, 3.0);
+    for (size_t y = 0; y < before.rows.size(); ++y)
+        EXPECT_TRUE(before.rows[y] == 0 || std::abs(double(y) - toneY) <= 6.0)
+            << "bright pixels at row " << y;
     // The recording ends at the right edge.
     EXPECT_GE(before.columns.back(), recorded.width() - 3);
 
@@ -467,34 +410,25 @@ TEST_F(MainScreenTest, studioSpectrogram_showsPlaysRecalculatesAndClearsTheRecor
     EXPECT_TRUE(s->recordPauseButton()->isEnabled());
 
     // Recalculated with a four times longer FFT: the same row and the same columns.
-    defaults_->copyCurrentToPreferred();
-    defaults_->setPreferredFftSize(defaults_->fftSize() * 4);
-    s->settingsWillClose();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return !s->buttonsBlocked(); }, 10000));
+    ASSERT_TRUE(rebuildWith([](AnalyzerDefaults& d) { d.setPreferredFftSize(d.fftSize() * 4); }));
     EXPECT_EQ(defaults_->actualInterval(), intervals);
     QTest::qWait(200);
-    const BrightCells after = brightCells(scroll->grabFramebuffer());
+    const BrightCells after(scroll->grabFramebuffer());
     ASSERT_GT(after.total, 0) << "the recalculated document is not drawn";
-    EXPECT_NEAR(brightestRow(after), toneY, 3.0);
+    EXPECT_NEAR(after.brightestRow(), toneY, 3.0);
     EXPECT_NEAR(double(after.columns.size()), double(before.columns.size()), 3.0);
     EXPECT_NEAR(after.columns.back(), before.columns.back(), 2.0);
 
     // Clear, after its question: nothing is left.
     QTest::mouseClick(s->clearSpectrogramButton(), Qt::LeftButton);
-    QMessageBox* question = nullptr;
-    ASSERT_TRUE(QTest::qWaitFor([&] { return (question = visibleMessage()) != nullptr; }, 2000));
+    QMessageBox* question = test::waitMessage();
+    ASSERT_TRUE(question);
     EXPECT_EQ(question->text(), "Do you want to clear the spectrogram?");
-    QAbstractButton* yes = nullptr;
-    for (QAbstractButton* b : question->buttons()) {
-        if (b->text() == "Yes")
-            yes = b;
-    }
-    ASSERT_TRUE(yes != nullptr);
-    yes->click();
+    test::press(question, "Yes");
     ASSERT_TRUE(QTest::qWaitFor([&] { return !s->buttonsBlocked(); }, 5000));
     EXPECT_EQ(defaults_->actualInterval(), 0);
     QTest::qWait(200);
-    EXPECT_EQ(brightCells(scroll->grabFramebuffer()).total, 0);
+    EXPECT_EQ(BrightCells(scroll->grabFramebuffer()).total, 0);
 }
 
 // The picture-in-picture follows the segmented control: the other view in a
@@ -533,11 +467,8 @@ TEST_F(MainScreenTest, studioPictureInPicture_followsTheViewOnScreen) {
 
     // Off, with a rebuild right behind it: gone, and the chart keeps the area.
     QTest::mouseClick(s->pipButton(), Qt::LeftButton);
-    defaults_->copyCurrentToPreferred();
-    defaults_->setPreferredSpectrogramColorType(1);
-    s->settingsWillClose();
-    ASSERT_TRUE(
-        QTest::qWaitFor([&] { return !s->buttonsBlocked() && !s->layoutAnimating(); }, 5000));
+    ASSERT_TRUE(rebuildWith([](AnalyzerDefaults& d) { d.setPreferredSpectrogramColorType(1); }));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !s->layoutAnimating(); }, 5000));
     EXPECT_FALSE(spectrogram->isVisible());
     EXPECT_EQ(chart->geometry(), area);
 }
@@ -550,8 +481,7 @@ TEST_F(MainScreenTest, freshStudio_octaveRTA_toneLightsItsBars) {
     ASSERT_TRUE(tone.start());
     screen()->spectrogramVsChartChanged(1);
     screen()->typeOfChartOctaveRTASelected();
-    clickStartPause();
-    ASSERT_TRUE(waitRecording(true));
+    ASSERT_TRUE(startPause(true));
     ChartScrollView* chart = screen()->chartView()->chart();
     EXPECT_TRUE(QTest::qWaitFor(
         [&] { return test::topmost(chart->grabFramebuffer(), test::isBar).has_value(); }, 5000));
@@ -561,7 +491,7 @@ TEST_F(MainScreenTest, freshStudio_octaveRTA_toneLightsItsBars) {
 // a rate that left Start failing): the program starts and analyses a tone.
 TEST_F(MainScreenTest, damagedSettings_startAWorkingProgram) {
     {
-        SettingsStore store("main-screen-test");
+        SettingsStore store(kTag);
         store.writeString(AnalyzerDefaults::kVersionKey, AnalyzerDefaults::kVersionTag);
         store.writeInt("analyzerDefaults.fftDisplaySize", INT_MIN);
         store.writeFloat("analyzerDefaults.sampleRate", 0.0f);
@@ -571,49 +501,15 @@ TEST_F(MainScreenTest, damagedSettings_startAWorkingProgram) {
     launch(AnalyzerFeatures::spectrumProduct());
     test::SinkPlayer tone = toneOnFirstChannel();
     ASSERT_TRUE(tone.start());
-    clickStartPause();
-    ASSERT_TRUE(waitRecording(true));
+    ASSERT_TRUE(startPause(true));
     expectToneOnChart();
 }
 
-// The popups of the bottom toolbar open inside the window and the screen,
-// with the window away from the screen's edges: the settings panel (it
-// opened 207 px past the window's right edge) and the chart-type list (it
-// opened below the window).
-TEST_F(MainScreenTest, toolbarPopupsOpenInsideTheWindow) {
-    for (const AnalyzerFeatures& features :
-         {AnalyzerFeatures::spectrumProduct(), AnalyzerFeatures::voiceProduct()}) {
-        launch(features);
-        QMainWindow* window = app_->window();
-        window->setGeometry(60, 40, 1000, 640);
-        ASSERT_TRUE(
-            QTest::qWaitFor([&] { return window->geometry().topLeft() == QPoint(60, 40); }));
-        const QRect inside = window->geometry() & window->screen()->availableGeometry();
-        const auto expectInside = [&](QWidget* popup) {
-            ASSERT_TRUE(popup != nullptr && popup->isVisible());
-            EXPECT_TRUE(inside.contains(popup->frameGeometry()))
-                << popup->metaObject()->className() << " at "
-                << QDebug::toString(popup->frameGeometry()).toStdString() << ", window "
-                << QDebug::toString(inside).toStdString();
-            popup->close();
-        };
-        QTest::mouseClick(screen()->settingsButton(), Qt::LeftButton);
-        expectInside(screen()->settingsPopoverViewController());
-        if (QToolButton* chartType = screen()->typeOfChartButton()) {
-            QTest::mouseClick(chartType, Qt::LeftButton);
-            expectInside(screen()->typeOfChartViewController());
-        }
-        release();
-    }
-}
-
-// --- Lifecycle
-// -------------------------------------------------------------------------------------
+// --- Lifecycle and state across runs ------------------------------------------------------------
 
 TEST_F(MainScreenTest, leavingForeground_stopsAnalyser_comingBackKeepsTheDocument) {
     launch(AnalyzerFeatures::spectrumProduct());
-    clickStartPause();
-    ASSERT_TRUE(waitRecording(true));
+    ASSERT_TRUE(startPause(true));
 
     app_->applicationWillResignActive();
     EXPECT_FALSE(audio_->isRecording());
@@ -653,33 +549,22 @@ TEST_F(MainScreenTest, settingsCloseWithNewFftSizeOrRate_rebuildsDocumentAndChar
     EXPECT_EQ(defaults_->fftOutSize(), 8192);
     EXPECT_TRUE(defaults_->dataValid());
 
-    defaults_->copyCurrentToPreferred();
-    defaults_->setPreferredSampleRate(96000.0f);
-    screen()->settingsWillClose();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return !screen()->buttonsBlocked(); }, 5000));
+    ASSERT_TRUE(rebuildWith([](AnalyzerDefaults& d) { d.setPreferredSampleRate(96000.0f); }));
     EXPECT_EQ(defaults_->sampleRate(), 96000.0f);
     EXPECT_EQ(defaults_->audioBuffersData().size() * 4, size_t(defaults_->audioBufferByteSize()));
 
     // The new document analyses: a tone peaks where it should on the new axis.
     test::SinkPlayer tone = toneOnFirstChannel();
     ASSERT_TRUE(tone.start());
-    clickStartPause();
-    ASSERT_TRUE(waitRecording(true));
+    ASSERT_TRUE(startPause(true));
     expectToneOnChart();
-    clickStartPause();
-    ASSERT_TRUE(waitRecording(false));
+    ASSERT_TRUE(startPause(false));
 }
-
-// --- State across runs
-// ----------------------------------------------------------------------------
 
 TEST_F(MainScreenTest, quitAndStartAgain_restoresSettingsAndChartType_onlyFromItsOwnTag) {
     launch(AnalyzerFeatures::studioProduct());
     screen()->typeOfChartOctaveRTASelected();
-    defaults_->copyCurrentToPreferred();
-    defaults_->setPreferredFftWindowType(1);
-    screen()->settingsWillClose();
-    ASSERT_TRUE(QTest::qWaitFor([&] { return !screen()->buttonsBlocked(); }, 5000));
+    ASSERT_TRUE(rebuildWith([](AnalyzerDefaults& d) { d.setPreferredFftWindowType(1); }));
     quit();
 
     launch(AnalyzerFeatures::studioProduct());

@@ -1,5 +1,5 @@
-#include "../core/TempSettings.h"
 #include "RecordingSettingsDelegate.h"
+#include "UiTestSupport.h"
 #include "audio/AudioInputPickerViewDataSource.h"
 #include "audio/TQAudio.h"
 #include "audio/TQAudioEffect.h"
@@ -12,16 +12,11 @@
 #include "ui/SegmentedControl.h"
 #include "ui/SettingsRootViewController.h"
 
-#include <QApplication>
 #include <QCheckBox>
 #include <QLabel>
 #include <QListWidget>
-#include <QMessageBox>
 #include <QPushButton>
-#include <QTest>
 #include <QToolButton>
-
-#include <gtest/gtest.h>
 
 namespace widmo {
 namespace {
@@ -162,45 +157,16 @@ TEST_F(SettingsPanelTest, audioInputPage_jackNodeSwitch_publishesOnTheServer_orS
     EXPECT_FALSE(nodeSwitch->isChecked());
     EXPECT_FALSE(node.enabled());
     EXPECT_FALSE(SettingsStore().readBool(key));
-    QMessageBox* box = nullptr;
-    ASSERT_TRUE(QTest::qWaitFor(
-        [&] {
-            for (QWidget* w : QApplication::topLevelWidgets())
-                if (auto* b = qobject_cast<QMessageBox*>(w); b && b->isVisible())
-                    box = b;
-            return box != nullptr;
-        },
-        5000));
+    QMessageBox* box = test::waitMessage(5000);
+    ASSERT_TRUE(box);
     EXPECT_EQ(box->text(), AudioInputTableViewController::kNoJackServerMessage);
     box->close();
 }
 
-TEST_F(SettingsPanelTest, audioInputPage_duringPlayback_offersNoInputSelection) {
-    const AnalyzerFeatures features = AnalyzerFeatures::spectrumProduct();
-    AnalyzerDefaults defaults(features, "panel-playing");
-    TQAudio audio(defaults, features);
-    AudioInputTableViewController page(defaults, audio, delegate);
-    bool started = false;
-    audio.startPlayer([&](bool ok) { started = ok; });
-    ASSERT_TRUE(QTest::qWaitFor([&] { return started; }, 5000));
-
-    page.viewWillAppear();
-    EXPECT_FALSE(page.inputSelectionEnabled());
-    EXPECT_TRUE(page.isRowHidden(AudioInputTableViewController::kSectionInput, 0));
-    EXPECT_FALSE(page.isRowHidden(AudioInputTableViewController::kSectionInput, 1));
-    EXPECT_FALSE(page.inputSourceSoftwareGainSlider()->isEnabled());
-    EXPECT_FALSE(page.inputSourceHardwareGainSlider()->isEnabled());
-    EXPECT_FALSE(page.audioInputPickerViewDataSource()->observingInputChanges());
-    audio.stop();
-
-    page.viewWillAppear();
-    EXPECT_TRUE(page.inputSelectionEnabled());
-    EXPECT_TRUE(page.inputSourceSoftwareGainSlider()->isEnabled());
-}
-
 // The studio's transposition and playback rows write their settings; one
 // changed while the document plays stops it first (the audio threads read
-// these settings). A product without them shows none.
+// these settings), and during playback no input can be chosen. A product
+// without these rows shows none.
 TEST_F(SettingsPanelTest, audioInputPage_transpositionAndPlayback_writeTheirSettings) {
     const AnalyzerFeatures studio = AnalyzerFeatures::studioProduct();
     AnalyzerDefaults defaults(studio, "panel-output");
@@ -225,13 +191,24 @@ TEST_F(SettingsPanelTest, audioInputPage_transpositionAndPlayback_writeTheirSett
     EXPECT_EQ(page.outputGainValueLabel()->text(), "-6 dB");
     EXPECT_EQ(delegate.stopAnalyzer, 0);
 
+    // During playback the page offers no input selection.
     bool started = false;
     audio.startPlayer([&](bool ok) { started = ok; });
     ASSERT_TRUE(QTest::qWaitFor([&] { return started; }, 5000));
+    page.viewWillAppear();
+    EXPECT_FALSE(page.inputSelectionEnabled());
+    EXPECT_TRUE(page.isRowHidden(AudioInputTableViewController::kSectionInput, 0));
+    EXPECT_FALSE(page.isRowHidden(AudioInputTableViewController::kSectionInput, 1));
+    EXPECT_FALSE(page.inputSourceSoftwareGainSlider()->isEnabled());
+    EXPECT_FALSE(page.inputSourceHardwareGainSlider()->isEnabled());
+    EXPECT_FALSE(page.audioInputPickerViewDataSource()->observingInputChanges());
     page.playbackTypeControl()->buttonForSegment(2)->click();
     EXPECT_EQ(delegate.stopAnalyzer, 1);
     EXPECT_EQ(defaults.playbackTranspType(), 2);
     audio.stop();
+    page.viewWillAppear();
+    EXPECT_TRUE(page.inputSelectionEnabled());
+    EXPECT_TRUE(page.inputSourceSoftwareGainSlider()->isEnabled());
 
     const AnalyzerFeatures plain = AnalyzerFeatures::spectrumProduct();
     AnalyzerDefaults plainDefaults(plain, "panel-output-plain");

@@ -1,19 +1,18 @@
 #include "ui/TQMessage.h"
 
-#include <QAbstractButton>
-#include <QApplication>
+#include "UiTestSupport.h"
+
 #include <QDialog>
-#include <QMessageBox>
 #include <QPushButton>
 #include <QShortcut>
-#include <QTest>
-
-#include <gtest/gtest.h>
 
 #include <memory>
 
 namespace widmo {
 namespace {
+
+using test::buttonOf;
+using test::openBoxes;
 
 // Runs the event loop until `condition` holds or `ms` pass; the assertions
 // that follow say what was expected.
@@ -21,33 +20,7 @@ template <typename F> void waitUntil(F condition, int ms) {
     static_cast<void>(QTest::qWaitFor(condition, ms));
 }
 
-// The visible message boxes, newest last.
-QList<QMessageBox*> openBoxes() {
-    QList<QMessageBox*> boxes;
-    for (QWidget* w : QApplication::topLevelWidgets())
-        if (auto* box = qobject_cast<QMessageBox*>(w); box && box->isVisible())
-            boxes.append(box);
-    return boxes;
-}
-
-QMessageBox* waitForBox() {
-    QMessageBox* found = nullptr;
-    waitUntil(
-        [&] {
-            const auto boxes = openBoxes();
-            found = boxes.isEmpty() ? nullptr : boxes.last();
-            return found != nullptr;
-        },
-        5000);
-    return found;
-}
-
-QAbstractButton* buttonWithText(QMessageBox* box, const QString& text) {
-    for (QAbstractButton* b : box->buttons())
-        if (b->text() == text)
-            return b;
-    return nullptr;
-}
+QMessageBox* waitForBox() { return test::waitMessage(5000); }
 
 class TQMessageTest : public ::testing::Test {
 protected:
@@ -80,7 +53,7 @@ TEST_F(TQMessageTest, callbackGetsZeroForCancelAndPositionPlusOneForButtons) {
         ASSERT_NE(nullptr, box);
         EXPECT_EQ(1, TQMessage::pendingCount());
         const QString text = pressed == 0 ? QString("Cancel") : buttons[pressed - 1];
-        QAbstractButton* b = buttonWithText(box, text);
+        QAbstractButton* b = buttonOf(box, text);
         ASSERT_NE(nullptr, b);
         b->click();
         waitUntil([] { return TQMessage::pendingCount() == 0; }, 2000);
@@ -151,7 +124,7 @@ TEST_F(TQMessageTest, messageOverAGivenWidgetLeavesOtherPanelsOpen) {
     ASSERT_NE(nullptr, box);
     EXPECT_EQ(&panel, box->parentWidget());
     EXPECT_TRUE(panel.isVisible());
-    buttonWithText(box, "Send a copy")->click();
+    buttonOf(box, "Send a copy")->click();
     waitUntil([&] { return received != -1; }, 2000);
     EXPECT_EQ(1, received);
 }
