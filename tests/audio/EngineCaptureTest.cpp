@@ -107,11 +107,19 @@ TEST_F(EngineCaptureTest, recordedDocument_playsBackIntoTheSinkWithTheSameSample
     const int64_t written = engine->framesWriteCount();
     ASSERT_GT(written, 48000);
 
-    // Playback ends by itself one block before the newest sample.
+    // Playback ends by itself one block before the newest sample. It plays
+    // with no input (and records nothing), and then the chosen input returns.
+    const AudioDevice mic = audio->soundServer().defaultInput();
+    audio->setPreferredInput(mic);
     SinkListener listener(audio->soundServer());
     ASSERT_TRUE(listener.started);
-    ASSERT_TRUE(playToTheEnd(5000));
+    ASSERT_TRUE(completes([&](auto done) { engine->startPlayer(done); }));
+    EXPECT_TRUE(audio->preferredInput().isNull());
+    EXPECT_EQ(audio->lastPortBeforePlaying().id, mic.id);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return owner.playerStops == 1; }, 5000));
     EXPECT_FALSE(audio->isPlaying());
+    EXPECT_EQ(audio->preferredInput().id, mic.id);
+    EXPECT_EQ(engine->framesWriteCount(), written);
     QTest::qWait(200);
     const std::vector<float>& heard = listener.stop();
 
