@@ -15,12 +15,14 @@
 namespace widmo::test {
 
 /// The whole live path: the engine on the real audio object of the test
-/// sound server, showing its spectra on a recording chart.
+/// sound server (or another source), showing its spectra on a recording chart.
 class LiveEngineTest : public ::testing::Test {
 protected:
     /// Builds the stack at `sampleRate` Hz, FFT of 4096, gains of 0 dB;
     /// `configure` changes the settings before the audio object is made.
-    void build(float sampleRate, const std::function<void(AnalyzerDefaults&)>& configure = {}) {
+    /// With `source` the engine records from it instead (no audio object).
+    void build(float sampleRate, const std::function<void(AnalyzerDefaults&)>& configure = {},
+               TQAudioInterface* source = nullptr) {
         defaults = std::make_unique<AnalyzerDefaults>(
             features, ::testing::UnitTest::GetInstance()->current_test_suite()->name());
         defaults->setSampleRate(sampleRate);
@@ -29,9 +31,11 @@ protected:
         defaults->setOutputGainValue(0.0f);
         if (configure)
             configure(*defaults);
-        audio = std::make_unique<TQAudio>(*defaults, features);
+        if (source == nullptr)
+            audio = std::make_unique<TQAudio>(*defaults, features);
         manager = std::make_unique<FFTManager>(*defaults);
-        engine = std::make_unique<AnalyzerController>(*defaults, *manager, *audio);
+        engine =
+            std::make_unique<AnalyzerController>(*defaults, *manager, source ? *source : *audio);
         engine->setChartViews(&chart, nullptr);
         engine->setDelegate(&owner);
         engine->rebuildDataWithClear();

@@ -1,10 +1,5 @@
 #include "audio/TQAudioEffect.h"
-#include "TestDoubles.h"
-#include "TestSignals.h"
-#include "core/AnalyzerDefaults.h"
-#include "core/AnalyzerFeatures.h"
-#include "dsp/FFTManager.h"
-#include "engine/AnalyzerController.h"
+#include "LiveEngineTest.h"
 
 #include <QElapsedTimer>
 #include <QSignalSpy>
@@ -140,7 +135,7 @@ private:
     std::atomic<int> xruns_{0};
 };
 
-class TQAudioEffectTest : public ::testing::Test {
+class TQAudioEffectTest : public LiveEngineTest {
 protected:
     void SetUp() override {
         ASSERT_TRUE(qEnvironmentVariableIsSet("JACK_DEFAULT_SERVER"))
@@ -154,27 +149,20 @@ protected:
         if (engine)
             engine->stopRecorder();
         effect.reset();
-        engine.reset();
+        LiveEngineTest::TearDown();
     }
 
     /// The engine with the node as its source, recording on a stand-in audio
     /// object; the peak bin of each spectrum shown goes to `peakBins`.
     void buildEngine() {
-        defaults = std::make_unique<AnalyzerDefaults>(features, "audio-effect-test");
-        defaults->setSampleRate(48000.0f);
-        defaults->setFftSize(4096);
-        manager = std::make_unique<FFTManager>(*defaults);
-        engine = std::make_unique<AnalyzerController>(*defaults, *manager, audio);
-        engine->setChartViews(&chart, nullptr);
-        engine->rebuildDataWithClear();
-        defaults->setDataValid(true);
+        build(48000.0f, {}, &standIn);
         chart.onData = [this](const float* data) {
             peakBins.push_back(
                 int(std::max_element(data + 1, data + defaults->fftOutSize()) - data));
         };
         engine->setAudioEffect(effect.get());
         effect->setDelegate(engine.get());
-        ASSERT_TRUE(completes([&](auto done) { engine->startRecorder(done); }));
+        ASSERT_TRUE(startRecorder());
     }
 
     /// A new peer, its outputs connected to the node and the node's outputs
@@ -191,14 +179,9 @@ protected:
     }
     std::string outputPort(int c) const { return effect->outputPortName(c).toStdString(); }
 
-    AnalyzerFeatures features = AnalyzerFeatures::spectrumProduct();
-    std::unique_ptr<AnalyzerDefaults> defaults;
-    std::unique_ptr<FFTManager> manager;
-    FakeAudio audio;
-    FakeChartView chart;
+    FakeAudio standIn;
     std::vector<int> peakBins;
     std::unique_ptr<TQAudioEffect> effect;
-    std::unique_ptr<AnalyzerController> engine;
     std::unique_ptr<JackPeer> peer;
 };
 
