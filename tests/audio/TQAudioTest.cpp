@@ -98,7 +98,6 @@ TEST_F(TQAudioTest, recording_deliversBlocksInRingOrderOnTheQueue_afterTheStartu
     EXPECT_TRUE(outcome);
     EXPECT_TRUE(audio.isRecording());
     EXPECT_FALSE(audio.isSetupInProgress());
-    EXPECT_EQ(audio.startupSkipThreshold(), 7);
     audio.startRecorder([&](bool) { ++ignoredCalls; });
 
     QTest::qWait(1500);
