@@ -76,13 +76,12 @@ public:
     /// unchanged at `input`, read at three places of the run (the median, so
     /// that an xrun at one of them does not decide); -1 if none arrived.
     long matchingDelay(size_t input, size_t channel) const {
-        const size_t n = frames();
         std::vector<long> found;
-        for (size_t at : {n / 4, n / 2, 3 * n / 4}) {
-            long d = 0;
-            while (d < 8192 && at + size_t(d) + kPeriod <= n && !arrived(input, channel, at, d))
-                ++d;
-            found.push_back(d < 8192 && at + size_t(d) + kPeriod <= n ? d : -1);
+        for (size_t at : {kFrames / 4, kFrames / 2, 3 * kFrames / 4}) {
+            const auto from = received_[input].begin() + long(at);
+            const auto period = sent_[channel].begin() + long(at);
+            const auto hit = std::search(from, from + 8192 + kPeriod, period, period + kPeriod);
+            found.push_back(hit == from + 8192 + kPeriod ? -1 : long(hit - from));
         }
         std::sort(found.begin(), found.end());
         return found[1];
