@@ -10,6 +10,7 @@
 #include <sndfile.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cmath>
 #include <numbers>
 #include <random>
@@ -24,22 +25,18 @@ class AudioFileReaderTest : public ::testing::Test {
 protected:
     std::string path(const char* name) const { return dir_.filePath(name).toStdString(); }
 
-    // Writes interleaved `samples` of `channels` channels at `rate` Hz.
-    void write(const std::string& file, int format, int rate, int channels,
+    /// Writes interleaved `samples` of `channels` channels at `rate` Hz into `name`.
+    void write(const char* name, int format, int rate, int channels,
                const std::vector<float>& samples) const {
-        SF_INFO info{};
-        info.samplerate = rate;
-        info.channels = channels;
-        info.format = format;
-        SNDFILE* sf = sf_open(file.c_str(), SFM_WRITE, &info);
+        SF_INFO info{0, rate, channels, format, 0, 0};
+        SNDFILE* sf = sf_open(path(name).c_str(), SFM_WRITE, &info);
         ASSERT_NE(sf, nullptr) << sf_strerror(nullptr);
-        ASSERT_EQ(sf_writef_float(sf, samples.data(), sf_count_t(samples.size()) / channels),
-                  sf_count_t(samples.size()) / channels);
+        const sf_count_t frames = sf_count_t(samples.size()) / channels;
+        ASSERT_EQ(sf_writef_float(sf, samples.data(), frames), frames);
         sf_close(sf);
     }
-
-    void writeBytes(const std::string& file, const QByteArray& bytes) const {
-        QFile f(QString::fromStdString(file));
+    void writeBytes(const char* name, const QByteArray& bytes) const {
+        QFile f(QString::fromStdString(path(name)));
         ASSERT_TRUE(f.open(QIODevice::WriteOnly));
         f.write(bytes);
     }
@@ -59,19 +56,18 @@ std::vector<float> sine(double frequency, double amplitude, int rate, double sec
 // Every unreadable input fails `open` with a text and leaves no file open.
 TEST_F(AudioFileReaderTest, badInputsFailWithAText) {
     // A real WAV cut inside its header (12 of its 44 header bytes).
-    write(path("whole.wav"), SF_FORMAT_WAV | SF_FORMAT_FLOAT, 48000, 1, sine(440, 0.5, 48000, 0.1));
+    write("whole.wav", SF_FORMAT_WAV | SF_FORMAT_FLOAT, 48000, 1, sine(440, 0.5, 48000, 0.1));
     QFile whole(QString::fromStdString(path("whole.wav")));
     ASSERT_TRUE(whole.open(QIODevice::ReadOnly));
-    writeBytes(path("truncated.wav"), whole.read(12));
-    writeBytes(path("empty.wav"), {});
+    writeBytes("truncated.wav", whole.read(12));
+    writeBytes("empty.wav", {});
     std::mt19937 random(7);
     QByteArray noise(4096, '\0');
-    for (char& c : noise)
-        c = char(random());
-    writeBytes(path("noise.wav"), noise);
+    std::generate(noise.begin(), noise.end(), [&] { return char(random()); });
+    writeBytes("noise.wav", noise);
     // A PNG's signature and header chunk: a real format libsndfile does not read.
-    writeBytes(path("picture.png"), QByteArray::fromHex("89504e470d0a1a0a0000000d49484452000000"
-                                                        "100000001008020000009091683600000000"));
+    writeBytes("picture.png", QByteArray::fromHex("89504e470d0a1a0a0000000d49484452000000"
+                                                  "100000001008020000009091683600000000"));
     QDir(dir_.path()).mkdir("folder.wav");
 
     for (const char* name :
@@ -88,8 +84,8 @@ TEST_F(AudioFileReaderTest, badInputsFailWithAText) {
 
     // A valid header claiming 1 Hz: converting it to 48 kHz would need buffers
     // of gigabytes. Refused with a text instead.
-    writeBytes(path("slow.au"), QByteArray::fromHex("2e736e640000002c800003200000000100000001"
-                                                    "00000001"));
+    writeBytes("slow.au", QByteArray::fromHex("2e736e640000002c800003200000000100000001"
+                                              "00000001"));
     AudioFileReader slow;
     ASSERT_TRUE(slow.open(path("slow.au"))) << slow.errorText();
     std::vector<float> out;
@@ -112,7 +108,7 @@ TEST_F(AudioFileReaderTest, sixChannelsMixToTheirMeanOrGiveOneChannel) {
     std::vector<float> samples(size_t(frames) * 6);
     for (size_t i = 0; i < samples.size(); ++i)
         samples[i] = 0.1f * float(i % 6 + 1);
-    write(path("six.wav"), SF_FORMAT_WAV | SF_FORMAT_FLOAT, 48000, 6, samples);
+    write("six.wav", SF_FORMAT_WAV | SF_FORMAT_FLOAT, 48000, 6, samples);
 
     AudioFileReader reader;
     ASSERT_TRUE(reader.open(path("six.wav"))) << reader.errorText();
@@ -125,8 +121,8 @@ TEST_F(AudioFileReaderTest, sixChannelsMixToTheirMeanOrGiveOneChannel) {
                                 [&](int64_t done, int64_t) { lastProgress = done; }));
     ASSERT_EQ(out.size(), size_t(frames));
     EXPECT_EQ(lastProgress, frames);
-    for (const float v : out)
-        ASSERT_NEAR(v, 0.35f, 1e-6f);
+    EXPECT_TRUE(
+        std::all_of(out.begin(), out.end(), [](float v) { return std::fabs(v - 0.35f) < 1e-6f; }));
 
     ASSERT_TRUE(reader.readMono(out, 0.0, 4, 40000));
     ASSERT_EQ(out.size(), 40000u);
@@ -138,8 +134,7 @@ TEST_F(AudioFileReaderTest, sixChannelsMixToTheirMeanOrGiveOneChannel) {
 // A 1 kHz tone at -6 dBFS in a 44.1 kHz FLAC, read at 48 kHz: same length in
 // seconds, frequency within 1 Hz (one bin of a one-second window), level within 0.1 dB.
 TEST_F(AudioFileReaderTest, flacAt44100ReadAt48000KeepsToneAndLevel) {
-    write(path("tone.flac"), SF_FORMAT_FLAC | SF_FORMAT_PCM_24, 44100, 1,
-          sine(1000.0, 0.5, 44100, 3.0));
+    write("tone.flac", SF_FORMAT_FLAC | SF_FORMAT_PCM_24, 44100, 1, sine(1000.0, 0.5, 44100, 3.0));
     AudioFileReader reader;
     ASSERT_TRUE(reader.open(path("tone.flac"))) << reader.errorText();
     EXPECT_DOUBLE_EQ(reader.sampleRate(), 44100.0);

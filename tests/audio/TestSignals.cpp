@@ -7,18 +7,17 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cmath>
-#include <numbers>
-
 namespace widmo::test {
 
 namespace {
 
-/// Starts `program` with `arguments`; standard input from `inputFile` when
-/// given, standard output into `outputFd` when not negative. The child's pid,
-/// or a negative value.
+QString testSink() { return qEnvironmentVariable("WIDMO_TEST_SINK", "widmo_sink"); }
+
+/// Starts `program` with `arguments`, standard input from `inputFile` when
+/// given, standard output into `outputFd` when not negative, no other open
+/// descriptor of this process. The child's pid, or a negative value.
 pid_t spawn(const QString& program, const QStringList& arguments, const QString& inputFile,
-            int outputFd, int closeFd) {
+            int outputFd) {
     std::vector<QByteArray> storage{program.toLocal8Bit()};
     for (const QString& a : arguments)
         storage.push_back(a.toLocal8Bit());
@@ -31,31 +30,38 @@ pid_t spawn(const QString& program, const QStringList& arguments, const QString&
     if (pid == 0) {
         if (!input.isEmpty())
             dup2(open(input.constData(), O_RDONLY), STDIN_FILENO);
-        if (outputFd >= 0) {
+        if (outputFd >= 0)
             dup2(outputFd, STDOUT_FILENO);
-            close(outputFd);
-            close(closeFd);
-        }
+        close_range(3, ~0U, 0);
         execvp(argv[0], argv.data());
         _exit(127);
     }
     return pid;
 }
 
+/// Plays raw stereo float samples from standard input into `sink` at `rate` Hz,
+/// through a low-latency stream.
+bool startPacat(ChildProcess& process, int rate, const QString& sink, const QString& input) {
+    return process.start("pacat",
+                         {"--playback", "--raw", "--format=float32le",
+                          QString("--rate=%1").arg(rate), "--channels=2", "--latency-msec=10", "-d",
+                          sink},
+                         input);
+}
+
 } // namespace
 
 int runTool(const QString& program, const QStringList& arguments, QString* output) {
-    int pipeFds[2];
-    if (pipe(pipeFds) != 0)
+    int fds[2];
+    if (pipe(fds) != 0)
         return -1;
-    const pid_t pid = spawn(program, arguments, QString(), pipeFds[1], pipeFds[0]);
-    close(pipeFds[1]);
+    const pid_t pid = spawn(program, arguments, QString(), fds[1]);
+    close(fds[1]);
     QByteArray text;
     char chunk[4096];
-    ssize_t n;
-    while ((n = read(pipeFds[0], chunk, sizeof chunk)) > 0)
+    for (ssize_t n; (n = read(fds[0], chunk, sizeof chunk)) > 0;)
         text.append(chunk, qsizetype(n));
-    close(pipeFds[0]);
+    close(fds[0]);
     int status = 0;
     if (pid < 0 || waitpid(pid, &status, 0) != pid)
         return -1;
@@ -67,7 +73,7 @@ int runTool(const QString& program, const QStringList& arguments, QString* outpu
 bool ChildProcess::start(const QString& program, const QStringList& arguments,
                          const QString& inputFile) {
     stop();
-    pid_ = spawn(program, arguments, inputFile, -1, -1);
+    pid_ = spawn(program, arguments, inputFile, -1);
     return pid_ > 0;
 }
 
@@ -75,21 +81,17 @@ void ChildProcess::stop() {
     if (pid_ <= 0)
         return;
     kill(pid_, SIGTERM);
-    int status = 0;
-    waitpid(pid_, &status, 0);
-    pid_ = -1;
+    waitpid(std::exchange(pid_, -1), nullptr, 0);
 }
 
 SinkPlayer::SinkPlayer(int sampleRate, double seconds, const std::function<float(double)>& left,
                        const std::function<float(double)>& right, const QString& sink)
     : path_(dir_.filePath("signal.raw")), sampleRate_(sampleRate),
-      sink_(sink.isEmpty() ? qEnvironmentVariable("WIDMO_TEST_SINK", "widmo_sink") : sink) {
-    const size_t frames = size_t(seconds * sampleRate);
-    std::vector<float> samples(frames * 2);
-    for (size_t i = 0; i < frames; ++i) {
-        const double t = double(i) / sampleRate;
-        samples[2 * i] = left(t);
-        samples[2 * i + 1] = right(t);
+      sink_(sink.isEmpty() ? testSink() : sink) {
+    std::vector<float> samples(size_t(seconds * sampleRate) * 2);
+    for (size_t i = 0; i < samples.size(); i += 2) {
+        samples[i] = left(double(i / 2) / sampleRate);
+        samples[i + 1] = right(double(i / 2) / sampleRate);
     }
     QFile file(path_);
     if (file.open(QIODevice::WriteOnly))
@@ -97,34 +99,13 @@ SinkPlayer::SinkPlayer(int sampleRate, double seconds, const std::function<float
                    qint64(samples.size() * sizeof(float)));
 }
 
-SinkPlayer::~SinkPlayer() { stop(); }
+bool SinkPlayer::start() { return startPacat(process_, sampleRate_, sink_, path_); }
 
-bool SinkPlayer::start() {
-    return process_.start("pacat", {"--playback", "--raw", "--format=float32le",
-                                    QString("--rate=%1").arg(sampleRate_), "--channels=2",
-                                    "--latency-msec=10", "-d", sink_, path_});
+std::unique_ptr<SinkPlayer> playTone(double frequency, int sampleRate, const QString& sink) {
+    const auto tone = [frequency](double t) { return sineAt(frequency, t); };
+    auto player = std::make_unique<SinkPlayer>(sampleRate, 20.0, tone, tone, sink);
+    return player->start() ? std::move(player) : nullptr;
 }
-
-QString UltrasonicMicrophone::sinkName() {
-    return qEnvironmentVariable("WIDMO_TEST_SINK_192", "widmo_sink192");
-}
-
-UltrasonicMicrophone::UltrasonicMicrophone() {
-    QString out;
-    if (runTool("pactl",
-                {"load-module", "module-remap-source", "master=" + sinkName() + ".monitor",
-                 QString("source_name=") + kSourceName,
-                 "source_properties=device.description=WidmoTestMic192"},
-                &out) == 0)
-        module_ = out.trimmed().toInt();
-}
-
-UltrasonicMicrophone::~UltrasonicMicrophone() {
-    if (module_ >= 0)
-        unloadModule(module_);
-}
-
-void SinkPlayer::stop() { process_.stop(); }
 
 double toneAmplitude(const float* data, size_t count, size_t stride, double frequency,
                      double sampleRate) {
@@ -140,75 +121,70 @@ double toneAmplitude(const float* data, size_t count, size_t stride, double freq
     return 2.0 * std::sqrt(re * re + im * im) / windowSum;
 }
 
-int virtualMicrophoneModule() {
+int loadMicrophone(const QString& sink, const QString& name, const QString& description) {
     QString out;
-    if (runTool("pactl", {"list", "short", "modules"}, &out) != 0)
-        return -1;
-    for (const QString& line : out.split('\n')) {
-        if (line.contains("module-remap-source") && line.contains("widmo_mic"))
-            return line.section('\t', 0, 0).toInt();
-    }
-    return -1;
+    return runTool("pactl",
+                   {"load-module", "module-remap-source", "master=" + sink + ".monitor",
+                    "source_name=" + name, "source_properties=device.description=" + description},
+                   &out) == 0
+               ? out.trimmed().toInt()
+               : -1;
 }
 
 int loadVirtualMicrophone() {
-    const QString sink = qEnvironmentVariable("WIDMO_TEST_SINK", "widmo_sink");
-    QString out;
-    if (runTool("pactl",
-                {"load-module", "module-remap-source", "master=" + sink + ".monitor",
-                 "source_name=widmo_mic", "source_properties=device.description=WidmoTestMic"},
-                &out) != 0)
-        return -1;
+    const int module = loadMicrophone(testSink(), "widmo_mic", "WidmoTestMic");
     runTool("pactl", {"set-default-source", "widmo_mic"});
-    return out.trimmed().toInt();
+    return module;
+}
+
+bool unloadModule(int module) {
+    return runTool("pactl", {"unload-module", QString::number(module)}) == 0;
+}
+
+int virtualMicrophoneModule() {
+    QString out;
+    runTool("pactl", {"list", "short", "modules"}, &out);
+    for (const QString& line : out.split('\n'))
+        if (line.contains("module-remap-source") && line.contains("widmo_mic"))
+            return line.section('\t', 0, 0).toInt();
+    return -1;
 }
 
 namespace {
-ChildProcess& silence() {
-    static ChildProcess process;
-    return process;
-}
+ChildProcess silence;
 } // namespace
 
 void keepSinkRendering(bool settle) {
-    silence().start("pacat",
-                    {"--playback", "--raw", "--format=float32le", "--rate=48000", "--channels=2",
-                     "--latency-msec=10", "-d",
-                     qEnvironmentVariable("WIDMO_TEST_SINK", "widmo_sink")},
-                    "/dev/zero");
+    startPacat(silence, 48000, testSink(), "/dev/zero");
     if (settle)
         usleep(2000000);
 }
 
-void stopSinkRendering() { silence().stop(); }
+void stopSinkRendering() { silence.stop(); }
 
 bool restartSoundServer(int downMs) {
+    // Polls for up to 5 s whether the server answers as `up` says.
+    const auto serverUp = [](bool up) {
+        for (int i = 0; i < 50; ++i, usleep(100000))
+            if ((runTool("pactl", {"info"}) == 0) == up)
+                return true;
+        return false;
+    };
     if (runTool("pactl", {"exit"}) != 0)
         return false;
-    for (int i = 0; i < 50 && runTool("pactl", {"info"}) == 0; ++i)
-        usleep(100000);
+    serverUp(false);
     usleep(useconds_t(downMs) * 1000);
-    const QString sink = qEnvironmentVariable("WIDMO_TEST_SINK", "widmo_sink");
-    if (runTool("pulseaudio", {"--daemonize=yes", "--exit-idle-time=-1", "-n", "--use-pid-file=no",
-                               "--load=module-native-protocol-unix",
-                               "--load=module-null-sink sink_name=" + sink + " rate=48000"}) != 0)
-        return false;
-    bool up = false;
-    for (int i = 0; i < 50 && !up; ++i) {
-        up = runTool("pactl", {"info"}) == 0;
-        if (!up)
-            usleep(100000);
-    }
-    if (!up || loadVirtualMicrophone() < 0 || runTool("pactl", {"set-default-sink", sink}) != 0)
+    if (runTool("pulseaudio",
+                {"--daemonize=yes", "--exit-idle-time=-1", "-n", "--use-pid-file=no",
+                 "--load=module-native-protocol-unix",
+                 "--load=module-null-sink sink_name=" + testSink() + " rate=48000"}) != 0 ||
+        !serverUp(true) || loadVirtualMicrophone() < 0 ||
+        runTool("pactl", {"set-default-sink", testSink()}) != 0)
         return false;
     runTool("pactl", {"load-module", "module-null-sink",
                       "sink_name=" + UltrasonicMicrophone::sinkName(), "rate=192000"});
     keepSinkRendering(false);
     return true;
-}
-
-bool unloadModule(int module) {
-    return runTool("pactl", {"unload-module", QString::number(module)}) == 0;
 }
 
 } // namespace widmo::test

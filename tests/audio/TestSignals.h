@@ -1,5 +1,8 @@
 #pragma once
 
+// Signals, sound-server tools and capture helpers shared by the audio, ui and
+// benchmark binaries that run against the test services' sound server.
+
 #include "audio/AudioIOUnit.h"
 #include "audio/AudioIOUnitClient.h"
 #include "audio/SoundServer.h"
@@ -7,10 +10,12 @@
 #include <QString>
 #include <QStringList>
 #include <QTemporaryDir>
+#include <QTest>
 
 #include <algorithm>
 #include <cmath>
 #include <functional>
+#include <memory>
 #include <numbers>
 #include <vector>
 
@@ -42,6 +47,21 @@ inline float eggContact(double frequency, double closedQuotient, double t) {
     return float(0.3 * closed - 0.15);
 }
 
+/// Calls `start` with a completion and waits up to 5 s for it: the answer it
+/// gave, false when none came. `calls`, when given, counts the completions.
+inline bool completes(const std::function<void(std::function<void(bool)>)>& start,
+                      int* calls = nullptr) {
+    bool done = false, ok = false;
+    start([&done, &ok, calls](bool result) {
+        done = true;
+        ok = result;
+        if (calls != nullptr)
+            ++*calls;
+    });
+    (void)QTest::qWaitFor([&] { return done; }, 5000);
+    return ok;
+}
+
 /// Keeps what an audio unit captures (interleaved stereo), on the unit's thread.
 class CaptureRecorder : public AudioIOUnitClient {
 public:
@@ -67,6 +87,26 @@ inline AudioIOUnit::Config captureConfig(const SoundServer& server, int rate) {
     return config;
 }
 
+/// Records the default input (the test sink's monitor) at 48 kHz from
+/// construction to `stop`: what the test sink played.
+class SinkListener {
+public:
+    explicit SinkListener(SoundServer& server) : unit_(recorder_, server) {
+        recorder_.unit = &unit_;
+        started = unit_.start(captureConfig(server, 48000)).ok();
+    }
+    /// Stops and returns the interleaved stereo samples heard.
+    const std::vector<float>& stop() {
+        unit_.stop();
+        return recorder_.samples;
+    }
+    bool started = false;
+
+private:
+    CaptureRecorder recorder_;
+    AudioIOUnit unit_;
+};
+
 /// Runs a command of the test sound server (pactl, ...) and returns its exit code.
 int runTool(const QString& program, const QStringList& arguments, QString* output = nullptr);
 
@@ -87,19 +127,17 @@ private:
     int pid_ = -1;
 };
 
-/// Plays interleaved stereo float samples into the test sink through a
-/// low-latency stream (pacat), from a raw file written at construction. A
-/// low-latency stream also keeps the null sink rendering in small steps, so
-/// that its monitor (and the virtual microphone) deliver in real time.
+/// Plays stereo float samples, `left(t)` and `right(t)` at time t seconds,
+/// into `sink` (the test sink when empty) through a low-latency stream (pacat),
+/// from a raw file written at construction. A low-latency stream keeps the null
+/// sink rendering in small steps, so that its monitor delivers in real time.
 class SinkPlayer {
 public:
-    /// `left(t)` / `right(t)`: sample values at time t seconds. Into `sink`
-    /// (the test sink when empty).
     SinkPlayer(int sampleRate, double seconds, const std::function<float(double)>& left,
                const std::function<float(double)>& right, const QString& sink = QString());
-    ~SinkPlayer();
+    ~SinkPlayer() { stop(); }
     bool start();
-    void stop();
+    void stop() { process_.stop(); }
 
 private:
     QTemporaryDir dir_;
@@ -109,19 +147,37 @@ private:
     ChildProcess process_;
 };
 
-/// A virtual microphone on the monitor of the test services' ultrasonic sink
-/// (WIDMO_TEST_SINK_192, a null sink at 192 kHz), loaded for the object's
-/// life: what is played into that sink is captured from it at 192 kHz.
+/// A -12 dBFS tone of `frequency` Hz on both channels for 20 s into `sink`
+/// (the test sink when empty), playing; null when pacat could not start.
+std::unique_ptr<SinkPlayer> playTone(double frequency, int sampleRate = 48000,
+                                     const QString& sink = QString());
+
+/// Loads a virtual microphone `name`, described as `description`, on the
+/// monitor of `sink`: the module's index, or -1.
+int loadMicrophone(const QString& sink, const QString& name, const QString& description);
+/// The test sink's virtual microphone (the default input), unloaded and loaded again.
+int loadVirtualMicrophone();
+bool unloadModule(int module);
+/// Index of the loaded remap module of the virtual microphone, or -1.
+int virtualMicrophoneModule();
+
+/// A virtual microphone on the test services' null sink at 192 kHz
+/// (WIDMO_TEST_SINK_192) for the object's life.
 class UltrasonicMicrophone {
 public:
     static constexpr const char* kSourceName = "widmo_mic192";
-    UltrasonicMicrophone();
-    ~UltrasonicMicrophone();
+    UltrasonicMicrophone() : module_(loadMicrophone(sinkName(), kSourceName, "WidmoTestMic192")) {}
+    ~UltrasonicMicrophone() {
+        if (module_ >= 0)
+            unloadModule(module_);
+    }
     bool isLoaded() const { return module_ >= 0; }
-    static QString sinkName();
+    static QString sinkName() {
+        return qEnvironmentVariable("WIDMO_TEST_SINK_192", "widmo_sink192");
+    }
 
 private:
-    int module_ = -1;
+    int module_;
 };
 
 /// Amplitude of the component at `frequency` in `count` samples taken with
@@ -131,12 +187,6 @@ double toneAmplitude(const float* data, size_t count, size_t stride, double freq
                      double sampleRate);
 
 inline double toDb(double amplitude) { return 20.0 * std::log10(amplitude + 1e-12); }
-
-/// The virtual microphone's module can be unloaded and loaded again.
-int loadVirtualMicrophone();
-bool unloadModule(int module);
-/// Index of the loaded remap module of the virtual microphone, or -1.
-int virtualMicrophoneModule();
 
 /// Plays silence into the test sink until `stopSinkRendering` (restarted when
 /// called again). A null sink renders nothing while nothing plays into it, and
@@ -149,9 +199,8 @@ void stopSinkRendering();
 
 /// Ends the test sound server and starts it again on the same socket with the
 /// same sink and virtual microphone, `downMs` milliseconds later, with the
-/// silence of `keepSinkRendering` playing again. Returns as soon as the
-/// virtual microphone is back; true when it is. (The new server is a daemon; the test command's
-/// services_stop ends it.)
+/// silence of `keepSinkRendering` playing again. True once the virtual
+/// microphone is back. (The new server is a daemon; services_stop ends it.)
 bool restartSoundServer(int downMs);
 
 } // namespace widmo::test
