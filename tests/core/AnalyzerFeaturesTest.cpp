@@ -8,26 +8,6 @@
 namespace widmo {
 namespace {
 
-TEST(AnalyzerFeaturesTest, productsDifferInSpectrogramEggAndChartChoice) {
-    struct Row {
-        AnalyzerFeatures f;
-        bool spectrogram, egg, chartChoice, pip, playback;
-    };
-    const Row rows[] = {{AnalyzerFeatures::spectrumProduct(), false, false, false, false, false},
-                        {AnalyzerFeatures::studioProduct(), true, false, true, true, true},
-                        {AnalyzerFeatures::voiceProduct(), false, true, true, false, false}};
-    for (const Row& r : rows) {
-        SCOPED_TRACE(&r - rows);
-        EXPECT_EQ(r.f.featureSpectrogramEnabled(), r.spectrogram);
-        EXPECT_EQ(r.f.featureVoiceEGG(), r.egg);
-        EXPECT_EQ(r.f.featureSecondChartSelectionEnabled(), r.chartChoice);
-        EXPECT_EQ(r.f.featurePIPEnabled(), r.pip);
-        EXPECT_EQ(r.f.featurePlayback(), r.playback);
-        EXPECT_TRUE(r.f.featureSecondChartEnabled());
-        EXPECT_TRUE(r.f.featureLevelMeterEnabled());
-    }
-}
-
 TEST(AnalyzerFeaturesTest, derivedQueriesFollowTheirSwitches) {
     // Every combination of the three second charts: any one makes a second
     // chart, any two make it selectable.

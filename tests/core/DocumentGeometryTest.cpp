@@ -116,16 +116,22 @@ TEST_F(DocumentGeometryTest, segmentSizeFollowsDisplaySize) {
 }
 
 TEST(RoundTo125Test, roundsUpToTheSequenceThenClamps) {
-    EXPECT_EQ(20, AnalyzerDefaults::zaokraglDoCiagu125wartosc(17.0f, 1, 1000));
-    EXPECT_EQ(20, AnalyzerDefaults::zaokraglDoCiagu125wartosc(20.0f, 1, 1000));
-    EXPECT_EQ(10, AnalyzerDefaults::zaokraglDoCiagu125wartosc(0.5f, 10, 10000));
-    EXPECT_EQ(1000, AnalyzerDefaults::zaokraglDoCiagu125wartosc(2000.0f, 100, 1000));
-    EXPECT_EQ(2, AnalyzerDefaults::zaokraglDoCiagu125wartosc(1.0001f, 1, 10));
-    EXPECT_EQ(1, AnalyzerDefaults::zaokraglDoCiagu125wartosc(1.0f, 1, 10));
-    EXPECT_EQ(50, AnalyzerDefaults::zaokraglDoCiagu125wartosc(21.0f, 1, 1000));
-    EXPECT_EQ(100, AnalyzerDefaults::zaokraglDoCiagu125wartosc(51.0f, 1, 1000));
-    EXPECT_EQ(1000, AnalyzerDefaults::zaokraglDoCiagu125wartosc(
-                        std::numeric_limits<float>::infinity(), 1, 1000));
+    const struct {
+        float value;
+        int minimum, maximum, rounded;
+    } table[] = {{17, 1, 1000, 20},
+                 {20, 1, 1000, 20},
+                 {0.5f, 10, 10000, 10},
+                 {2000, 100, 1000, 1000},
+                 {1.0001f, 1, 10, 2},
+                 {1, 1, 10, 1},
+                 {21, 1, 1000, 50},
+                 {51, 1, 1000, 100},
+                 {std::numeric_limits<float>::infinity(), 1, 1000, 1000}};
+    for (const auto& c : table)
+        EXPECT_EQ(c.rounded,
+                  AnalyzerDefaults::zaokraglDoCiagu125wartosc(c.value, c.minimum, c.maximum))
+            << c.value;
 }
 
 } // namespace

@@ -73,6 +73,16 @@ TEST_F(LastSessionFileTest, writtenSession_restoresSamplesAndKeys_fileServesOnce
     EXPECT_EQ(defaults_->timeOfDocument(), 12.5f);
     EXPECT_FALSE(QFile::exists(file_));
     EXPECT_FALSE(LastSessionFile::restore(*coder(), file_, *defaults_));
+
+    // A write replaces the file whole by a rename, never rewriting it in place:
+    // a reader of the old file (or a kill during the write) still has it all.
+    ASSERT_TRUE(LastSessionFile::write(file_, samples_.data(), 1000));
+    QFile old(file_);
+    ASSERT_TRUE(old.open(QIODevice::ReadOnly));
+    ASSERT_TRUE(LastSessionFile::write(file_, samples_.data(), 10));
+    EXPECT_EQ(old.readAll().size(), 4000);
+    EXPECT_EQ(QFileInfo(file_).size(), 40);
+    EXPECT_EQ(QDir(path()).entryList({"*.dat*"}, QDir::Files), QStringList{file_.section('/', -1)});
 }
 
 // A broken or foreign last session offers nothing, crashes nothing, leaves the
