@@ -17,40 +17,23 @@ namespace {
 constexpr double kPi = std::numbers::pi;
 
 /// Window coefficients as the platform defines them (full windows, N in the
-/// denominator), written independently of the engine.
+/// denominator), written independently of the engine: rectangle, Blackman,
+/// Hamming, Hann.
 double referenceWindow(int type, int n, int size) {
-    const double x = 2.0 * kPi * n / size;
-    switch (type) {
-    case 1:
-        return 0.42 - 0.5 * std::cos(x) + 0.08 * std::cos(2.0 * x);
-    case 2:
-        return 0.54 - 0.46 * std::cos(x);
-    case 3:
-        return 0.5 * (1.0 - std::cos(x));
-    default:
-        return 1.0;
-    }
+    const double c = std::cos(2.0 * kPi * n / size);
+    const double windows[] = {1.0, 0.42 - 0.5 * c + 0.08 * (2.0 * c * c - 1.0), 0.54 - 0.46 * c,
+                              0.5 * (1.0 - c)};
+    return windows[type];
 }
 
 /// Amplitude correction per window type, multiplying 1/N.
-double referenceCorrection(int type) {
-    switch (type) {
-    case 1:
-        return 2.371371371371371;
-    case 2:
-        return 1.851851851851851;
-    case 3:
-        return 2.0;
-    default:
-        return 1.0;
-    }
-}
+constexpr double kCorrection[] = {1.0, 2.371371371371371, 1.851851851851851, 2.0};
 
 /// Power spectrum by a plain DFT in double precision, on the packed real
 /// transform's scale (twice the DFT), Nyquist dropped.
 std::vector<double> referencePower(const std::vector<float>& x, int windowType, int scaleType) {
     const int n = static_cast<int>(x.size());
-    const double s = referenceCorrection(scaleType) / n;
+    const double s = kCorrection[scaleType] / n;
     std::vector<double> power(static_cast<size_t>(n / 2));
     for (int k = 0; k < n / 2; ++k) {
         std::complex<double> sum;
