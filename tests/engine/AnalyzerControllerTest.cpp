@@ -18,41 +18,9 @@ using test::EngineFixture;
 using test::runEventsFor;
 using test::runEventsUntil;
 
-float gainOf(float decibels) {
-    return static_cast<float>(std::pow(10.0, static_cast<double>(decibels) / 20.0));
-}
-
-/// Channel `channel` of an interleaved block, times `gain`.
-std::vector<float> channelOf(const std::vector<float>& stereo, int channel, float gain) {
-    std::vector<float> mono(stereo.size() / 2);
-    for (size_t k = 0; k < mono.size(); ++k) {
-        mono[k] = gain * stereo[2 * k + static_cast<size_t>(channel)];
-    }
-    return mono;
-}
-
 // --- Intake: writing blocks into the ring ------------------------------------------------
 
 class IntakeTest : public EngineFixture {};
-
-TEST_F(IntakeTest, blockOfTwoIntervals_bothProcessedInOrder) {
-    build(Options{.withSpectrogram = true});
-    startRecording();
-    std::mt19937 random(1);
-    std::vector<float> block = stereoBlock(1024, random);
-    push(block);
-    drain();
-
-    EXPECT_EQ(engine_->framesWriteCount(), 1024);
-    EXPECT_EQ(defaults_->actualInterval(), 2);
-    EXPECT_EQ(engine_->computedIntervalIndex(), 1);
-    EXPECT_EQ(spectrogram_.columns, (std::vector<int64_t>{0, 1}));
-
-    // Each slot holds the window that ends with its interval: interval 0 reaches
-    // back into the (silent) end of the ring.
-    for (int64_t i = 0; i < 2; ++i)
-        expectSlotHolds(channelOf(block, 0, 1.0f), i);
-}
 
 TEST_F(IntakeTest, blockCrossingRingEnd_wrapsTail) {
     build();
@@ -80,44 +48,40 @@ TEST_F(IntakeTest, blockCrossingRingEnd_wrapsTail) {
     EXPECT_EQ(engine_->framesWriteCount(), capacity() + 200);
 }
 
-TEST_F(IntakeTest, gainAndChannel_selectChannelAndScale) {
-    build();
-    startRecording();
-    std::mt19937 random(4);
+// The gain and the channel apply from the block delivered after they change;
+// the EGG product stores the other channel, ungained, beside the voice.
+TEST_F(IntakeTest, gainAndChannel_selectChannelAndScale_eggProductStoresOtherChannelUngained) {
+    for (const bool egg : {false, true}) {
+        build(Options{.features = egg ? AnalyzerFeatures::voiceProduct()
+                                      : AnalyzerFeatures::spectrumProduct()});
+        startRecording();
+        std::mt19937 random(4);
+        defaults_->setSoftwareInputGainValue(6.0f);
+        audio_.setCurrentInputChannel(egg ? 0 : 1);
+        std::vector<float> first = stereoBlock(256, random);
+        push(first);
+        defaults_->setSoftwareInputGainValue(-20.0f);
+        audio_.setCurrentInputChannel(0);
+        std::vector<float> second = stereoBlock(256, random);
+        push(second);
+        drain();
 
-    defaults_->setSoftwareInputGainValue(6.0f);
-    audio_.setCurrentInputChannel(1);
-    std::vector<float> first = stereoBlock(256, random);
-    push(first);
-
-    defaults_->setSoftwareInputGainValue(-20.0f);
-    audio_.setCurrentInputChannel(0);
-    std::vector<float> second = stereoBlock(256, random);
-    push(second);
-    drain();
-
-    const std::vector<float> a = channelOf(first, 1, gainOf(6.0f));
-    const std::vector<float> b = channelOf(second, 0, gainOf(-20.0f));
-    const std::vector<float>& store = defaults_->audioBuffersData();
-    EXPECT_TRUE(std::equal(a.begin(), a.end(), store.begin()));
-    EXPECT_TRUE(std::equal(b.begin(), b.end(), store.begin() + 256));
-    EXPECT_TRUE(defaults_->eggBuffersData().empty());
-}
-
-TEST_F(IntakeTest, eggProduct_storesOtherChannelUngained) {
-    build(Options{.features = AnalyzerFeatures::voiceProduct()});
-    startRecording();
-    std::mt19937 random(5);
-    defaults_->setSoftwareInputGainValue(6.0f);
-    std::vector<float> block = stereoBlock(700, random);
-    push(block);
-    drain();
-
-    const std::vector<float> voice = channelOf(block, 0, gainOf(6.0f));
-    const std::vector<float> egg = channelOf(block, 1, 1.0f);
-    ASSERT_EQ(defaults_->eggBuffersData().size(), defaults_->audioBuffersData().size());
-    EXPECT_TRUE(std::equal(voice.begin(), voice.end(), defaults_->audioBuffersData().begin()));
-    EXPECT_TRUE(std::equal(egg.begin(), egg.end(), defaults_->eggBuffersData().begin()));
+        std::vector<float> voice = channelOf(first, egg ? 0 : 1, gainOf(6.0f));
+        const std::vector<float> tail = channelOf(second, 0, gainOf(-20.0f));
+        voice.insert(voice.end(), tail.begin(), tail.end());
+        const auto& store = defaults_->audioBuffersData();
+        EXPECT_TRUE(std::equal(voice.begin(), voice.end(), store.begin())) << egg;
+        if (!egg) {
+            EXPECT_TRUE(defaults_->eggBuffersData().empty());
+            continue;
+        }
+        std::vector<float> eggChannel = channelOf(first, 1, 1.0f);
+        const std::vector<float> eggTail = channelOf(second, 1, 1.0f);
+        eggChannel.insert(eggChannel.end(), eggTail.begin(), eggTail.end());
+        ASSERT_EQ(defaults_->eggBuffersData().size(), store.size());
+        EXPECT_TRUE(
+            std::equal(eggChannel.begin(), eggChannel.end(), defaults_->eggBuffersData().begin()));
+    }
 }
 
 TEST_F(IntakeTest, blocksIgnored_whenDocumentInvalidOrNotRecording_nodeReplacesDeviceAtItsRate) {

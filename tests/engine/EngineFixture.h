@@ -83,6 +83,18 @@ protected:
         return block;
     }
 
+    static float gainOf(float decibels) {
+        return static_cast<float>(std::pow(10.0, static_cast<double>(decibels) / 20.0));
+    }
+
+    /// Channel `channel` of an interleaved block, times `gain`.
+    static std::vector<float> channelOf(const std::vector<float>& stereo, int channel, float gain) {
+        std::vector<float> mono(stereo.size() / 2);
+        for (size_t k = 0; k < mono.size(); ++k)
+            mono[k] = gain * stereo[2 * k + static_cast<size_t>(channel)];
+        return mono;
+    }
+
     /// Delivers `count` random blocks of one interval each.
     void pushIntervals(int64_t count, std::mt19937& random) {
         for (int64_t i = 0; i < count; ++i) {
