@@ -1,4 +1,5 @@
 #include "TempSettings.h"
+#include "TestSignals.h"
 
 #include "core/AnalyzerDefaults.h"
 #include "core/LastSessionFile.h"
@@ -24,11 +25,8 @@ protected:
         TempSettings::SetUp();
         defaults_ = std::make_unique<AnalyzerDefaults>(AnalyzerFeatures::studioProduct(), "ls");
         file_ = path() + "/" + LastSessionFile::kFileName;
-        samples_.resize(static_cast<size_t>(defaults_->audioBufferByteSize()) / sizeof(float));
-        std::mt19937 random(7);
-        std::uniform_real_distribution<float> value(-1.0f, 1.0f);
-        for (float& v : samples_)
-            v = value(random);
+        samples_ =
+            test::noise(static_cast<size_t>(defaults_->audioBufferByteSize()) / sizeof(float), 7);
         session_ = Session::of(*defaults_, 40);
         session_.readOnly = true;
         session_.timeOfDocument = 12.5f;

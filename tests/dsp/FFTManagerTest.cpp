@@ -3,6 +3,7 @@
 #include "core/AnalyzerDefaults.h"
 
 #include "TempSettings.h"
+#include "TestSignals.h"
 
 #include <cmath>
 #include <complex>
@@ -68,20 +69,8 @@ protected:
         return out;
     }
 
-    static std::vector<float> noise(int size, std::mt19937& rng) {
-        std::uniform_real_distribution<float> dist(-1.0f, 1.0f);
-        std::vector<float> x(static_cast<size_t>(size));
-        for (auto& v : x)
-            v = dist(rng);
-        return x;
-    }
-
-    static std::vector<float> sine(int size, double bin, double amplitude = 1.0) {
-        std::vector<float> x(static_cast<size_t>(size));
-        for (int t = 0; t < size; ++t)
-            x[static_cast<size_t>(t)] =
-                static_cast<float>(amplitude * std::sin(2.0 * kPi * bin * t / size + 0.3));
-        return x;
+    static std::vector<float> sine(int size, double bin) {
+        return test::sine(static_cast<size_t>(size), bin / size, 1.0, 0.3);
     }
 
     /// Fills the store with each sample's own position, so a window's contents
@@ -103,12 +92,11 @@ protected:
 // --- The transform against a plain DFT -------------------------------------------
 
 TEST_F(FFTManagerTest, transformMatchesPlainDft_everyWindowAtSmallSizes) {
-    std::mt19937 rng(20240611);
     for (int size : {256, 512}) {
         for (int type : {0, 1, 2, 3}) {
             SCOPED_TRACE(testing::Message() << "size " << size << " window " << type);
             configure(size, type);
-            const std::vector<float> x = noise(size, rng);
+            const std::vector<float> x = test::noise(size_t(size), unsigned(size + type));
             const std::vector<float> got = transform(x);
             const std::vector<double> want = referencePower(x, type, type);
             double peak = 0.0;
@@ -125,8 +113,7 @@ TEST_F(FFTManagerTest, transformMatchesPlainDft_everyWindowAtSmallSizes) {
 
 TEST_F(FFTManagerTest, unknownWindowType_scalesAsRectangleButKeepsLastWindow) {
     configure(256, 2);
-    std::mt19937 rng(7);
-    const std::vector<float> x = noise(256, rng);
+    const std::vector<float> x = test::noise(256, 7);
     transform(x); // builds the Hamming table
     defaults_->setFftWindowType(7);
     const std::vector<float> got = transform(x);

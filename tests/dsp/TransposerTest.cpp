@@ -2,6 +2,8 @@
 
 #include "dsp/FFTPlanCache.h"
 
+#include "TestSignals.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -30,15 +32,12 @@ std::vector<float> transpose(double frequency, int32_t factor, bool filter, doub
     Transposer t(plans());
     t.setupTranspozycje();
     t.setFilter20kHzOn(filter, factor, kRate);
-    std::vector<float> in(kBlock), out;
-    std::vector<float> block(kBlock);
-    int64_t n = 0;
-    for (int32_t b = 0; b < int32_t(seconds * kRate / kBlock); ++b) {
-        for (float& v : in)
-            v = 0.5f * float(std::sin(2.0 * std::numbers::pi * frequency * double(n++) / kRate));
-        t.addNewData(in.data(), kBlock);
-        EXPECT_TRUE(t.getTransposedData(block.data(), kBlock));
-        out.insert(out.end(), block.begin(), block.end());
+    const std::vector<float> in =
+        test::sine(size_t(seconds * kRate) / kBlock * kBlock, frequency / kRate, 0.5);
+    std::vector<float> out(in.size());
+    for (size_t at = 0; at < in.size(); at += kBlock) {
+        t.addNewData(in.data() + at, kBlock);
+        EXPECT_TRUE(t.getTransposedData(out.data() + at, kBlock));
     }
     return out;
 }

@@ -227,9 +227,8 @@ protected:
     int64_t lastShown() const {
         const float* data = chart_.shownData.back();
         for (int64_t i = 0; i < FFTManager::kSlotsCount; ++i) {
-            if (slot(i).second == data) {
+            if (slot(i).second == data)
                 return i;
-            }
         }
         return -1;
     }
@@ -354,9 +353,8 @@ protected:
     /// A document of `intervals` intervals whose sample k is k / 10000.
     void makeDocument(int64_t intervals) {
         std::vector<float>& store = defaults_->audioBuffersData();
-        for (size_t k = 0; k < store.size(); ++k) {
+        for (size_t k = 0; k < store.size(); ++k)
             store[k] = static_cast<float>(k) / 10000.0f;
-        }
         defaults_->setActualInterval(intervals);
     }
 
@@ -549,12 +547,7 @@ TEST_F(DocumentTest, recalculate_recomputesLastScreenInOrder) {
     build(Options{.withSpectrogram = true});
     const int64_t width = defaults_->spectrogramWidth();
     const int64_t end = width + 10;
-    std::mt19937 random(12);
-    std::uniform_real_distribution<float> value(-1.0f, 1.0f);
-    std::vector<float> mono(static_cast<size_t>(end * n()));
-    for (float& v : mono) {
-        v = value(random);
-    }
+    const std::vector<float> mono = test::noise(static_cast<size_t>(end * n()), 12);
     std::copy(mono.begin(), mono.end(), defaults_->audioBuffersData().begin());
     defaults_->setActualInterval(end);
 

@@ -2,6 +2,7 @@
 
 #include "TempSettings.h"
 #include "TestDoubles.h"
+#include "TestSignals.h"
 
 #include "core/AnalyzerDefaults.h"
 #include "dsp/FFTManager.h"
@@ -76,11 +77,7 @@ protected:
 
     /// Interleaved stereo block: left and right from two different sequences.
     static std::vector<float> stereoBlock(int32_t frames, std::mt19937& random) {
-        std::uniform_real_distribution<float> value(-1.0f, 1.0f);
-        std::vector<float> block(static_cast<size_t>(frames) * 2);
-        for (float& v : block)
-            v = value(random);
-        return block;
+        return noise(static_cast<size_t>(frames) * 2, static_cast<unsigned>(random()));
     }
 
     static float gainOf(float decibels) {
