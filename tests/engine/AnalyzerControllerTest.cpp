@@ -439,36 +439,34 @@ TEST_F(PlaybackTest, readsAcrossRingEnd) {
     EXPECT_TRUE(std::equal(crossing.begin() + 100, crossing.end(), store.begin()));
 }
 
+// Measuring off: the oldest interval on screen, 0 for a short document. On:
+// the interval under the cursor; the cursor at the newest interval switches
+// measuring off on both charts. Without the spectrogram: the oldest interval
+// of the last screen's width.
 TEST_F(PlaybackTest, firstIntervalToPlay_followsCursorOrScreen) {
     build(Options{.withSpectrogram = true});
     ASSERT_EQ(defaults_->spectrogramWidth(), 172);
     auto& scroll = spectrogram_.scroll;
+    const struct {
+        int64_t intervals;
+        bool measuring;
+        int64_t cursor, first;
+        bool measuringAfter;
+    } cases[] = {{100, false, 0, 0, false},
+                 {300, false, 0, 128, false},
+                 {300, true, 250, 250, true},
+                 {300, true, 300, 128, false},
+                 {300, true, -5, 0, true}};
+    for (const auto& c : cases) {
+        defaults_->setActualInterval(c.intervals);
+        scroll.measuring = chart_.scroll.measuring = c.measuring;
+        scroll.cursorInterval = c.cursor;
+        EXPECT_EQ(engine_->getFirstIntervalToPlay(), c.first) << c.cursor;
+        EXPECT_EQ(scroll.measuring, c.measuringAfter) << c.cursor;
+        EXPECT_EQ(chart_.scroll.measuring, c.measuringAfter) << c.cursor;
+        EXPECT_EQ(scroll.measureScrollTypes.back(), 1);
+    }
 
-    // Measuring off: the oldest interval on screen, 0 for a short document.
-    defaults_->setActualInterval(100);
-    EXPECT_EQ(engine_->getFirstIntervalToPlay(), 0);
-    EXPECT_EQ(scroll.measureScrollTypes.back(), 1);
-    defaults_->setActualInterval(300);
-    EXPECT_EQ(engine_->getFirstIntervalToPlay(), 128);
-
-    // Measuring on: the interval under the cursor.
-    scroll.measuring = true;
-    chart_.scroll.measuring = true;
-    scroll.cursorInterval = 250;
-    EXPECT_EQ(engine_->getFirstIntervalToPlay(), 250);
-    EXPECT_TRUE(chart_.scroll.measuring);
-
-    // The cursor at the newest interval switches measuring off on both charts.
-    scroll.cursorInterval = 300;
-    EXPECT_EQ(engine_->getFirstIntervalToPlay(), 128);
-    EXPECT_FALSE(scroll.measuring);
-    EXPECT_FALSE(chart_.scroll.measuring);
-
-    scroll.measuring = true;
-    scroll.cursorInterval = -5;
-    EXPECT_EQ(engine_->getFirstIntervalToPlay(), 0);
-
-    // Without the spectrogram: the oldest interval of the last screen's width.
     build();
     defaults_->setActualInterval(100);
     EXPECT_EQ(engine_->getFirstIntervalToPlay(), 0);
