@@ -292,33 +292,42 @@ TEST_F(DisplayTest, followsScrolledIntervalWithinOneThirdOfWidth) {
 
 class ControlTest : public EngineFixture {};
 
-TEST_F(ControlTest, startRecorder_runsChartsAndTimer_stopUndoes) {
+// A failed start reports the failure and runs nothing; the next start resets
+// the per-recording state, runs the charts and the timer (which really drives
+// the chart), ignores a second start, and the stop undoes it all.
+TEST_F(ControlTest, failedStartRunsNothing_startRunsChartsAndTimerFromTheDocument_stopUndoes) {
     build(Options{.withSpectrogram = true});
-    bool result = false;
-    int completions = 0;
-    engine_->startRecorder([&](bool ok) {
-        result = ok;
-        ++completions;
-    });
-    ASSERT_TRUE(runEventsUntil([&] { return completions == 1; }));
-    EXPECT_TRUE(result);
+    audio_.startsSucceed = false;
+    std::vector<bool> results;
+    engine_->startRecorder([&](bool ok) { results.push_back(ok); });
+    ASSERT_TRUE(runEventsUntil([&] { return results.size() == 1; }));
+    EXPECT_FALSE(results[0]);
+    EXPECT_FALSE(engine_->displayTimerActive());
+    EXPECT_TRUE(spectrogram_.calls.empty());
+
+    audio_.startsSucceed = true;
+    defaults_->setActualInterval(40);
+    std::vector<float> block(2 * 1024, 0.5f);
+    push(block); // counted while not recording
+    ASSERT_EQ(engine_->packetsCount(), 1);
+    engine_->startRecorder([&](bool ok) { results.push_back(ok); });
+    ASSERT_TRUE(runEventsUntil([&] { return results.size() == 2; }));
+    EXPECT_TRUE(results[1]);
+    EXPECT_EQ(engine_->computedIntervalIndex(), 40);
+    EXPECT_EQ(engine_->packetsCount(), 0);
     EXPECT_TRUE(engine_->displayTimerActive());
     EXPECT_EQ(spectrogram_.calls, (std::vector<std::string>{"startScrolling", "running"}));
     EXPECT_EQ(chart_.calls.back(), "running");
-
-    // The timer really drives the chart.
-    std::vector<float> block(2 * 1024, 0.5f);
     push(block);
     drain();
     chart_.shownData.clear();
     ASSERT_TRUE(runEventsUntil([&] { return !chart_.shownData.empty(); }));
 
-    // A second start while recording is ignored, completion included.
-    engine_->startRecorder([&](bool) { ++completions; });
-    engine_->startPlayer([&](bool) { ++completions; });
+    engine_->startRecorder([&](bool ok) { results.push_back(ok); });
+    engine_->startPlayer([&](bool ok) { results.push_back(ok); });
     runEventsFor(20);
-    EXPECT_EQ(completions, 1);
-    EXPECT_EQ(audio_.recorderStarts, 1);
+    EXPECT_EQ(results.size(), 2u);
+    EXPECT_EQ(audio_.recorderStarts, 2);
     EXPECT_EQ(audio_.playerStarts, 0);
 
     engine_->stopRecorder();
@@ -331,30 +340,6 @@ TEST_F(ControlTest, startRecorder_runsChartsAndTimer_stopUndoes) {
     const size_t shown = chart_.shownData.size();
     runEventsFor(50);
     EXPECT_EQ(chart_.shownData.size(), shown);
-}
-
-TEST_F(ControlTest, failedStartReportsFailureWithoutTimer_nextStartResetsPerRecordingState) {
-    build(Options{.withSpectrogram = true});
-    audio_.startsSucceed = false;
-    int completions = 0;
-    bool result = true;
-    engine_->startRecorder([&](bool ok) {
-        result = ok;
-        ++completions;
-    });
-    ASSERT_TRUE(runEventsUntil([&] { return completions == 1; }));
-    EXPECT_FALSE(result);
-    EXPECT_FALSE(engine_->displayTimerActive());
-    EXPECT_TRUE(spectrogram_.calls.empty());
-
-    audio_.startsSucceed = true;
-    defaults_->setActualInterval(40);
-    std::vector<float> block(2 * 512, 0.5f);
-    push(block); // counted while not recording
-    ASSERT_EQ(engine_->packetsCount(), 1);
-    startRecording();
-    EXPECT_EQ(engine_->computedIntervalIndex(), 40);
-    EXPECT_EQ(engine_->packetsCount(), 0);
 }
 
 class PlaybackTest : public EngineFixture {
@@ -538,8 +523,10 @@ TEST_F(DocumentTest, rebuild_followsNewGeometry_andSparesOctaveZoom) {
               0);
 }
 
-TEST_F(DocumentTest, recalculate_nothingToDo_callsBlockAsynchronously) {
-    build();
+// With nothing recorded the finish block still comes later, not inline; with a
+// document the last screen's intervals are recomputed in order.
+TEST_F(DocumentTest, recalculate_nothingToDoCallsBlockLater_elseRecomputesLastScreenInOrder) {
+    build(Options{.withSpectrogram = true});
     defaults_->setDataValid(false);
     int finished = 0;
     engine_->recalculateDataWithFinishBlock([&finished] { ++finished; });
@@ -548,10 +535,7 @@ TEST_F(DocumentTest, recalculate_nothingToDo_callsBlockAsynchronously) {
     ASSERT_TRUE(runEventsUntil([&finished] { return finished == 1; }));
     runEventsFor(10);
     EXPECT_EQ(finished, 1);
-}
 
-TEST_F(DocumentTest, recalculate_recomputesLastScreenInOrder) {
-    build(Options{.withSpectrogram = true});
     const int64_t width = defaults_->spectrogramWidth();
     const int64_t end = width + 10;
     const std::vector<float> mono = test::noise(static_cast<size_t>(end * n()), 12);

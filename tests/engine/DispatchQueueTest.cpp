@@ -24,12 +24,14 @@ using test::runEventsUntil;
 
 // --- Serial queue ------------------------------------------------------------------------
 
-TEST(DispatchQueueTest, concurrentProducers_eachKeepTheirOrder_nothingLost) {
+// Destroyed with work still queued, the queue runs it first.
+TEST(DispatchQueueTest, concurrentProducers_eachKeepTheirOrder_nothingLost_evenAtDestruction) {
     constexpr int kProducers = 4;
     constexpr int kPerProducer = 20000;
     std::vector<std::vector<int>> seen(kProducers); // touched by the worker only
     std::atomic<int> running{0};
     std::atomic<bool> overlapped{false};
+    bool lastRan = false;
     {
         DispatchQueue queue("org.widmo.test.fifo");
         std::vector<std::thread> producers;
@@ -47,8 +49,10 @@ TEST(DispatchQueueTest, concurrentProducers_eachKeepTheirOrder_nothingLost) {
         }
         for (std::thread& t : producers)
             t.join();
-        queue.waitUntilEmpty();
+        queue.async([] { std::this_thread::sleep_for(std::chrono::milliseconds(2)); });
+        queue.async([&lastRan] { lastRan = true; });
     }
+    EXPECT_TRUE(lastRan);
     EXPECT_FALSE(overlapped);
     for (int p = 0; p < kProducers; ++p) {
         const std::vector<int>& s = seen[static_cast<size_t>(p)];
@@ -88,19 +92,6 @@ TEST(DispatchQueueTest, prebuiltTask_resubmittedFromItsOwnRun) {
     queue.waitUntilEmpty();
     EXPECT_EQ(task.runs, 1000);
     EXPECT_EQ(others.load(), 1000);
-}
-
-TEST(DispatchQueueTest, destruction_runsQueuedWorkFirst) {
-    std::atomic<int> done{0};
-    {
-        DispatchQueue queue("org.widmo.test.teardown");
-        for (int k = 0; k < 100; ++k)
-            queue.async([&done] {
-                std::this_thread::sleep_for(std::chrono::microseconds(100));
-                done.fetch_add(1);
-            });
-    }
-    EXPECT_EQ(done.load(), 100);
 }
 
 // --- Main queue --------------------------------------------------------------------------
