@@ -14,6 +14,7 @@
 // counts, the CPU time of the audio thread, of the sound-server client thread
 // and of the delivery queue as a share of one core; the ratio compares 384 kHz
 // with 44.1 kHz.
+#include "BenchSupport.h"
 #include "audio/TQAudio.h"
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
@@ -44,75 +45,13 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using widmo::bench::Clock;
+using widmo::bench::median;
+using widmo::bench::percentile;
+using widmo::bench::SinkKeepAlive;
+using widmo::bench::spin;
+using widmo::bench::WatchingDelegate;
 constexpr float kClickThreshold = 0.25f;
-
-// Plays silence for the whole run, so that the null sink renders in small
-// steps and its monitor delivers in real time.
-class SinkKeepAlive {
-public:
-    SinkKeepAlive() {
-        process_.setStandardInputFile("/dev/zero");
-        process_.start("pacat", {"--playback", "--raw", "--format=float32le", "--rate=48000",
-                                 "--channels=2", "--latency-msec=10", "-d", "widmo_sink"});
-        process_.waitForStarted(5000);
-        QThread::msleep(2000);
-    }
-    ~SinkKeepAlive() {
-        process_.kill();
-        process_.waitForFinished(3000);
-    }
-
-private:
-    QProcess process_;
-};
-
-// Forwards every block to the engine and notes when a block holds a click.
-class WatchingDelegate : public widmo::TQAudioDelegate {
-public:
-    explicit WatchingDelegate(widmo::TQAudioDelegate* engine) : engine_(engine) {}
-    void didGetNewAudioData(widmo::TQAudioData data) override {
-        if (!delivered.load(std::memory_order_acquire)) {
-            for (int32_t i = 0; i < data.count * 2; ++i) {
-                if (std::fabs(data.data[i]) > kClickThreshold) {
-                    deliveredAt = Clock::now();
-                    delivered.store(true, std::memory_order_release);
-                    break;
-                }
-            }
-        }
-        if (engine_ != nullptr)
-            engine_->didGetNewAudioData(data);
-        blocks.fetch_add(1, std::memory_order_relaxed);
-    }
-    void giveNewAudioData(widmo::TQAudioData*) override {}
-
-    std::atomic<bool> delivered{false};
-    Clock::time_point deliveredAt;
-    std::atomic<int64_t> blocks{0};
-
-private:
-    widmo::TQAudioDelegate* engine_;
-};
-
-double median(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    return v.empty() ? 0.0 : v[v.size() / 2];
-}
-double percentile90(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    return v.empty() ? 0.0 : v[std::min(v.size() - 1, v.size() * 9 / 10)];
-}
-
-// Runs the main thread's events for `ms` milliseconds.
-void spin(int ms) {
-    QElapsedTimer t;
-    t.start();
-    while (t.elapsed() < ms) {
-        QCoreApplication::processEvents();
-        QThread::usleep(200);
-    }
-}
 
 struct LatencyRun {
     std::vector<double> delivery;
@@ -127,7 +66,7 @@ const LatencyRun& latencyRun() {
         return run;
     done = true;
 
-    SinkKeepAlive keepAlive;
+    SinkKeepAlive keepAlive("widmo_sink", 48000);
     widmo::AnalyzerFeatures features = widmo::AnalyzerFeatures::spectrumProduct();
     widmo::AnalyzerDefaults defaults(features, "bench-audio");
     widmo::TQAudio audio(defaults, features);
@@ -135,15 +74,12 @@ const LatencyRun& latencyRun() {
     widmo::AnalyzerController engine(defaults, manager, audio);
     engine.rebuildDataWithClear();
     defaults.setDataValid(true);
-    WatchingDelegate watcher(&engine);
+    WatchingDelegate watcher(&engine, kClickThreshold);
     audio.setDelegate(&watcher);
 
     const int rate = int(defaults.sampleRate());
     QProcess clicker;
-    clicker.start("pacat",
-                  {"--playback", "--raw", "--format=float32le", QString("--rate=%1").arg(rate),
-                   "--channels=2", "--latency-msec=2", "-d", "widmo_sink"});
-    clicker.waitForStarted(5000);
+    widmo::bench::startPlayback(clicker, "widmo_sink", rate, 2);
     // A 1 ms pulse followed by 9 ms of silence.
     std::vector<float> click(size_t(rate / 100) * 2, 0.0f);
     std::fill(click.begin(), click.begin() + rate / 1000 * 2, 0.5f);
@@ -161,7 +97,7 @@ const LatencyRun& latencyRun() {
     std::uniform_int_distribution<int> pause(150, 250);
     for (int k = 0; k < 50; ++k) {
         spin(pause(random));
-        watcher.delivered.store(false, std::memory_order_release);
+        watcher.seen.store(false, std::memory_order_release);
         int64_t checked = engine.computedIntervalIndex();
         const Clock::time_point written = Clock::now();
         clicker.write(reinterpret_cast<const char*>(click.data()),
@@ -184,10 +120,10 @@ const LatencyRun& latencyRun() {
             QCoreApplication::processEvents();
             QThread::usleep(100);
         }
-        if (!found || !watcher.delivered.load(std::memory_order_acquire))
+        if (!found || !watcher.seen.load(std::memory_order_acquire))
             continue;
         run.delivery.push_back(
-            std::chrono::duration<double, std::milli>(watcher.deliveredAt - written).count());
+            std::chrono::duration<double, std::milli>(watcher.at - written).count());
         run.analysis.push_back(
             std::chrono::duration<double, std::milli>(analysedAt - written).count());
     }
@@ -205,7 +141,7 @@ void reportLatency(benchmark::State& state, const std::vector<double>& ms, doubl
     }
     state.counters["clicks"] = double(ms.size());
     state.counters["median_ms"] = median(ms);
-    state.counters["p90_ms"] = percentile90(ms);
+    state.counters["p90_ms"] = percentile(ms, 0.9);
     state.counters["ratio_to_delivery"] = baselineMedian > 0 ? median(ms) / baselineMedian : 0.0;
 }
 
@@ -242,12 +178,13 @@ std::map<int, double> captureShares;
 
 void BM_captureCpu(benchmark::State& state) {
     const int rate = int(state.range(0));
-    static std::unique_ptr<SinkKeepAlive> keepAlive = std::make_unique<SinkKeepAlive>();
+    static std::unique_ptr<SinkKeepAlive> keepAlive =
+        std::make_unique<SinkKeepAlive>("widmo_sink", 48000);
     widmo::AnalyzerFeatures features = widmo::AnalyzerFeatures::spectrumProduct();
     widmo::AnalyzerDefaults defaults(features, "bench-audio");
     defaults.setSampleRate(float(rate));
     widmo::TQAudio audio(defaults, features);
-    WatchingDelegate counter(nullptr);
+    WatchingDelegate counter(nullptr, kClickThreshold);
     audio.setDelegate(&counter);
     double audioShare = 0, clientShare = 0, queueShare = 0, processShare = 0;
     for (auto _ : state) {
@@ -306,8 +243,7 @@ BENCHMARK(BM_captureCpu)
 
 int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
-    QTemporaryDir home;
-    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, home.path());
+    const widmo::bench::TemporarySettings settings;
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();

@@ -15,7 +15,7 @@
 // The slot-write rows are the floor the memory sets: the same bytes an
 // interval leaves in its slot (n + n/2 floats), written with streaming stores
 // into the same 256 rotating slots, with nothing else done.
-#include "BenchArguments.h"
+#include "BenchSupport.h"
 #include "core/AnalyzerDefaults.h"
 #include "dsp/EGGFilter.h"
 #include "dsp/FFTManager.h"
@@ -23,8 +23,6 @@
 #include "dsp/VectorHelpers.h"
 
 #include <QCoreApplication>
-#include <QSettings>
-#include <QTemporaryDir>
 
 #include <benchmark/benchmark.h>
 
@@ -48,15 +46,8 @@ using widmo::EGGFilter;
 using widmo::FFTManager;
 using widmo::FFTPlanCache;
 using widmo::VectorHelpers;
-
-std::vector<float> noise(size_t n) {
-    std::mt19937 rng(1234);
-    std::uniform_real_distribution<float> dist(-1.0f, 1.0f);
-    std::vector<float> v(n);
-    for (auto& x : v)
-        x = dist(rng);
-    return v;
-}
+using widmo::bench::fastest;
+using widmo::bench::noise;
 
 // --- Baselines: the same loops, scalar -----------------------------------------------
 
@@ -239,10 +230,6 @@ void BM_scaledMagnitudesScalar(benchmark::State& state) {
     }
 }
 
-double fastest(const std::vector<double>& v) {
-    return v.empty() ? 0.0 : *std::min_element(v.begin(), v.end());
-}
-
 void sizes(benchmark::internal::Benchmark* b) {
     for (int n : {256, 1024, 4096, 16384, 65536})
         b->Arg(n);
@@ -260,54 +247,22 @@ BENCHMARK(BM_multiplyScalar)->Apply(sizes);
 BENCHMARK(BM_scaledMagnitudes)->Apply(sizes);
 BENCHMARK(BM_scaledMagnitudesScalar)->Apply(sizes);
 
-/// Console output as usual, and each benchmark's time per iteration kept for
-/// the ratio table: the median over the repetitions, or the single run's time.
-class RecordingReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& run : runs) {
-            if (run.error_occurred)
-                continue;
-            if (run.run_type == Run::RT_Iteration && !times.count(run.run_name.str()))
-                times[run.run_name.str()] = run.GetAdjustedRealTime();
-            else if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median")
-                times[run.run_name.str()] = run.GetAdjustedRealTime();
-            else if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "min")
-                fastestTimes[run.run_name.str()] = run.GetAdjustedRealTime();
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-    double time(const std::string& name, int n) const { return find(times, name, n); }
-    /// The fastest repetition (0 without repetitions).
-    double fastestTime(const std::string& name, int n) const { return find(fastestTimes, name, n); }
-    std::map<std::string, double> times;
-    std::map<std::string, double> fastestTimes;
-
-private:
-    static double find(const std::map<std::string, double>& m, const std::string& name, int n) {
-        const auto it = m.find(name + "/" + std::to_string(n));
-        return it == m.end() ? 0.0 : it->second;
-    }
-};
-
 double ratio(double a, double b) { return b > 0.0 ? a / b : 0.0; }
 
 } // namespace
 
 int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
-    QTemporaryDir home;
-    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, home.path());
+    const widmo::bench::TemporarySettings settings;
     // The plans the application runs with once its planning thread is done
     // (large sizes refined), made (or read from wisdom) outside the timings.
     FFTPlanCache::shared().startPreparing(0, FFTPlanCache::kPatientFromSize, true);
     FFTPlanCache::shared().waitUntilPrepared();
 
     std::vector<char*> args = widmo::bench::withInterleavedRepetitions(argc, argv);
-    int count = static_cast<int>(args.size());
-    args.push_back(nullptr);
+    int count = static_cast<int>(args.size()) - 1;
     benchmark::Initialize(&count, args.data());
-    RecordingReporter reporter;
+    widmo::bench::RecordingReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
 
@@ -315,23 +270,24 @@ int main(int argc, char** argv) {
                 "interval us", "(b)/(a)", "fastest", "target", "dB N/2 us", "dB vec", "mul vec",
                 "slot write us");
     for (int n : {256, 1024, 4096, 16384, 65536}) {
-        const double a = reporter.time("BM_bareFFT", n);
-        const double b = reporter.time("BM_interval", n);
-        const double db = reporter.time("BM_decibels", n);
-        const double fastest =
-            ratio(reporter.fastestTime("BM_interval", n), reporter.fastestTime("BM_bareFFT", n));
-        std::printf("%7d %12.2f %12.2f %8.3f %8.3f %8.2f | %12.2f %7.2fx %7.2fx | %12.2f\n", n, a,
-                    b, ratio(b, a), fastest, n >= 4096 ? 1.15 : 1.5, db,
-                    ratio(reporter.time("BM_decibelsScalar", n), db),
-                    ratio(reporter.time("BM_multiplyScalar", n), reporter.time("BM_multiply", n)),
-                    reporter.time("BM_slotWrites", n));
+        const double a = reporter.time("BM_bareFFT", {n});
+        const double b = reporter.time("BM_interval", {n});
+        const double db = reporter.time("BM_decibels", {n});
+        const double fastest = ratio(reporter.fastestTime("BM_interval", {n}),
+                                     reporter.fastestTime("BM_bareFFT", {n}));
+        std::printf(
+            "%7d %12.2f %12.2f %8.3f %8.3f %8.2f | %12.2f %7.2fx %7.2fx | %12.2f\n", n, a, b,
+            ratio(b, a), fastest, n >= 4096 ? 1.15 : 1.5, db,
+            ratio(reporter.time("BM_decibelsScalar", {n}), db),
+            ratio(reporter.time("BM_multiplyScalar", {n}), reporter.time("BM_multiply", {n})),
+            reporter.time("BM_slotWrites", {n}));
     }
     std::printf("(times and (b)/(a): medians; fastest: the same ratio of the fastest "
                 "repetitions, the least disturbed by other processes)\n");
     std::printf("(dB vec, mul vec: scalar loop time / vectorised helper time; "
                 "magnitudes vec at 65536: %.2fx)\n",
-                ratio(reporter.time("BM_scaledMagnitudesScalar", 65536),
-                      reporter.time("BM_scaledMagnitudes", 65536)));
+                ratio(reporter.time("BM_scaledMagnitudesScalar", {65536}),
+                      reporter.time("BM_scaledMagnitudes", {65536})));
 
     // The voice product at its defaults: the EGG work of one interval and the
     // interval's FFT, each as a share of the interval's duration.
@@ -339,8 +295,8 @@ int main(int argc, char** argv) {
     voice.recalculateDocumentSettings();
     const int n = voice.fftSize();
     const double intervalUs = 1e6 * voice.intervalSizeInFrames() / voice.sampleRate();
-    const double egg = reporter.time("BM_eggInterval", n);
-    const double fft = reporter.time("BM_interval", n);
+    const double egg = reporter.time("BM_eggInterval", {n});
+    const double fft = reporter.time("BM_interval", {n});
     std::printf("\nEGG at the defaults (FFT %d points, interval %d frames at %.0f Hz = %.1f "
                 "ms):\n  filter + measure %.2f us = %.3f %% of the interval; the interval's FFT "
                 "%.2f us = %.3f %%; EGG / FFT %.2f\n",

@@ -19,7 +19,7 @@
 // otherwise be page faults inside every timed run). Unless told otherwise the
 // run repeats each benchmark five times, interleaved, and the table gives the
 // medians and the fastest repetitions.
-#include "BenchArguments.h"
+#include "BenchSupport.h"
 #include "core/AnalyzerDefaults.h"
 #include "dsp/FFTManager.h"
 #include "dsp/FFTPlanCache.h"
@@ -47,25 +47,10 @@
 namespace {
 
 using namespace widmo;
-using Clock = std::chrono::steady_clock;
-
-/// An audio object that is always recording: the benchmark thread delivers.
-class BenchAudio final : public TQAudioInterface {
-public:
-    void setDelegate(TQAudioDelegate* d) override { delegate_ = d; }
-    TQAudioDelegate* delegate() const override { return delegate_; }
-    bool isRecording() const override { return true; }
-    bool isPlaying() const override { return false; }
-    bool isSetupInProgress() const override { return false; }
-    int64_t currentInputChannel() const override { return 0; }
-    void setCurrentInputChannel(int64_t) override {}
-    void startRecorder(std::function<void(bool)> completion) override { completion(true); }
-    void startPlayer(std::function<void(bool)> completion) override { completion(false); }
-    void stop() override {}
-
-private:
-    TQAudioDelegate* delegate_ = nullptr;
-};
+using bench::Clock;
+using bench::fastest;
+using bench::median;
+using bench::secondsSince;
 
 struct Config {
     const char* name;
@@ -99,12 +84,7 @@ struct Rig {
         engine = std::make_unique<AnalyzerController>(*defaults, *manager, audio);
         engine->rebuildDataWithClear();
         defaults->setDataValid(true);
-        std::mt19937 random(1);
-        std::uniform_real_distribution<float> value(-1.0f, 1.0f);
-        stereo.resize(2 * kBlock * 64);
-        for (float& v : stereo) {
-            v = value(random);
-        }
+        stereo = bench::noise(2 * kBlock * 64, 1);
         frames = static_cast<int64_t>(c.audioSeconds * c.sampleRate);
         intervals = frames / defaults->intervalSizeInFrames();
         for (int64_t i = 0; i < FFTManager::kSlotsCount; ++i) {
@@ -114,7 +94,7 @@ struct Rig {
 
     static constexpr int32_t kBlock = 512;
     QTemporaryDir dir;
-    BenchAudio audio;
+    bench::AlwaysRecording audio;
     std::unique_ptr<AnalyzerDefaults> defaults;
     std::unique_ptr<FFTManager> manager;
     std::unique_ptr<AnalyzerController> engine;
@@ -131,19 +111,6 @@ struct Result {
     std::vector<double> intervalMicrosPerInterval;
 };
 std::map<std::string, Result> gResults;
-
-double median(std::vector<double> v) {
-    if (v.empty()) {
-        return 0.0;
-    }
-    std::sort(v.begin(), v.end());
-    const size_t m = v.size() / 2;
-    return v.size() % 2 != 0 ? v[m] : 0.5 * (v[m - 1] + v[m]);
-}
-
-double fastest(const std::vector<double>& v) {
-    return v.empty() ? 0.0 : *std::min_element(v.begin(), v.end());
-}
 
 /// One producer thread (this one) against the analysis queue.
 void BM_intakeAndProcessing(benchmark::State& state) {
@@ -173,7 +140,7 @@ void BM_intakeAndProcessing(benchmark::State& state) {
             written += Rig::kBlock;
         }
         rig.engine->analyzerQueue1().waitUntilEmpty();
-        const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+        const double elapsed = secondsSince(start);
         state.SetIterationTime(elapsed);
         seconds += elapsed;
         ++iterations;
@@ -204,7 +171,7 @@ void BM_bareTransforms(benchmark::State& state) {
             rig.manager->przeliczWithFFTWindowBufor(window.data(), out.data());
             benchmark::DoNotOptimize(out.data());
         }
-        const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+        const double elapsed = secondsSince(start);
         state.SetIterationTime(elapsed);
         seconds += elapsed;
         ++iterations;
@@ -232,7 +199,7 @@ void BM_intervalTransforms(benchmark::State& state) {
             rig.manager->przeliczFFTDlaIntervalIndex(i, &windowData, &dataOut);
             benchmark::DoNotOptimize(dataOut);
         }
-        const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+        const double elapsed = secondsSince(start);
         state.SetIterationTime(elapsed);
         seconds += elapsed;
         ++iterations;
@@ -271,7 +238,7 @@ void BM_lastSessionSave(benchmark::State& state) {
         const auto start = Clock::now();
         saver.saveInBackground();
         saver.waitUntilIdle();
-        state.SetIterationTime(std::chrono::duration<double>(Clock::now() - start).count());
+        state.SetIterationTime(secondsSince(start));
     }
     rig.engine->setSessionSaver(nullptr);
     state.counters["main_ms"] = saver.maxMainThreadMs();
@@ -295,8 +262,7 @@ int main(int argc, char** argv) {
     FFTPlanCache::shared().startPreparing(0);
     FFTPlanCache::shared().waitUntilPrepared();
     std::vector<char*> args = widmo::bench::withInterleavedRepetitions(argc, argv);
-    argc = static_cast<int>(args.size());
-    args.push_back(nullptr);
+    argc = static_cast<int>(args.size()) - 1;
     argv = args.data();
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) {

@@ -10,12 +10,12 @@
 //   widmo_jack_node_run [seconds=60] [period=64]
 // Needs jackd (the test services' package); starts and ends its own server.
 
+#include "BenchSupport.h"
 #include "audio/TQAudioEffect.h"
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
 #include "dsp/FFTManager.h"
 #include "engine/AnalyzerController.h"
-#include "engine/TQAudioInterface.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -38,21 +38,6 @@
 namespace {
 
 using namespace widmo;
-
-/// An audio object that is always recording: the engine takes the node's blocks.
-class AlwaysRecording : public TQAudioInterface {
-public:
-    void setDelegate(TQAudioDelegate*) override {}
-    TQAudioDelegate* delegate() const override { return nullptr; }
-    bool isRecording() const override { return true; }
-    bool isPlaying() const override { return false; }
-    bool isSetupInProgress() const override { return false; }
-    int64_t currentInputChannel() const override { return 0; }
-    void setCurrentInputChannel(int64_t) override {}
-    void startRecorder(std::function<void(bool)> completion) override { completion(true); }
-    void startPlayer(std::function<void(bool)> completion) override { completion(false); }
-    void stop() override {}
-};
 
 /// Plays a 1 kHz sine into the node and takes back the node's output and its
 /// own direct wire; notes when each first arrives, in frames since the start.
@@ -153,7 +138,7 @@ int main(int argc, char** argv) {
     AnalyzerDefaults defaults(features, "jack-node-run");
     defaults.setSampleRate(48000.0f);
     FFTManager manager(defaults);
-    AlwaysRecording audio;
+    bench::AlwaysRecording audio;
     int status = 0;
     {
         AnalyzerController engine(defaults, manager, audio);
@@ -177,10 +162,7 @@ int main(int argc, char** argv) {
             // First the node passing the sound without the engine, then feeding it.
             const auto run = [&] {
                 const int64_t before = player.xruns.load(std::memory_order_acquire);
-                QElapsedTimer phase;
-                phase.start();
-                while (phase.elapsed() < int64_t(seconds) * 1000)
-                    QCoreApplication::processEvents(QEventLoop::AllEvents, 50);
+                bench::spin(seconds * 1000);
                 return player.xruns.load(std::memory_order_acquire) - before;
             };
             node.setDelegate(nullptr);

@@ -9,13 +9,11 @@
 //
 // Unless told otherwise the run repeats every benchmark five times in random
 // interleaved order; the table gives medians.
-#include "BenchArguments.h"
+#include "BenchSupport.h"
 #include "dsp/FFTPlanCache.h"
 #include "dsp/Transposer.h"
 
 #include <QCoreApplication>
-#include <QSettings>
-#include <QTemporaryDir>
 
 #include <benchmark/benchmark.h>
 
@@ -34,11 +32,10 @@ namespace {
 
 using widmo::FFTPlanCache;
 using widmo::Transposer;
+using widmo::bench::transposerFrame;
+using widmo::bench::transposerHop;
 
 constexpr int32_t kBlock = 512;
-
-int32_t frameOf(int32_t factor) { return Transposer::kOutputFrame / factor; }
-int32_t hopOf(int32_t factor) { return std::min(frameOf(factor), Transposer::kMaxHop); }
 
 void BM_transposer(benchmark::State& state) {
     const auto rate = static_cast<int32_t>(state.range(0));
@@ -65,14 +62,14 @@ void BM_transposer(benchmark::State& state) {
 void BM_bareComplexFFT(benchmark::State& state) {
     const auto rate = static_cast<int32_t>(state.range(0));
     const auto factor = static_cast<int32_t>(state.range(1));
-    const int32_t m = frameOf(factor);
+    const int32_t m = transposerFrame(factor);
     fftwf_plan forward = FFTPlanCache::shared().complexPlan(m, FFTW_FORWARD);
     fftwf_plan backward =
         FFTPlanCache::shared().complexPlan(Transposer::kOutputFrame, FFTW_BACKWARD);
     auto* data = static_cast<float*>(std::aligned_alloc(64, 2 * Transposer::kOutputFrame * 4));
     std::memset(data, 0, 2 * Transposer::kOutputFrame * 4);
     auto* bins = reinterpret_cast<fftwf_complex*>(data);
-    const int32_t frames = rate / hopOf(factor);
+    const int32_t frames = rate / transposerHop(factor);
     for (auto _ : state) {
         for (int32_t f = 0; f < frames; ++f) {
             data[0] = 1.0f; // keeps the values finite from frame to frame
@@ -96,35 +93,11 @@ void cases(benchmark::internal::Benchmark* b) {
 BENCHMARK(BM_transposer)->Apply(cases);
 BENCHMARK(BM_bareComplexFFT)->Apply(cases);
 
-/// Console output, and the median time per iteration of each case.
-class RecordingReporter : public benchmark::ConsoleReporter {
-public:
-    void ReportRuns(const std::vector<Run>& runs) override {
-        for (const Run& run : runs) {
-            if (run.error_occurred)
-                continue;
-            if (run.run_type == Run::RT_Iteration && !times.count(run.run_name.str()))
-                times[run.run_name.str()] = run.GetAdjustedRealTime();
-            else if (run.run_type == Run::RT_Aggregate && run.aggregate_name == "median")
-                times[run.run_name.str()] = run.GetAdjustedRealTime();
-        }
-        ConsoleReporter::ReportRuns(runs);
-    }
-    /// Milliseconds per second of input.
-    double time(const std::string& name, int rate, int factor) const {
-        const auto it =
-            times.find(name + "/" + std::to_string(rate) + "/" + std::to_string(factor));
-        return it == times.end() ? 0.0 : it->second;
-    }
-    std::map<std::string, double> times;
-};
-
 } // namespace
 
 int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
-    QTemporaryDir home;
-    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, home.path());
+    const widmo::bench::TemporarySettings settings;
     // The plans the application's planning thread makes, outside the timings.
     if (!Transposer::preparePlans(FFTPlanCache::shared())) {
         std::fprintf(stderr, "FFTW could not plan the transposer's transforms\n");
@@ -132,10 +105,9 @@ int main(int argc, char** argv) {
     }
 
     std::vector<char*> args = widmo::bench::withInterleavedRepetitions(argc, argv);
-    int count = static_cast<int>(args.size());
-    args.push_back(nullptr);
+    int count = static_cast<int>(args.size()) - 1;
     benchmark::Initialize(&count, args.data());
-    RecordingReporter reporter;
+    widmo::bench::RecordingReporter reporter;
     benchmark::RunSpecifiedBenchmarks(&reporter);
     benchmark::Shutdown();
 
@@ -143,11 +115,11 @@ int main(int argc, char** argv) {
                 "transposer %", "bare FFTs %", "ratio");
     for (int rate : {192000, 384000}) {
         for (int factor : {2, 4, 8, 16}) {
-            const double t = reporter.time("BM_transposer", rate, factor);
-            const double f = reporter.time("BM_bareComplexFFT", rate, factor);
+            const double t = reporter.time("BM_transposer", {rate, factor});
+            const double f = reporter.time("BM_bareComplexFFT", {rate, factor});
             std::printf("%7d %6d %6d %5d %7d | %14.2f %14.2f %8.2f\n", rate, factor,
-                        frameOf(factor), hopOf(factor), rate / hopOf(factor), t / 10.0, f / 10.0,
-                        f > 0.0 ? t / f : 0.0);
+                        transposerFrame(factor), transposerHop(factor),
+                        rate / transposerHop(factor), t / 10.0, f / 10.0, f > 0.0 ? t / f : 0.0);
         }
     }
     std::printf("(share of one core per second of input: median ms per second / 10)\n");

@@ -13,6 +13,7 @@
 // the monitor, which stands for the input side's own). Counters give the
 // median and 90th percentile in milliseconds, and the whole way from writing
 // to hearing.
+#include "BenchSupport.h"
 #include "audio/AudioIOUnit.h"
 #include "audio/AudioIOUnitClient.h"
 #include "audio/TQAudio.h"
@@ -43,48 +44,14 @@
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using widmo::bench::Clock;
+using widmo::bench::median;
+using widmo::bench::percentile;
+using widmo::bench::SinkKeepAlive;
+using widmo::bench::spin;
+using widmo::bench::WatchingDelegate;
 constexpr float kInputThreshold = 0.25f;
 constexpr float kOutputThreshold = 0.02f;
-
-// Runs the main thread's events for `ms` milliseconds.
-void spin(int ms) {
-    QElapsedTimer t;
-    t.start();
-    while (t.elapsed() < ms) {
-        QCoreApplication::processEvents();
-        QThread::usleep(200);
-    }
-}
-
-double median(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    return v.empty() ? 0.0 : v[v.size() / 2];
-}
-double percentile90(std::vector<double> v) {
-    std::sort(v.begin(), v.end());
-    return v.empty() ? 0.0 : v[std::min(v.size() - 1, v.size() * 9 / 10)];
-}
-
-// Plays silence into `sink` for the object's life, so that the null sink
-// renders in small steps and its monitor delivers in real time.
-class SinkKeepAlive {
-public:
-    SinkKeepAlive(const QString& sink, int rate) {
-        process_.setStandardInputFile("/dev/zero");
-        process_.start("pacat",
-                       {"--playback", "--raw", "--format=float32le", QString("--rate=%1").arg(rate),
-                        "--channels=2", "--latency-msec=10", "-d", sink});
-        process_.waitForStarted(5000);
-    }
-    ~SinkKeepAlive() {
-        process_.kill();
-        process_.waitForFinished(3000);
-    }
-
-private:
-    QProcess process_;
-};
 
 // A virtual microphone on a sink's monitor, for the object's life.
 class Microphone {
@@ -103,31 +70,6 @@ public:
 
 private:
     QString module_;
-};
-
-// Notes when a delivered block holds the burst, and passes it to the engine.
-class WatchingDelegate : public widmo::TQAudioDelegate {
-public:
-    explicit WatchingDelegate(widmo::TQAudioDelegate& engine) : engine_(engine) {}
-    void didGetNewAudioData(widmo::TQAudioData data) override {
-        if (!seen.load(std::memory_order_acquire)) {
-            for (int32_t i = 0; i < data.count * 2; ++i) {
-                if (std::fabs(data.data[i]) > kInputThreshold) {
-                    at = Clock::now();
-                    seen.store(true, std::memory_order_release);
-                    break;
-                }
-            }
-        }
-        engine_.didGetNewAudioData(data);
-    }
-    void giveNewAudioData(widmo::TQAudioData*) override {}
-
-    std::atomic<bool> seen{false};
-    Clock::time_point at;
-
-private:
-    widmo::TQAudioDelegate& engine_;
 };
 
 // Listens to the default sink's monitor and notes when the transposed burst
@@ -167,7 +109,6 @@ void BM_transposedLatency(benchmark::State& state) {
     Microphone microphone(sink, micName);
     SinkKeepAlive ultrasonic(sink, rate);
     SinkKeepAlive audible(qEnvironmentVariable("WIDMO_TEST_SINK", "widmo_sink"), 48000);
-    spin(2000);
 
     widmo::AnalyzerFeatures features = widmo::AnalyzerFeatures::studioProduct();
     widmo::AnalyzerDefaults defaults(features, "bench-transposition");
@@ -182,7 +123,7 @@ void BM_transposedLatency(benchmark::State& state) {
     widmo::AnalyzerController engine(defaults, manager, audio);
     engine.rebuildDataWithClear();
     defaults.setDataValid(true);
-    WatchingDelegate watcher(engine);
+    WatchingDelegate watcher(&engine, kInputThreshold);
     audio.setDelegate(&watcher);
     for (const widmo::AudioDevice& d : audio.availableInputs())
         if (d.id == micName.toLatin1())
@@ -209,10 +150,7 @@ void BM_transposedLatency(benchmark::State& state) {
         burst[2 * size_t(i)] = burst[2 * size_t(i) + 1] = v;
     }
     QProcess writer;
-    writer.start("pacat",
-                 {"--playback", "--raw", "--format=float32le", QString("--rate=%1").arg(rate),
-                  "--channels=2", "--latency-msec=2", "-d", sink});
-    writer.waitForStarted(5000);
+    widmo::bench::startPlayback(writer, sink, rate, 2);
 
     std::vector<double> input, transposed, whole;
     bool started = false;
@@ -260,10 +198,10 @@ void BM_transposedLatency(benchmark::State& state) {
         state.SetIterationTime(transposed.empty() ? 0.0
                                                   : transposed[i++ % transposed.size()] / 1e3);
     state.counters["bursts"] = double(transposed.size());
-    state.counters["frame_ms"] = 1000.0 * (widmo::Transposer::kOutputFrame / factor) / rate;
+    state.counters["frame_ms"] = 1000.0 * widmo::bench::transposerFrame(factor) / rate;
     state.counters["input_median_ms"] = median(input);
     state.counters["transposed_median_ms"] = median(transposed);
-    state.counters["transposed_p90_ms"] = percentile90(transposed);
+    state.counters["transposed_p90_ms"] = percentile(transposed, 0.9);
     state.counters["whole_median_ms"] = median(whole);
 }
 
@@ -280,8 +218,7 @@ BENCHMARK(BM_transposedLatency)
 
 int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
-    QTemporaryDir home;
-    QSettings::setPath(QSettings::NativeFormat, QSettings::UserScope, home.path());
+    const widmo::bench::TemporarySettings settings;
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();

@@ -3,50 +3,8 @@
 
 #include <gtest/gtest.h>
 
-#include <bit>
-
 namespace widmo {
 namespace {
-
-TEST(AnalyzerFeaturesTest, productsDifferInSpectrogramEggAndChartChoice) {
-    struct Row {
-        AnalyzerFeatures f;
-        bool spectrogram, egg, chartChoice, pip, playback;
-    };
-    const Row rows[] = {{AnalyzerFeatures::spectrumProduct(), false, false, false, false, false},
-                        {AnalyzerFeatures::studioProduct(), true, false, true, true, true},
-                        {AnalyzerFeatures::voiceProduct(), false, true, true, false, false}};
-    for (const Row& r : rows) {
-        SCOPED_TRACE(&r - rows);
-        EXPECT_EQ(r.f.featureSpectrogramEnabled(), r.spectrogram);
-        EXPECT_EQ(r.f.featureVoiceEGG(), r.egg);
-        EXPECT_EQ(r.f.featureSecondChartSelectionEnabled(), r.chartChoice);
-        EXPECT_EQ(r.f.featurePIPEnabled(), r.pip);
-        EXPECT_EQ(r.f.featurePlayback(), r.playback);
-        EXPECT_TRUE(r.f.featureSecondChartEnabled());
-        EXPECT_TRUE(r.f.featureLevelMeterEnabled());
-    }
-}
-
-TEST(AnalyzerFeaturesTest, derivedQueriesFollowTheirSwitches) {
-    // Every combination of the three second charts: any one makes a second
-    // chart, any two make it selectable.
-    for (unsigned mask = 0; mask < 8; ++mask) {
-        AnalyzerFeatures::Switches s;
-        s.featureSpectrumEnabled = mask & 1u;
-        s.featureOsciloscopeEnabled = mask & 2u;
-        s.featureOctaveRTAEnabled = mask & 4u;
-        EXPECT_EQ(AnalyzerFeatures(s).featureSecondChartEnabled(), mask != 0) << mask;
-        EXPECT_EQ(AnalyzerFeatures(s).featureSecondChartSelectionEnabled(), std::popcount(mask) > 1)
-            << mask;
-        s.featureSpectrogramEnabled = true;
-        EXPECT_EQ(AnalyzerFeatures(s).featurePIPEnabled(), mask != 0) << mask;
-    }
-    AnalyzerFeatures::Switches s;
-    EXPECT_FALSE(AnalyzerFeatures(s).featureSampleRatesEnabled());
-    s.featureUltrasonicEnabled = true;
-    EXPECT_TRUE(AnalyzerFeatures(s).featureSampleRatesEnabled());
-}
 
 // The only test that touches the shared instances: the product is chosen once.
 TEST(AnalyzerFeaturesTest, sharedInstancesFollowTheProductChosenFirst) {

@@ -2,6 +2,8 @@
 
 #include "TempSettings.h"
 
+#include <vector>
+
 namespace widmo {
 namespace {
 
@@ -12,56 +14,46 @@ protected:
     }
 };
 
-struct Row {
-    int fftOutSize;
-    float logStart;
-    int interval;
-    int segmentSize;
-    int width;
-    float czas;
-    int segments;
-    int intervalsHeld;
-    int bytes;
-    float timeStep;
-    int timeCount;
-    float spectrumStep;
-    int spectrumCount;
-    float spectrogramStep;
-    int spectrogramCount;
-};
-
-void expectRow(const AnalyzerDefaults& d, const Row& r) {
-    EXPECT_EQ(r.fftOutSize, d.fftOutSize());
-    EXPECT_FLOAT_EQ(r.logStart, d.logStartFrequency());
-    EXPECT_EQ(r.interval, d.intervalSizeInFrames());
-    EXPECT_EQ(r.segmentSize, d.segmentSize());
-    EXPECT_EQ(r.width, d.spectrogramWidth());
-    EXPECT_NEAR(r.czas, d.czasSpectrogramu(), 1e-5);
-    EXPECT_EQ(r.segments, d.iloscSegmentow());
-    EXPECT_EQ(r.intervalsHeld, d.audioBuffersIntervalsCount());
-    EXPECT_EQ(r.bytes, d.audioBufferByteSize());
-    EXPECT_FLOAT_EQ(r.timeStep, d.czasTexturesMinValue());
-    EXPECT_EQ(r.timeCount, d.czasTexturesCount());
-    EXPECT_EQ(r.spectrumStep, d.spectrumFrequencyTexturesMinValue());
-    EXPECT_EQ(r.spectrumCount, d.spectrumFrequencyTexturesCount());
-    EXPECT_EQ(r.spectrogramStep, d.spectrogramFrequencyTexturesMinValue());
-    EXPECT_EQ(r.spectrogramCount, d.spectrogramFrequencyTexturesCount());
+/// The geometry a document is sized from: FFT output size, lower edge of the
+/// logarithmic axis, interval, segment size, spectrogram width and seconds,
+/// segments, intervals held, store bytes, then step and count of the time,
+/// spectrum-frequency and spectrogram-frequency scales.
+void expectGeometry(const AnalyzerDefaults& d, const std::vector<double>& want) {
+    const std::vector<double> got = {double(d.fftOutSize()),
+                                     d.logStartFrequency(),
+                                     double(d.intervalSizeInFrames()),
+                                     double(d.segmentSize()),
+                                     double(d.spectrogramWidth()),
+                                     d.czasSpectrogramu(),
+                                     double(d.iloscSegmentow()),
+                                     double(d.audioBuffersIntervalsCount()),
+                                     double(d.audioBufferByteSize()),
+                                     d.czasTexturesMinValue(),
+                                     double(d.czasTexturesCount()),
+                                     d.spectrumFrequencyTexturesMinValue(),
+                                     double(d.spectrumFrequencyTexturesCount()),
+                                     d.spectrogramFrequencyTexturesMinValue(),
+                                     double(d.spectrogramFrequencyTexturesCount())};
+    ASSERT_EQ(got.size(), want.size());
+    for (size_t i = 0; i < got.size(); ++i) // exact, but the seconds to 1e-5
+        EXPECT_NEAR(got[i], want[i], i == 5 ? 1e-5 : 0.0) << "value " << i;
 }
 
 TEST_F(DocumentGeometryTest, workedResultsWithoutSpectrogram) {
     auto d = make(AnalyzerFeatures::spectrumProduct());
-    expectRow(*d, {2048, 20.0f, 512, 64, 172, 2.0f, 6, 448, 917504, 0.2f, 11, 200, 111, 200, 111});
+    expectGeometry(*d,
+                   {2048, 20.0f, 512, 64, 172, 2.0f, 6, 448, 917504, 0.2f, 11, 200, 111, 200, 111});
 
     d->setSampleRate(96000.0f);
     d->recalculateDocumentSettings();
-    expectRow(*d,
-              {2048, 23.4375f, 1024, 64, 187, 2.0f, 6, 448, 1835008, 0.2f, 11, 500, 97, 500, 97});
+    expectGeometry(
+        *d, {2048, 23.4375f, 1024, 64, 187, 2.0f, 6, 448, 1835008, 0.2f, 11, 500, 97, 500, 97});
 }
 
 TEST_F(DocumentGeometryTest, workedResultsWithSpectrogram) {
     auto d = make(AnalyzerFeatures::studioProduct());
-    expectRow(*d, {2048, 20.0f, 512, 64, 5168, 60.000362f, 115, 7424, 15204352, 0.2f, 301, 200, 111,
-                   200, 111});
+    expectGeometry(*d, {2048, 20.0f, 512, 64, 5168, 60.000362f, 115, 7424, 15204352, 0.2f, 301, 200,
+                        111, 200, 111});
 
     // A read-only document is shown as long as it was recorded, no longer.
     d->setReadOnly(true);
@@ -116,16 +108,22 @@ TEST_F(DocumentGeometryTest, segmentSizeFollowsDisplaySize) {
 }
 
 TEST(RoundTo125Test, roundsUpToTheSequenceThenClamps) {
-    EXPECT_EQ(20, AnalyzerDefaults::zaokraglDoCiagu125wartosc(17.0f, 1, 1000));
-    EXPECT_EQ(20, AnalyzerDefaults::zaokraglDoCiagu125wartosc(20.0f, 1, 1000));
-    EXPECT_EQ(10, AnalyzerDefaults::zaokraglDoCiagu125wartosc(0.5f, 10, 10000));
-    EXPECT_EQ(1000, AnalyzerDefaults::zaokraglDoCiagu125wartosc(2000.0f, 100, 1000));
-    EXPECT_EQ(2, AnalyzerDefaults::zaokraglDoCiagu125wartosc(1.0001f, 1, 10));
-    EXPECT_EQ(1, AnalyzerDefaults::zaokraglDoCiagu125wartosc(1.0f, 1, 10));
-    EXPECT_EQ(50, AnalyzerDefaults::zaokraglDoCiagu125wartosc(21.0f, 1, 1000));
-    EXPECT_EQ(100, AnalyzerDefaults::zaokraglDoCiagu125wartosc(51.0f, 1, 1000));
-    EXPECT_EQ(1000, AnalyzerDefaults::zaokraglDoCiagu125wartosc(
-                        std::numeric_limits<float>::infinity(), 1, 1000));
+    const struct {
+        float value;
+        int minimum, maximum, rounded;
+    } table[] = {{17, 1, 1000, 20},
+                 {20, 1, 1000, 20},
+                 {0.5f, 10, 10000, 10},
+                 {2000, 100, 1000, 1000},
+                 {1.0001f, 1, 10, 2},
+                 {1, 1, 10, 1},
+                 {21, 1, 1000, 50},
+                 {51, 1, 1000, 100},
+                 {std::numeric_limits<float>::infinity(), 1, 1000, 1000}};
+    for (const auto& c : table)
+        EXPECT_EQ(c.rounded,
+                  AnalyzerDefaults::zaokraglDoCiagu125wartosc(c.value, c.minimum, c.maximum))
+            << c.value;
 }
 
 } // namespace

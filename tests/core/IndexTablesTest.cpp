@@ -69,7 +69,7 @@ TEST_F(IndexTablesTest, logarithmicPointsSpanZeroToOne) {
         ASSERT_GT(p[i], p[i - 1]);
 }
 
-TEST_F(IndexTablesTest, logarithmicRowsStartOnceEachAndSkipUnreachedRows) {
+TEST_F(IndexTablesTest, logarithmicRowsStartOnceEach_skipUnreachedRows_columnTakesPeak) {
     regenerate();
     const int count = d->spectrogramLogIndexesCount();
     ASSERT_GT(count, 100);
@@ -83,46 +83,37 @@ TEST_F(IndexTablesTest, logarithmicRowsStartOnceEachAndSkipUnreachedRows) {
     }
     // At the low end one bin spans many rows, so rows are skipped there.
     EXPECT_GT(rows[1] - rows[0], 1);
-}
 
-TEST_F(IndexTablesTest, interlacingSumsCopiesOrRepeatsBins) {
-    std::vector<float> fft(32768);
-    std::iota(fft.begin(), fft.end(), 0.0f);
-
-    regenerate(); // 2048 bins onto 2048 rows: a copy
-    const float* out = d->interlaceToSpectrogramFFTData(fft.data());
-    EXPECT_EQ(0.0f, out[0]);
-    EXPECT_EQ(2047.0f, out[2047]);
-
-    d->setFftSize(8192); // 4096 bins: each row sums two
-    regenerate();
-    out = d->interlaceToSpectrogramFFTData(fft.data());
-    EXPECT_EQ(0.0f + 1.0f, out[0]);
-    EXPECT_EQ(4094.0f + 4095.0f, out[2047]);
-
-    d->setFftSize(1024); // 512 bins: each fills four rows
-    regenerate();
-    out = d->interlaceToSpectrogramFFTData(fft.data());
-    EXPECT_EQ(0.0f, out[3]);
-    EXPECT_EQ(1.0f, out[4]);
-    EXPECT_EQ(511.0f, out[2047]);
-}
-
-TEST_F(IndexTablesTest, logarithmicColumnTakesThePeakOfEachRow) {
-    regenerate();
+    // A logarithmic column takes the peak of its row's bins.
     std::vector<float> fft(2048, 0.0f);
     fft[1000] = 5.0f;
     const float* out = d->convertToLogaritmicScaleFFTData(fft.data());
-    const int32_t* bins = d->spectrogramLogInMiddleIndexes();
     for (int j = 0; j + 1 < d->spectrogramLogIndexesCount(); ++j) {
         const bool holdsPeak = bins[j] <= 1000 && 1000 < bins[j + 1];
         ASSERT_EQ(holdsPeak ? 5.0f : 0.0f, out[j]) << j;
     }
 }
 
-TEST_F(IndexTablesTest, the129thConversionReusesTheFirstBuffer) {
-    std::vector<float> fft(2048, 1.0f);
+// Each conversion returns one of 128 buffers in turn, so the 128 before it stay valid.
+TEST_F(IndexTablesTest, interlacingSumsCopiesOrRepeatsBins_in128RotatingBuffers) {
+    std::vector<float> fft(32768);
+    std::iota(fft.begin(), fft.end(), 0.0f);
+    const struct {
+        int fftSize;
+        float first, last;                   // rows 0 and 2047
+    } table[] = {{4096, 0, 2047},            // 2048 bins onto 2048 rows: a copy
+                 {8192, 0 + 1, 4094 + 4095}, // 4096 bins: each row sums two
+                 {1024, 0, 511}};            // 512 bins: each fills four rows
+    for (const auto& c : table) {
+        d->setFftSize(c.fftSize);
+        regenerate();
+        const float* out = d->interlaceToSpectrogramFFTData(fft.data());
+        EXPECT_EQ(c.first, out[0]) << c.fftSize;
+        EXPECT_EQ(c.last, out[2047]) << c.fftSize;
+    }
+    EXPECT_EQ(0.0f, d->interlaceToSpectrogramFFTData(fft.data())[3]);
     const float* first = d->interlaceToSpectrogramFFTData(fft.data());
+    EXPECT_EQ(1.0f, first[4]);
     for (int i = 1; i < 128; ++i)
         ASSERT_NE(first, d->convertToLogaritmicScaleFFTData(fft.data()));
     EXPECT_EQ(first, d->interlaceToSpectrogramFFTData(fft.data()));

@@ -1,4 +1,5 @@
 #include "TempSettings.h"
+#include "TestSignals.h"
 
 #include "core/AnalyzerDefaults.h"
 #include "core/LastSessionFile.h"
@@ -24,11 +25,8 @@ protected:
         TempSettings::SetUp();
         defaults_ = std::make_unique<AnalyzerDefaults>(AnalyzerFeatures::studioProduct(), "ls");
         file_ = path() + "/" + LastSessionFile::kFileName;
-        samples_.resize(static_cast<size_t>(defaults_->audioBufferByteSize()) / sizeof(float));
-        std::mt19937 random(7);
-        std::uniform_real_distribution<float> value(-1.0f, 1.0f);
-        for (float& v : samples_)
-            v = value(random);
+        samples_ =
+            test::noise(static_cast<size_t>(defaults_->audioBufferByteSize()) / sizeof(float), 7);
         session_ = Session::of(*defaults_, 40);
         session_.readOnly = true;
         session_.timeOfDocument = 12.5f;
@@ -73,6 +71,16 @@ TEST_F(LastSessionFileTest, writtenSession_restoresSamplesAndKeys_fileServesOnce
     EXPECT_EQ(defaults_->timeOfDocument(), 12.5f);
     EXPECT_FALSE(QFile::exists(file_));
     EXPECT_FALSE(LastSessionFile::restore(*coder(), file_, *defaults_));
+
+    // A write replaces the file whole by a rename, never rewriting it in place:
+    // a reader of the old file (or a kill during the write) still has it all.
+    ASSERT_TRUE(LastSessionFile::write(file_, samples_.data(), 1000));
+    QFile old(file_);
+    ASSERT_TRUE(old.open(QIODevice::ReadOnly));
+    ASSERT_TRUE(LastSessionFile::write(file_, samples_.data(), 10));
+    EXPECT_EQ(old.readAll().size(), 4000);
+    EXPECT_EQ(QFileInfo(file_).size(), 40);
+    EXPECT_EQ(QDir(path()).entryList({"*.dat*"}, QDir::Files), QStringList{file_.section('/', -1)});
 }
 
 // A broken or foreign last session offers nothing, crashes nothing, leaves the

@@ -14,7 +14,7 @@ int main(int argc, char** argv) {
         widmo::AnalyzerDefaults defaults(widmo::AnalyzerFeatures::spectrumProduct(), "widmo-test");
         defaults.setFftSize(std::atoi(argv[3]));
         defaults.setIntervalSizePower(3);
-        defaults.setTrigLevel(-40.5f);
+        defaults.setTrigLevel(-40.1234589f); // nine digits to read back
         defaults.setLinearFrequency(true);
         defaults.saveDefaults();
         return 0;

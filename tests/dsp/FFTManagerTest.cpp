@@ -3,6 +3,7 @@
 #include "core/AnalyzerDefaults.h"
 
 #include "TempSettings.h"
+#include "TestSignals.h"
 
 #include <cmath>
 #include <complex>
@@ -17,40 +18,23 @@ namespace {
 constexpr double kPi = std::numbers::pi;
 
 /// Window coefficients as the platform defines them (full windows, N in the
-/// denominator), written independently of the engine.
+/// denominator), written independently of the engine: rectangle, Blackman,
+/// Hamming, Hann.
 double referenceWindow(int type, int n, int size) {
-    const double x = 2.0 * kPi * n / size;
-    switch (type) {
-    case 1:
-        return 0.42 - 0.5 * std::cos(x) + 0.08 * std::cos(2.0 * x);
-    case 2:
-        return 0.54 - 0.46 * std::cos(x);
-    case 3:
-        return 0.5 * (1.0 - std::cos(x));
-    default:
-        return 1.0;
-    }
+    const double c = std::cos(2.0 * kPi * n / size);
+    const double windows[] = {1.0, 0.42 - 0.5 * c + 0.08 * (2.0 * c * c - 1.0), 0.54 - 0.46 * c,
+                              0.5 * (1.0 - c)};
+    return windows[type];
 }
 
 /// Amplitude correction per window type, multiplying 1/N.
-double referenceCorrection(int type) {
-    switch (type) {
-    case 1:
-        return 2.371371371371371;
-    case 2:
-        return 1.851851851851851;
-    case 3:
-        return 2.0;
-    default:
-        return 1.0;
-    }
-}
+constexpr double kCorrection[] = {1.0, 2.371371371371371, 1.851851851851851, 2.0};
 
 /// Power spectrum by a plain DFT in double precision, on the packed real
 /// transform's scale (twice the DFT), Nyquist dropped.
 std::vector<double> referencePower(const std::vector<float>& x, int windowType, int scaleType) {
     const int n = static_cast<int>(x.size());
-    const double s = referenceCorrection(scaleType) / n;
+    const double s = kCorrection[scaleType] / n;
     std::vector<double> power(static_cast<size_t>(n / 2));
     for (int k = 0; k < n / 2; ++k) {
         std::complex<double> sum;
@@ -85,20 +69,8 @@ protected:
         return out;
     }
 
-    static std::vector<float> noise(int size, std::mt19937& rng) {
-        std::uniform_real_distribution<float> dist(-1.0f, 1.0f);
-        std::vector<float> x(static_cast<size_t>(size));
-        for (auto& v : x)
-            v = dist(rng);
-        return x;
-    }
-
-    static std::vector<float> sine(int size, double bin, double amplitude = 1.0) {
-        std::vector<float> x(static_cast<size_t>(size));
-        for (int t = 0; t < size; ++t)
-            x[static_cast<size_t>(t)] =
-                static_cast<float>(amplitude * std::sin(2.0 * kPi * bin * t / size + 0.3));
-        return x;
+    static std::vector<float> sine(int size, double bin) {
+        return test::sine(static_cast<size_t>(size), bin / size, 1.0, 0.3);
     }
 
     /// Fills the store with each sample's own position, so a window's contents
@@ -120,12 +92,11 @@ protected:
 // --- The transform against a plain DFT -------------------------------------------
 
 TEST_F(FFTManagerTest, transformMatchesPlainDft_everyWindowAtSmallSizes) {
-    std::mt19937 rng(20240611);
     for (int size : {256, 512}) {
         for (int type : {0, 1, 2, 3}) {
             SCOPED_TRACE(testing::Message() << "size " << size << " window " << type);
             configure(size, type);
-            const std::vector<float> x = noise(size, rng);
+            const std::vector<float> x = test::noise(size_t(size), unsigned(size + type));
             const std::vector<float> got = transform(x);
             const std::vector<double> want = referencePower(x, type, type);
             double peak = 0.0;
@@ -142,8 +113,7 @@ TEST_F(FFTManagerTest, transformMatchesPlainDft_everyWindowAtSmallSizes) {
 
 TEST_F(FFTManagerTest, unknownWindowType_scalesAsRectangleButKeepsLastWindow) {
     configure(256, 2);
-    std::mt19937 rng(7);
-    const std::vector<float> x = noise(256, rng);
+    const std::vector<float> x = test::noise(256, 7);
     transform(x); // builds the Hamming table
     defaults_->setFftWindowType(7);
     const std::vector<float> got = transform(x);

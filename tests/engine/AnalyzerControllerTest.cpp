@@ -18,41 +18,9 @@ using test::EngineFixture;
 using test::runEventsFor;
 using test::runEventsUntil;
 
-float gainOf(float decibels) {
-    return static_cast<float>(std::pow(10.0, static_cast<double>(decibels) / 20.0));
-}
-
-/// Channel `channel` of an interleaved block, times `gain`.
-std::vector<float> channelOf(const std::vector<float>& stereo, int channel, float gain) {
-    std::vector<float> mono(stereo.size() / 2);
-    for (size_t k = 0; k < mono.size(); ++k) {
-        mono[k] = gain * stereo[2 * k + static_cast<size_t>(channel)];
-    }
-    return mono;
-}
-
 // --- Intake: writing blocks into the ring ------------------------------------------------
 
 class IntakeTest : public EngineFixture {};
-
-TEST_F(IntakeTest, blockOfTwoIntervals_bothProcessedInOrder) {
-    build(Options{.withSpectrogram = true});
-    startRecording();
-    std::mt19937 random(1);
-    std::vector<float> block = stereoBlock(1024, random);
-    push(block);
-    drain();
-
-    EXPECT_EQ(engine_->framesWriteCount(), 1024);
-    EXPECT_EQ(defaults_->actualInterval(), 2);
-    EXPECT_EQ(engine_->computedIntervalIndex(), 1);
-    EXPECT_EQ(spectrogram_.columns, (std::vector<int64_t>{0, 1}));
-
-    // Each slot holds the window that ends with its interval: interval 0 reaches
-    // back into the (silent) end of the ring.
-    for (int64_t i = 0; i < 2; ++i)
-        expectSlotHolds(channelOf(block, 0, 1.0f), i);
-}
 
 TEST_F(IntakeTest, blockCrossingRingEnd_wrapsTail) {
     build();
@@ -80,44 +48,57 @@ TEST_F(IntakeTest, blockCrossingRingEnd_wrapsTail) {
     EXPECT_EQ(engine_->framesWriteCount(), capacity() + 200);
 }
 
-TEST_F(IntakeTest, gainAndChannel_selectChannelAndScale) {
-    build();
-    startRecording();
-    std::mt19937 random(4);
+// The gain and the channel apply from the block delivered after they change,
+// to the store and to the test capture file (mono float AIFF) alike; the EGG
+// product stores the other channel, ungained, beside the voice.
+TEST_F(IntakeTest, gainAndChannel_selectChannelAndScale_storeAndCaptureFile_eggUngained) {
+    for (const bool egg : {false, true}) {
+        build(Options{.features = egg ? AnalyzerFeatures::voiceProduct()
+                                      : AnalyzerFeatures::spectrumProduct()});
+        ASSERT_TRUE(engine_->openTestFile());
+        startRecording();
+        std::mt19937 random(4);
+        defaults_->setSoftwareInputGainValue(6.0f);
+        audio_.setCurrentInputChannel(egg ? 0 : 1);
+        std::vector<float> first = stereoBlock(1000, random);
+        push(first);
+        defaults_->setSoftwareInputGainValue(-20.0f);
+        audio_.setCurrentInputChannel(0);
+        std::vector<float> second = stereoBlock(24, random);
+        push(second);
+        drain();
+        engine_->stopRecorder();
+        engine_->closeTestFile();
 
-    defaults_->setSoftwareInputGainValue(6.0f);
-    audio_.setCurrentInputChannel(1);
-    std::vector<float> first = stereoBlock(256, random);
-    push(first);
+        const auto concat = [](std::vector<float> a, const std::vector<float>& b) {
+            a.insert(a.end(), b.begin(), b.end());
+            return a;
+        };
+        const std::vector<float> voice = concat(channelOf(first, egg ? 0 : 1, gainOf(6.0f)),
+                                                channelOf(second, 0, gainOf(-20.0f)));
+        const auto& store = defaults_->audioBuffersData();
+        EXPECT_TRUE(std::equal(voice.begin(), voice.end(), store.begin())) << egg;
+        const std::vector<float> eggChannel =
+            concat(channelOf(first, 1, 1.0f), channelOf(second, 1, 1.0f));
+        EXPECT_TRUE(egg ? std::equal(eggChannel.begin(), eggChannel.end(),
+                                     defaults_->eggBuffersData().begin())
+                        : defaults_->eggBuffersData().empty());
 
-    defaults_->setSoftwareInputGainValue(-20.0f);
-    audio_.setCurrentInputChannel(0);
-    std::vector<float> second = stereoBlock(256, random);
-    push(second);
-    drain();
-
-    const std::vector<float> a = channelOf(first, 1, gainOf(6.0f));
-    const std::vector<float> b = channelOf(second, 0, gainOf(-20.0f));
-    const std::vector<float>& store = defaults_->audioBuffersData();
-    EXPECT_TRUE(std::equal(a.begin(), a.end(), store.begin()));
-    EXPECT_TRUE(std::equal(b.begin(), b.end(), store.begin() + 256));
-    EXPECT_TRUE(defaults_->eggBuffersData().empty());
-}
-
-TEST_F(IntakeTest, eggProduct_storesOtherChannelUngained) {
-    build(Options{.features = AnalyzerFeatures::voiceProduct()});
-    startRecording();
-    std::mt19937 random(5);
-    defaults_->setSoftwareInputGainValue(6.0f);
-    std::vector<float> block = stereoBlock(700, random);
-    push(block);
-    drain();
-
-    const std::vector<float> voice = channelOf(block, 0, gainOf(6.0f));
-    const std::vector<float> egg = channelOf(block, 1, 1.0f);
-    ASSERT_EQ(defaults_->eggBuffersData().size(), defaults_->audioBuffersData().size());
-    EXPECT_TRUE(std::equal(voice.begin(), voice.end(), defaults_->audioBuffersData().begin()));
-    EXPECT_TRUE(std::equal(egg.begin(), egg.end(), defaults_->eggBuffersData().begin()));
+        const QString path =
+            QDir(QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation))
+                .filePath(QLatin1String(AnalyzerController::kTestFileName));
+        SF_INFO info{};
+        SNDFILE* file = sf_open(path.toLocal8Bit().constData(), SFM_READ, &info);
+        ASSERT_NE(file, nullptr) << sf_strerror(nullptr);
+        EXPECT_EQ(info.format, SF_FORMAT_AIFF | SF_FORMAT_FLOAT);
+        EXPECT_EQ(info.channels, 1);
+        EXPECT_EQ(info.samplerate, 44100);
+        std::vector<float> read(static_cast<size_t>(info.frames));
+        EXPECT_EQ(sf_readf_float(file, read.data(), info.frames), info.frames);
+        sf_close(file);
+        EXPECT_EQ(read, voice);
+        QFile::remove(path);
+    }
 }
 
 TEST_F(IntakeTest, blocksIgnored_whenDocumentInvalidOrNotRecording_nodeReplacesDeviceAtItsRate) {
@@ -202,50 +183,42 @@ protected:
     }
 };
 
-TEST_F(TooSlowTest, spectrogramProduct_lagStopsEngineAndWarnsOnce) {
-    build(Options{.features = AnalyzerFeatures::studioProduct()});
-    startRecording();
-    std::mt19937 random(8);
-    // First more than maxLag intervals in step, so the recording is old enough.
-    pushIntervals(maxLag() + 2, random);
-    drain();
-    runEventsFor(20);
-    EXPECT_FALSE(engine_->tooSlow());
-    EXPECT_EQ(mainScreen_.stopsWithoutBlock, 0);
-
-    lagBehind(random);
-    EXPECT_TRUE(engine_->tooSlow());
-    ASSERT_TRUE(runEventsUntil([this] { return mainScreen_.stopsWithoutBlock == 1; }));
-    ASSERT_TRUE(mainScreen_.pendingBlock);
-    EXPECT_TRUE(messages_.shown.empty()); // the message follows the stop
-    mainScreen_.pendingBlock();
-    ASSERT_EQ(messages_.shown.size(), 1u);
-    EXPECT_EQ(messages_.shown[0].message, QString::fromLatin1(AnalyzerController::kTooSlowMessage));
-    EXPECT_EQ(messages_.shown[0].button, QStringLiteral("OK"));
-    // Processing went on regardless.
-    EXPECT_EQ(defaults_->actualInterval() * n(), engine_->framesWriteCount());
-
-    lagBehind(random); // a second lag in the same recording stays silent
-    runEventsFor(20);
-    EXPECT_EQ(mainScreen_.stopsWithoutBlock, 1);
-}
-
-// A lag right after the start, or with a product without spectrogram, is no fault.
-TEST_F(TooSlowTest, lagRightAfterStart_orWithoutSpectrogram_isNotReported) {
-    for (const bool spectrogramProduct : {true, false}) {
-        build(Options{.features = spectrogramProduct ? AnalyzerFeatures::studioProduct()
-                                                     : AnalyzerFeatures::spectrumProduct()});
+// With the spectrogram, a lag behind a recording older than the limit stops
+// the engine and warns once (the message after the stop, processing going on);
+// a lag right after the start, or without the spectrogram, is no fault.
+TEST_F(TooSlowTest, spectrogramProduct_lagStopsEngineAndWarnsOnce_notRightAfterStartOrOtherwise) {
+    for (const auto& [spectrogram, warmedUp] :
+         {std::pair{true, false}, {false, true}, {true, true}}) { // the stand-ins count on
+        SCOPED_TRACE(testing::Message() << spectrogram << warmedUp);
+        build(Options{.features = spectrogram ? AnalyzerFeatures::studioProduct()
+                                              : AnalyzerFeatures::spectrumProduct()});
         startRecording();
-        std::mt19937 random(9);
-        if (!spectrogramProduct) {
+        std::mt19937 random(8);
+        if (warmedUp) { // more than maxLag intervals in step: the recording is old enough
             pushIntervals(maxLag() + 2, random);
             drain();
+            EXPECT_FALSE(engine_->tooSlow());
         }
         lagBehind(random);
+        const bool reported = spectrogram && warmedUp;
+        EXPECT_EQ(engine_->tooSlow(), reported);
+        runEventsUntil([this] { return mainScreen_.stopsWithoutBlock == 1; }, reported ? 5000 : 20);
+        EXPECT_EQ(mainScreen_.stopsWithoutBlock, reported ? 1 : 0);
+        EXPECT_TRUE(messages_.shown.empty()); // the message follows the stop
+        if (!reported) {
+            engine_->stopRecorder();
+            continue;
+        }
+        ASSERT_TRUE(mainScreen_.pendingBlock);
+        mainScreen_.pendingBlock();
+        ASSERT_EQ(messages_.shown.size(), 1u);
+        EXPECT_EQ(messages_.shown[0].message,
+                  QString::fromLatin1(AnalyzerController::kTooSlowMessage));
+        EXPECT_EQ(messages_.shown[0].button, QStringLiteral("OK"));
+        EXPECT_EQ(defaults_->actualInterval() * n(), engine_->framesWriteCount());
+        lagBehind(random); // a second lag in the same recording stays silent
         runEventsFor(20);
-        EXPECT_FALSE(engine_->tooSlow()) << spectrogramProduct;
-        EXPECT_EQ(mainScreen_.stopsWithoutBlock, 0) << spectrogramProduct;
-        EXPECT_TRUE(messages_.shown.empty()) << spectrogramProduct;
+        EXPECT_EQ(mainScreen_.stopsWithoutBlock, 1);
         engine_->stopRecorder();
     }
 }
@@ -263,9 +236,8 @@ protected:
     int64_t lastShown() const {
         const float* data = chart_.shownData.back();
         for (int64_t i = 0; i < FFTManager::kSlotsCount; ++i) {
-            if (slot(i).second == data) {
+            if (slot(i).second == data)
                 return i;
-            }
         }
         return -1;
     }
@@ -320,33 +292,42 @@ TEST_F(DisplayTest, followsScrolledIntervalWithinOneThirdOfWidth) {
 
 class ControlTest : public EngineFixture {};
 
-TEST_F(ControlTest, startRecorder_runsChartsAndTimer_stopUndoes) {
+// A failed start reports the failure and runs nothing; the next start resets
+// the per-recording state, runs the charts and the timer (which really drives
+// the chart), ignores a second start, and the stop undoes it all.
+TEST_F(ControlTest, failedStartRunsNothing_startRunsChartsAndTimerFromTheDocument_stopUndoes) {
     build(Options{.withSpectrogram = true});
-    bool result = false;
-    int completions = 0;
-    engine_->startRecorder([&](bool ok) {
-        result = ok;
-        ++completions;
-    });
-    ASSERT_TRUE(runEventsUntil([&] { return completions == 1; }));
-    EXPECT_TRUE(result);
+    audio_.startsSucceed = false;
+    std::vector<bool> results;
+    engine_->startRecorder([&](bool ok) { results.push_back(ok); });
+    ASSERT_TRUE(runEventsUntil([&] { return results.size() == 1; }));
+    EXPECT_FALSE(results[0]);
+    EXPECT_FALSE(engine_->displayTimerActive());
+    EXPECT_TRUE(spectrogram_.calls.empty());
+
+    audio_.startsSucceed = true;
+    defaults_->setActualInterval(40);
+    std::vector<float> block(2 * 1024, 0.5f);
+    push(block); // counted while not recording
+    ASSERT_EQ(engine_->packetsCount(), 1);
+    engine_->startRecorder([&](bool ok) { results.push_back(ok); });
+    ASSERT_TRUE(runEventsUntil([&] { return results.size() == 2; }));
+    EXPECT_TRUE(results[1]);
+    EXPECT_EQ(engine_->computedIntervalIndex(), 40);
+    EXPECT_EQ(engine_->packetsCount(), 0);
     EXPECT_TRUE(engine_->displayTimerActive());
     EXPECT_EQ(spectrogram_.calls, (std::vector<std::string>{"startScrolling", "running"}));
     EXPECT_EQ(chart_.calls.back(), "running");
-
-    // The timer really drives the chart.
-    std::vector<float> block(2 * 1024, 0.5f);
     push(block);
     drain();
     chart_.shownData.clear();
     ASSERT_TRUE(runEventsUntil([&] { return !chart_.shownData.empty(); }));
 
-    // A second start while recording is ignored, completion included.
-    engine_->startRecorder([&](bool) { ++completions; });
-    engine_->startPlayer([&](bool) { ++completions; });
+    engine_->startRecorder([&](bool ok) { results.push_back(ok); });
+    engine_->startPlayer([&](bool ok) { results.push_back(ok); });
     runEventsFor(20);
-    EXPECT_EQ(completions, 1);
-    EXPECT_EQ(audio_.recorderStarts, 1);
+    EXPECT_EQ(results.size(), 2u);
+    EXPECT_EQ(audio_.recorderStarts, 2);
     EXPECT_EQ(audio_.playerStarts, 0);
 
     engine_->stopRecorder();
@@ -361,38 +342,13 @@ TEST_F(ControlTest, startRecorder_runsChartsAndTimer_stopUndoes) {
     EXPECT_EQ(chart_.shownData.size(), shown);
 }
 
-TEST_F(ControlTest, failedStartReportsFailureWithoutTimer_nextStartResetsPerRecordingState) {
-    build(Options{.withSpectrogram = true});
-    audio_.startsSucceed = false;
-    int completions = 0;
-    bool result = true;
-    engine_->startRecorder([&](bool ok) {
-        result = ok;
-        ++completions;
-    });
-    ASSERT_TRUE(runEventsUntil([&] { return completions == 1; }));
-    EXPECT_FALSE(result);
-    EXPECT_FALSE(engine_->displayTimerActive());
-    EXPECT_TRUE(spectrogram_.calls.empty());
-
-    audio_.startsSucceed = true;
-    defaults_->setActualInterval(40);
-    std::vector<float> block(2 * 512, 0.5f);
-    push(block); // counted while not recording
-    ASSERT_EQ(engine_->packetsCount(), 1);
-    startRecording();
-    EXPECT_EQ(engine_->computedIntervalIndex(), 40);
-    EXPECT_EQ(engine_->packetsCount(), 0);
-}
-
 class PlaybackTest : public EngineFixture {
 protected:
     /// A document of `intervals` intervals whose sample k is k / 10000.
     void makeDocument(int64_t intervals) {
         std::vector<float>& store = defaults_->audioBuffersData();
-        for (size_t k = 0; k < store.size(); ++k) {
+        for (size_t k = 0; k < store.size(); ++k)
             store[k] = static_cast<float>(k) / 10000.0f;
-        }
         defaults_->setActualInterval(intervals);
     }
 
@@ -468,36 +424,34 @@ TEST_F(PlaybackTest, readsAcrossRingEnd) {
     EXPECT_TRUE(std::equal(crossing.begin() + 100, crossing.end(), store.begin()));
 }
 
+// Measuring off: the oldest interval on screen, 0 for a short document. On:
+// the interval under the cursor; the cursor at the newest interval switches
+// measuring off on both charts. Without the spectrogram: the oldest interval
+// of the last screen's width.
 TEST_F(PlaybackTest, firstIntervalToPlay_followsCursorOrScreen) {
     build(Options{.withSpectrogram = true});
     ASSERT_EQ(defaults_->spectrogramWidth(), 172);
     auto& scroll = spectrogram_.scroll;
+    const struct {
+        int64_t intervals;
+        bool measuring;
+        int64_t cursor, first;
+        bool measuringAfter;
+    } cases[] = {{100, false, 0, 0, false},
+                 {300, false, 0, 128, false},
+                 {300, true, 250, 250, true},
+                 {300, true, 300, 128, false},
+                 {300, true, -5, 0, true}};
+    for (const auto& c : cases) {
+        defaults_->setActualInterval(c.intervals);
+        scroll.measuring = chart_.scroll.measuring = c.measuring;
+        scroll.cursorInterval = c.cursor;
+        EXPECT_EQ(engine_->getFirstIntervalToPlay(), c.first) << c.cursor;
+        EXPECT_EQ(scroll.measuring, c.measuringAfter) << c.cursor;
+        EXPECT_EQ(chart_.scroll.measuring, c.measuringAfter) << c.cursor;
+        EXPECT_EQ(scroll.measureScrollTypes.back(), 1);
+    }
 
-    // Measuring off: the oldest interval on screen, 0 for a short document.
-    defaults_->setActualInterval(100);
-    EXPECT_EQ(engine_->getFirstIntervalToPlay(), 0);
-    EXPECT_EQ(scroll.measureScrollTypes.back(), 1);
-    defaults_->setActualInterval(300);
-    EXPECT_EQ(engine_->getFirstIntervalToPlay(), 128);
-
-    // Measuring on: the interval under the cursor.
-    scroll.measuring = true;
-    chart_.scroll.measuring = true;
-    scroll.cursorInterval = 250;
-    EXPECT_EQ(engine_->getFirstIntervalToPlay(), 250);
-    EXPECT_TRUE(chart_.scroll.measuring);
-
-    // The cursor at the newest interval switches measuring off on both charts.
-    scroll.cursorInterval = 300;
-    EXPECT_EQ(engine_->getFirstIntervalToPlay(), 128);
-    EXPECT_FALSE(scroll.measuring);
-    EXPECT_FALSE(chart_.scroll.measuring);
-
-    scroll.measuring = true;
-    scroll.cursorInterval = -5;
-    EXPECT_EQ(engine_->getFirstIntervalToPlay(), 0);
-
-    // Without the spectrogram: the oldest interval of the last screen's width.
     build();
     defaults_->setActualInterval(100);
     EXPECT_EQ(engine_->getFirstIntervalToPlay(), 0);
@@ -569,8 +523,10 @@ TEST_F(DocumentTest, rebuild_followsNewGeometry_andSparesOctaveZoom) {
               0);
 }
 
-TEST_F(DocumentTest, recalculate_nothingToDo_callsBlockAsynchronously) {
-    build();
+// With nothing recorded the finish block still comes later, not inline; with a
+// document the last screen's intervals are recomputed in order.
+TEST_F(DocumentTest, recalculate_nothingToDoCallsBlockLater_elseRecomputesLastScreenInOrder) {
+    build(Options{.withSpectrogram = true});
     defaults_->setDataValid(false);
     int finished = 0;
     engine_->recalculateDataWithFinishBlock([&finished] { ++finished; });
@@ -579,18 +535,10 @@ TEST_F(DocumentTest, recalculate_nothingToDo_callsBlockAsynchronously) {
     ASSERT_TRUE(runEventsUntil([&finished] { return finished == 1; }));
     runEventsFor(10);
     EXPECT_EQ(finished, 1);
-}
 
-TEST_F(DocumentTest, recalculate_recomputesLastScreenInOrder) {
-    build(Options{.withSpectrogram = true});
     const int64_t width = defaults_->spectrogramWidth();
     const int64_t end = width + 10;
-    std::mt19937 random(12);
-    std::uniform_real_distribution<float> value(-1.0f, 1.0f);
-    std::vector<float> mono(static_cast<size_t>(end * n()));
-    for (float& v : mono) {
-        v = value(random);
-    }
+    const std::vector<float> mono = test::noise(static_cast<size_t>(end * n()), 12);
     std::copy(mono.begin(), mono.end(), defaults_->audioBuffersData().begin());
     defaults_->setActualInterval(end);
 
@@ -607,43 +555,6 @@ TEST_F(DocumentTest, recalculate_recomputesLastScreenInOrder) {
 
     for (int64_t i : {end - 1, end - 100})
         expectSlotHolds(mono, i);
-}
-
-// --- Test capture file -------------------------------------------------------------------
-
-TEST_F(DocumentTest, testFile_capturesGainedInputAsAiff) {
-    build();
-    ASSERT_TRUE(engine_->openTestFile());
-    startRecording();
-    defaults_->setSoftwareInputGainValue(-6.0f);
-    audio_.setCurrentInputChannel(1);
-    std::mt19937 random(13);
-    std::vector<float> a = stereoBlock(1000, random);
-    std::vector<float> b = stereoBlock(24, random);
-    push(a);
-    push(b);
-    drain();
-    engine_->stopRecorder();
-    engine_->closeTestFile();
-
-    const QString path = QDir(QStandardPaths::writableLocation(QStandardPaths::DocumentsLocation))
-                             .filePath(QLatin1String(AnalyzerController::kTestFileName));
-    SF_INFO info{};
-    SNDFILE* file = sf_open(path.toLocal8Bit().constData(), SFM_READ, &info);
-    ASSERT_NE(file, nullptr) << sf_strerror(nullptr);
-    EXPECT_EQ(info.format & SF_FORMAT_TYPEMASK, SF_FORMAT_AIFF);
-    EXPECT_EQ(info.format & SF_FORMAT_SUBMASK, SF_FORMAT_FLOAT);
-    EXPECT_EQ(info.channels, 1);
-    EXPECT_EQ(info.samplerate, 44100);
-    ASSERT_EQ(info.frames, 1024);
-    std::vector<float> read(1024);
-    EXPECT_EQ(sf_readf_float(file, read.data(), 1024), 1024);
-    sf_close(file);
-    std::vector<float> expected = channelOf(a, 1, gainOf(-6.0f));
-    const std::vector<float> tail = channelOf(b, 1, gainOf(-6.0f));
-    expected.insert(expected.end(), tail.begin(), tail.end());
-    EXPECT_EQ(read, expected);
-    QFile::remove(path);
 }
 
 } // namespace

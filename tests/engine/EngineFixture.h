@@ -2,6 +2,7 @@
 
 #include "TempSettings.h"
 #include "TestDoubles.h"
+#include "TestSignals.h"
 
 #include "core/AnalyzerDefaults.h"
 #include "dsp/FFTManager.h"
@@ -23,10 +24,7 @@ class EngineFixture : public TempSettings {
 protected:
     struct Options {
         AnalyzerFeatures features = AnalyzerFeatures::spectrumProduct();
-        float sampleRate = 44100.0f;
-        int32_t intervalSizePower = 4; // 512 frames at 44.1 kHz
-        int32_t fftSize = 4096;
-        int32_t fftWindowType = 2;
+        float sampleRate = 44100.0f; // intervals of 512 frames, FFT of 4096 (the defaults)
         bool withSpectrogram = false;
         /// Leaves the settings as a previous session did, before the engine exists.
         std::function<void(AnalyzerDefaults&)> restore = nullptr;
@@ -37,11 +35,6 @@ protected:
         audio_.stop();
         defaults_ = std::make_unique<AnalyzerDefaults>(options.features, "engine-test");
         defaults_->setSampleRate(options.sampleRate);
-        defaults_->setIntervalSizePower(options.intervalSizePower);
-        defaults_->setFftSize(options.fftSize);
-        defaults_->setFftWindowType(options.fftWindowType);
-        defaults_->setSoftwareInputGainValue(0.0f);
-        defaults_->setOutputGainValue(0.0f);
         if (options.restore)
             options.restore(*defaults_);
         manager_ = std::make_unique<FFTManager>(*defaults_);
@@ -76,11 +69,19 @@ protected:
 
     /// Interleaved stereo block: left and right from two different sequences.
     static std::vector<float> stereoBlock(int32_t frames, std::mt19937& random) {
-        std::uniform_real_distribution<float> value(-1.0f, 1.0f);
-        std::vector<float> block(static_cast<size_t>(frames) * 2);
-        for (float& v : block)
-            v = value(random);
-        return block;
+        return noise(static_cast<size_t>(frames) * 2, static_cast<unsigned>(random()));
+    }
+
+    static float gainOf(float decibels) {
+        return static_cast<float>(std::pow(10.0, static_cast<double>(decibels) / 20.0));
+    }
+
+    /// Channel `channel` of an interleaved block, times `gain`.
+    static std::vector<float> channelOf(const std::vector<float>& stereo, int channel, float gain) {
+        std::vector<float> mono(stereo.size() / 2);
+        for (size_t k = 0; k < mono.size(); ++k)
+            mono[k] = gain * stereo[2 * k + static_cast<size_t>(channel)];
+        return mono;
     }
 
     /// Delivers `count` random blocks of one interval each.
@@ -99,17 +100,6 @@ protected:
 
     void drain() { engine_->analyzerQueue1().waitUntilEmpty(); }
 
-    /// The `fftSize` samples that end with interval `index`, taken from the
-    /// absolute sample sequence `mono` (zeros before its start).
-    std::vector<float> expectedWindow(const std::vector<float>& mono, int64_t index) const {
-        const int64_t size = defaults_->fftSize();
-        std::vector<float> window(static_cast<size_t>(size), 0.0f);
-        for (int64_t k = 0, frame = (index + 1) * n() - size; k < size; ++k, ++frame)
-            if (frame >= 0 && frame < static_cast<int64_t>(mono.size()))
-                window[static_cast<size_t>(k)] = mono[static_cast<size_t>(frame)];
-        return window;
-    }
-
     /// The slot buffers (window, spectrum) of interval `index`.
     std::pair<const float*, const float*> slot(int64_t index) const {
         float* window = nullptr;
@@ -119,12 +109,16 @@ protected:
         return {window, out};
     }
 
-    /// The slot of interval `index` holds exactly the window of `mono` that ends
-    /// with it, and exactly the spectrum a manager of its own computes from it.
+    /// The slot of interval `index` holds exactly the `fftSize` samples of the
+    /// sample sequence `mono` that end with it, and exactly the spectrum a
+    /// manager of its own computes from them.
     void expectSlotHolds(const std::vector<float>& mono, int64_t index) {
         if (!reference_)
             reference_ = std::make_unique<FFTManager>(*defaults_);
-        const std::vector<float> window = expectedWindow(mono, index);
+        const int64_t size = defaults_->fftSize();
+        const int64_t first = (index + 1) * n() - size;
+        ASSERT_GE(first, 0);
+        const std::vector<float> window(mono.begin() + first, mono.begin() + first + size);
         std::vector<float> spectrum(static_cast<size_t>(defaults_->fftOutSize()));
         reference_->przeliczWithFFTWindowBufor(window.data(), spectrum.data());
         const auto [slotWindow, slotOut] = slot(index);

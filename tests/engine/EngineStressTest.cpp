@@ -22,11 +22,7 @@ TEST_F(EngineStressTest, randomBlocksWithLiveDisplay_resultsMatchDirectComputati
     ASSERT_EQ(n(), 512);
     constexpr int64_t kFrames = 60 * 48000 + 12345;
 
-    std::vector<float> mono(static_cast<size_t>(kFrames)); // the produced channel 0
-    std::mt19937 random(20240611);
-    std::uniform_real_distribution<float> value(-1.0f, 1.0f);
-    for (float& v : mono)
-        v = value(random);
+    const std::vector<float> mono = test::noise(kFrames, 20240611); // the produced channel 0
 
     int64_t shown = 0;
     std::vector<float> shownCopy(static_cast<size_t>(defaults_->fftOutSize()));
@@ -62,9 +58,8 @@ TEST_F(EngineStressTest, randomBlocksWithLiveDisplay_resultsMatchDirectComputati
                 static_cast<int32_t>(std::min<int64_t>(blockSize(sizes), kFrames - written));
             // Like real input, never lap the analysis: the oldest sample still
             // needed is the start of the next interval's window.
-            while (written + count > defaults_->actualInterval() * n() - fftSize + ringCapacity) {
+            while (written + count > defaults_->actualInterval() * n() - fftSize + ringCapacity)
                 std::this_thread::yield();
-            }
             for (int32_t k = 0; k < count; ++k) {
                 stereo[2 * static_cast<size_t>(k)] = mono[static_cast<size_t>(written + k)];
                 stereo[2 * static_cast<size_t>(k) + 1] = -1.0f;

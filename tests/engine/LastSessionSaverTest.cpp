@@ -62,10 +62,14 @@ TEST_F(LastSessionSaverTest,
         EXPECT_TRUE(next->audioBuffersData() == defaults_->audioBuffersData());
     }
 
-    drain(); // a rebuild follows a stop only once the analysis is done
-    engine_->rebuildDataWithClear();
-    defaults_->setDataValid(true);
-    startRecording();
+    // A new document; a rebuild follows a stop only once the analysis is done.
+    const auto newRecording = [this] {
+        drain();
+        engine_->rebuildDataWithClear();
+        defaults_->setDataValid(true);
+        startRecording();
+    };
+    newRecording();
     pushIntervals(10, random);
     engine_->stopRecorder();
     saver_->waitUntilIdle();
@@ -77,10 +81,7 @@ TEST_F(LastSessionSaverTest,
     saver_->saveInBackground();
     saver_->waitUntilIdle();
     ASSERT_TRUE(QFile::exists(file_));
-    drain();
-    engine_->rebuildDataWithClear();
-    defaults_->setDataValid(true);
-    startRecording();
+    newRecording();
     std::vector<float> partial = stereoBlock(100, random);
     push(partial);
     engine_->stopRecorder();

@@ -34,15 +34,12 @@ protected:
         std::uniform_real_distribution<float> noise(-1e-5f, 1e-5f);
         std::vector<float> mono(static_cast<size_t>(frames));
         for (int64_t k = 0; k < frames; ++k) {
-            const double tone =
-                k >= onset
-                    ? 0.5 * std::sin(2.0 * std::numbers::pi * hz * double(k - onset) / 44100.0)
-                    : 0.0;
+            const double t = double(k - onset);
             const double ramp =
-                k >= onset && k - onset < fade
-                    ? 0.5 - 0.5 * std::cos(std::numbers::pi * double(k - onset) / double(fade))
-                    : 1.0;
-            mono[static_cast<size_t>(k)] = noise(random) + static_cast<float>(tone * ramp);
+                t < double(fade) ? 0.5 - 0.5 * std::cos(std::numbers::pi * t / double(fade)) : 1.0;
+            const double tone =
+                k < onset ? 0.0 : ramp * 0.5 * std::sin(2.0 * std::numbers::pi * hz * t / 44100.0);
+            mono[static_cast<size_t>(k)] = noise(random) + static_cast<float>(tone);
         }
         return mono;
     }
