@@ -1,3 +1,4 @@
+#include "HannSpectrum.h"
 #include "LiveEngineTest.h"
 #include "RealTimeAllocations.h"
 #include "dsp/FFTPlanCache.h"
@@ -22,24 +23,11 @@ constexpr int32_t kSpectrumSize = 16384;
 
 int32_t binOf(double frequency) { return int32_t(std::lround(frequency * kSpectrumSize / 48000)); }
 
-/// Magnitudes of the Hann-windowed spectrum of `kSpectrumSize` frames of the
-/// left channel of `stereo` from frame `from` (the last ones by default); a
-/// sine of amplitude A reads A.
+/// The spectrum of `kSpectrumSize` frames of the left channel of `stereo` from
+/// frame `from` (the last ones by default).
 std::vector<double> spectrumOf(const std::vector<float>& stereo, size_t from = SIZE_MAX) {
-    std::vector<float> in(kSpectrumSize);
     from = std::min(from, stereo.size() / 2 - kSpectrumSize);
-    for (size_t i = 0; i < in.size(); ++i)
-        in[i] = stereo[2 * (from + i)] *
-                float(0.5 - 0.5 * std::cos(2.0 * std::numbers::pi * double(i) / kSpectrumSize));
-    std::vector<std::complex<float>> out(kSpectrumSize / 2 + 1);
-    fftwf_plan plan = fftwf_plan_dft_r2c_1d(
-        kSpectrumSize, in.data(), reinterpret_cast<fftwf_complex*>(out.data()), FFTW_ESTIMATE);
-    fftwf_execute(plan);
-    fftwf_destroy_plan(plan);
-    std::vector<double> magnitude(out.size());
-    for (size_t k = 0; k < out.size(); ++k)
-        magnitude[k] = std::abs(out[k]) * 4.0 / kSpectrumSize;
-    return magnitude;
+    return hannSpectrum(stereo.data() + 2 * from, kSpectrumSize, 2);
 }
 
 /// The strongest bin of `s` below `frequency`.

@@ -2,6 +2,7 @@
 
 #include "dsp/FFTPlanCache.h"
 
+#include "HannSpectrum.h"
 #include "TestSignals.h"
 
 #include <gtest/gtest.h>
@@ -42,23 +43,9 @@ std::vector<float> transpose(double frequency, int32_t factor, bool filter, doub
     return out;
 }
 
-/// Magnitudes of the Hann-windowed spectrum of the last 65,536 samples
-/// (2.93 Hz a bin at 192 kHz), bins 0..32768.
+/// The spectrum of the last 65,536 samples (2.93 Hz a bin at 192 kHz).
 std::vector<double> spectrumOfTail(const std::vector<float>& y) {
-    std::vector<float> in(kSpectrumSize);
-    const size_t from = y.size() - kSpectrumSize;
-    for (size_t i = 0; i < in.size(); ++i)
-        in[i] = y[from + i] *
-                float(0.5 - 0.5 * std::cos(2.0 * std::numbers::pi * double(i) / kSpectrumSize));
-    std::vector<std::complex<float>> out(kSpectrumSize / 2 + 1);
-    fftwf_plan plan = fftwf_plan_dft_r2c_1d(
-        kSpectrumSize, in.data(), reinterpret_cast<fftwf_complex*>(out.data()), FFTW_ESTIMATE);
-    fftwf_execute(plan);
-    fftwf_destroy_plan(plan);
-    std::vector<double> magnitude(out.size());
-    for (size_t k = 0; k < out.size(); ++k)
-        magnitude[k] = std::abs(out[k]);
-    return magnitude;
+    return test::hannSpectrum(y.data() + y.size() - kSpectrumSize, kSpectrumSize);
 }
 
 /// Bin of the strongest component below a quarter of the rate (the audible
