@@ -301,7 +301,7 @@ void SpectrogramScrollViewSegment::addFFTdata(const float* values, int64_t inter
         mDispatchCreateTextureCounter.fetch_add(1, std::memory_order_acq_rel);
         MainQueue::async(
             [this] {
-                createGLTexture();
+                uploadNewColumns();
                 mDispatchCreateTextureCounter.fetch_sub(1, std::memory_order_acq_rel);
             },
             &uploadContext_);
@@ -325,6 +325,32 @@ void SpectrogramScrollViewSegment::createGLTexture() {
     f->glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
     f->glTexImage2D(GL_TEXTURE_2D, 0, GL_RGBA, segmentSize_, rows_, 0, GL_RGBA, GL_UNSIGNED_BYTE,
                     mImageData.data());
+    f->glBindTexture(GL_TEXTURE_2D, 0);
+}
+
+void SpectrogramScrollViewSegment::uploadNewColumns() {
+    Q_ASSERT(MainQueue::isMainThread());
+    // OpenGL ES 2 cannot unpack a part of each row: the whole image goes.
+    if (!context_.isNull() && context_->isOpenGLES() && context_->format().majorVersion() < 3) {
+        createGLTexture();
+        return;
+    }
+    const int32_t to = writeIndex_.load(std::memory_order_acquire);
+    int32_t from = uploadedColumns_.load(std::memory_order_acquire);
+    if (from > to)
+        from = 0; // reset since the last upload
+    uploadCount_.fetch_add(1, std::memory_order_acq_rel);
+    uploadedColumns_.store(to, std::memory_order_release);
+    if (from == to || textureName_ == 0 || context_.isNull() ||
+        TQGLView::makeSharedContextCurrent() == nullptr)
+        return;
+    QOpenGLFunctions* f = context_->functions();
+    f->glBindTexture(GL_TEXTURE_2D, textureName_);
+    f->glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
+    f->glPixelStorei(GL_UNPACK_ROW_LENGTH, segmentSize_);
+    f->glTexSubImage2D(GL_TEXTURE_2D, 0, from, 0, to - from, rows_, GL_RGBA, GL_UNSIGNED_BYTE,
+                       mImageData.data() + static_cast<size_t>(from) * 4);
+    f->glPixelStorei(GL_UNPACK_ROW_LENGTH, 0);
     f->glBindTexture(GL_TEXTURE_2D, 0);
 }
 

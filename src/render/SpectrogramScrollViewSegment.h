@@ -49,9 +49,9 @@ struct SpectrogramColorRamp {
 /// A column arrives as one value per display row (linear frequency) or one per
 /// logarithmic point (interpolated onto the rows in between), in dB or as a
 /// linear magnitude, and is turned into colours through the owner's ramp. The
-/// texture is re-uploaded on the main thread at most once per 8 columns
-/// (skipped while an upload is still queued), and always when the segment
-/// becomes full.
+/// columns written since the last upload go to the texture on the main thread
+/// at most once per 8 columns (skipped while an upload is still queued), and
+/// always when the segment becomes full.
 ///
 /// Geometry is read from `AnalyzerDefaults` at construction; a geometry change
 /// means new segments.
@@ -61,9 +61,10 @@ struct SpectrogramColorRamp {
 /// written and post the upload to the main thread. Everything else, and every
 /// GL call, runs on the main thread. `writeIndex`, `position`, the upload
 /// counters are atomics (release on write, acquire on read): a record or a
-/// column is complete when `writeIndex` has passed it. An upload may read the
-/// pixels while the next column is being written; a column caught half-way is
-/// redrawn by the following upload.
+/// column is complete when `writeIndex` has passed it. An upload reads only
+/// complete columns, never the one being written. A reset clears the image
+/// while no upload of the segment can be queued in practice (the segment has
+/// been full and shown for a whole turn of the ring).
 class SpectrogramScrollViewSegment {
 public:
     /// Columns between two throttled uploads.
@@ -104,6 +105,9 @@ public:
 
     /// Uploads the whole image into the texture. Main thread; nothing without OpenGL.
     void createGLTexture();
+    /// Uploads the columns written since the last upload (all of them after a
+    /// reset) and counts the upload. Main thread; nothing without OpenGL.
+    void uploadNewColumns();
 
     /// The value a column writes at display row `row` from `values` as
     /// `addFFTdata` receives them (linear: values[row]; logarithmic: the two
