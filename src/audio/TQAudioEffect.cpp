@@ -229,12 +229,12 @@ void TQAudioEffect::checkStartStopGraph() {
     }
 }
 
-void TQAudioEffect::cleanup() {
+void TQAudioEffect::cleanup(bool serverGone) {
     const bool wasPublished = client_ != nullptr;
     stopGraph();
     if (client_ != nullptr) {
         // Ends the client's threads: no callback runs after this.
-        if (int e = jack_client_close(client_)) {
+        if (int e = jack_client_close(client_); e != 0 && !serverGone) {
             qWarning("error %d from %s", e, "jack_client_close");
         }
         client_ = nullptr;
@@ -272,7 +272,7 @@ void TQAudioEffect::serverWentAway() {
     }
     qWarning("the JACK server went away; the node %s waits for it", qPrintable(clientName_));
     graphStarted_ = false; // nothing to deactivate on a server that is gone
-    cleanup();
+    cleanup(true);
     if (enabled_) {
         lastFailure_ = Failure::NoServer;
         republishTimer_.start();

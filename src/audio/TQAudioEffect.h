@@ -119,8 +119,10 @@ public:
     /// createGraph, addAudioUnitPropertyListener, publishOutputAudioUnit,
     /// checkStartStopGraph. False (after cleaning up) when a step failed.
     bool createAndPublish();
-    /// Stops and closes the client; nothing is published afterwards.
-    void cleanup();
+    /// Stops and closes the client; nothing is published afterwards. With
+    /// `serverGone` the close's failure is expected (libjack cannot say goodbye
+    /// to a dead server) and not logged.
+    void cleanup(bool serverGone = false);
     /// Re-reads whether any port is connected; on a change stores it and runs
     /// checkStartStopGraph. Returns `connected`.
     bool isHostConnected();
