@@ -9,6 +9,7 @@
 #include "ui/HelpViewController.h"
 #include "ui/SegmentedControl.h"
 #include "ui/SettingsRootViewController.h"
+#include "ui/TrigSettingsTableViewController.h"
 #include "ui/iPad_GainInfoViewController.h"
 #include "ui/iPad_TypeOfChartViewController.h"
 
@@ -16,6 +17,7 @@
 #include "TestSignals.h"
 #include "UiTestSupport.h"
 
+#include <QCheckBox>
 #include <QLabel>
 #include <QPushButton>
 #include <QScreen>
@@ -522,6 +524,48 @@ TEST_F(MainScreenTest, leavingForeground_stopsAnalyser_comingBackKeepsTheDocumen
     QTest::qWait(100);
     EXPECT_FALSE(screen()->buttonsBlocked());
     EXPECT_EQ(defaults_->actualInterval(), 7);
+}
+
+// Armed through the trigger page, the studio waits through silence with the
+// record button blinking; a tone in the band (3 to 15 kHz) starts the document,
+// which begins with the silence before the tone.
+TEST_F(MainScreenTest, studioTrigger_armedThroughItsPage_toneInTheBandStartsTheDocument) {
+    launch(AnalyzerFeatures::studioProduct());
+    QTest::mouseClick(screen()->settingsButton(), Qt::LeftButton);
+    SettingsRootViewController* panel = screen()->settingsPopoverViewController();
+    ASSERT_TRUE(panel != nullptr && panel->isOpen());
+    panel->openPage(SettingsRootViewController::kPageTrigger);
+    static_cast<TrigSettingsTableViewController*>(
+        panel->page(SettingsRootViewController::kPageTrigger))
+        ->trigSwitch()
+        ->click();
+    panel->closeSettings();
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !screen()->buttonsBlocked(); }, 5000));
+
+    // Two seconds of silence, then the tone.
+    test::SinkPlayer sound(
+        48000, 20.0, [](double t) { return t < 2.0 ? 0.0f : test::sineAt(5000.0, t); },
+        [](double) { return 0.0f; });
+    ASSERT_TRUE(sound.start());
+    ASSERT_TRUE(startPause(true));
+    QTest::qWait(1000);
+    EXPECT_TRUE(screen()->trigBlinking());
+    EXPECT_EQ(defaults_->actualInterval(), 0);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return defaults_->actualInterval() > 0; }, 5000));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !screen()->trigBlinking(); }, 2000));
+    QTest::qWait(500);
+    ASSERT_TRUE(startPause(false));
+    const std::vector<float>& store = defaults_->audioBuffersData();
+    const auto n = size_t(defaults_->intervalSizeInFrames());
+    const auto loudest = [&](size_t interval) {
+        const auto [lo, hi] =
+            std::minmax_element(store.begin() + std::ptrdiff_t(interval * n),
+                                store.begin() + std::ptrdiff_t((interval + 1) * n));
+        return std::max(-*lo, *hi);
+    };
+    const auto last = size_t(defaults_->actualInterval()) - 1;
+    EXPECT_LT(loudest(0), 0.001f);
+    EXPECT_GT(loudest(last), 0.5f * kMinus12dBFS);
 }
 
 // --- Settings ------------------------------------------------------------------------------------
