@@ -10,11 +10,10 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
-#include <random>
 
 namespace widmo::bench {
 
-std::vector<char*> withInterleavedRepetitions(int argc, char** argv) {
+bool runInterleaved(int argc, char** argv, benchmark::BenchmarkReporter* reporter) {
     static char repetitions[] = "--benchmark_repetitions=5";
     static char interleaving[] = "--benchmark_enable_random_interleaving=true";
     static char aggregates[] = "--benchmark_report_aggregates_only=true";
@@ -25,7 +24,13 @@ std::vector<char*> withInterleavedRepetitions(int argc, char** argv) {
     if (!given)
         args.insert(args.end(), {repetitions, interleaving, aggregates});
     args.push_back(nullptr);
-    return args;
+    int count = static_cast<int>(args.size()) - 1;
+    benchmark::Initialize(&count, args.data());
+    if (benchmark::ReportUnrecognizedArguments(count, args.data()))
+        return false;
+    benchmark::RunSpecifiedBenchmarks(reporter);
+    benchmark::Shutdown();
+    return true;
 }
 
 double percentile(std::vector<double> values, double p) {
@@ -43,15 +48,6 @@ double median(std::vector<double> values) { return percentile(std::move(values),
 
 double fastest(const std::vector<double>& values) {
     return values.empty() ? 0.0 : *std::min_element(values.begin(), values.end());
-}
-
-std::vector<float> noise(size_t count, unsigned seed) {
-    std::mt19937 random(seed);
-    std::uniform_real_distribution<float> value(-1.0f, 1.0f);
-    std::vector<float> x(count);
-    for (float& v : x)
-        v = value(random);
-    return x;
 }
 
 double secondsSince(Clock::time_point start) {

@@ -9,6 +9,8 @@
 #include "engine/TQAudioDelegate.h"
 #include "engine/TQAudioInterface.h"
 
+#include "../tests/core/TestSignals.h"
+
 #include <QProcess>
 #include <QString>
 #include <QTemporaryDir>
@@ -27,13 +29,12 @@ namespace widmo::bench {
 
 using Clock = std::chrono::steady_clock;
 
-/// `argv` with the default repetition flags added when none was given: unless
-/// the caller chose a repetition count, five repetitions in random interleaved
-/// order, reported as aggregates, so that a disturbance from another process
-/// falls on a benchmark and its baseline alike. Null-terminated; the count
-/// without the null is `args.size() - 1`. The added strings live for the whole
-/// process.
-std::vector<char*> withInterleavedRepetitions(int argc, char** argv);
+/// Runs the registered benchmarks. Unless the caller chose a repetition count,
+/// five repetitions in random interleaved order, reported as aggregates, so
+/// that a disturbance from another process falls on a benchmark and its
+/// baseline alike. `reporter` may be null (the console). False for arguments
+/// the library does not know.
+bool runInterleaved(int argc, char** argv, benchmark::BenchmarkReporter* reporter = nullptr);
 
 /// The `p`-quantile (0 to 1) of `values`, interpolated between the two nearest
 /// ranks; 0 when empty.
@@ -43,7 +44,9 @@ double median(std::vector<double> values);
 double fastest(const std::vector<double>& values);
 
 /// `count` samples uniform in [-1, 1), the same for the same `seed`.
-std::vector<float> noise(size_t count, unsigned seed = 1234);
+inline std::vector<float> noise(size_t count, unsigned seed = 1234) {
+    return test::noise(count, seed);
+}
 
 /// Seconds since `start`.
 double secondsSince(Clock::time_point start);

@@ -259,12 +259,9 @@ int main(int argc, char** argv) {
     FFTPlanCache::shared().startPreparing(0, FFTPlanCache::kPatientFromSize, true);
     FFTPlanCache::shared().waitUntilPrepared();
 
-    std::vector<char*> args = widmo::bench::withInterleavedRepetitions(argc, argv);
-    int count = static_cast<int>(args.size()) - 1;
-    benchmark::Initialize(&count, args.data());
     widmo::bench::RecordingReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
+    if (!widmo::bench::runInterleaved(argc, argv, &reporter))
+        return 1;
 
     std::printf("\n%7s %12s %12s %8s %8s %8s | %12s %8s %8s | %12s\n", "N", "bare FFT us",
                 "interval us", "(b)/(a)", "fastest", "target", "dB N/2 us", "dB vec", "mul vec",

@@ -261,15 +261,8 @@ int main(int argc, char** argv) {
     // (large sizes refined), made (or read from wisdom) outside the timings.
     FFTPlanCache::shared().startPreparing(0);
     FFTPlanCache::shared().waitUntilPrepared();
-    std::vector<char*> args = widmo::bench::withInterleavedRepetitions(argc, argv);
-    argc = static_cast<int>(args.size()) - 1;
-    argv = args.data();
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+    if (!widmo::bench::runInterleaved(argc, argv))
         return 1;
-    }
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
 
     // Two readings of the same runs: the medians, and the fastest repetition
     // of each benchmark. On a shared machine the medians of the path and of

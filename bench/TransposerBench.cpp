@@ -104,12 +104,9 @@ int main(int argc, char** argv) {
         return 1;
     }
 
-    std::vector<char*> args = widmo::bench::withInterleavedRepetitions(argc, argv);
-    int count = static_cast<int>(args.size()) - 1;
-    benchmark::Initialize(&count, args.data());
     widmo::bench::RecordingReporter reporter;
-    benchmark::RunSpecifiedBenchmarks(&reporter);
-    benchmark::Shutdown();
+    if (!widmo::bench::runInterleaved(argc, argv, &reporter))
+        return 1;
 
     std::printf("\n%7s %6s %6s %5s %7s | %14s %14s %8s\n", "rate", "factor", "M", "H", "frames/s",
                 "transposer %", "bare FFTs %", "ratio");
