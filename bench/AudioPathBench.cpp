@@ -15,12 +15,12 @@
 // and of the delivery queue as a share of one core; the ratio compares 384 kHz
 // with 44.1 kHz.
 #include "BenchSupport.h"
-#include "audio/TQAudio.h"
+#include "audio/AudioSession.h"
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
 #include "dsp/FFTManager.h"
 #include "engine/AnalyzerController.h"
-#include "engine/TQAudioDelegate.h"
+#include "engine/AudioSessionDelegate.h"
 
 #include <QCoreApplication>
 #include <QDir>
@@ -69,7 +69,7 @@ const LatencyRun& latencyRun() {
     SinkKeepAlive keepAlive("widmo_sink", 48000);
     widmo::AnalyzerFeatures features = widmo::AnalyzerFeatures::spectrumProduct();
     widmo::AnalyzerDefaults defaults(features, "bench-audio");
-    widmo::TQAudio audio(defaults, features);
+    widmo::AudioSession audio(defaults, features);
     widmo::FFTManager manager(defaults);
     widmo::AnalyzerController engine(defaults, manager, audio);
     engine.rebuildDataWithClear();
@@ -183,7 +183,7 @@ void BM_captureCpu(benchmark::State& state) {
     widmo::AnalyzerFeatures features = widmo::AnalyzerFeatures::spectrumProduct();
     widmo::AnalyzerDefaults defaults(features, "bench-audio");
     defaults.setSampleRate(float(rate));
-    widmo::TQAudio audio(defaults, features);
+    widmo::AudioSession audio(defaults, features);
     WatchingDelegate counter(nullptr, kClickThreshold);
     audio.setDelegate(&counter);
     double audioShare = 0, clientShare = 0, queueShare = 0, processShare = 0;

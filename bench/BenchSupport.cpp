@@ -128,7 +128,7 @@ SinkKeepAlive::~SinkKeepAlive() {
     process_.waitForFinished(3000);
 }
 
-void WatchingDelegate::didGetNewAudioData(TQAudioData data) {
+void WatchingDelegate::didGetNewAudioData(AudioBlock data) {
     if (!seen.load(std::memory_order_acquire)) {
         for (int32_t i = 0; i < data.count * 2; ++i) {
             if (std::fabs(data.data[i]) > threshold_) {

@@ -6,8 +6,8 @@
 // thread's event loop, an audio object that is always recording, the
 // transposer's frame, and the test sound server's playback and watching.
 
-#include "engine/TQAudioDelegate.h"
-#include "engine/TQAudioInterface.h"
+#include "engine/AudioSessionDelegate.h"
+#include "engine/AudioSessionInterface.h"
 
 #include "../tests/core/TestSignals.h"
 
@@ -86,10 +86,10 @@ int32_t transposerFrame(int32_t factor);
 int32_t transposerHop(int32_t factor);
 
 /// An audio object that is always recording: the benchmark delivers the blocks.
-class AlwaysRecording final : public TQAudioInterface {
+class AlwaysRecording final : public AudioSessionInterface {
 public:
-    void setDelegate(TQAudioDelegate* d) override { delegate_ = d; }
-    TQAudioDelegate* delegate() const override { return delegate_; }
+    void setDelegate(AudioSessionDelegate* d) override { delegate_ = d; }
+    AudioSessionDelegate* delegate() const override { return delegate_; }
     bool isRecording() const override { return true; }
     bool isPlaying() const override { return false; }
     bool isSetupInProgress() const override { return false; }
@@ -106,7 +106,7 @@ public:
     void stop() override {}
 
 private:
-    TQAudioDelegate* delegate_ = nullptr;
+    AudioSessionDelegate* delegate_ = nullptr;
 };
 
 /// Starts `pacat` playing raw interleaved stereo float32 at `rate` Hz into the
@@ -131,19 +131,19 @@ private:
 /// (re-armed by clearing `seen`), counts the blocks, and passes each to
 /// `engine` when there is one. Threading: called on the audio object's
 /// delivery queue; `seen` (acquire/release) publishes `at` to the main thread.
-class WatchingDelegate : public TQAudioDelegate {
+class WatchingDelegate : public AudioSessionDelegate {
 public:
-    WatchingDelegate(TQAudioDelegate* engine, float threshold)
+    WatchingDelegate(AudioSessionDelegate* engine, float threshold)
         : engine_(engine), threshold_(threshold) {}
-    void didGetNewAudioData(TQAudioData data) override;
-    void giveNewAudioData(TQAudioData*) override {}
+    void didGetNewAudioData(AudioBlock data) override;
+    void giveNewAudioData(AudioBlock*) override {}
 
     std::atomic<bool> seen{false};
     Clock::time_point at;
     std::atomic<int64_t> blocks{0};
 
 private:
-    TQAudioDelegate* engine_;
+    AudioSessionDelegate* engine_;
     float threshold_;
 };
 

@@ -109,10 +109,10 @@ void BM_interval(benchmark::State& state) {
     // intervals of a recording.
     int64_t interval = 0;
     for (; interval < FFTManager::kSlotsCount; ++interval)
-        manager.przeliczFFTDlaIntervalIndex(interval, nullptr, nullptr);
+        manager.computeFFTForInterval(interval, nullptr, nullptr);
     for (auto _ : state) {
         float* out = nullptr;
-        manager.przeliczFFTDlaIntervalIndex(interval++, nullptr, &out);
+        manager.computeFFTForInterval(interval++, nullptr, &out);
         benchmark::DoNotOptimize(out);
         benchmark::ClobberMemory();
     }
@@ -130,7 +130,7 @@ void BM_eggInterval(benchmark::State& state) {
                (std::fmod(static_cast<double>(i) * 220.0 / 44100.0, 1.0) < 0.4 ? 0.25f : -0.25f);
     std::vector<float> out(x.size());
     for (auto _ : state) {
-        if (!filter.filtrujData(x.data(), out.data(), n)) {
+        if (!filter.bandLimit(x.data(), out.data(), n)) {
             state.SkipWithError("no EGG plan");
             break;
         }

@@ -82,11 +82,11 @@ int main(int argc, char** argv) {
     if (allSizes)
         manager.preparePlans();
     float* out = nullptr;
-    manager.przeliczFFTDlaIntervalIndex(10, nullptr, &out);
+    manager.computeFFTForInterval(10, nullptr, &out);
     const double tFirst = msSince(t0);
 
     for (int64_t i = 11; i < 1011; ++i)
-        manager.przeliczFFTDlaIntervalIndex(i, nullptr, &out);
+        manager.computeFFTForInterval(i, nullptr, &out);
     const long rssRun = residentKb();
 
     std::printf("fft %d, wisdom %s, %s: engine ready %.1f ms, first spectrum %.1f ms "

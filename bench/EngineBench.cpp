@@ -25,7 +25,7 @@
 #include "dsp/FFTPlanCache.h"
 #include "engine/AnalyzerController.h"
 #include "engine/LastSessionSaver.h"
-#include "engine/TQAudioInterface.h"
+#include "engine/AudioSessionInterface.h"
 
 #include <QCoreApplication>
 #include <QSettings>
@@ -88,7 +88,7 @@ struct Rig {
         frames = static_cast<int64_t>(c.audioSeconds * c.sampleRate);
         intervals = frames / defaults->intervalSizeInFrames();
         for (int64_t i = 0; i < FFTManager::kSlotsCount; ++i) {
-            manager->przeliczFFTDlaIntervalIndex(i, nullptr, nullptr);
+            manager->computeFFTForInterval(i, nullptr, nullptr);
         }
     }
 
@@ -136,7 +136,7 @@ void BM_intakeAndProcessing(benchmark::State& state) {
                 std::this_thread::yield();
             }
             float* data = rig.stereo.data() + 2 * Rig::kBlock * (block++ % blocksInSignal);
-            rig.engine->didGetNewAudioData(TQAudioData{Rig::kBlock, data});
+            rig.engine->didGetNewAudioData(AudioBlock{Rig::kBlock, data});
             written += Rig::kBlock;
         }
         rig.engine->analyzerQueue1().waitUntilEmpty();
@@ -162,13 +162,13 @@ void BM_bareTransforms(benchmark::State& state) {
     Rig rig(c);
     std::vector<float> window(rig.stereo.begin(), rig.stereo.begin() + c.fftSize);
     std::vector<float> out(static_cast<size_t>(c.fftSize / 2));
-    rig.manager->przeliczWithFFTWindowBufor(window.data(), out.data()); // plans the size
+    rig.manager->powerSpectrumOfWindow(window.data(), out.data()); // plans the size
     double seconds = 0.0;
     int64_t iterations = 0;
     for (auto _ : state) {
         const auto start = Clock::now();
         for (int64_t i = 0; i < rig.intervals; ++i) {
-            rig.manager->przeliczWithFFTWindowBufor(window.data(), out.data());
+            rig.manager->powerSpectrumOfWindow(window.data(), out.data());
             benchmark::DoNotOptimize(out.data());
         }
         const double elapsed = secondsSince(start);
@@ -190,13 +190,13 @@ void BM_intervalTransforms(benchmark::State& state) {
     Rig rig(c);
     float* windowData = nullptr;
     float* dataOut = nullptr;
-    rig.manager->przeliczFFTDlaIntervalIndex(0, &windowData, &dataOut);
+    rig.manager->computeFFTForInterval(0, &windowData, &dataOut);
     double seconds = 0.0;
     int64_t iterations = 0;
     for (auto _ : state) {
         const auto start = Clock::now();
         for (int64_t i = 0; i < rig.intervals; ++i) {
-            rig.manager->przeliczFFTDlaIntervalIndex(i, &windowData, &dataOut);
+            rig.manager->computeFFTForInterval(i, &windowData, &dataOut);
             benchmark::DoNotOptimize(dataOut);
         }
         const double elapsed = secondsSince(start);
@@ -232,7 +232,7 @@ void BM_lastSessionSave(benchmark::State& state) {
     for (auto _ : state) {
         for (int64_t written = 0; written < period; written += Rig::kBlock) {
             float* data = rig.stereo.data() + 2 * Rig::kBlock * (block++ % blocksInSignal);
-            rig.engine->didGetNewAudioData(TQAudioData{Rig::kBlock, data});
+            rig.engine->didGetNewAudioData(AudioBlock{Rig::kBlock, data});
             rig.engine->analyzerQueue1().waitUntilEmpty();
         }
         const auto start = Clock::now();

@@ -17,16 +17,16 @@
 // 384 kHz, 256-sample intervals, a 65,536-point FFT, 4,096 rows, 1,500 columns
 // a second, measured for 60 s), views hidden (0 or 1).
 // Needs the test services: source scripts/services.sh && services_start.
-#include "audio/TQAudio.h"
+#include "audio/AudioSession.h"
 #include "charts/ChartView.h"
 #include "charts/SpectrogramView.h"
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
 #include "dsp/FFTManager.h"
 #include "engine/AnalyzerController.h"
-#include "render/TQGLView.h"
-#include "ui/AppDelegate.h"
-#include "ui/MainViewController.h"
+#include "render/GLView.h"
+#include "ui/AppLifecycle.h"
+#include "ui/MainScreen.h"
 
 #include "TestExit.h"
 #include "TestSignals.h"
@@ -183,17 +183,17 @@ void BM_mainScreenRecording(benchmark::State& state) {
         saved.saveDefaults();
     }
     auto defaults = std::make_unique<AnalyzerDefaults>(features, store);
-    auto audio = std::make_unique<TQAudio>(*defaults, features);
+    auto audio = std::make_unique<AudioSession>(*defaults, features);
     auto fft = std::make_unique<FFTManager>(*defaults);
     fft->preparePlansInBackground();
-    auto app = std::make_unique<AppDelegate>(*defaults, *audio, *fft);
-    if (!app->didFinishLaunchingWithOptions()) {
+    auto app = std::make_unique<AppLifecycle>(*defaults, *audio, *fft);
+    if (!app->showMainWindow()) {
         state.SkipWithError("the main screen did not launch");
         return;
     }
     QMainWindow* window = app->window();
     window->setGeometry(0, 0, 1280, 800);
-    MainViewController* screen = app->mainViewController();
+    MainScreen* screen = app->mainScreen();
     if (!QTest::qWaitForWindowExposed(window) ||
         !QTest::qWaitFor([&] { return app->dataPrepared() && !screen->buttonsBlocked(); }, 10000)) {
         state.SkipWithError("the document was not prepared");
@@ -222,7 +222,7 @@ void BM_mainScreenRecording(benchmark::State& state) {
     QTest::qWait(3000);
 
     std::map<QString, ViewLog> views;
-    TQGLView::setFrameObserver([&](const TQGLView& view, qint64 drawNs, qint64 frameNs) {
+    GLView::setFrameObserver([&](const GLView& view, qint64 drawNs, qint64 frameNs) {
         ViewLog& log = views[QString::fromLatin1(view.metaObject()->className())];
         log.drawMs.push_back(static_cast<double>(drawNs) / 1e6);
         log.frameMs.push_back(static_cast<double>(frameNs) / 1e6);
@@ -259,7 +259,7 @@ void BM_mainScreenRecording(benchmark::State& state) {
             state.counters[key + "_interval_p99_ms"] = percentile(log.intervalMs, 0.99);
         }
     }
-    TQGLView::setFrameObserver(nullptr);
+    GLView::setFrameObserver(nullptr);
     window->removeEventFilter(&compositions);
     QTest::mouseClick(screen->recordPauseButton(), Qt::LeftButton);
     if (!QTest::qWaitFor([&] { return !audio->isRecording(); }, 5000))

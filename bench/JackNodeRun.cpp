@@ -11,7 +11,7 @@
 // Needs jackd (the test services' package); starts and ends its own server.
 
 #include "BenchSupport.h"
-#include "audio/TQAudioEffect.h"
+#include "audio/JackNode.h"
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
 #include "dsp/FFTManager.h"
@@ -144,7 +144,7 @@ int main(int argc, char** argv) {
         AnalyzerController engine(defaults, manager, audio);
         engine.rebuildDataWithClear();
         defaults.setDataValid(true);
-        TQAudioEffect node;
+        JackNode node;
         engine.setAudioEffect(&node);
         if (!node.setEnabled(true)) {
             std::fprintf(stderr, "the node could not be published\n");

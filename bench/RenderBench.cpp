@@ -143,8 +143,8 @@ void BM_spectrogramColumn(benchmark::State& state) {
     defaults.setValuesInDB(true);
     defaults.recalculateDocumentSettings();
     widmo::SpectrogramColorRamp ramp;
-    ramp.granicaKoloru = {0.01f, 0.27f, 0.54f, 0.99f};
-    ramp.kolor = {{{0, 0, 0, 1}, {0, 0, 0.8f, 1}, {0, 0.9f, 0, 1}, {1, 0, 0, 1}}};
+    ramp.levelThresholds = {0.01f, 0.27f, 0.54f, 0.99f};
+    ramp.levelColors = {{{0, 0, 0, 1}, {0, 0, 0.8f, 1}, {0, 0.9f, 0, 1}, {1, 0, 0, 1}}};
     widmo::SpectrogramScrollViewSegment segment(defaults, ramp);
     std::vector<float> column = randomPowers();
     widmo::convertPowerToDecibels(column.data(), column.data(), kColumnRows);

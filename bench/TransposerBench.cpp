@@ -41,7 +41,7 @@ void BM_transposer(benchmark::State& state) {
     const auto rate = static_cast<int32_t>(state.range(0));
     const auto factor = static_cast<int32_t>(state.range(1));
     Transposer transposer(FFTPlanCache::shared());
-    transposer.setupTranspozycje();
+    transposer.setupTransposition();
     transposer.setFilter20kHzOn(false, factor, rate);
     // One second of a 40 kHz tone, made outside the timing.
     std::vector<float> in(size_t(rate / kBlock * kBlock));

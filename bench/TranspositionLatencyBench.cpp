@@ -14,16 +14,16 @@
 // median and 90th percentile in milliseconds, and the whole way from writing
 // to hearing.
 #include "BenchSupport.h"
-#include "audio/AudioIOUnit.h"
-#include "audio/AudioIOUnitClient.h"
-#include "audio/TQAudio.h"
+#include "audio/AudioStreams.h"
+#include "audio/AudioStreamsClient.h"
+#include "audio/AudioSession.h"
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
 #include "dsp/FFTManager.h"
 #include "dsp/FFTPlanCache.h"
 #include "dsp/Transposer.h"
 #include "engine/AnalyzerController.h"
-#include "engine/TQAudioDelegate.h"
+#include "engine/AudioSessionDelegate.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -74,7 +74,7 @@ private:
 
 // Listens to the default sink's monitor and notes when the transposed burst
 // arrives (armed by the caller).
-class Listener : public widmo::AudioIOUnitClient {
+class Listener : public widmo::AudioStreamsClient {
 public:
     void inputAvailable(int32_t frames) override {
         const int32_t n = unit->renderInput(buffer.data(), std::min(frames, kFrames));
@@ -91,8 +91,8 @@ public:
     void renderOutput(int32_t frames, float* out) override { std::fill(out, out + frames, 0.0f); }
     void unitFailed(widmo::AudioIOFailure, const QString&) override {}
 
-    static constexpr int32_t kFrames = widmo::AudioIOUnit::kMaxInputFrames;
-    widmo::AudioIOUnit* unit = nullptr;
+    static constexpr int32_t kFrames = widmo::AudioStreams::kMaxInputFrames;
+    widmo::AudioStreams* unit = nullptr;
     std::vector<float> buffer = std::vector<float>(size_t(2 * kFrames));
     std::atomic<bool> armed{false};
     std::atomic<bool> heard{false};
@@ -118,7 +118,7 @@ void BM_transposedLatency(benchmark::State& state) {
     defaults.setRealTimeTranspFilterBelow20kHz(false);
     defaults.setOutputGainValue(0.0f);
     widmo::Transposer::preparePlans(widmo::FFTPlanCache::shared());
-    widmo::TQAudio audio(defaults, features);
+    widmo::AudioSession audio(defaults, features);
     widmo::FFTManager manager(defaults);
     widmo::AnalyzerController engine(defaults, manager, audio);
     engine.rebuildDataWithClear();
@@ -130,9 +130,9 @@ void BM_transposedLatency(benchmark::State& state) {
             audio.setPreferredInput(d);
 
     Listener listener;
-    widmo::AudioIOUnit listening(listener, audio.soundServer());
+    widmo::AudioStreams listening(listener, audio.soundServer());
     listener.unit = &listening;
-    widmo::AudioIOUnit::Config config;
+    widmo::AudioStreams::Config config;
     config.enableInput = true;
     config.input = audio.soundServer().defaultInput();
     config.sampleRate = 48000;

@@ -187,7 +187,7 @@ void BatchAnalysis::analyseChunk(int32_t chunk, Worker& w) {
         if (to > from)
             std::memcpy(win + (from - start), samples_.data() + from,
                         static_cast<size_t>(to - from) * sizeof(float));
-        w.fft.przeliczWithFFTWindowBufor(win, w.power.data());
+        w.fft.powerSpectrumOfWindow(win, w.power.data());
         const float* power = w.power.data();
 
         if (inAverage(i)) {
@@ -214,7 +214,7 @@ void BatchAnalysis::analyseChunk(int32_t chunk, Worker& w) {
             if (linear)
                 d.interlaceToSpectrogramFFTData(power, w.reduced.data());
             else
-                d.convertToLogaritmicScaleFFTData(power, w.reduced.data());
+                d.convertToLogarithmicScaleFFTData(power, w.reduced.data());
             const int32_t count = linear ? rows : d.spectrogramLogIndexesCount() - 1;
             VectorHelpers::powerToDecibels(w.reduced.data(), SpectrogramScrollView::kDecibelFloor,
                                            w.levels.data(), std::max(0, count));
@@ -289,7 +289,7 @@ QByteArray BatchAnalysis::bandsCsv() const {
     const int32_t hi = std::min(d.octaveRTAMaxIndex(), ChartData::kBands - 2);
     for (int32_t b = std::max(0, lo); lo >= 0 && b <= hi; ++b) {
         const auto k = static_cast<size_t>(b);
-        out += number(d.octaveRTAFequencies()[k], 3);
+        out += number(d.octaveRTAFrequencies()[k], 3);
         out += ',';
         out += number(toDB(bandSum_[k]), 3);
         out += ',';
@@ -357,7 +357,7 @@ QImage BatchAnalysis::takeSpectrogramImage(const QString& title) {
     };
     std::vector<double> ticks;
     if (d.linearFrequency()) {
-        const int step = AnalyzerDefaults::zaokraglDoCiagu125wartosc(
+        const int step = AnalyzerDefaults::roundUpTo125Series(
             static_cast<float>(maxF / std::max(1.0, rows / 40.0)), 1, 1000000);
         for (double f = 0.0; f <= maxF; f += step)
             ticks.push_back(f);
@@ -390,7 +390,7 @@ QImage BatchAnalysis::takeSpectrogramImage(const QString& title) {
     // Time labels: a 1-2-5 step in hundredths of a second, about 100 pixels apart.
     const double secondsPerColumn = d.intervalSizeInFrames() / static_cast<double>(sampleRate_);
     const double duration = secondsPerColumn * columns;
-    const double step = AnalyzerDefaults::zaokraglDoCiagu125wartosc(
+    const double step = AnalyzerDefaults::roundUpTo125Series(
                             static_cast<float>(secondsPerColumn * 100.0 * 100.0), 1, 100000000) /
                         100.0;
     for (double t = 0.0; t <= duration + 1e-9; t += step) {

@@ -15,11 +15,11 @@ constexpr float kHoldDecayStepDB = 0.2f;
 } // namespace
 
 ChartData::ChartData(AnalyzerDefaults& defaults)
-    : mDefaults(defaults), mBuforyFFTOutData(static_cast<size_t>(kRingSlots) * kSlotSize, 0.0f),
+    : mDefaults(defaults), mFftResultSlots(static_cast<size_t>(kRingSlots) * kSlotSize, 0.0f),
       mRawCopy(kSlotSize + 2, 0.0f), mWindowCopy(kMaxWindowSize, 0.0f) {
     if (mDefaults.features().featureVoiceEGG()) {
         eggFilter_ = std::make_unique<EGGFilter>();
-        mBuforyEggOutData.assign(static_cast<size_t>(kRingSlots) * kEggSlotSize, 0.0f);
+        mEggResultSlots.assign(static_cast<size_t>(kRingSlots) * kEggSlotSize, 0.0f);
     }
     clearData();
 }
@@ -31,8 +31,8 @@ void ChartData::addFFTdata(const float* fftData, const float* fftWindowData,
     const int32_t n = std::clamp(mDefaults.fftOutSize(), 0, kSlotSize);
     const int32_t windowSize = std::clamp(mDefaults.fftSize(), 0, kMaxWindowSize);
 
-    const int32_t s = mAktBuforFFTOutData;
-    mAktBuforFFTOutData = (s + 1) % kRingSlots;
+    const int32_t s = mCurrentResultSlot;
+    mCurrentResultSlot = (s + 1) % kRingSlots;
 
     // The engine's slot is rewritten when the analysis runs 256 intervals ahead,
     // and the RTA reads it again at every frame: keep our own copy. The two
@@ -55,7 +55,7 @@ void ChartData::addFFTdata(const float* fftData, const float* fftWindowData,
     // No floor: silence is minus infinity, which the level meter shows as no signal.
     levelDB_ = static_cast<float>(10.0 * std::log10(sum));
 
-    float* slot = mBuforyFFTOutData.data() + static_cast<size_t>(s) * kSlotSize;
+    float* slot = mFftResultSlots.data() + static_cast<size_t>(s) * kSlotSize;
     if (mDefaults.valuesInDB())
         convertPowerToDecibels(mRawCopy.data(), slot, n);
     else
@@ -68,11 +68,11 @@ void ChartData::addFFTdata(const float* fftData, const float* fftWindowData,
 }
 
 void ChartData::measureEgg(const float* eggWindowData, int32_t windowSize, int32_t slot) {
-    float* out = mBuforyEggOutData.data() + static_cast<size_t>(slot) * kEggSlotSize;
+    float* out = mEggResultSlots.data() + static_cast<size_t>(slot) * kEggSlotSize;
     mCQ = ClosedQuotientResult{};
     mEGGOutData = nullptr;
     closedQuotient_ = 0.0f;
-    if (eggWindowData == nullptr || !eggFilter_->filtrujData(eggWindowData, out, windowSize))
+    if (eggWindowData == nullptr || !eggFilter_->bandLimit(eggWindowData, out, windowSize))
         return;
     mCQ = EGGFilter::measureClosedQuotient(out, windowSize);
     closedQuotient_ = mCQ.closedQuotient;
@@ -133,7 +133,7 @@ void ChartData::octaveBandPowers(const AnalyzerDefaults& defaults, const float* 
     if (minIndex < 0 || maxIndex < minIndex || n < 2)
         return;
     const int32_t* f = defaults.octaveRTAIndexesFloor();
-    const float* p = defaults.octaveRTAPoPrzecinkuIndeksuFloor();
+    const float* p = defaults.octaveRTAIndexFraction();
     // The two edge bins weighted by the edges' fractional positions, the bins
     // in between summed.
     const auto edgeValue = [&](int32_t edge, int32_t i) {

@@ -102,10 +102,10 @@ public:
     /// values follow the `fftOutSize` values (the band edges read past the end).
     const float* rawFFTData() const { return mRAWFFTData; }
     /// Ring slot that the next interval will use (0..15).
-    int32_t aktBuforFFTOutData() const { return mAktBuforFFTOutData; }
+    int32_t currentResultSlot() const { return mCurrentResultSlot; }
     /// Start of display slot `slot` (0..15).
     const float* displaySlot(int32_t slot) const {
-        return mBuforyFFTOutData.data() + static_cast<size_t>(slot) * kSlotSize;
+        return mFftResultSlots.data() + static_cast<size_t>(slot) * kSlotSize;
     }
 
     /// Per band, indexed by band number (`octaveRTAMinIndex` .. `octaveRTAMaxIndex`).
@@ -137,14 +137,14 @@ private:
     const float* mFFTWindowData = nullptr;
     const float* mFFTOutData = nullptr;
     const float* mRAWFFTData = nullptr;
-    std::vector<float> mBuforyFFTOutData;
-    int32_t mAktBuforFFTOutData = 0;
+    std::vector<float> mFftResultSlots;
+    int32_t mCurrentResultSlot = 0;
     // Copies of the engine's buffers of the last interval (see addFFTdata).
     std::vector<float> mRawCopy;
     std::vector<float> mWindowCopy;
     /// Only with the EGG product: the filter and its ring of 16 output slots.
     std::unique_ptr<EGGFilter> eggFilter_;
-    std::vector<float> mBuforyEggOutData;
+    std::vector<float> mEggResultSlots;
     const float* mEGGOutData = nullptr;
     ClosedQuotientResult mCQ;
     std::array<float, kBands> mNewOctaveRTAValues{};

@@ -3,8 +3,8 @@
 #include "core/AnalyzerDefaults.h"
 #include "render/DeviceClass.h"
 #include "render/LevelMeterView.h"
-#include "render/TQGLScrollView.h"
-#include "render/TQTexture.h"
+#include "render/GLScrollView.h"
+#include "render/GLTexture.h"
 
 #include <QOpenGLContext>
 #include <QPainter>
@@ -36,13 +36,13 @@ QFont ChartFrameView::titleFont(bool pad) {
 }
 
 ChartFrameView::ChartFrameView(AnalyzerDefaults& defaults, bool meterOnTheRight, QWidget* parent)
-    : TQGLView(parent), mDefaults(defaults), meterOnTheRight_(meterOnTheRight) {}
+    : GLView(parent), mDefaults(defaults), meterOnTheRight_(meterOnTheRight) {}
 
-void ChartFrameView::placeInnerView(TQGLScrollView* inner) {
+void ChartFrameView::placeInnerView(GLScrollView* inner) {
     inner_ = inner;
     levelMeterView_ = new LevelMeterView(this, mDefaults.features());
     levelMeterView_->setOnTheRight(meterOnTheRight_);
-    fullScreenMargines_ = pad() ? QSize(80, 54) : QSize(66, 46);
+    fullScreenMargins_ = pad() ? QSize(80, 54) : QSize(66, 46);
 }
 
 void ChartFrameView::releaseGLResourcesNow() {
@@ -76,7 +76,7 @@ void ChartFrameView::setFullScreen(bool on) {
     inner_->setFullScreen(on);
     levelMeterView_->setFullScreen(on);
     updateConstraints();
-    TQGLView::setNeedsDisplayWithSubviews();
+    GLView::setNeedsDisplayWithSubviews();
 }
 
 QRect ChartFrameView::chartRect() const {
@@ -86,10 +86,10 @@ QRect ChartFrameView::chartRect() const {
     const LevelMeterView::Metrics& m = LevelMeterView::metrics(pad());
     const int meterWidth = meterOn ? m.meterWidth : m.widthWhenOff;
     const int top = pad() ? kTopMarginPad : kTopMarginPhone;
-    const int left = fullScreenMargines_.width() + (meterOnTheRight_ ? 0 : meterWidth);
+    const int left = fullScreenMargins_.width() + (meterOnTheRight_ ? 0 : meterWidth);
     const int right = meterOnTheRight_ ? meterWidth : kRightMargin;
     return {left, top, std::max(1, width() - left - right),
-            std::max(1, height() - top - fullScreenMargines_.height())};
+            std::max(1, height() - top - fullScreenMargins_.height())};
 }
 
 void ChartFrameView::updateConstraints() {
@@ -107,7 +107,7 @@ void ChartFrameView::updateConstraints() {
 }
 
 void ChartFrameView::resizeEvent(QResizeEvent* event) {
-    TQGLView::resizeEvent(event);
+    GLView::resizeEvent(event);
     updateConstraints();
 }
 
@@ -120,19 +120,19 @@ QRectF ChartFrameView::chartUnitRect() const {
     return {r.x() / w, (h - (r.y() + r.height())) / h, r.width() / w, r.height() / h};
 }
 
-void ChartFrameView::drawTitles(const TQTexture* xTitle, const TQTexture* yTitle) {
+void ChartFrameView::drawTitles(const GLTexture* xTitle, const GLTexture* yTitle) {
     const QRectF chart = chartUnitRect();
     const double w = std::max(1, width());
     const double h = std::max(1, height());
     const QSizeF frame(w, h);
     const double scale = DeviceClass::contentScaleFactor(this);
-    effect()->rysujTextTexture(xTitle, QPointF(chart.center().x(), 2.0 / h), 1.0f, 4, frame,
+    effect()->drawTextTexture(xTitle, QPointF(chart.center().x(), 2.0 / h), 1.0f, 4, frame,
                                QRectF());
     if (yTitle != nullptr) {
         const double meter =
             !meterOnTheRight_ && levelMeterView_->isVisible() ? levelMeterView_->width() : 0;
         const double across = (meter + yTitle->height() / scale + 2.0) / w;
-        effect()->rysujTextTexture(yTitle, QPointF(across, chart.center().y()), 1.0f, 5, frame,
+        effect()->drawTextTexture(yTitle, QPointF(across, chart.center().y()), 1.0f, 5, frame,
                                    QRectF());
     }
 }

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "render/TQGLView.h"
+#include "render/GLView.h"
 
 #include <QColor>
 #include <QFont>
@@ -15,8 +15,8 @@ namespace widmo {
 
 class AnalyzerDefaults;
 class LevelMeterView;
-class TQGLScrollView;
-class TQTexture;
+class GLScrollView;
+class GLTexture;
 
 /// What the second chart (`ChartView`) and the spectrogram (`SpectrogramView`)
 /// share as the main screen places them: an inner scroll view with axis labels
@@ -26,7 +26,7 @@ class TQTexture;
 /// textures and draws the labels.
 ///
 /// Threading: main thread only.
-class ChartFrameView : public TQGLView {
+class ChartFrameView : public GLView {
     Q_OBJECT
 public:
     LevelMeterView* levelMeterView() const { return levelMeterView_; }
@@ -38,7 +38,7 @@ public:
     /// The inner view's rectangle inside this view (points).
     QRect chartRect() const;
     /// Margins kept for the labels at the left and at the bottom in full screen.
-    QSize fullScreenMargines() const { return fullScreenMargines_; }
+    QSize fullScreenMargins() const { return fullScreenMargins_; }
 
 protected:
     /// `defaults` must outlive the view; its product switches decide the meter,
@@ -46,7 +46,7 @@ protected:
     ChartFrameView(AnalyzerDefaults& defaults, bool meterOnTheRight, QWidget* parent);
     /// Makes the level meter beside `inner`, the child scroll view the derived
     /// constructor has just made; once, before the first `setFullScreen`.
-    void placeInnerView(TQGLScrollView* inner);
+    void placeInnerView(GLScrollView* inner);
     /// Releases the GL resources of the derived class; its destructor calls
     /// this, as the base destructor can no longer reach `releaseGLResources`.
     void releaseGLResourcesNow();
@@ -63,7 +63,7 @@ protected:
     QRectF chartUnitRect() const;
     /// The x title centred at the bottom edge; the y title turned to read
     /// upwards at the left edge, right of a meter standing there.
-    void drawTitles(const TQTexture* xTitle, const TQTexture* yTitle);
+    void drawTitles(const GLTexture* xTitle, const GLTexture* yTitle);
     /// This view with the inner view and the visible meter painted in (ARGB32,
     /// device pixels); a null image before the view has a size or without OpenGL.
     QImage composedImage();
@@ -86,9 +86,9 @@ protected:
 private:
     void updateConstraints();
 
-    TQGLScrollView* inner_ = nullptr;
+    GLScrollView* inner_ = nullptr;
     const bool meterOnTheRight_;
-    QSize fullScreenMargines_;
+    QSize fullScreenMargins_;
 };
 
 } // namespace widmo

@@ -149,7 +149,7 @@ int32_t ChartGeometry::columnSpans(const float* xy, int32_t count, const PixelGr
     return written;
 }
 
-void ChartGeometry::osciloscopePoints(const float* samples, int32_t count, float gain,
+void ChartGeometry::oscilloscopePoints(const float* samples, int32_t count, float gain,
                                       const AffineTransform& t, float* xy) {
     if (count < 1)
         return;
@@ -201,7 +201,7 @@ void ChartGeometry::spectrumGrid(bool linearFrequency, bool valuesInDB, double m
         horizontalLine(k * yStep, 1.0f, out);
 }
 
-void ChartGeometry::osciloscopeGrid(int32_t fftSize, std::vector<GridLine>& out) {
+void ChartGeometry::oscilloscopeGrid(int32_t fftSize, std::vector<GridLine>& out) {
     out.clear();
     const double shift = fftSize > 0 ? 1.0 / fftSize : 0.0;
     for (int k = 1; k <= 31; ++k)
@@ -277,7 +277,7 @@ MeasurePosition ChartGeometry::measureOctaveRTA(double x, int32_t minIndex, int3
     return m;
 }
 
-MeasurePosition ChartGeometry::measureOsciloscope(double x, int32_t fftSize) {
+MeasurePosition ChartGeometry::measureOscilloscope(double x, int32_t fftSize) {
     MeasurePosition m;
     if (fftSize < 1)
         return m;

@@ -68,7 +68,7 @@ public:
                                bool linearFrequency, bool valuesInDB, float gain,
                                const AffineTransform& transform, float* xy);
     /// Oscilloscope trace: x = i / count, y = 0.5 + 0.5 · gain · sample.
-    static void osciloscopePoints(const float* samples, int32_t count, float gain,
+    static void oscilloscopePoints(const float* samples, int32_t count, float gain,
                                   const AffineTransform& transform, float* xy);
     /// Normalised glottal cycle (values 0..1) in the middle 70 % of the height:
     /// x = k / count, y = 0.7 · value + 0.15.
@@ -86,7 +86,7 @@ public:
                              std::vector<GridLine>& out);
     /// Oscilloscope grid: 31 vertical lines at k/32 - 1/fftSize (even k wider),
     /// 19 horizontal at 0.05 steps (the zero line wider).
-    static void osciloscopeGrid(int32_t fftSize, std::vector<GridLine>& out);
+    static void oscilloscopeGrid(int32_t fftSize, std::vector<GridLine>& out);
     /// RTA grid: vertical lines at band centres (all bands with 1 or 3 bands per
     /// octave, every second with 6, every fourth with 12, none otherwise; wider
     /// at whole octaves); horizontal lines every 8 dB.
@@ -101,7 +101,7 @@ public:
     static MeasurePosition measureOctaveRTA(double x, int32_t minIndex, int32_t maxIndex,
                                             const float* bandFrequencies);
     /// Snaps to the nearest window sample; `index` counts from 0.
-    static MeasurePosition measureOsciloscope(double x, int32_t fftSize);
+    static MeasurePosition measureOscilloscope(double x, int32_t fftSize);
 
     /// Largest zoom of the chart view per axis (before the view's raise to 2):
     /// horizontal L / 3.5 on a tablet, L / 3 on a phone, with L by chart type

@@ -18,7 +18,7 @@ template <typename... Args> QString cformat(const char* format, Args... args) {
 } // namespace
 
 const char* const ChartLabels::kTitleFrequencyLinear = "Frequency (kHz)";
-const char* const ChartLabels::kTitleFrequencyLogaritmic = "Frequency (Hz)";
+const char* const ChartLabels::kTitleFrequencyLogarithmic = "Frequency (Hz)";
 const char* const ChartLabels::kTitleValuesInDB = "SPL (dBFS)";
 const char* const ChartLabels::kTitleAmplitude = "Amplitude (1.0 = max)";
 const char* const ChartLabels::kTitleRMSSPL = "RMS (dBFS)";
@@ -39,17 +39,17 @@ QStringList ChartLabels::linearGainLabels(float gainDB) {
     return labels;
 }
 
-QStringList ChartLabels::osciloscopeAmplitudeLabels(float gainDB, bool negative) {
+QStringList ChartLabels::oscilloscopeAmplitudeLabels(float gainDB, bool negative) {
     const double g = std::pow(10.0, gainDB / 20.0);
     QStringList labels;
-    for (int k = 0; k < kOsciloscopeAmplitudeLabelsCount; ++k)
+    for (int k = 0; k < kOscilloscopeAmplitudeLabelsCount; ++k)
         labels << cformat(negative ? "-%.4f" : "%.4f", (k / 10.0) / g);
     return labels;
 }
 
-QStringList ChartLabels::osciloscopePointsLabels(int32_t fftSize) {
+QStringList ChartLabels::oscilloscopePointsLabels(int32_t fftSize) {
     QStringList labels;
-    for (int k = 0; k < kOsciloscopePointsLabelsCount; ++k)
+    for (int k = 0; k < kOscilloscopePointsLabelsCount; ++k)
         labels << QString::number(k == 0 ? 1 : static_cast<int64_t>(k) * fftSize / 32);
     return labels;
 }
@@ -95,12 +95,12 @@ QStringList ChartLabels::octaveRTALabels() {
 }
 
 bool GainLabelDebounce::refresh(float gainDB) {
-    if (gainDB < mMemWzmocnienieDB || gainDB > mMemWzmocnienieDB)
-        ++mRefreshCounterWzmocnienieDB;
-    if (mRefreshCounterWzmocnienieDB < kRefreshes)
+    if (gainDB < mLastGainDB || gainDB > mLastGainDB)
+        ++mRefreshCounter;
+    if (mRefreshCounter < kRefreshes)
         return false;
-    mMemWzmocnienieDB = gainDB;
-    mRefreshCounterWzmocnienieDB = 0;
+    mLastGainDB = gainDB;
+    mRefreshCounter = 0;
     return true;
 }
 

@@ -18,12 +18,12 @@ public:
 
     static constexpr int32_t kDBLabelsCount = 19;
     static constexpr int32_t kLinearGainLabelsCount = 21;
-    static constexpr int32_t kOsciloscopeAmplitudeLabelsCount = 11;
-    static constexpr int32_t kOsciloscopePointsLabelsCount = 33;
+    static constexpr int32_t kOscilloscopeAmplitudeLabelsCount = 11;
+    static constexpr int32_t kOscilloscopePointsLabelsCount = 33;
     static constexpr int32_t kOctaveRTALabelsCount = 14;
 
     static const char* const kTitleFrequencyLinear;     ///< "Frequency (kHz)"
-    static const char* const kTitleFrequencyLogaritmic; ///< "Frequency (Hz)"
+    static const char* const kTitleFrequencyLogarithmic; ///< "Frequency (Hz)"
     static const char* const kTitleValuesInDB;          ///< "SPL (dBFS)"
     static const char* const kTitleAmplitude;           ///< "Amplitude (1.0 = max)"
     static const char* const kTitleRMSSPL;              ///< "RMS (dBFS)"
@@ -37,10 +37,10 @@ public:
     static QStringList linearGainLabels(float gainDB);
     /// Oscilloscope amplitudes at heights 0.5 ± 0.05 k (k = 0..10):
     /// (k / 10) / 10^(gainDB / 20), with a leading "-" for the negative side.
-    static QStringList osciloscopeAmplitudeLabels(float gainDB, bool negative);
+    static QStringList oscilloscopeAmplitudeLabels(float gainDB, bool negative);
     /// Sample numbers at x = k / 32: k · fftSize / 32, except 1 at k = 0
     /// (samples are counted from 1).
-    static QStringList osciloscopePointsLabels(int32_t fftSize);
+    static QStringList oscilloscopePointsLabels(int32_t fftSize);
     /// Label k of the linear frequency axis (k · `minValue` Hz, shown in kHz:
     /// one decimal when `minValue` is below 1000 Hz, else whole kHz and two blanks).
     static QString linearFrequencyLabel(int32_t k, float minValue);
@@ -66,22 +66,22 @@ public:
     static constexpr int32_t kRefreshes = 21;
 
     /// `gainDB` is the gain the current labels were made for.
-    explicit GainLabelDebounce(float gainDB = 0.0f) : mMemWzmocnienieDB(gainDB) {}
+    explicit GainLabelDebounce(float gainDB = 0.0f) : mLastGainDB(gainDB) {}
 
     /// One refresh with the current gain: true when the labels must be made
     /// again now (the gain is then remembered and the count starts over).
     bool refresh(float gainDB);
     /// The labels were made for `gainDB` outside the debounce.
     void reset(float gainDB) {
-        mMemWzmocnienieDB = gainDB;
-        mRefreshCounterWzmocnienieDB = 0;
+        mLastGainDB = gainDB;
+        mRefreshCounter = 0;
     }
-    float memWzmocnienieDB() const { return mMemWzmocnienieDB; }
-    int32_t refreshCounter() const { return mRefreshCounterWzmocnienieDB; }
+    float lastGainDB() const { return mLastGainDB; }
+    int32_t refreshCounter() const { return mRefreshCounter; }
 
 private:
-    float mMemWzmocnienieDB;
-    int32_t mRefreshCounterWzmocnienieDB = 0;
+    float mLastGainDB;
+    int32_t mRefreshCounter = 0;
 };
 
 } // namespace widmo

@@ -30,7 +30,7 @@ double gainFactor(float gainDB) { return std::pow(10.0, gainDB / 20.0); }
 } // namespace
 
 ChartScrollView::ChartScrollView(AnalyzerDefaults& defaults, ChartView* chartView, QWidget* parent)
-    : TQGLScrollView(parent), mDefaults(defaults), data_(defaults),
+    : GLScrollView(parent), mDefaults(defaults), data_(defaults),
       mPointsOfChart(2 * static_cast<size_t>(ChartData::kMaxWindowSize), 0.0f),
       chartView_(chartView) {
     mGrid.reserve(128);
@@ -86,7 +86,7 @@ void ChartScrollView::setAnalyzerRunning(bool running) {
 }
 
 bool ChartScrollView::isRefreshNeeded() const {
-    return TQGLScrollView::isRefreshNeeded() || (analyzerRunning_ && typeOfChart() == 2);
+    return GLScrollView::isRefreshNeeded() || (analyzerRunning_ && typeOfChart() == 2);
 }
 
 void ChartScrollView::clearData() {
@@ -95,15 +95,15 @@ void ChartScrollView::clearData() {
         if (meter != nullptr)
             meter->setLevelDB(ChartData::kFloorDB);
     setMeasuringActivated(false);
-    if (TQGLScrollView* partner = scrollViewDelegate()) {
+    if (GLScrollView* partner = scrollViewDelegate()) {
         partner->setMeasuringActivated(false);
         partner->setNeedsDisplay();
     }
     setNeedsDisplay();
 }
 
-void ChartScrollView::setScrollViewDelegate(TQGLScrollViewInterface* partner) {
-    TQGLScrollView::setScrollViewDelegate(dynamic_cast<TQGLScrollView*>(partner));
+void ChartScrollView::setScrollViewDelegate(ScrollViewInterface* partner) {
+    GLScrollView::setScrollViewDelegate(dynamic_cast<GLScrollView*>(partner));
 }
 
 double ChartScrollView::getValueForParameters(const QVariant& parameters) {
@@ -124,7 +124,7 @@ QPointF ChartScrollView::recalculateMeasuringActualPosition(QPointF position) {
     switch (typeOfChart()) {
     case 1: {
         const MeasurePosition m =
-            ChartGeometry::measureOsciloscope(position.x(), mDefaults.fftSize());
+            ChartGeometry::measureOscilloscope(position.x(), mDefaults.fftSize());
         mMeasurePointId = m.index;
         setValueText(Label1, QString::asprintf("%d", m.index + 1));
         return {m.position, position.y()};
@@ -132,7 +132,7 @@ QPointF ChartScrollView::recalculateMeasuringActualPosition(QPointF position) {
     case 2: {
         const MeasurePosition m = ChartGeometry::measureOctaveRTA(
             position.x(), mDefaults.octaveRTAMinIndex(), mDefaults.octaveRTAMaxIndex(),
-            mDefaults.octaveRTAFequencies());
+            mDefaults.octaveRTAFrequencies());
         mMeasureIdFrequency = m.index;
         mMeasureFrequency = static_cast<float>(m.frequency);
         setValueText(Label1, QString::asprintf("%.1f Hz", m.frequency));
@@ -175,22 +175,22 @@ void ChartScrollView::updateMeasuringActualPositionWith(double frequency) {
     setMeasuringActualPosition(QPointF(x, measuringActualPosition().y()));
 }
 
-void ChartScrollView::changeMeasuringTypeOpisy() {
+void ChartScrollView::refreshMeasuringLabels() {
     const int32_t type = typeOfChart();
-    if (TQGLScrollView* partner = scrollViewDelegate(); partner && partner->measuringActivated()) {
+    if (GLScrollView* partner = scrollViewDelegate(); partner && partner->measuringActivated()) {
         if (type == 1)
             setMeasuringActivated(false);
         updateMeasuringActualPositionWith(partner->getValueForKey("measureFrequency"));
         measuringActualPositionDidChanged();
     }
     const auto title = [&](MeasureLabel label, const char* text) {
-        opisLabels_[label]->setText(QString::fromLatin1(text));
+        titleLabels_[label]->setText(QString::fromLatin1(text));
     };
     title(Label1, type == 1 ? "Sample" : "Frequency");
     title(Label3, type == 1 ? "Amplitude" : (type == 2 ? "RMS" : "SPL"));
     const bool spectrogram = mDefaults.features().featureSpectrogramEnabled();
     const auto showRow = [&](MeasureLabel label, bool on) {
-        opisLabels_[label]->setVisible(on);
+        titleLabels_[label]->setVisible(on);
         valueLabels_[label]->setVisible(on);
     };
     showRow(Label1B, type != 1);
@@ -218,7 +218,7 @@ QString ChartScrollView::infoMeasureText() const {
     return text;
 }
 
-QString ChartScrollView::titleText(MeasureLabel label) const { return opisLabels_[label]->text(); }
+QString ChartScrollView::titleText(MeasureLabel label) const { return titleLabels_[label]->text(); }
 
 QString ChartScrollView::valueText(MeasureLabel label) const { return valueLabels_[label]->text(); }
 
@@ -229,12 +229,12 @@ void ChartScrollView::setValueText(MeasureLabel label, const QString& text) {
 }
 
 double ChartScrollView::spectrogramTime() const {
-    TQGLScrollView* partner = scrollViewDelegate();
+    GLScrollView* partner = scrollViewDelegate();
     return partner != nullptr ? partner->getValueForKey(QStringLiteral("time")) : 0.0;
 }
 
 QString ChartScrollView::spectrogramTimeText() const {
-    TQGLScrollView* partner = scrollViewDelegate();
+    GLScrollView* partner = scrollViewDelegate();
     if (partner == nullptr || !partner->measuringActivated())
         return {};
     return QString::asprintf("-%.3f s", spectrogramTime());
@@ -260,18 +260,18 @@ void ChartScrollView::prepareMeasuringWindow() {
                                      metrics.horizontalAdvance(QStringLiteral("-999 dB")),
                                      metrics.horizontalAdvance(QStringLiteral("C#10 -00.0c"))});
     for (int i = 0; i < kLabelCount; ++i) {
-        opisLabels_[static_cast<size_t>(i)] = new QLabel(QString::fromLatin1(kTitles[i]));
-        opisLabels_[static_cast<size_t>(i)]->setFont(font);
+        titleLabels_[static_cast<size_t>(i)] = new QLabel(QString::fromLatin1(kTitles[i]));
+        titleLabels_[static_cast<size_t>(i)]->setFont(font);
         valueLabels_[static_cast<size_t>(i)] = new QLabel;
         valueLabels_[static_cast<size_t>(i)]->setFont(bold);
         valueLabels_[static_cast<size_t>(i)]->setMinimumWidth(valueWidth);
         valueLabels_[static_cast<size_t>(i)]->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
-        grid->addWidget(opisLabels_[static_cast<size_t>(i)], i, 0);
+        grid->addWidget(titleLabels_[static_cast<size_t>(i)], i, 0);
         grid->addWidget(valueLabels_[static_cast<size_t>(i)], i, 1);
     }
     measuringPanel_->hide();
     setMeasuringView(measuringPanel_);
-    changeMeasuringTypeOpisy();
+    refreshMeasuringLabels();
 }
 
 void ChartScrollView::setupMeasuringViewConstraints() {
@@ -285,7 +285,7 @@ void ChartScrollView::setupMeasuringViewConstraints() {
 // --- Drawing --------------------------------------------------------------------------
 
 void ChartScrollView::drawGLRect(const QRectF& rect) {
-    TQGLEffect* e = effect();
+    GLPainter* e = effect();
     if (e == nullptr)
         return;
     if (viewSize_ != rect.size()) {
@@ -318,7 +318,7 @@ void ChartScrollView::drawPoints() {
         if (mDefaults.features().featureVoiceEGG())
             drawEGGPoints();
         else
-            drawOsciloscopePoints();
+            drawOscilloscopePoints();
         break;
     case 2:
         if (mDefaults.octaveRTAValid())
@@ -342,11 +342,11 @@ void ChartScrollView::drawLineStrip(int32_t count) {
     columnSpans_.resize(4 * static_cast<size_t>(grid.columns));
     const int32_t vertices =
         ChartGeometry::columnSpans(mPointsOfChart.data(), count, grid, columnSpans_.data());
-    effect()->rysujLinie(columnSpans_.data(), vertices);
+    effect()->drawLines(columnSpans_.data(), vertices);
 }
 
 void ChartScrollView::drawGrid() {
-    TQGLEffect* e = effect();
+    GLPainter* e = effect();
     const AffineTransform& t = actualContentTransform();
     e->prepareToDrawWithConstantColor(kGridGrey, kGridGrey, kGridGrey, 1.0f);
     // One draw per run of lines of one width: a draw call costs more than a line.
@@ -361,15 +361,15 @@ void ChartScrollView::drawGrid() {
                              mGrid[k + 1].width < line.width;
         if (runEnds) {
             gl()->glLineWidth(line.width);
-            e->rysujLinie(gridVertices_.data(), static_cast<int>(gridVertices_.size() / 2));
+            e->drawLines(gridVertices_.data(), static_cast<int>(gridVertices_.size() / 2));
             gridVertices_.clear();
         }
     }
     gl()->glLineWidth(1.0f);
 }
 
-void ChartScrollView::rysujSpectrumGrid() {
-    const int32_t step = chartView_ != nullptr ? chartView_->skokWyswietlaniaCzestotliwoscLiniowa()
+void ChartScrollView::drawSpectrumGrid() {
+    const int32_t step = chartView_ != nullptr ? chartView_->linearFrequencyLabelStep()
                                                : mDefaults.spectrumFrequencyTexturesCount();
     ChartGeometry::spectrumGrid(
         mDefaults.linearFrequency(), mDefaults.valuesInDB(), mDefaults.maxFrequency(),
@@ -379,12 +379,12 @@ void ChartScrollView::rysujSpectrumGrid() {
     drawGrid();
 }
 
-void ChartScrollView::rysujOsciloscopeGrid() {
-    ChartGeometry::osciloscopeGrid(mDefaults.fftSize(), mGrid);
+void ChartScrollView::drawOscilloscopeGrid() {
+    ChartGeometry::oscilloscopeGrid(mDefaults.fftSize(), mGrid);
     drawGrid();
 }
 
-void ChartScrollView::rysujOctaveRTAGrid() {
+void ChartScrollView::drawOctaveRTAGrid() {
     ChartGeometry::octaveRTAGrid(mDefaults.octaveRTABandsPerOctave(), mDefaults.octaveRTAMinIndex(),
                                  mDefaults.octaveRTAMaxIndex(), mGrid);
     drawGrid();
@@ -393,40 +393,40 @@ void ChartScrollView::rysujOctaveRTAGrid() {
 void ChartScrollView::drawSpectrumPoints() {
     // In the small picture-in-picture size the curve stands alone.
     if (fullScreen())
-        rysujSpectrumGrid();
+        drawSpectrumGrid();
     const float* out = data_.fftOutData();
     const int32_t n = std::min(mDefaults.fftOutSize(), ChartData::kSlotSize);
     if (out != nullptr && n >= 2) {
         ChartGeometry::spectrumPoints(
             out, n, mDefaults.logPoints(), mDefaults.linearFrequency(), mDefaults.valuesInDB(),
-            static_cast<float>(gainFactor(mDefaults.spectrumWzmocnienieDB())),
+            static_cast<float>(gainFactor(mDefaults.spectrumGainDB())),
             actualContentTransform(), mPointsOfChart.data());
         effect()->prepareToDrawWithConstantColor(0.0f, 1.0f, 0.0f, 1.0f);
         gl()->glLineWidth(1.0f);
         drawLineStrip(n);
     }
     if (measuringActivated())
-        rysujMeasureLinesSpectrum();
+        drawMeasureLinesSpectrum();
 }
 
-void ChartScrollView::drawOsciloscopePoints() {
-    rysujOsciloscopeGrid();
+void ChartScrollView::drawOscilloscopePoints() {
+    drawOscilloscopeGrid();
     const float* samples = data_.fftWindowData();
     const int32_t n = std::min(mDefaults.fftSize(), ChartData::kMaxWindowSize);
     if (samples != nullptr && n >= 2) {
-        ChartGeometry::osciloscopePoints(
-            samples, n, static_cast<float>(gainFactor(mDefaults.osciloscopeWzmocnienieDB())),
+        ChartGeometry::oscilloscopePoints(
+            samples, n, static_cast<float>(gainFactor(mDefaults.oscilloscopeGainDB())),
             actualContentTransform(), mPointsOfChart.data());
         effect()->prepareToDrawWithConstantColor(0.0f, 1.0f, 0.0f, 1.0f);
         gl()->glLineWidth(1.0f);
         drawLineStrip(n);
     }
     if (measuringActivated())
-        rysujMeasureLinesOsciloscope();
+        drawMeasureLinesOscilloscope();
 }
 
 void ChartScrollView::drawEGGPoints() {
-    rysujOsciloscopeGrid();
+    drawOscilloscopeGrid();
     const float* cycle = data_.eggOutData();
     const int32_t n = std::min(mDefaults.fftSize(), ChartData::kEggSlotSize) / 4;
     if (cycle != nullptr && n >= 1) {
@@ -436,14 +436,14 @@ void ChartScrollView::drawEGGPoints() {
         drawLineStrip(n);
     }
     if (measuringActivated())
-        rysujMeasureLinesOsciloscope();
+        drawMeasureLinesOscilloscope();
 }
 
 void ChartScrollView::drawOctaveRTAPoints() {
-    rysujOctaveRTAGrid();
+    drawOctaveRTAGrid();
     if (data_.fftOutData() == nullptr) {
         if (measuringActivated())
-            rysujMeasureLinesOctaveRTA();
+            drawMeasureLinesOctaveRTA();
         return;
     }
     data_.updateOctaveRTA(analyzerRunning_, timeSinceLastDraw());
@@ -465,9 +465,9 @@ void ChartScrollView::drawOctaveRTAPoints() {
         const auto& minima = data_.octaveRTAMinValues();
         const auto& maxima = data_.octaveRTAMaxValues();
         const AffineTransform& t = actualContentTransform();
-        TQGLEffect* e = effect();
+        GLPainter* e = effect();
         const auto bar = [&](double x0, double y0, double x1, double y1) {
-            e->rysujRectanglePoint1(t.map(QPointF(x0, y0)), t.map(QPointF(x1, y1)));
+            e->drawRectangle(t.map(QPointF(x0, y0)), t.map(QPointF(x1, y1)));
         };
 
         gl()->glEnable(GL_BLEND);
@@ -496,21 +496,21 @@ void ChartScrollView::drawOctaveRTAPoints() {
         gl()->glDisable(GL_BLEND);
     }
     if (measuringActivated())
-        rysujMeasureLinesOctaveRTA();
+        drawMeasureLinesOctaveRTA();
 }
 
-void ChartScrollView::rysujMeasureLines(double position, double levelY) {
-    TQGLEffect* e = effect();
+void ChartScrollView::drawMeasureLines(double position, double levelY) {
+    GLPainter* e = effect();
     const AffineTransform& t = actualContentTransform();
     gl()->glLineWidth(2.0f);
     e->prepareToDrawWithConstantColor(0.8f, 0.3f, 0.3f, 1.0f);
-    e->rysujLiniePoint1(t.map(QPointF(0.0, levelY)), t.map(QPointF(1.0, levelY)));
+    e->drawLine(t.map(QPointF(0.0, levelY)), t.map(QPointF(1.0, levelY)));
     e->prepareToDrawWithConstantColor(1.0f, 1.0f, 1.0f, 1.0f);
-    e->rysujLiniePoint1(t.map(QPointF(position, 0.0)), t.map(QPointF(position, 1.0)));
+    e->drawLine(t.map(QPointF(position, 0.0)), t.map(QPointF(position, 1.0)));
     gl()->glLineWidth(1.0f);
 }
 
-void ChartScrollView::rysujMeasureLinesSpectrum() {
+void ChartScrollView::drawMeasureLinesSpectrum() {
     const float* out = data_.fftOutData();
     const int32_t n = mDefaults.fftOutSize();
     double levelY = kNoLevelY;
@@ -521,17 +521,17 @@ void ChartScrollView::rysujMeasureLinesSpectrum() {
             setValueText(Label3, QString::asprintf("%.1f dB", static_cast<double>(v)));
         } else {
             // The line follows the displayed (gained) curve, the label the raw value.
-            levelY = gainFactor(mDefaults.spectrumWzmocnienieDB()) * v;
+            levelY = gainFactor(mDefaults.spectrumGainDB()) * v;
             setValueText(Label3, QString::asprintf("%.4f", static_cast<double>(v)));
         }
     } else {
         setValueText(Label3, QString());
     }
     setValueText(Label2, spectrogramTimeText());
-    rysujMeasureLines(measuringActualPosition().x(), levelY);
+    drawMeasureLines(measuringActualPosition().x(), levelY);
 }
 
-void ChartScrollView::rysujMeasureLinesOctaveRTA() {
+void ChartScrollView::drawMeasureLinesOctaveRTA() {
     double levelY = kNoLevelY;
     const int32_t band = mMeasureIdFrequency;
     if (data_.fftOutData() != nullptr && band >= 0 && band < ChartData::kBands) {
@@ -549,17 +549,17 @@ void ChartScrollView::rysujMeasureLinesOctaveRTA() {
         setValueText(Label5, QString());
     }
     setValueText(Label2, spectrogramTimeText());
-    rysujMeasureLines(measuringActualPosition().x(), levelY);
+    drawMeasureLines(measuringActualPosition().x(), levelY);
 }
 
-void ChartScrollView::rysujMeasureLinesOsciloscope() {
+void ChartScrollView::drawMeasureLinesOscilloscope() {
     const float* samples = data_.fftWindowData();
     const int32_t fftSize = mDefaults.fftSize();
     const int32_t point = std::clamp(mMeasurePointId, 0, std::max(0, fftSize - 1));
     double levelY = kNoLevelY;
     if (samples != nullptr && fftSize >= 1) {
         const float sample = samples[point];
-        levelY = 0.5 + 0.5 * gainFactor(mDefaults.osciloscopeWzmocnienieDB()) * sample;
+        levelY = 0.5 + 0.5 * gainFactor(mDefaults.oscilloscopeGainDB()) * sample;
         setValueText(Label3, QString::asprintf("%.4f", static_cast<double>(sample)));
     } else {
         setValueText(Label3, QStringLiteral("-"));
@@ -574,19 +574,19 @@ void ChartScrollView::rysujMeasureLinesOsciloscope() {
     const auto us = static_cast<int>(std::trunc(rest * 1000000.0)) % 1000;
     setValueText(Label2, QString::asprintf("-%.2ds%.3dms%.3d", seconds, ms, us));
     if (!mDefaults.features().featureVoiceEGG()) {
-        rysujMeasureLines(measuringActualPosition().x(), levelY);
+        drawMeasureLines(measuringActualPosition().x(), levelY);
         return;
     }
     // The EGG product marks the cycle's three crossing points instead.
     const double points = std::max(1, fftSize / 4);
     const ClosedQuotientResult& cq = data_.closedQuotientPoints();
     const AffineTransform& transform = actualContentTransform();
-    TQGLEffect* e = effect();
+    GLPainter* e = effect();
     gl()->glLineWidth(2.0f);
     e->prepareToDrawWithConstantColor(1.0f, 1.0f, 1.0f, 1.0f);
     for (const int32_t crossing : {cq.pkt1, cq.pkt2, cq.pkt3}) {
         const double x = crossing / points;
-        e->rysujLiniePoint1(transform.map(QPointF(x, 0.0)), transform.map(QPointF(x, 1.0)));
+        e->drawLine(transform.map(QPointF(x, 0.0)), transform.map(QPointF(x, 1.0)));
     }
     gl()->glLineWidth(1.0f);
 }

@@ -2,8 +2,8 @@
 
 #include "charts/ChartData.h"
 #include "charts/ChartGeometry.h"
-#include "engine/TQGLScrollViewInterface.h"
-#include "render/TQGLScrollView.h"
+#include "engine/ScrollViewInterface.h"
+#include "render/GLScrollView.h"
 
 #include <QString>
 
@@ -32,7 +32,7 @@ class LevelMeterView;
 /// full-screen state come from the owning `ChartView`.
 ///
 /// Threading: main thread only.
-class ChartScrollView : public TQGLScrollView, public TQGLScrollViewInterface {
+class ChartScrollView : public GLScrollView, public ScrollViewInterface {
     Q_OBJECT
 public:
     /// Measuring panel rows; 1B is the note name under the frequency.
@@ -69,12 +69,12 @@ public:
     /// nothing itself); not owned, may be null.
     void setSecondLevelMeterView(LevelMeterView* meter);
 
-    // TQGLScrollViewInterface (the engine and the spectrogram's partner view).
-    void zoomOut() override { TQGLScrollView::zoomOut(); }
-    bool measuringActivated() const override { return TQGLScrollView::measuringActivated(); }
-    void setMeasuringActivated(bool on) override { TQGLScrollView::setMeasuringActivated(on); }
-    void setScrollViewDelegate(TQGLScrollViewInterface* partner) override;
-    using TQGLScrollView::setScrollViewDelegate;
+    // ScrollViewInterface (the engine and the spectrogram's partner view).
+    void zoomOut() override { GLScrollView::zoomOut(); }
+    bool measuringActivated() const override { return GLScrollView::measuringActivated(); }
+    void setMeasuringActivated(bool on) override { GLScrollView::setMeasuringActivated(on); }
+    void setScrollViewDelegate(ScrollViewInterface* partner) override;
+    using GLScrollView::setScrollViewDelegate;
 
     /// With key "levelForFrequency" (Hz) in a map: the display-spectrum value at
     /// that frequency's bin. NaN without the key or without data.
@@ -85,7 +85,7 @@ public:
     /// Puts the cursor on `frequency` (Hz), as the spectrogram's cursor asks.
     void updateMeasuringActualPositionWith(double frequency);
     /// Retitles the panel for the current chart type.
-    void changeMeasuringTypeOpisy();
+    void refreshMeasuringLabels();
     /// The panel as one line: "Title : value" pairs separated by four blanks.
     QString infoMeasureText() const;
     /// Current panel texts (tests and the exported image).
@@ -105,20 +105,20 @@ private:
     bool pad() const;
     void drawPoints();
     void drawSpectrumPoints();
-    void drawOsciloscopePoints();
+    void drawOscilloscopePoints();
     void drawEGGPoints();
     void drawOctaveRTAPoints();
-    void rysujSpectrumGrid();
-    void rysujOsciloscopeGrid();
-    void rysujOctaveRTAGrid();
+    void drawSpectrumGrid();
+    void drawOscilloscopeGrid();
+    void drawOctaveRTAGrid();
     void drawGrid();
     /// The first `count` chart points as a one-pixel line, drawn as one
     /// vertical segment per pixel column of the frame.
     void drawLineStrip(int32_t count);
-    void rysujMeasureLinesSpectrum();
-    void rysujMeasureLinesOctaveRTA();
-    void rysujMeasureLinesOsciloscope();
-    void rysujMeasureLines(double position, double levelY);
+    void drawMeasureLinesSpectrum();
+    void drawMeasureLinesOctaveRTA();
+    void drawMeasureLinesOscilloscope();
+    void drawMeasureLines(double position, double levelY);
     void prepareMeasuringWindow();
     void setupMeasuringViewConstraints();
     void setValueText(MeasureLabel label, const QString& text);
@@ -143,7 +143,7 @@ private:
     bool analyzerRunning_ = false;
 
     QWidget* measuringPanel_ = nullptr;
-    std::array<QLabel*, kLabelCount> opisLabels_{};
+    std::array<QLabel*, kLabelCount> titleLabels_{};
     std::array<QLabel*, kLabelCount> valueLabels_{};
 };
 

@@ -5,7 +5,7 @@
 #include "core/AnalyzerDefaults.h"
 #include "render/DeviceClass.h"
 #include "render/LevelMeterView.h"
-#include "render/TQTexture.h"
+#include "render/GLTexture.h"
 
 #include <QFontMetrics>
 #include <QPainter>
@@ -21,8 +21,8 @@ const char* const ChartView::kProductName = "Widmo";
 const char* const ChartView::kWatermark = "real-time sound analyser";
 
 ChartView::ChartView(AnalyzerDefaults& defaults, QWidget* parent)
-    : ChartFrameView(defaults, true, parent), mSpectrumDebounce(defaults.spectrumWzmocnienieDB()),
-      mOsciloscopeDebounce(defaults.osciloscopeWzmocnienieDB()) {
+    : ChartFrameView(defaults, true, parent), mSpectrumDebounce(defaults.spectrumGainDB()),
+      mOscilloscopeDebounce(defaults.oscilloscopeGainDB()) {
     chartScrollView_ = new ChartScrollView(defaults, this, this);
     chartScrollView_->setDelegateRefresh(this);
     placeInnerView(chartScrollView_);
@@ -34,7 +34,7 @@ ChartView::ChartView(AnalyzerDefaults& defaults, QWidget* parent)
 
 ChartView::~ChartView() { releaseGLResourcesNow(); }
 
-TQGLScrollViewInterface* ChartView::chartScrollView() { return chartScrollView_; }
+ScrollViewInterface* ChartView::chartScrollView() { return chartScrollView_; }
 
 void ChartView::addFFTdata(const float* fftData, const float* fftWindowData,
                            const float* eggWindowData) {
@@ -86,7 +86,7 @@ void ChartView::resizeEvent(QResizeEvent* event) {
 AffineTransform& ChartView::rememberedTransform(int32_t type) {
     switch (type) {
     case 1:
-        return mOsciloscopeContentTransform;
+        return mOscilloscopeContentTransform;
     case 2:
         return mOctaveDBContentTransform;
     default:
@@ -99,7 +99,7 @@ void ChartView::setTypeOfChart(int32_t type) {
     typeOfChart_ = type;
     chartScrollView_->setActualContentTransform(rememberedTransform(type));
     calculateMaxZoomWithZoomOut(false);
-    chartScrollView_->changeMeasuringTypeOpisy();
+    chartScrollView_->refreshMeasuringLabels();
     setNeedsDisplayWithSubviews();
     chartScrollView_->setNeedsDisplay();
 }
@@ -113,14 +113,14 @@ void ChartView::calculateMaxZoomWithZoomOut(bool zoomOut) {
         chartScrollView_->zoomOut();
 }
 
-int32_t ChartView::skokWyswietlaniaCzestotliwoscLiniowa() const {
+int32_t ChartView::linearFrequencyLabelStep() const {
     const int32_t count = mDefaults.spectrumFrequencyTexturesCount();
-    if (!mMaxSizeLiniearFrequencyTexture || mMaxSizeLiniearFrequencyTexture->width() == 0)
+    if (!mWidestLinearFrequencyTexture || mWidestLinearFrequencyTexture->width() == 0)
         return std::max(1, count);
     const double scale = DeviceClass::contentScaleFactor(this);
     const double labelSize =
-        mMaxSizeLiniearFrequencyTexture->width() / scale / std::max(1, chartScrollView_->width());
-    return TQGLEffect::labelStep(labelSize, count, chartScrollView_->actualContentTransform().a,
+        mWidestLinearFrequencyTexture->width() / scale / std::max(1, chartScrollView_->width());
+    return GLPainter::labelStep(labelSize, count, chartScrollView_->actualContentTransform().a,
                                  true, pad());
 }
 
@@ -134,19 +134,19 @@ ChartView::TextureList ChartView::makeTextures(const QStringList& texts, const Q
     return list;
 }
 
-void ChartView::makeLinearWzmocnienieTextures() {
-    linearWzmocnienieTexts_ = ChartLabels::linearGainLabels(mDefaults.spectrumWzmocnienieDB());
-    mLinearWzmocnienieTextures = makeTextures(linearWzmocnienieTexts_, valueFont(pad()));
-    mSpectrumDebounce.reset(mDefaults.spectrumWzmocnienieDB());
+void ChartView::makeLinearGainTextures() {
+    linearGainTexts_ = ChartLabels::linearGainLabels(mDefaults.spectrumGainDB());
+    mLinearGainTextures = makeTextures(linearGainTexts_, valueFont(pad()));
+    mSpectrumDebounce.reset(mDefaults.spectrumGainDB());
 }
 
-void ChartView::makeOsciloscopeAmplitudeTextures() {
-    const float gain = mDefaults.osciloscopeWzmocnienieDB();
-    mOsciloscopeAmplitudePlusTextures =
-        makeTextures(ChartLabels::osciloscopeAmplitudeLabels(gain, false), valueFont(pad()));
-    mOsciloscopeAmplitudeMinusTextures =
-        makeTextures(ChartLabels::osciloscopeAmplitudeLabels(gain, true), valueFont(pad()));
-    mOsciloscopeDebounce.reset(gain);
+void ChartView::makeOscilloscopeAmplitudeTextures() {
+    const float gain = mDefaults.oscilloscopeGainDB();
+    mOscilloscopeAmplitudePlusTextures =
+        makeTextures(ChartLabels::oscilloscopeAmplitudeLabels(gain, false), valueFont(pad()));
+    mOscilloscopeAmplitudeMinusTextures =
+        makeTextures(ChartLabels::oscilloscopeAmplitudeLabels(gain, true), valueFont(pad()));
+    mOscilloscopeDebounce.reset(gain);
 }
 
 void ChartView::makeTexturesNow() {
@@ -156,18 +156,18 @@ void ChartView::makeTexturesNow() {
         return effect()->convertToTextureText(QString::fromLatin1(s), font, kLabelGrey);
     };
     mLegendFrequencyTextureLinear = text(ChartLabels::kTitleFrequencyLinear, title);
-    mLegendFrequencyTextureLogaritmic = text(ChartLabels::kTitleFrequencyLogaritmic, title);
+    mLegendFrequencyTextureLogarithmic = text(ChartLabels::kTitleFrequencyLogarithmic, title);
     mLegendValuesInDBTexture = text(ChartLabels::kTitleValuesInDB, title);
     mLegendAmplitudeTexture = text(ChartLabels::kTitleAmplitude, title);
     mLegendRMSSPLTexture = text(ChartLabels::kTitleRMSSPL, title);
     mLegendFFTWindowTexture = text(ChartLabels::kTitleFFTWindow, title);
 
-    mValuesInDBWzmocnienieTextures = makeTextures(ChartLabels::dbLabels(), value);
-    makeLinearWzmocnienieTextures();
-    makeOsciloscopeAmplitudeTextures();
-    mOsciloscopeFFTWindowPointsTextures =
-        makeTextures(ChartLabels::osciloscopePointsLabels(mDefaults.fftSize()), value);
-    mMaxSizeLiniearFrequencyTexture = effect()->convertToTextureText(
+    mDbGainTextures = makeTextures(ChartLabels::dbLabels(), value);
+    makeLinearGainTextures();
+    makeOscilloscopeAmplitudeTextures();
+    mOscilloscopeFFTWindowPointsTextures =
+        makeTextures(ChartLabels::oscilloscopePointsLabels(mDefaults.fftSize()), value);
+    mWidestLinearFrequencyTexture = effect()->convertToTextureText(
         ChartLabels::widestLinearFrequencyLabel(mDefaults.spectrumFrequencyTexturesCount(),
                                                 mDefaults.spectrumFrequencyTexturesMinValue()),
         value, kLabelGrey);
@@ -175,7 +175,7 @@ void ChartView::makeTexturesNow() {
     QStringList logTexts;
     for (int32_t f : logaritmicFrequencies_)
         logTexts << ChartLabels::logaritmicLabel(f);
-    mLogaritmicFrequencyTextures = makeTextures(logTexts, value);
+    mLogarithmicFrequencyTextures = makeTextures(logTexts, value);
     mOctaveRTATextures = makeTextures(ChartLabels::octaveRTALabels(), value);
     texturesPending_ = false;
 }
@@ -191,15 +191,15 @@ void ChartView::refreshTextures() {
     refreshQueued_ = false;
     if (!fullScreen_ || effect() == nullptr || texturesPending_)
         return;
-    const bool spectrum = mSpectrumDebounce.refresh(mDefaults.spectrumWzmocnienieDB());
-    const bool osciloscope = mOsciloscopeDebounce.refresh(mDefaults.osciloscopeWzmocnienieDB());
-    if (!spectrum && !osciloscope)
+    const bool spectrum = mSpectrumDebounce.refresh(mDefaults.spectrumGainDB());
+    const bool oscilloscopeChanged = mOscilloscopeDebounce.refresh(mDefaults.oscilloscopeGainDB());
+    if (!spectrum && !oscilloscopeChanged)
         return;
     makeCurrent();
     if (spectrum)
-        makeLinearWzmocnienieTextures();
-    if (osciloscope)
-        makeOsciloscopeAmplitudeTextures();
+        makeLinearGainTextures();
+    if (oscilloscopeChanged)
+        makeOscilloscopeAmplitudeTextures();
     doneCurrent();
     setNeedsDisplay();
 }
@@ -211,14 +211,14 @@ void ChartView::setupGLResources() {
 
 void ChartView::releaseGLResources() {
     for (TextureList* list :
-         {&mLinearWzmocnienieTextures, &mValuesInDBWzmocnienieTextures,
-          &mLogaritmicFrequencyTextures, &mOctaveRTATextures, &mOsciloscopeAmplitudePlusTextures,
-          &mOsciloscopeAmplitudeMinusTextures, &mOsciloscopeFFTWindowPointsTextures})
+         {&mLinearGainTextures, &mDbGainTextures,
+          &mLogarithmicFrequencyTextures, &mOctaveRTATextures, &mOscilloscopeAmplitudePlusTextures,
+          &mOscilloscopeAmplitudeMinusTextures, &mOscilloscopeFFTWindowPointsTextures})
         list->clear();
     mFreqLinearTexturesDictionary.clear();
-    for (std::shared_ptr<TQTexture>* texture :
-         {&mMaxSizeLiniearFrequencyTexture, &mLegendValuesInDBTexture, &mLegendAmplitudeTexture,
-          &mLegendFrequencyTextureLinear, &mLegendFrequencyTextureLogaritmic, &mLegendRMSSPLTexture,
+    for (std::shared_ptr<GLTexture>* texture :
+         {&mWidestLinearFrequencyTexture, &mLegendValuesInDBTexture, &mLegendAmplitudeTexture,
+          &mLegendFrequencyTextureLinear, &mLegendFrequencyTextureLogarithmic, &mLegendRMSSPLTexture,
           &mLegendFFTWindowTexture})
         texture->reset();
     texturesPending_ = true;
@@ -238,7 +238,7 @@ QPointF ChartView::mapFromChart(QPointF content) const {
     return {x / w, yUp / h};
 }
 
-void ChartView::drawXLabel(const TQTexture* texture, double contentX,
+void ChartView::drawXLabel(const GLTexture* texture, double contentX,
                            std::vector<std::pair<double, double>>* taken) {
     if (texture == nullptr)
         return;
@@ -251,9 +251,9 @@ void ChartView::drawXLabel(const TQTexture* texture, double contentX,
                         1.0);
     if (taken != nullptr) {
         const auto quad =
-            TQGLEffect::textQuad(QSizeF(texture->width(), texture->height()), anchor, 1.0, 3,
+            GLPainter::textQuad(QSizeF(texture->width(), texture->height()), anchor, 1.0, 3,
                                  QSizeF(w, h), effect()->contentScaleFactor());
-        if (!quad || !TQGLEffect::quadFitsBounds(*quad, bounds))
+        if (!quad || !GLPainter::quadFitsBounds(*quad, bounds))
             return;
         const double gap = kLabelGap / w;
         const double left = quad->vertices[0].x() - gap;
@@ -263,34 +263,34 @@ void ChartView::drawXLabel(const TQTexture* texture, double contentX,
                 return;
         taken->emplace_back(left, right);
     }
-    effect()->rysujTextTexture(texture, anchor, 1.0f, 3, QSizeF(w, h), bounds);
+    effect()->drawTextTexture(texture, anchor, 1.0f, 3, QSizeF(w, h), bounds);
 }
 
-void ChartView::drawYLabel(const TQTexture* texture, double contentY) {
+void ChartView::drawYLabel(const GLTexture* texture, double contentY) {
     const QRectF chart = chartUnitRect();
     const double w = std::max(1, width());
     const double h = std::max(1, height());
     const QPointF anchor(chart.x() - kLabelGap / w, mapFromChart(QPointF(0.0, contentY)).y());
     const QRectF bounds(0.0, chart.y() - kLabelSlack / h, 1.0,
                         chart.height() + 2.0 * kLabelSlack / h);
-    effect()->rysujTextTexture(texture, anchor, 1.0f, 2, QSizeF(w, h), bounds);
+    effect()->drawTextTexture(texture, anchor, 1.0f, 2, QSizeF(w, h), bounds);
 }
 
-void ChartView::rysujOpisySpectrum() {
+void ChartView::drawSpectrumLabels() {
     if (mDefaults.valuesInDB()) {
-        for (size_t i = 0; i < mValuesInDBWzmocnienieTextures.size(); ++i)
-            drawYLabel(mValuesInDBWzmocnienieTextures[i].get(), static_cast<double>(i) / 18.0);
+        for (size_t i = 0; i < mDbGainTextures.size(); ++i)
+            drawYLabel(mDbGainTextures[i].get(), static_cast<double>(i) / 18.0);
     } else {
         // Label k shows the amplitude drawn at height k / 20 with the current gain.
-        for (size_t k = 0; k < mLinearWzmocnienieTextures.size(); ++k)
-            drawYLabel(mLinearWzmocnienieTextures[k].get(), static_cast<double>(k) / 20.0);
+        for (size_t k = 0; k < mLinearGainTextures.size(); ++k)
+            drawYLabel(mLinearGainTextures[k].get(), static_cast<double>(k) / 20.0);
     }
 
     const double maxFrequency = mDefaults.maxFrequency();
     if (mDefaults.linearFrequency()) {
         const int32_t count = mDefaults.spectrumFrequencyTexturesCount();
         const float minValue = mDefaults.spectrumFrequencyTexturesMinValue();
-        const int32_t step = std::max(1, skokWyswietlaniaCzestotliwoscLiniowa());
+        const int32_t step = std::max(1, linearFrequencyLabelStep());
         for (int32_t i = 0; i < count && maxFrequency > 0.0; i += step) {
             const QString text = ChartLabels::linearFrequencyLabel(i, minValue);
             auto it = mFreqLinearTexturesDictionary.find(text);
@@ -309,46 +309,46 @@ void ChartView::rysujOpisySpectrum() {
         // the user zooms in: the decade labels are placed first, the others
         // only where they find room.
         const size_t count =
-            std::min(mLogaritmicFrequencyTextures.size(), logaritmicFrequencies_.size());
+            std::min(mLogarithmicFrequencyTextures.size(), logaritmicFrequencies_.size());
         mTakenLabelSpans.clear();
         for (int pass = 0; pass < 2 && start > 0.0 && delta > 0.0; ++pass) {
             for (size_t j = 0; j < count; ++j) {
                 const int32_t f = logaritmicFrequencies_[j];
                 const bool decade = f == 100 || f == 1000 || f == 10000 || f == 100000;
                 if (decade == (pass == 0))
-                    drawXLabel(mLogaritmicFrequencyTextures[j].get(), std::log2(f / start) / delta,
+                    drawXLabel(mLogarithmicFrequencyTextures[j].get(), std::log2(f / start) / delta,
                                &mTakenLabelSpans);
             }
         }
-        drawTitles(mLegendFrequencyTextureLogaritmic.get(), mDefaults.valuesInDB()
+        drawTitles(mLegendFrequencyTextureLogarithmic.get(), mDefaults.valuesInDB()
                                                                 ? mLegendValuesInDBTexture.get()
                                                                 : mLegendAmplitudeTexture.get());
     }
 }
 
-void ChartView::rysujOpisyOsciloscope() {
-    for (size_t k = 0; k < mOsciloscopeAmplitudePlusTextures.size(); ++k)
-        drawYLabel(mOsciloscopeAmplitudePlusTextures[k].get(), 0.5 + 0.05 * static_cast<double>(k));
-    for (size_t k = 1; k < mOsciloscopeAmplitudeMinusTextures.size(); ++k)
-        drawYLabel(mOsciloscopeAmplitudeMinusTextures[k].get(),
+void ChartView::drawOscilloscopeLabels() {
+    for (size_t k = 0; k < mOscilloscopeAmplitudePlusTextures.size(); ++k)
+        drawYLabel(mOscilloscopeAmplitudePlusTextures[k].get(), 0.5 + 0.05 * static_cast<double>(k));
+    for (size_t k = 1; k < mOscilloscopeAmplitudeMinusTextures.size(); ++k)
+        drawYLabel(mOscilloscopeAmplitudeMinusTextures[k].get(),
                    0.5 - 0.05 * static_cast<double>(k));
-    const auto count = static_cast<int32_t>(mOsciloscopeFFTWindowPointsTextures.size());
+    const auto count = static_cast<int32_t>(mOscilloscopeFFTWindowPointsTextures.size());
     if (count > 0) {
         // The widest label (the last) decides how many may stand side by side.
-        const TQTexture& widest = *mOsciloscopeFFTWindowPointsTextures.back();
+        const GLTexture& widest = *mOscilloscopeFFTWindowPointsTextures.back();
         const double labelSize = widest.width() / DeviceClass::contentScaleFactor(this) /
                                  std::max(1, chartScrollView_->width());
-        const int32_t step = TQGLEffect::labelStep(
+        const int32_t step = GLPainter::labelStep(
             labelSize, count, chartScrollView_->actualContentTransform().a, true, pad());
         for (int32_t k = 0; k < count; k += std::max(1, step))
-            drawXLabel(mOsciloscopeFFTWindowPointsTextures[static_cast<size_t>(k)].get(), k / 32.0);
+            drawXLabel(mOscilloscopeFFTWindowPointsTextures[static_cast<size_t>(k)].get(), k / 32.0);
     }
     drawTitles(mLegendFFTWindowTexture.get(), mLegendAmplitudeTexture.get());
 }
 
-void ChartView::rysujOpisyOctaveRTA() {
-    for (size_t i = 0; i < mValuesInDBWzmocnienieTextures.size(); ++i)
-        drawYLabel(mValuesInDBWzmocnienieTextures[i].get(), static_cast<double>(i) / 18.0);
+void ChartView::drawOctaveRTALabels() {
+    for (size_t i = 0; i < mDbGainTextures.size(); ++i)
+        drawYLabel(mDbGainTextures[i].get(), static_cast<double>(i) / 18.0);
     const int32_t minIndex = mDefaults.octaveRTAMinIndex();
     const int32_t maxIndex = mDefaults.octaveRTAMaxIndex();
     const int32_t bands = mDefaults.octaveRTABandsPerOctave();
@@ -362,27 +362,27 @@ void ChartView::rysujOpisyOctaveRTA() {
             drawXLabel(mOctaveRTATextures[k].get(), (band - minIndex + 0.5) / n);
         }
     }
-    drawTitles(mLegendFrequencyTextureLogaritmic.get(), mLegendRMSSPLTexture.get());
+    drawTitles(mLegendFrequencyTextureLogarithmic.get(), mLegendRMSSPLTexture.get());
 }
 
 void ChartView::drawGLRect(const QRectF& /*rect*/) {
     if (effect() == nullptr)
         return;
-    effect()->clearColor(mOpisyBorderClearColor[0], mOpisyBorderClearColor[1],
-                         mOpisyBorderClearColor[2], mOpisyBorderClearColor[3]);
+    effect()->clearColor(mLabelBorderClearColor[0], mLabelBorderClearColor[1],
+                         mLabelBorderClearColor[2], mLabelBorderClearColor[3]);
     if (!fullScreen_)
         return;
     if (texturesPending_)
         makeTexturesNow();
     switch (typeOfChart_) {
     case 1:
-        rysujOpisyOsciloscope();
+        drawOscilloscopeLabels();
         break;
     case 2:
-        rysujOpisyOctaveRTA();
+        drawOctaveRTALabels();
         break;
     default:
-        rysujOpisySpectrum();
+        drawSpectrumLabels();
         break;
     }
     if (!refreshQueued_) {
@@ -451,7 +451,7 @@ QByteArray ChartView::csvOfChart() const {
         for (int32_t b = std::max(lo, 0); shown.fftOutData() != nullptr && lo >= 0 && b <= hi;
              ++b) {
             const auto i = static_cast<size_t>(b);
-            out += number(mDefaults.octaveRTAFequencies()[i], 3) + ',' +
+            out += number(mDefaults.octaveRTAFrequencies()[i], 3) + ',' +
                    number(shown.octaveRTAValues()[i], 3) + ',' +
                    number(shown.octaveRTAMinValues()[i], 3) + ',' +
                    number(shown.octaveRTAMaxValues()[i], 3) + '\n';

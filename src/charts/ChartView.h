@@ -4,7 +4,7 @@
 #include "charts/ChartLabels.h"
 #include "engine/ChartViewInterface.h"
 #include "render/AffineTransform.h"
-#include "render/TQGLViewScrolling.h"
+#include "render/ScrollObserver.h"
 
 #include <QHash>
 #include <QImage>
@@ -23,7 +23,7 @@ namespace widmo {
 class AnalyzerDefaults;
 class ChartScrollView;
 class LevelMeterView;
-class TQTexture;
+class GLTexture;
 
 /// The second chart as the main screen places it: the GL chart
 /// (`ChartScrollView`) with its axis labels and titles around it and the level
@@ -40,7 +40,7 @@ class TQTexture;
 /// call `prepareTextures` after every geometry change (the engine does at set-up).
 ///
 /// Threading: main thread only.
-class ChartView : public ChartFrameView, public ChartViewInterface, public TQGLViewScrolling {
+class ChartView : public ChartFrameView, public ChartViewInterface, public ScrollObserver {
     Q_OBJECT
 public:
     /// `defaults` must outlive the view; its product switches decide the meter.
@@ -48,14 +48,14 @@ public:
     ~ChartView() override;
 
     // ChartViewInterface
-    TQGLScrollViewInterface* chartScrollView() override;
+    ScrollViewInterface* chartScrollView() override;
     void addFFTdata(const float* fftData, const float* fftWindowData,
                     const float* eggWindowData) override;
     int32_t typeOfChart() const override { return typeOfChart_; }
     /// While running the octave RTA draws every frame (its holds decay only
     /// then); the other charts draw a frame for each interval they are given.
     void setAnalyzerRunning(bool running) override;
-    void setNeedsDisplayWithSubviews() override { TQGLView::setNeedsDisplayWithSubviews(); }
+    void setNeedsDisplayWithSubviews() override { GLView::setNeedsDisplayWithSubviews(); }
     /// Clears the chart; the meter drops to -144 dB; redraws everything.
     void clearData() override;
     /// Makes every axis text texture for the current geometry, then the zoom
@@ -63,7 +63,7 @@ public:
     /// exists the textures are made when it does.
     void prepareTextures() override;
 
-    // TQGLViewScrolling: the chart's transform moved, the labels follow.
+    // ScrollObserver: the chart's transform moved, the labels follow.
     void contentWasChanged() override;
 
     ChartScrollView* chart() const { return chartScrollView_; }
@@ -86,7 +86,7 @@ public:
     void calculateMaxZoomWithZoomOut(bool zoomOut);
 
     /// Display step of the linear frequency labels and grid lines.
-    int32_t skokWyswietlaniaCzestotliwoscLiniowa() const;
+    int32_t linearFrequencyLabelStep() const;
     /// Frequencies of the logarithmic labels.
     const std::vector<int32_t>& logaritmicFrequencies() const { return logaritmicFrequencies_; }
 
@@ -108,7 +108,7 @@ public:
     bool writeCsvOfChart(const QString& path) const;
 
     /// Text of the linear gain labels currently shown (tests).
-    QStringList linearWzmocnienieLabelTexts() const { return linearWzmocnienieTexts_; }
+    QStringList linearGainLabelTexts() const { return linearGainTexts_; }
 
     /// Product name drawn into exported images.
     static const char* const kProductName;
@@ -121,48 +121,48 @@ protected:
     void resizeEvent(QResizeEvent* event) override;
 
 private:
-    using TextureList = std::vector<std::shared_ptr<TQTexture>>;
+    using TextureList = std::vector<std::shared_ptr<GLTexture>>;
     TextureList makeTextures(const QStringList& texts, const QFont& font);
     void makeTexturesNow() override;
-    void makeLinearWzmocnienieTextures();
-    void makeOsciloscopeAmplitudeTextures();
+    void makeLinearGainTextures();
+    void makeOscilloscopeAmplitudeTextures();
     /// Chart content point (through the chart's transform) to unit space of this view.
     QPointF mapFromChart(QPointF content) const;
-    void rysujOpisySpectrum();
-    void rysujOpisyOsciloscope();
-    void rysujOpisyOctaveRTA();
+    void drawSpectrumLabels();
+    void drawOscilloscopeLabels();
+    void drawOctaveRTALabels();
     /// With `taken`, a label that would overlap one already drawn is left out.
-    void drawXLabel(const TQTexture* texture, double contentX,
+    void drawXLabel(const GLTexture* texture, double contentX,
                     std::vector<std::pair<double, double>>* taken = nullptr);
-    void drawYLabel(const TQTexture* texture, double contentY);
+    void drawYLabel(const GLTexture* texture, double contentY);
     AffineTransform& rememberedTransform(int32_t type);
 
-    TextureList mLinearWzmocnienieTextures;
-    TextureList mValuesInDBWzmocnienieTextures;
-    QHash<QString, std::shared_ptr<TQTexture>> mFreqLinearTexturesDictionary;
-    TextureList mLogaritmicFrequencyTextures;
-    std::shared_ptr<TQTexture> mMaxSizeLiniearFrequencyTexture;
+    TextureList mLinearGainTextures;
+    TextureList mDbGainTextures;
+    QHash<QString, std::shared_ptr<GLTexture>> mFreqLinearTexturesDictionary;
+    TextureList mLogarithmicFrequencyTextures;
+    std::shared_ptr<GLTexture> mWidestLinearFrequencyTexture;
     TextureList mOctaveRTATextures;
-    TextureList mOsciloscopeAmplitudePlusTextures;
-    TextureList mOsciloscopeAmplitudeMinusTextures;
-    TextureList mOsciloscopeFFTWindowPointsTextures;
-    std::shared_ptr<TQTexture> mLegendValuesInDBTexture;
-    std::shared_ptr<TQTexture> mLegendAmplitudeTexture;
-    std::shared_ptr<TQTexture> mLegendFrequencyTextureLinear;
-    std::shared_ptr<TQTexture> mLegendFrequencyTextureLogaritmic;
-    std::shared_ptr<TQTexture> mLegendRMSSPLTexture;
-    std::shared_ptr<TQTexture> mLegendFFTWindowTexture;
+    TextureList mOscilloscopeAmplitudePlusTextures;
+    TextureList mOscilloscopeAmplitudeMinusTextures;
+    TextureList mOscilloscopeFFTWindowPointsTextures;
+    std::shared_ptr<GLTexture> mLegendValuesInDBTexture;
+    std::shared_ptr<GLTexture> mLegendAmplitudeTexture;
+    std::shared_ptr<GLTexture> mLegendFrequencyTextureLinear;
+    std::shared_ptr<GLTexture> mLegendFrequencyTextureLogarithmic;
+    std::shared_ptr<GLTexture> mLegendRMSSPLTexture;
+    std::shared_ptr<GLTexture> mLegendFFTWindowTexture;
     GainLabelDebounce mSpectrumDebounce;
-    GainLabelDebounce mOsciloscopeDebounce;
+    GainLabelDebounce mOscilloscopeDebounce;
     AffineTransform mSpectrumContentTransform;
     AffineTransform mOctaveDBContentTransform;
-    AffineTransform mOsciloscopeContentTransform;
-    std::array<float, 4> mOpisyBorderClearColor{0.0f, 0.0f, 0.0f, 1.0f};
+    AffineTransform mOscilloscopeContentTransform;
+    std::array<float, 4> mLabelBorderClearColor{0.0f, 0.0f, 0.0f, 1.0f};
     int32_t typeOfChart_ = 0;
     ChartScrollView* chartScrollView_ = nullptr;
     std::vector<int32_t> logaritmicFrequencies_;
     bool refreshQueued_ = false;
-    QStringList linearWzmocnienieTexts_;
+    QStringList linearGainTexts_;
 };
 
 } // namespace widmo

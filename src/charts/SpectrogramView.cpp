@@ -6,7 +6,7 @@
 #include "render/DeviceClass.h"
 #include "render/LevelMeterView.h"
 #include "render/SpectrogramScrollView.h"
-#include "render/TQTexture.h"
+#include "render/GLTexture.h"
 
 #include <QPainter>
 
@@ -53,24 +53,24 @@ void SpectrogramView::setAnalyzerRunning(bool running) { scrollView_->setAnalyze
 
 void SpectrogramView::setNeedsDisplay() { scrollView_->raiseNeedsDisplay(); }
 
-void SpectrogramView::setNeedsDisplayWithSubviews() { TQGLView::setNeedsDisplayWithSubviews(); }
+void SpectrogramView::setNeedsDisplayWithSubviews() { GLView::setNeedsDisplayWithSubviews(); }
 
 void SpectrogramView::prepareData() { scrollView_->prepareData(); }
 
 void SpectrogramView::clearData() {
     scrollView_->clearData();
     levelMeterView_->setLevelDB(-144.0f);
-    TQGLView::setNeedsDisplayWithSubviews();
+    GLView::setNeedsDisplayWithSubviews();
 }
 
 void SpectrogramView::prepareTextures() {
     mFrequencyLabelHeights = frequencyLabelHeights();
     scrollView_->setHorizontalGridLines(mFrequencyLabelHeights);
     makeTexturesWhenPossible();
-    TQGLView::setNeedsDisplayWithSubviews();
+    GLView::setNeedsDisplayWithSubviews();
 }
 
-void SpectrogramView::contentWasChanged() { TQGLView::setNeedsDisplay(); }
+void SpectrogramView::contentWasChanged() { GLView::setNeedsDisplay(); }
 
 // --- Labels ---------------------------------------------------------------------------------
 
@@ -96,12 +96,12 @@ std::vector<float> SpectrogramView::frequencyLabelHeights() const {
 void SpectrogramView::makeTexturesNow() {
     const QFont value = valueFont(pad());
     const QFont title = titleFont(pad());
-    mCzasTextures.clear();
-    const double step = mDefaults.czasTexturesMinValue();
-    for (int32_t k = 0; k < mDefaults.czasTexturesCount(); ++k) {
+    mTimeLabelTextures.clear();
+    const double step = mDefaults.timeLabelStep();
+    for (int32_t k = 0; k < mDefaults.timeLabelCount(); ++k) {
         const double seconds = k * step;
         const QString text = k == 0 ? QStringLiteral("0") : QString::number(-seconds, 'g', 4);
-        mCzasTextures.push_back(effect()->convertToTextureText(text, value, kLabelGrey));
+        mTimeLabelTextures.push_back(effect()->convertToTextureText(text, value, kLabelGrey));
     }
     mFrequencyTextures.clear();
     if (mDefaults.linearFrequency()) {
@@ -115,11 +115,11 @@ void SpectrogramView::makeTexturesNow() {
             mFrequencyTextures.push_back(
                 effect()->convertToTextureText(ChartLabels::logaritmicLabel(f), value, kLabelGrey));
     }
-    mLegendCzasTexture =
+    mLegendTimeTexture =
         effect()->convertToTextureText(QString::fromLatin1(kTitleTime), title, kLabelGrey);
     mLegendFrequencyTexture = effect()->convertToTextureText(
         QString::fromLatin1(mDefaults.linearFrequency() ? ChartLabels::kTitleFrequencyLinear
-                                                        : ChartLabels::kTitleFrequencyLogaritmic),
+                                                        : ChartLabels::kTitleFrequencyLogarithmic),
         title, kLabelGrey);
     texturesPending_ = false;
 }
@@ -133,9 +133,9 @@ void SpectrogramView::setupGLResources() {
 }
 
 void SpectrogramView::releaseGLResources() {
-    mCzasTextures.clear();
+    mTimeLabelTextures.clear();
     mFrequencyTextures.clear();
-    mLegendCzasTexture.reset();
+    mLegendTimeTexture.reset();
     mLegendFrequencyTexture.reset();
     texturesPending_ = true;
 }
@@ -148,31 +148,31 @@ QPointF SpectrogramView::mapFromSpectrogram(QPointF content) const {
     return {(r.x() + u.x() * r.width()) / w, ((h - (r.y() + r.height())) + u.y() * r.height()) / h};
 }
 
-void SpectrogramView::rysujOpisyCzasu() {
-    const auto count = static_cast<int32_t>(mCzasTextures.size());
-    const double czas = mDefaults.czasSpectrogramu();
-    if (count < 1 || czas <= 0.0)
+void SpectrogramView::drawTimeLabels() {
+    const auto count = static_cast<int32_t>(mTimeLabelTextures.size());
+    const double duration = mDefaults.spectrogramDuration();
+    if (count < 1 || duration <= 0.0)
         return;
     const QRectF chart = chartUnitRect();
     const double w = std::max(1, width());
     const double h = std::max(1, height());
     // The widest label decides how many may stand side by side at this zoom.
-    const int32_t step = std::max(1, effect()->skokWyswietlaniaDlaTekstury(
-                                         *mCzasTextures.back(), count,
+    const int32_t step = std::max(1, effect()->labelStepForTexture(
+                                         *mTimeLabelTextures.back(), count,
                                          QSizeF(scrollView_->width(), scrollView_->height()), true,
                                          scrollView_->actualContentTransform()));
     const QRectF bounds(chart.x() - kLabelSlack / w, 0.0, chart.width() + 2.0 * kLabelSlack / w,
                         1.0);
-    const double secondsStep = mDefaults.czasTexturesMinValue();
+    const double secondsStep = mDefaults.timeLabelStep();
     for (int32_t k = 0; k < count; k += step) {
-        const double x = 1.0 - k * secondsStep / czas;
+        const double x = 1.0 - k * secondsStep / duration;
         const QPointF anchor(mapFromSpectrogram(QPointF(x, 0.0)).x(), chart.y() - kLabelGap / h);
-        effect()->rysujTextTexture(mCzasTextures[static_cast<size_t>(k)].get(), anchor, 1.0f, 3,
+        effect()->drawTextTexture(mTimeLabelTextures[static_cast<size_t>(k)].get(), anchor, 1.0f, 3,
                                    QSizeF(w, h), bounds);
     }
 }
 
-void SpectrogramView::rysujOpisyCzestotliwosci() {
+void SpectrogramView::drawFrequencyLabels() {
     const QRectF chart = chartUnitRect();
     const double w = std::max(1, width());
     const double h = std::max(1, height());
@@ -185,7 +185,7 @@ void SpectrogramView::rysujOpisyCzestotliwosci() {
     // decade label.
     mTakenLabelSpans.clear();
     for (size_t i = count; i-- > 0;) {
-        const TQTexture* texture = mFrequencyTextures[i].get();
+        const GLTexture* texture = mFrequencyTextures[i].get();
         if (texture == nullptr)
             continue;
         const double y = mapFromSpectrogram(QPointF(0.0, mFrequencyLabelHeights[i])).y();
@@ -196,7 +196,7 @@ void SpectrogramView::rysujOpisyCzestotliwosci() {
         if (overlaps || y < chart.y() - kLabelSlack / h || y > chart.bottom() + kLabelSlack / h)
             continue;
         mTakenLabelSpans.emplace_back(y - half, y + half);
-        effect()->rysujTextTexture(texture, QPointF(chart.x() - kLabelGap / w, y), 1.0f, 2,
+        effect()->drawTextTexture(texture, QPointF(chart.x() - kLabelGap / w, y), 1.0f, 2,
                                    QSizeF(w, h), bounds);
     }
 }
@@ -209,9 +209,9 @@ void SpectrogramView::drawGLRect(const QRectF& /*rect*/) {
         return;
     if (texturesPending_)
         makeTexturesNow();
-    rysujOpisyCzasu();
-    rysujOpisyCzestotliwosci();
-    drawTitles(mLegendCzasTexture.get(), mLegendFrequencyTexture.get());
+    drawTimeLabels();
+    drawFrequencyLabels();
+    drawTitles(mLegendTimeTexture.get(), mLegendFrequencyTexture.get());
 }
 
 // --- Image ----------------------------------------------------------------------------------

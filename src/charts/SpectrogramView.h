@@ -2,7 +2,7 @@
 
 #include "charts/ChartFrameView.h"
 #include "engine/SpectrogramViewInterface.h"
-#include "render/TQGLViewScrolling.h"
+#include "render/ScrollObserver.h"
 
 #include <QImage>
 #include <QRect>
@@ -18,7 +18,7 @@ namespace widmo {
 class AnalyzerDefaults;
 class LevelMeterView;
 class SpectrogramScrollView;
-class TQTexture;
+class GLTexture;
 
 /// The spectrogram as the main screen places it: the scrolling texture view
 /// (`SpectrogramScrollView`) with a time axis below it (seconds back from the
@@ -45,7 +45,7 @@ class TQTexture;
 /// frame anyway).
 class SpectrogramView : public ChartFrameView,
                         public SpectrogramViewInterface,
-                        public TQGLViewScrolling {
+                        public ScrollObserver {
     Q_OBJECT
 public:
     /// `defaults` must outlive the view; its product switches decide the meter.
@@ -72,7 +72,7 @@ public:
     /// Raises a flag only (any thread); see Threading.
     void setNeedsDisplay() override;
     void setNeedsDisplayWithSubviews() override;
-    /// Creates `iloscSegmentow` segments of `segmentSize` x `fftDisplaySize`
+    /// Creates `segmentCount` segments of `segmentSize` x `fftDisplaySize`
     /// (main thread; the engine is stopped).
     void prepareData() override;
     /// Forgets every column and uploads the cleared textures (main thread).
@@ -81,7 +81,7 @@ public:
     /// GL context exists they are made when it does.
     void prepareTextures() override;
 
-    // TQGLViewScrolling: the spectrogram's transform moved, the axes follow.
+    // ScrollObserver: the spectrogram's transform moved, the axes follow.
     void contentWasChanged() override;
 
 protected:
@@ -90,21 +90,21 @@ protected:
     void releaseGLResources() override;
 
 private:
-    using TextureList = std::vector<std::shared_ptr<TQTexture>>;
+    using TextureList = std::vector<std::shared_ptr<GLTexture>>;
     void makeTexturesNow() override;
     /// Spectrogram content point (through its transform) to unit space of this view.
     QPointF mapFromSpectrogram(QPointF content) const;
-    void rysujOpisyCzasu();
-    void rysujOpisyCzestotliwosci();
+    void drawTimeLabels();
+    void drawFrequencyLabels();
     /// Content heights of the frequency labels (and the grid's lines).
     std::vector<float> frequencyLabelHeights() const;
 
     SpectrogramScrollView* scrollView_ = nullptr;
-    TextureList mCzasTextures;      // label k: k steps back from the newest column
+    TextureList mTimeLabelTextures;      // label k: k steps back from the newest column
     TextureList mFrequencyTextures; // at the heights of mFrequencyLabelHeights
     std::vector<float> mFrequencyLabelHeights;
-    std::shared_ptr<TQTexture> mLegendCzasTexture;
-    std::shared_ptr<TQTexture> mLegendFrequencyTexture;
+    std::shared_ptr<GLTexture> mLegendTimeTexture;
+    std::shared_ptr<GLTexture> mLegendFrequencyTexture;
 };
 
 } // namespace widmo

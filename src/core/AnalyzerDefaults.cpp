@@ -118,7 +118,7 @@ const std::vector<AnalyzerDefaults::PersistedField>& AnalyzerDefaults::persisted
         {"analyzerDefaults.softwareInputGainValue", &D::softwareInputGainValue_, kInputGain},
         {"analyzerDefaults.outputGainValue", &D::outputGainValue_, kInputGain},
         {"analyzerDefaults.spectrogramLinearValuesWzmocnienieDB",
-         &D::spectrogramLinearValuesWzmocnienieDB_, kGain},
+         &D::spectrogramLinearValuesGainDB_, kGain},
         {"analyzerDefaults.spectrogramValuesInDBMinimumLevelDB",
          &D::spectrogramValuesInDBMinimumLevelDB_, kMinimumLevel},
         {"analyzerDefaults.fftSize", &D::fftSize_, kFftSize},
@@ -142,7 +142,7 @@ const std::vector<AnalyzerDefaults::PersistedField>& AnalyzerDefaults::persisted
         {"analyzerDefaults.realTimeTranspFilterBelow20kHz", &D::realTimeTranspFilterBelow20kHz_},
         {"analyzerDefaults.realTimeTransposeOctavesDown", &D::realTimeTransposeOctavesDown_,
          kOctaves},
-        {"analyzerDefaults.spectrogramWidthMianownik", &D::spectrogramWidthMianownik_,
+        {"analyzerDefaults.spectrogramWidthMianownik", &D::spectrogramWidthDivisor_,
          kWidthDivisor},
         {"analyzerDefaults.audioDefaultToSpeaker", &D::audioDefaultToSpeaker_},
     };
@@ -154,8 +154,8 @@ AnalyzerDefaults::AnalyzerDefaults(const AnalyzerFeatures& features, const QStri
       mConvertBuffersOut_(static_cast<float*>(std::calloc(
           static_cast<size_t>(kConvertBuffersCount) * kConvertBufferCapacity, sizeof(float)))),
       logPoints_(kLogTablesCapacity, 0.0f), octaveRTAIndexesFloor_(kOctaveRTACapacity, 0),
-      octaveRTAPoPrzecinkuIndeksuFloor_(kOctaveRTACapacity, 0.0f),
-      octaveRTAFequencies_(kOctaveRTACapacity, 0.0f),
+      octaveRTAIndexFraction_(kOctaveRTACapacity, 0.0f),
+      octaveRTAFrequencies_(kOctaveRTACapacity, 0.0f),
       spectrogramLogInMiddleIndexes_(kLogTablesCapacity, 0),
       spectrogramLogIndexes_(kLogTablesCapacity, 0) {
     loadDefaults();
@@ -275,7 +275,7 @@ QString AnalyzerDefaults::versionBuild() {
 AnalyzerDefaults::PreferredChange AnalyzerDefaults::preferredChange() const {
     if (preferredIntervalSizePower_ != intervalSizePower_ || preferredSampleRate_ != sampleRate_ ||
         preferredFftDisplaySize_ != fftDisplaySize_ ||
-        preferredSpectrogramWidthMianownik_ != spectrogramWidthMianownik_)
+        preferredSpectrogramWidthDivisor_ != spectrogramWidthDivisor_)
         return PreferredChange::Geometry;
     if (preferredFftSize_ != fftSize_ || preferredFftWindowType_ != fftWindowType_ ||
         preferredValuesInDB_ != valuesInDB_ || preferredLinearFrequency_ != linearFrequency_ ||
@@ -298,7 +298,7 @@ AnalyzerDefaults::PreferredChange AnalyzerDefaults::applyPreferredSettings(bool*
         fftDisplaySize_ = clampValue(preferredFftDisplaySize_, 512, 4096);
         sampleRate_ = clampValue(preferredSampleRate_, 44100.0f, 384000.0f);
         intervalSizePower_ = clampValue(preferredIntervalSizePower_, 0, 4);
-        spectrogramWidthMianownik_ = clampValue(preferredSpectrogramWidthMianownik_, 1, 5);
+        spectrogramWidthDivisor_ = clampValue(preferredSpectrogramWidthDivisor_, 1, 5);
     }
     fftSize_ = clampValue(preferredFftSize_, 256, 65536);
     fftWindowType_ = clampValue(preferredFftWindowType_, 0, 3);
@@ -319,7 +319,7 @@ void AnalyzerDefaults::copyCurrentToPreferred() {
     preferredSampleRate_ = sampleRate_;
     preferredIntervalSizePower_ = intervalSizePower_;
     preferredFftDisplaySize_ = fftDisplaySize_;
-    preferredSpectrogramWidthMianownik_ = spectrogramWidthMianownik_;
+    preferredSpectrogramWidthDivisor_ = spectrogramWidthDivisor_;
     preferredFftSize_ = fftSize_;
     preferredFftWindowType_ = fftWindowType_;
     preferredValuesInDB_ = valuesInDB_;
@@ -336,18 +336,18 @@ float AnalyzerDefaults::calculateMinIntervalSizeInFramesFromSampleRate(float sam
 }
 
 int AnalyzerDefaults::calculateSpectrogramWidthWithDisplaySize(
-    int displaySize, int intervalSize, int spectrogramWidthMianownik) const {
+    int displaySize, int intervalSize, int spectrogramWidthDivisor) const {
     // A fixed budget shared between display rows and interval length.
     float w =
         static_cast<float>(122268852.23388672 / ((displaySize * 4.0 * 2 + intervalSize) * 1.4));
     if (!cpu64bit_)
         w *= 0.5f;
-    return static_cast<int>(w / static_cast<float>(spectrogramWidthMianownik));
+    return static_cast<int>(w / static_cast<float>(spectrogramWidthDivisor));
 }
 
-int AnalyzerDefaults::zaokraglDoCiagu125wartosc(float wartosc, int minimum, int maximum) {
+int AnalyzerDefaults::roundUpTo125Series(float value, int minimum, int maximum) {
     int x = 1;
-    if (wartosc > 1.0f) {
+    if (value > 1.0f) {
         do {
             const int p = static_cast<int>(std::pow(10.0, std::trunc(std::log10(x))));
             const int d = x / p;
@@ -359,7 +359,7 @@ int AnalyzerDefaults::zaokraglDoCiagu125wartosc(float wartosc, int minimum, int 
                 x = 2 * p;
             // Past the maximum the answer is the maximum; stopping there also keeps an
             // infinite value from running x out of range.
-        } while (static_cast<float>(x) < wartosc && x < maximum);
+        } while (static_cast<float>(x) < value && x < maximum);
     }
     return std::min(std::max(x, minimum), maximum);
 }
@@ -386,39 +386,39 @@ void AnalyzerDefaults::recalculateDocumentSettings() {
         static_cast<int32_t>(std::pow(2.0, intervalSizePower_) * minIntervalSizeInFrames_);
     segmentSize_ = roundAway((2048.0 / fftDisplaySize_) * 64.0);
     spectrogramWidth_ = calculateSpectrogramWidthWithDisplaySize(
-        fftDisplaySize_, intervalSizeInFrames_, spectrogramWidthMianownik_);
+        fftDisplaySize_, intervalSizeInFrames_, spectrogramWidthDivisor_);
 
     const float t = static_cast<float>(intervalSizeInFrames_) / sampleRate_;
-    czasSpectrogramu_ = t * static_cast<float>(spectrogramWidth_);
+    spectrogramDuration_ = t * static_cast<float>(spectrogramWidth_);
     // A read-only document is shown no longer than it was recorded.
-    if (readOnly_ && timeOfDocument_ < czasSpectrogramu_) {
-        czasSpectrogramu_ = timeOfDocument_;
+    if (readOnly_ && timeOfDocument_ < spectrogramDuration_) {
+        spectrogramDuration_ = timeOfDocument_;
         spectrogramWidth_ = static_cast<int32_t>(timeOfDocument_ / t);
     }
     // Without a spectrogram the document is a two-second ring feeding the charts.
     if (!features_.featureSpectrogramEnabled()) {
-        czasSpectrogramu_ = 2.0f;
+        spectrogramDuration_ = 2.0f;
         spectrogramWidth_ = static_cast<int32_t>(2.0f / t);
     }
 
     // 40 % more segments than the width needs, plus two, so the engine can write
     // ahead while the display lags.
-    iloscSegmentow_ = roundAway((spectrogramWidth_ / segmentSize_ + 2) * 1.4);
-    audioBuffersIntervalsCount_ = (iloscSegmentow_ + 1) * segmentSize_;
+    segmentCount_ = roundAway((spectrogramWidth_ / segmentSize_ + 2) * 1.4);
+    audioBuffersIntervalsCount_ = (segmentCount_ + 1) * segmentSize_;
     audioBufferByteSize_ = intervalSizeInFrames_ * audioBuffersIntervalsCount_ * 4;
 
     const float hundredths = static_cast<float>(
-        std::round(static_cast<double>(czasSpectrogramu_) / (spectrogramWidth_ / 15.0) * 100.0));
-    czasTexturesMinValue_ =
-        static_cast<float>(zaokraglDoCiagu125wartosc(hundredths, 1, 1000)) / 100.0f;
-    czasTexturesCount_ = static_cast<int32_t>(czasSpectrogramu_ / czasTexturesMinValue_) + 1;
+        std::round(static_cast<double>(spectrogramDuration_) / (spectrogramWidth_ / 15.0) * 100.0));
+    timeLabelStep_ =
+        static_cast<float>(roundUpTo125Series(hundredths, 1, 1000)) / 100.0f;
+    timeLabelCount_ = static_cast<int32_t>(spectrogramDuration_ / timeLabelStep_) + 1;
 
-    spectrumFrequencyTexturesMinValue_ = static_cast<float>(zaokraglDoCiagu125wartosc(
+    spectrumFrequencyTexturesMinValue_ = static_cast<float>(roundUpTo125Series(
         static_cast<float>(maxFrequency_ / (fftOutSize_ / 15.0)), 10, 10000));
     spectrumFrequencyTexturesCount_ =
         static_cast<int32_t>(maxFrequency_ / spectrumFrequencyTexturesMinValue_) + 1;
     // The spectrogram's step stops at 1000 Hz, the spectrum's at 10 kHz.
-    spectrogramFrequencyTexturesMinValue_ = static_cast<float>(zaokraglDoCiagu125wartosc(
+    spectrogramFrequencyTexturesMinValue_ = static_cast<float>(roundUpTo125Series(
         static_cast<float>(maxFrequency_ / (fftDisplaySize_ / 15.0)), 100, 1000));
     spectrogramFrequencyTexturesCount_ =
         static_cast<int32_t>(maxFrequency_ / spectrogramFrequencyTexturesMinValue_) + 1;
@@ -428,8 +428,8 @@ void AnalyzerDefaults::recalculateDocumentSettings() {
 
 void AnalyzerDefaults::generateAllIndexes() {
     generateOctaveRTAIndexes();
-    generateLogaritmicIndexes();
-    generateLogaritmicPoints();
+    generateLogarithmicIndexes();
+    generateLogarithmicPoints();
 }
 
 void AnalyzerDefaults::generateOctaveRTAIndexes() {
@@ -444,8 +444,8 @@ void AnalyzerDefaults::generateOctaveRTAIndexes() {
         const double lower = centre / half;
         const double x = lower / binWidth;
         octaveRTAIndexesFloor_[i] = static_cast<int32_t>(x);
-        octaveRTAPoPrzecinkuIndeksuFloor_[i] = static_cast<float>(x - std::trunc(x));
-        octaveRTAFequencies_[i] = static_cast<float>(centre);
+        octaveRTAIndexFraction_[i] = static_cast<float>(x - std::trunc(x));
+        octaveRTAFrequencies_[i] = static_cast<float>(centre);
         if (i >= 2 && lower > binWidth && octaveRTAMinIndex_ < 0)
             octaveRTAMinIndex_ = i;
         if (centre < static_cast<double>(maxFrequency_))
@@ -453,7 +453,7 @@ void AnalyzerDefaults::generateOctaveRTAIndexes() {
     }
 }
 
-void AnalyzerDefaults::generateLogaritmicIndexes() {
+void AnalyzerDefaults::generateLogarithmicIndexes() {
     const int n = fftOutSize_;
     const double rowsPerOctave = static_cast<double>(fftDisplaySize_);
     int32_t count = 0;
@@ -476,7 +476,7 @@ void AnalyzerDefaults::generateLogaritmicIndexes() {
     spectrogramLogIndexesCount_ = count;
 }
 
-void AnalyzerDefaults::generateLogaritmicPoints() {
+void AnalyzerDefaults::generateLogarithmicPoints() {
     const int n = fftOutSize_;
     for (int i = 0; i < n; ++i) {
         const float f = maxFrequency_ * static_cast<float>(i) / static_cast<float>(n);
@@ -520,13 +520,13 @@ void AnalyzerDefaults::interlaceToSpectrogramFFTData(const float* fftData, float
     }
 }
 
-const float* AnalyzerDefaults::convertToLogaritmicScaleFFTData(const float* fftData) {
+const float* AnalyzerDefaults::convertToLogarithmicScaleFFTData(const float* fftData) {
     float* out = nextConvertBuffer();
-    convertToLogaritmicScaleFFTData(fftData, out);
+    convertToLogarithmicScaleFFTData(fftData, out);
     return out;
 }
 
-void AnalyzerDefaults::convertToLogaritmicScaleFFTData(const float* fftData, float* out) const {
+void AnalyzerDefaults::convertToLogarithmicScaleFFTData(const float* fftData, float* out) const {
     for (int j = 0; j + 1 < spectrogramLogIndexesCount_; ++j) {
         const int lo = spectrogramLogInMiddleIndexes_[j];
         const int hi = spectrogramLogInMiddleIndexes_[j + 1];

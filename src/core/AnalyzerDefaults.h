@@ -24,7 +24,7 @@ class SettingsStore;
 /// analysis engine is stopped; that is what makes the unlocked reads from the
 /// audio delivery queue and the analysis queue safe. The analysis path writes
 /// only `actualInterval` and `dataValid`, which are atomics. The conversions
-/// (`interlaceToSpectrogramFFTData`, `convertToLogaritmicScaleFFTData`) are
+/// (`interlaceToSpectrogramFFTData`, `convertToLogarithmicScaleFFTData`) are
 /// called from the analysis queue only.
 class AnalyzerDefaults {
 public:
@@ -91,10 +91,10 @@ public:
     static float calculateMinIntervalSizeInFramesFromSampleRate(float sampleRate);
     /// Spectrogram columns for a display size, interval length and divisor.
     int calculateSpectrogramWidthWithDisplaySize(int displaySize, int intervalSize,
-                                                 int spectrogramWidthMianownik) const;
-    /// Smallest member of 1, 2, 5, 10, 20, 50, ... not below `wartosc`, then
+                                                 int spectrogramWidthDivisor) const;
+    /// Smallest member of 1, 2, 5, 10, 20, 50, ... not below `value`, then
     /// clamped to [minimum, maximum].
-    static int zaokraglDoCiagu125wartosc(float wartosc, int minimum, int maximum);
+    static int roundUpTo125Series(float value, int minimum, int maximum);
     /// Length of one interval in seconds, from the shared instance's settings.
     static float intervalSizeInSeconds();
 
@@ -103,20 +103,20 @@ public:
     /// Rebuilds the octave-band, logarithmic-row and logarithmic-point tables.
     void generateAllIndexes();
     void generateOctaveRTAIndexes();
-    void generateLogaritmicIndexes();
-    void generateLogaritmicPoints();
+    void generateLogarithmicIndexes();
+    void generateLogarithmicPoints();
     /// Maps `fftOutSize` power values onto `fftDisplaySize` linear rows. The
     /// result lives in the conversion ring and stays valid for 128 conversions.
     const float* interlaceToSpectrogramFFTData(const float* fftData);
     /// Maps `fftOutSize` power values onto `spectrogramLogIndexesCount - 1`
     /// logarithmic rows (peak per row); value j belongs at row
     /// `spectrogramLogIndexes()[j]`. Same lifetime as above.
-    const float* convertToLogaritmicScaleFFTData(const float* fftData);
+    const float* convertToLogarithmicScaleFFTData(const float* fftData);
     /// The same two conversions into a caller's buffer (`fftDisplaySize`
     /// values, resp. `spectrogramLogIndexesCount - 1`), for readers off the
     /// analysis queue (the measuring cursor). Any thread while the geometry holds.
     void interlaceToSpectrogramFFTData(const float* fftData, float* out) const;
-    void convertToLogaritmicScaleFFTData(const float* fftData, float* out) const;
+    void convertToLogarithmicScaleFFTData(const float* fftData, float* out) const;
 
     // --- Plain settings and state --------------------------------------------------
 
@@ -168,11 +168,11 @@ public:
     void setSoftwareInputGainValue(float v) { softwareInputGainValue_ = v; }
     float outputGainValue() const { return outputGainValue_; }
     void setOutputGainValue(float v) { outputGainValue_ = v; }
-    float spectrogramLinearValuesWzmocnienieDB() const {
-        return spectrogramLinearValuesWzmocnienieDB_;
+    float spectrogramLinearValuesGainDB() const {
+        return spectrogramLinearValuesGainDB_;
     }
-    void setSpectrogramLinearValuesWzmocnienieDB(float v) {
-        spectrogramLinearValuesWzmocnienieDB_ = v;
+    void setSpectrogramLinearValuesGainDB(float v) {
+        spectrogramLinearValuesGainDB_ = v;
     }
     float spectrogramValuesInDBMinimumLevelDB() const {
         return spectrogramValuesInDBMinimumLevelDB_;
@@ -180,18 +180,18 @@ public:
     void setSpectrogramValuesInDBMinimumLevelDB(float v) {
         spectrogramValuesInDBMinimumLevelDB_ = v;
     }
-    float spectrumWzmocnienieDB() const { return spectrumWzmocnienieDB_; }
-    void setSpectrumWzmocnienieDB(float v) { spectrumWzmocnienieDB_ = v; }
-    float osciloscopeWzmocnienieDB() const { return osciloscopeWzmocnienieDB_; }
-    void setOsciloscopeWzmocnienieDB(float v) { osciloscopeWzmocnienieDB_ = v; }
+    float spectrumGainDB() const { return spectrumGainDB_; }
+    void setSpectrumGainDB(float v) { spectrumGainDB_ = v; }
+    float oscilloscopeGainDB() const { return oscilloscopeGainDB_; }
+    void setOscilloscopeGainDB(float v) { oscilloscopeGainDB_ = v; }
     float sampleRate() const { return sampleRate_; }
     void setSampleRate(float v) { sampleRate_ = v; }
     int32_t intervalSizePower() const { return intervalSizePower_; }
     void setIntervalSizePower(int32_t v) { intervalSizePower_ = v; }
     int32_t fftDisplaySize() const { return fftDisplaySize_; }
     void setFftDisplaySize(int32_t v) { fftDisplaySize_ = v; }
-    int32_t spectrogramWidthMianownik() const { return spectrogramWidthMianownik_; }
-    void setSpectrogramWidthMianownik(int32_t v) { spectrogramWidthMianownik_ = v; }
+    int32_t spectrogramWidthDivisor() const { return spectrogramWidthDivisor_; }
+    void setSpectrogramWidthDivisor(int32_t v) { spectrogramWidthDivisor_ = v; }
     int32_t fftSize() const { return fftSize_; }
     void setFftSize(int32_t v) { fftSize_ = v; }
     int32_t fftWindowType() const { return fftWindowType_; }
@@ -241,11 +241,11 @@ public:
     void setPreferredIntervalSizePower(int32_t v) { preferredIntervalSizePower_ = v; }
     int32_t preferredFftDisplaySize() const { return preferredFftDisplaySize_; }
     void setPreferredFftDisplaySize(int32_t v) { preferredFftDisplaySize_ = v; }
-    int32_t preferredSpectrogramWidthMianownik() const {
-        return preferredSpectrogramWidthMianownik_;
+    int32_t preferredSpectrogramWidthDivisor() const {
+        return preferredSpectrogramWidthDivisor_;
     }
-    void setPreferredSpectrogramWidthMianownik(int32_t v) {
-        preferredSpectrogramWidthMianownik_ = v;
+    void setPreferredSpectrogramWidthDivisor(int32_t v) {
+        preferredSpectrogramWidthDivisor_ = v;
     }
     int32_t preferredFftSize() const { return preferredFftSize_; }
     void setPreferredFftSize(int32_t v) { preferredFftSize_ = v; }
@@ -266,12 +266,12 @@ public:
     int32_t intervalSizeInFrames() const { return intervalSizeInFrames_; }
     int32_t segmentSize() const { return segmentSize_; }
     int32_t spectrogramWidth() const { return spectrogramWidth_; }
-    float czasSpectrogramu() const { return czasSpectrogramu_; }
-    int32_t iloscSegmentow() const { return iloscSegmentow_; }
+    float spectrogramDuration() const { return spectrogramDuration_; }
+    int32_t segmentCount() const { return segmentCount_; }
     int32_t audioBuffersIntervalsCount() const { return audioBuffersIntervalsCount_; }
     int32_t audioBufferByteSize() const { return audioBufferByteSize_; }
-    float czasTexturesMinValue() const { return czasTexturesMinValue_; }
-    int32_t czasTexturesCount() const { return czasTexturesCount_; }
+    float timeLabelStep() const { return timeLabelStep_; }
+    int32_t timeLabelCount() const { return timeLabelCount_; }
     float spectrumFrequencyTexturesMinValue() const { return spectrumFrequencyTexturesMinValue_; }
     int32_t spectrumFrequencyTexturesCount() const { return spectrumFrequencyTexturesCount_; }
     float spectrogramFrequencyTexturesMinValue() const {
@@ -283,10 +283,10 @@ public:
 
     const float* logPoints() const { return logPoints_.data(); }
     const int32_t* octaveRTAIndexesFloor() const { return octaveRTAIndexesFloor_.data(); }
-    const float* octaveRTAPoPrzecinkuIndeksuFloor() const {
-        return octaveRTAPoPrzecinkuIndeksuFloor_.data();
+    const float* octaveRTAIndexFraction() const {
+        return octaveRTAIndexFraction_.data();
     }
-    const float* octaveRTAFequencies() const { return octaveRTAFequencies_.data(); }
+    const float* octaveRTAFrequencies() const { return octaveRTAFrequencies_.data(); }
     const int32_t* spectrogramLogInMiddleIndexes() const {
         return spectrogramLogInMiddleIndexes_.data();
     }
@@ -347,7 +347,7 @@ private:
     float preferredSampleRate_ = 0.0f;
     int32_t preferredIntervalSizePower_ = 0;
     int32_t preferredFftDisplaySize_ = 0;
-    int32_t preferredSpectrogramWidthMianownik_ = 0;
+    int32_t preferredSpectrogramWidthDivisor_ = 0;
     int32_t preferredFftSize_ = 0;
     int32_t preferredFftWindowType_ = 0;
     float preferredLogStartFrequency_ = 0.0f;
@@ -359,10 +359,10 @@ private:
     float trigEnergySaveMode_ = 0.0f;
     float softwareInputGainValue_ = 0.0f;
     float outputGainValue_ = 0.0f;
-    float spectrogramLinearValuesWzmocnienieDB_ = 30.0f;
+    float spectrogramLinearValuesGainDB_ = 30.0f;
     float spectrogramValuesInDBMinimumLevelDB_ = -107.0f;
-    float spectrumWzmocnienieDB_ = 30.0f;
-    float osciloscopeWzmocnienieDB_ = 10.0f;
+    float spectrumGainDB_ = 30.0f;
+    float oscilloscopeGainDB_ = 10.0f;
     float sampleRate_ = 44100.0f;
     float maxFrequency_ = 0.0f;
     int32_t spectrumFrequencyTexturesCount_ = 0;
@@ -371,16 +371,16 @@ private:
     float spectrogramFrequencyTexturesMinValue_ = 0.0f;
     int32_t intervalSizePower_ = 4;
     int32_t fftDisplaySize_ = 2048;
-    int32_t spectrogramWidthMianownik_ = 1;
+    int32_t spectrogramWidthDivisor_ = 1;
     int32_t intervalSizeInFrames_ = 0;
-    float czasSpectrogramu_ = 0.0f;
+    float spectrogramDuration_ = 0.0f;
     int32_t spectrogramWidth_ = 0;
     int32_t segmentSize_ = 0;
-    int32_t iloscSegmentow_ = 0;
+    int32_t segmentCount_ = 0;
     int32_t audioBuffersIntervalsCount_ = 0;
     int32_t minIntervalSizeInFrames_ = 0;
-    float czasTexturesMinValue_ = 0.0f;
-    int32_t czasTexturesCount_ = 0;
+    float timeLabelStep_ = 0.0f;
+    int32_t timeLabelCount_ = 0;
     int32_t fftSize_ = 4096;
     int32_t fftOutSize_ = 2048;
     int32_t fftWindowType_ = 2;
@@ -408,8 +408,8 @@ private:
     int64_t lastPositionHelp_ = 0;
     std::vector<float> logPoints_;
     std::vector<int32_t> octaveRTAIndexesFloor_;
-    std::vector<float> octaveRTAPoPrzecinkuIndeksuFloor_;
-    std::vector<float> octaveRTAFequencies_;
+    std::vector<float> octaveRTAIndexFraction_;
+    std::vector<float> octaveRTAFrequencies_;
     std::vector<int32_t> spectrogramLogInMiddleIndexes_;
     std::vector<int32_t> spectrogramLogIndexes_;
 };

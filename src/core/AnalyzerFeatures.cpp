@@ -26,7 +26,7 @@ AnalyzerFeatures AnalyzerFeatures::spectrumProduct() {
 
 AnalyzerFeatures AnalyzerFeatures::studioProduct() {
     Switches s;
-    s.featureOsciloscopeEnabled = true;
+    s.featureOscilloscopeEnabled = true;
     s.featureSpectrumEnabled = true;
     s.featureOctaveRTAEnabled = true;
     s.featureSpectrogramEnabled = true;
@@ -45,7 +45,7 @@ AnalyzerFeatures AnalyzerFeatures::studioProduct() {
 
 AnalyzerFeatures AnalyzerFeatures::voiceProduct() {
     Switches s;
-    s.featureOsciloscopeEnabled = true;
+    s.featureOscilloscopeEnabled = true;
     s.featureSpectrumEnabled = true;
     s.featureLevelMeterEnabled = true;
     s.featureSampleRatesStdEnabled = true;
@@ -70,13 +70,13 @@ const AnalyzerFeatures& AnalyzerFeatures::sharedFeatures() {
 }
 
 bool AnalyzerFeatures::featureSecondChartEnabled() const {
-    return s_.featureSpectrumEnabled || s_.featureOsciloscopeEnabled || s_.featureOctaveRTAEnabled;
+    return s_.featureSpectrumEnabled || s_.featureOscilloscopeEnabled || s_.featureOctaveRTAEnabled;
 }
 
 bool AnalyzerFeatures::featureSecondChartSelectionEnabled() const {
-    if (s_.featureSpectrumEnabled && s_.featureOsciloscopeEnabled)
+    if (s_.featureSpectrumEnabled && s_.featureOscilloscopeEnabled)
         return true;
-    if (s_.featureOsciloscopeEnabled && s_.featureOctaveRTAEnabled)
+    if (s_.featureOscilloscopeEnabled && s_.featureOctaveRTAEnabled)
         return true;
     return s_.featureSpectrumEnabled && s_.featureOctaveRTAEnabled;
 }

@@ -13,7 +13,7 @@ class AnalyzerFeatures {
 public:
     /// The raw switch values, in declaration order.
     struct Switches {
-        bool featureOsciloscopeEnabled = false;
+        bool featureOscilloscopeEnabled = false;
         bool featureSpectrumEnabled = false;
         bool featureOctaveRTAEnabled = false;
         bool featureSpectrogramEnabled = false;
@@ -48,7 +48,7 @@ public:
     /// chose another first. The first call must come from the main thread.
     static const AnalyzerFeatures& sharedFeatures();
 
-    bool featureOsciloscopeEnabled() const { return s_.featureOsciloscopeEnabled; }
+    bool featureOscilloscopeEnabled() const { return s_.featureOscilloscopeEnabled; }
     bool featureSpectrumEnabled() const { return s_.featureSpectrumEnabled; }
     bool featureOctaveRTAEnabled() const { return s_.featureOctaveRTAEnabled; }
     bool featureSpectrogramEnabled() const { return s_.featureSpectrogramEnabled; }

@@ -34,7 +34,7 @@ EGGFilter::EGGFilter(FFTPlanCache& plans) : plans_(plans) {
 
 EGGFilter::~EGGFilter() { std::free(fftData_); }
 
-bool EGGFilter::filtrujData(const float* dataIn, float* dataOut, int32_t n) {
+bool EGGFilter::bandLimit(const float* dataIn, float* dataOut, int32_t n) {
     if (n < kMinFFTSize || n > kMaxFFTSize || !std::has_single_bit(static_cast<uint32_t>(n)))
         return false;
     const int32_t h = n / 2;

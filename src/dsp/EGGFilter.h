@@ -20,7 +20,7 @@ struct ClosedQuotientResult {
 /// The band filter of the electroglottograph (EGG) channel and the closed
 /// quotient of the vocal folds measured on its output.
 ///
-/// `filtrujData` band-limits the contact signal in the frequency domain. The
+/// `bandLimit` band-limits the contact signal in the frequency domain. The
 /// n real samples are read as n/2 complex values (even samples the real
 /// parts, odd samples the imaginary parts), padded with n/2 zeros and
 /// transformed with an n-point complex FFT. With h = n/2, the low cut zeros
@@ -36,7 +36,7 @@ struct ClosedQuotientResult {
 ///
 /// The transforms run on the complex plans of the FFTW plan cache, which the
 /// planning thread makes ahead (`FFTManager::preparePlansInBackground` with the
-/// EGG product); `filtrujData` never plans. The work buffer is allocated once,
+/// EGG product); `bandLimit` never plans. The work buffer is allocated once,
 /// at construction, for the largest size.
 ///
 /// Threading: one thread at a time per filter (the main thread in the
@@ -68,7 +68,7 @@ public:
     /// in 256..65536. Returns false, writing nothing, for any other `n` or
     /// while the complex plans of n points are not made yet. Never
     /// allocates, locks or waits.
-    bool filtrujData(const float* dataIn, float* dataOut, int32_t n);
+    bool bandLimit(const float* dataIn, float* dataOut, int32_t n);
 
     /// The closed quotient of the filtered signal `v` (`n` samples, n >= 4),
     /// measured with the 40 % criterion level on one cycle. Overwrites the

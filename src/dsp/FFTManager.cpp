@@ -187,23 +187,23 @@ double FFTManager::noiseBandwidthBins(int32_t windowType, int32_t fftSize) {
     return gain * gain * meanSquare;
 }
 
-void FFTManager::przeliczWithFFTWindowBufor(const float* fftWindowBufor, float* wyjsciowyBufor) {
+void FFTManager::powerSpectrumOfWindow(const float* windowSamples, float* powerOut) {
     const int32_t n = mDefaults.fftSize();
     // Planned before the scratch is filled: planning a new size measures on
     // scratch arrays of its own, but must not run between fill and execute.
     fftwf_plan plan = mSpectrumAnalysis->plan(n);
     if (!plan) {
-        zeroSpectrum(n, wyjsciowyBufor);
+        zeroSpectrum(n, powerOut);
         return;
     }
     const int32_t type = mDefaults.fftWindowType();
     if (type != Rectangle) {
         prepareWindow();
-        VectorHelpers::multiply(fftWindowBufor, mWindow, mRealData, n);
+        VectorHelpers::multiply(windowSamples, mWindow, mRealData, n);
     } else {
-        std::memcpy(mRealData, fftWindowBufor, static_cast<size_t>(n) * sizeof(float));
+        std::memcpy(mRealData, windowSamples, static_cast<size_t>(n) * sizeof(float));
     }
-    transformToPower(plan, mRealData, type, wyjsciowyBufor, VectorHelpers::Store::Cached);
+    transformToPower(plan, mRealData, type, powerOut, VectorHelpers::Store::Cached);
 }
 
 void FFTManager::zeroSpectrum(int32_t n, float* out) const {
@@ -249,7 +249,7 @@ void FFTManager::copyFromRing(const float* store, int32_t position, int32_t stor
     }
 }
 
-void FFTManager::przeliczFFTDlaIntervalIndex(int64_t intervalIndex, const float* audioDataBuffer,
+void FFTManager::computeFFTForInterval(int64_t intervalIndex, const float* audioDataBuffer,
                                              int32_t audioDataPos, int32_t dataBufferSize,
                                              float** fftWindowData, float** fftDataOut) {
     const auto slot = static_cast<size_t>(slotOfInterval(intervalIndex));
@@ -296,7 +296,7 @@ void FFTManager::przeliczFFTDlaIntervalIndex(int64_t intervalIndex, const float*
     }
 }
 
-void FFTManager::przeliczFFTDlaIntervalIndex(int64_t intervalIndex, float** fftWindowData,
+void FFTManager::computeFFTForInterval(int64_t intervalIndex, float** fftWindowData,
                                              float** fftDataOut) {
     const int32_t intervalSize = mDefaults.intervalSizeInFrames();
     const int32_t storeSize = intervalSize * mDefaults.audioBuffersIntervalsCount();
@@ -311,11 +311,11 @@ void FFTManager::przeliczFFTDlaIntervalIndex(int64_t intervalIndex, float** fftW
         const int64_t end = (intervalIndex + 1) * static_cast<int64_t>(intervalSize);
         position = static_cast<int32_t>((end + (storeSize - n)) % storeSize);
     }
-    przeliczFFTDlaIntervalIndex(intervalIndex, store.data(), position, storeSize, fftWindowData,
+    computeFFTForInterval(intervalIndex, store.data(), position, storeSize, fftWindowData,
                                 fftDataOut);
 }
 
-void FFTManager::podajFFTDlaIntervalIndex(int64_t intervalIndex, float** fftWindowData,
+void FFTManager::resultsForInterval(int64_t intervalIndex, float** fftWindowData,
                                           float** fftDataOut, float** eggWindowData) {
     const auto slot = static_cast<size_t>(slotOfInterval(intervalIndex));
     if (fftWindowData)

@@ -31,7 +31,7 @@ class FFTPlanCache;
 ///
 /// Threading: no lock of its own. The transforms and `prepareWindow` share
 /// scratch buffers: calls must not overlap; the analysis queue makes them all,
-/// one interval at a time. `podajFFTDlaIntervalIndex` only hands out pointers;
+/// one interval at a time. `resultsForInterval` only hands out pointers;
 /// callers read a slot only after its computation finished. `preparePlans` runs
 /// once on a non-real-time thread before the first transform; if it has not,
 /// the first transform of a size plans that size itself (the analysis queue is
@@ -75,12 +75,12 @@ public:
     /// other type leaves the table as it is.
     void prepareWindow();
 
-    /// Windows `fftWindowBufor` (`fftSize` samples, left unchanged),
-    /// transforms it and writes `fftOutSize` power values to `wyjsciowyBufor`.
+    /// Windows `windowSamples` (`fftSize` samples, left unchanged),
+    /// transforms it and writes `fftOutSize` power values to `powerOut`.
     /// The two must not overlap. `fftSize` must be a power of two in
     /// 256..65536; for any other size the output is zero-filled and a warning
     /// logged.
-    void przeliczWithFFTWindowBufor(const float* fftWindowBufor, float* wyjsciowyBufor);
+    void powerSpectrumOfWindow(const float* windowSamples, float* powerOut);
 
     /// Fills the slot of `intervalIndex` with the `fftSize` samples of the
     /// store `audioDataBuffer` (`dataBufferSize` samples, a ring) starting at
@@ -88,7 +88,7 @@ public:
     /// position: zeros), copies the EGG channel alike when the product has it,
     /// and computes the slot's spectrum. Returns the slot's window and result
     /// buffers through the two out pointers (either may be null).
-    void przeliczFFTDlaIntervalIndex(int64_t intervalIndex, const float* audioDataBuffer,
+    void computeFFTForInterval(int64_t intervalIndex, const float* audioDataBuffer,
                                      int32_t audioDataPos, int32_t dataBufferSize,
                                      float** fftWindowData, float** fftDataOut);
 
@@ -97,12 +97,12 @@ public:
     /// back into earlier intervals (across the ring's start) when N exceeds the
     /// interval. A negative index, or a store smaller than its geometry,
     /// gives an all-zero window.
-    void przeliczFFTDlaIntervalIndex(int64_t intervalIndex, float** fftWindowData,
+    void computeFFTForInterval(int64_t intervalIndex, float** fftWindowData,
                                      float** fftDataOut);
 
     /// The interval's slot buffers, computing nothing; eggWindowData is null
     /// without the EGG product. Any out pointer may be null.
-    void podajFFTDlaIntervalIndex(int64_t intervalIndex, float** fftWindowData, float** fftDataOut,
+    void resultsForInterval(int64_t intervalIndex, float** fftWindowData, float** fftDataOut,
                                   float** eggWindowData);
 
     /// Slot of an interval: index mod 256, taken into 0..255 for negative ones.

@@ -85,7 +85,7 @@ int32_t Transposer::filteredBins(int32_t frameSize, int32_t sampleRate) {
     return std::min(half, static_cast<int32_t>(half * kFilterCutHz / (sampleRate * 0.25)));
 }
 
-void Transposer::setupTranspozycje() {
+void Transposer::setupTransposition() {
     mTooSlow_ = false;
     mTooSlowCounter_ = 0;
     mRegionTooSlowCounter_ = 0;

@@ -62,7 +62,7 @@ class FFTPlanCache;
 /// the samples are in the ring, and the reader (acquire) never reads past it.
 /// The ring holds 65,536 samples, far more than the two sides ever lie apart;
 /// a reader that falls a whole ring behind starts over at the newest input.
-/// `setupTranspozycje` runs while neither side runs (before a recording or
+/// `setupTransposition` runs while neither side runs (before a recording or
 /// playback starts), on any thread; the hand-over that starts the two sides
 /// orders it before them. The read-outs are for the reader's thread (or when
 /// nothing runs).
@@ -98,7 +98,7 @@ public:
 
     /// Starts afresh: both rings zeroed, every sample count and request counter
     /// 0, the too-slow report cleared. Factor, filter and rate stay.
-    void setupTranspozycje();
+    void setupTransposition();
 
     /// Sets the filter (on: everything below 20 kHz is dropped) and the input
     /// `sampleRate` in Hz, and the `factor`: at most 16, rounded down to a

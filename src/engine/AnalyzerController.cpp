@@ -6,12 +6,12 @@
 #include "engine/ChartViewInterface.h"
 #include "engine/LastSessionSaver.h"
 #include "engine/MainQueue.h"
-#include "engine/MainViewControllerInterface.h"
+#include "engine/MainScreenInterface.h"
 #include "engine/SpectrogramScrollViewInterface.h"
 #include "engine/SpectrogramViewInterface.h"
-#include "engine/TQAudioEffectInterface.h"
-#include "engine/TQAudioInterface.h"
-#include "engine/TQMessageInterface.h"
+#include "engine/JackNodeInterface.h"
+#include "engine/AudioSessionInterface.h"
+#include "engine/MessageInterface.h"
 
 #include <QDir>
 #include <QStandardPaths>
@@ -75,13 +75,13 @@ int64_t slotWriteDone(int64_t interval) { return 2 * interval; }
 void AnalyzerController::ProcessingTask::run() { owner_.processIntervals(); }
 
 AnalyzerController::AnalyzerController(AnalyzerDefaults& defaults, FFTManager& fftManager,
-                                       TQAudioInterface& audio)
+                                       AudioSessionInterface& audio)
     : defaults_(defaults), fftManager_(fftManager), audio_(audio),
       mAnalyzerQueue1(std::make_unique<DispatchQueue>(kQueue1Label)),
       mAnalyzerQueue2(std::make_unique<DispatchQueue>(kQueue2Label)) {
     audio_.setDelegate(this);
-    mAudioData = TQAudioData{};
-    mEggData = TQAudioData{};
+    mAudioData = AudioBlock{};
+    mEggData = AudioBlock{};
     // Sized for the largest block now, so that the intake never allocates.
     createMDataBufferIfNeededWithSize(kScratchFrames);
     if (defaults_.features().featureTranspositionEnabled()) {
@@ -111,7 +111,7 @@ void AnalyzerController::setChartViews(ChartViewInterface* chartView,
     chartView_ = chartView;
     spectrogramView_ = spectrogramView;
     SpectrogramScrollViewInterface* spectrogramScroll = spectrogramScrollView();
-    TQGLScrollViewInterface* chartScroll = chartScrollView();
+    ScrollViewInterface* chartScroll = chartScrollView();
     if (spectrogramScroll != nullptr && chartScroll != nullptr) {
         spectrogramScroll->setScrollViewDelegate(chartScroll);
         chartScroll->setScrollViewDelegate(spectrogramScroll);
@@ -122,7 +122,7 @@ SpectrogramScrollViewInterface* AnalyzerController::spectrogramScrollView() cons
     return spectrogramView_ != nullptr ? spectrogramView_->spectrogramScrollView() : nullptr;
 }
 
-TQGLScrollViewInterface* AnalyzerController::chartScrollView() const {
+ScrollViewInterface* AnalyzerController::chartScrollView() const {
     return chartView_ != nullptr ? chartView_->chartScrollView() : nullptr;
 }
 
@@ -130,7 +130,7 @@ int64_t AnalyzerController::intervalSize() const { return defaults_.intervalSize
 
 // --- Intake ------------------------------------------------------------------------------
 
-void AnalyzerController::didGetNewAudioData(TQAudioData data) {
+void AnalyzerController::didGetNewAudioData(AudioBlock data) {
     if (!defaults_.dataValid()) {
         return;
     }
@@ -148,7 +148,7 @@ void AnalyzerController::didGetNewAudioData(TQAudioData data) {
     mIntakeBusy.store(false, std::memory_order_release);
 }
 
-void AnalyzerController::intakeBlock(TQAudioData data) {
+void AnalyzerController::intakeBlock(AudioBlock data) {
     const bool withTrig = workingWithTrig_.load(std::memory_order_acquire);
     if (withTrig && !trigIsStarted_.load(std::memory_order_seq_cst)) {
         didGetNewAudioDataWithTrig(data);
@@ -178,7 +178,7 @@ int64_t AnalyzerController::trigStartupSkip() const {
     return static_cast<int64_t>(defaults_.sampleRate() * 7.0f / 44100.0f);
 }
 
-void AnalyzerController::didGetNewAudioDataWithTrig(TQAudioData data) {
+void AnalyzerController::didGetNewAudioDataWithTrig(AudioBlock data) {
     const int32_t channel = audio_.currentInputChannel() == 1 ? 1 : 0;
     const float gain = decibelsToFactor(defaults_.softwareInputGainValue());
     if (!trigger_.addBlock(data.data, data.count, channel, gain)) {
@@ -196,14 +196,14 @@ void AnalyzerController::didGetNewAudioDataWithTrig(TQAudioData data) {
 }
 
 bool AnalyzerController::audioEffectFeeds() const {
-    const TQAudioEffectInterface* effect = audioEffect_.load(std::memory_order_acquire);
+    const JackNodeInterface* effect = audioEffect_.load(std::memory_order_acquire);
     // The document's rate changes only while nothing records, so the intake may
     // read it; a node at another rate would show every frequency shifted.
     return effect != nullptr && effect->connected() &&
            effect->sampleRate() == static_cast<int32_t>(std::lround(defaults_.sampleRate()));
 }
 
-void AnalyzerController::audioEffectDidGetAudioData(TQAudioData data) {
+void AnalyzerController::audioEffectDidGetAudioData(AudioBlock data) {
     if (!defaults_.dataValid()) {
         return;
     }
@@ -222,12 +222,12 @@ void AnalyzerController::createMDataBufferIfNeededWithSize(int32_t count) {
         // Free first, then a fresh zero-filled block: the old contents are scratch.
         std::vector<float>().swap(mAudioDataStorage);
         mAudioDataStorage.assign(static_cast<size_t>(count), 0.0f);
-        mAudioData = TQAudioData{count, mAudioDataStorage.data()};
+        mAudioData = AudioBlock{count, mAudioDataStorage.data()};
     }
     if (defaults_.features().featureVoiceEGG() && count > mEggData.count) {
         std::vector<float>().swap(mEggDataStorage);
         mEggDataStorage.assign(static_cast<size_t>(count), 0.0f);
-        mEggData = TQAudioData{count, mEggDataStorage.data()};
+        mEggData = AudioBlock{count, mEggDataStorage.data()};
     }
 }
 
@@ -337,7 +337,7 @@ void AnalyzerController::computeInterval(int64_t intervalIndex) {
     }
     float* windowData = nullptr;
     float* dataOut = nullptr;
-    fftManager_.przeliczFFTDlaIntervalIndex(intervalIndex, &windowData, &dataOut);
+    fftManager_.computeFFTForInterval(intervalIndex, &windowData, &dataOut);
     if (spectrogramView_ != nullptr && dataOut != nullptr) {
         spectrogramView_->addFFTdata(dataOut, intervalIndex);
     }
@@ -353,8 +353,8 @@ void AnalyzerController::raiseTooSlow() {
                                           QStringLiteral("OK"));
                 }
             };
-            if (mainViewController_ != nullptr) {
-                mainViewController_->stopAnalyzerWithoutBlockButtonsAndRunBlock(showMessage);
+            if (mainScreen_ != nullptr) {
+                mainScreen_->stopAnalyzerWithoutBlockButtonsAndRunBlock(showMessage);
             } else {
                 stopRecorder();
                 showMessage();
@@ -424,7 +424,7 @@ void AnalyzerController::followIntakeFlags() {
     }
     if (mDocumentFull.exchange(false, std::memory_order_acq_rel)) {
         defaults_.setReadOnly(true);
-        defaults_.setTimeOfDocument(defaults_.czasSpectrogramu());
+        defaults_.setTimeOfDocument(defaults_.spectrogramDuration());
         stopRecorder();
         if (delegate_ != nullptr) {
             delegate_->recorderDidStop();
@@ -445,7 +445,7 @@ void AnalyzerController::showTriggerMeasurement() {
         float* windowData = nullptr;
         float* dataOut = nullptr;
         float* eggWindowData = nullptr;
-        fftManager_.podajFFTDlaIntervalIndex(index, &windowData, &dataOut, &eggWindowData);
+        fftManager_.resultsForInterval(index, &windowData, &dataOut, &eggWindowData);
         if (dataOut != nullptr && windowData != nullptr) {
             chartView_->addFFTdata(dataOut, windowData, nullptr);
         }
@@ -469,7 +469,7 @@ void AnalyzerController::showChartInterval(int64_t intervalIndex) {
         float* windowData = nullptr;
         float* dataOut = nullptr;
         float* eggWindowData = nullptr;
-        fftManager_.podajFFTDlaIntervalIndex(intervalIndex, &windowData, &dataOut, &eggWindowData);
+        fftManager_.resultsForInterval(intervalIndex, &windowData, &dataOut, &eggWindowData);
         if (dataOut != nullptr && windowData != nullptr) {
             chartView_->addFFTdata(dataOut, windowData, eggWindowData);
         }
@@ -508,7 +508,7 @@ void AnalyzerController::startRecorder(std::function<void(bool)> completion) {
     workingWithTrig_.store(withTrig, std::memory_order_release);
     // The node's real-time thread must not allocate: its scratch blocks are
     // sized here, while no intake runs.
-    if (const TQAudioEffectInterface* effect = audioEffect_.load(std::memory_order_acquire)) {
+    if (const JackNodeInterface* effect = audioEffect_.load(std::memory_order_acquire)) {
         createMDataBufferIfNeededWithSize(effect->maxBlockFrames());
     }
     audio_.startRecorder([this, completion = std::move(completion)](bool success) {
@@ -570,7 +570,7 @@ int64_t AnalyzerController::getFirstIntervalToPlay() {
         if (p == current) {
             // The cursor stands at the newest interval: play the whole screen.
             scroll->setMeasuringActivated(false);
-            if (TQGLScrollViewInterface* chartScroll = chartScrollView()) {
+            if (ScrollViewInterface* chartScroll = chartScrollView()) {
                 chartScroll->setMeasuringActivated(false);
             }
         }
@@ -594,7 +594,7 @@ void AnalyzerController::startPlayer(std::function<void(bool)> completion) {
     if (transposer_ != nullptr) {
         // Before the first block is played; the render thread only feeds and
         // drains it.
-        transposer_->setupTranspozycje();
+        transposer_->setupTransposition();
         setTransposerParameters();
     }
     const int64_t n = intervalSize();
@@ -639,7 +639,7 @@ void AnalyzerController::stopPlayer() {
     }
 }
 
-void AnalyzerController::giveNewAudioData(TQAudioData* data) {
+void AnalyzerController::giveNewAudioData(AudioBlock* data) {
     if (data == nullptr || !defaults_.dataValid()) {
         return;
     }
@@ -729,12 +729,12 @@ void AnalyzerController::prepareAudioBuffersData() {
     }
     storeGeneration_.fetch_add(1, std::memory_order_acq_rel);
     std::vector<float>& store = defaults_.audioBuffersData();
-    if (!mFirsInitAudioBufferDone && !store.empty() && defaults_.actualInterval() != 0) {
+    if (!mFirstStorePreparationDone && !store.empty() && defaults_.actualInterval() != 0) {
         // A store restored from the last session: keep its samples. The caller
         // restores actualInterval afterwards and recalculates.
         mFramesWriteCount.store(0, std::memory_order_release);
         defaults_.setActualInterval(0);
-        mFirsInitAudioBufferDone = true;
+        mFirstStorePreparationDone = true;
         return;
     }
     const size_t samples = static_cast<size_t>(std::max(defaults_.audioBufferByteSize(), 0)) / 4;
@@ -747,7 +747,7 @@ void AnalyzerController::prepareAudioBuffersData() {
     }
     mFramesWriteCount.store(0, std::memory_order_release);
     defaults_.setActualInterval(0);
-    mFirsInitAudioBufferDone = true;
+    mFirstStorePreparationDone = true;
 }
 
 void AnalyzerController::prepareTextures() {

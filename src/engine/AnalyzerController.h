@@ -4,9 +4,9 @@
 #include "engine/DispatchQueue.h"
 #include "engine/DisplayTimer.h"
 #include "engine/RecordingTrigger.h"
-#include "engine/TQAudioData.h"
-#include "engine/TQAudioDelegate.h"
-#include "engine/TQAudioEffectDelegate.h"
+#include "engine/AudioBlock.h"
+#include "engine/AudioSessionDelegate.h"
+#include "engine/JackNodeDelegate.h"
 
 #include <QObject>
 
@@ -25,13 +25,13 @@ class AnalyzerDefaults;
 class ChartViewInterface;
 class FFTManager;
 class LastSessionSaver;
-class MainViewControllerInterface;
+class MainScreenInterface;
 class SpectrogramScrollViewInterface;
 class SpectrogramViewInterface;
-class TQAudioEffectInterface;
-class TQAudioInterface;
-class TQGLScrollViewInterface;
-class TQMessageInterface;
+class JackNodeInterface;
+class AudioSessionInterface;
+class ScrollViewInterface;
+class MessageInterface;
 
 /// The analysis engine between the audio input and the displays.
 ///
@@ -92,7 +92,7 @@ class TQMessageInterface;
 /// acts on them on the main thread (scrolling starts, the recording stops),
 /// so the intake never posts or allocates for them.
 /// Settings and geometry change only while the engine is stopped.
-class AnalyzerController final : public TQAudioDelegate, public TQAudioEffectDelegate {
+class AnalyzerController final : public AudioSessionDelegate, public JackNodeDelegate {
 public:
     /// The too-slow message (spectrogram products only).
     static const char* const kTooSlowMessage;
@@ -105,7 +105,7 @@ public:
     /// Registers the engine as `audio`'s delegate and creates the two analysis
     /// queues. `defaults`, `fftManager` and `audio` must outlive the engine.
     /// Main thread (the display timer lives on the constructing thread).
-    AnalyzerController(AnalyzerDefaults& defaults, FFTManager& fftManager, TQAudioInterface& audio);
+    AnalyzerController(AnalyzerDefaults& defaults, FFTManager& fftManager, AudioSessionInterface& audio);
     /// Stops recording and playback, runs the queued analysis work to its end
     /// and unregisters from the audio object.
     ~AnalyzerController() override;
@@ -123,17 +123,17 @@ public:
     void setDelegate(AnalyzerControllerDelegate* delegate) { delegate_ = delegate; }
     AnalyzerControllerDelegate* delegate() const { return delegate_; }
     /// The main screen and the alert helper, used for the too-slow message.
-    void setMainViewController(MainViewControllerInterface* mainViewController) {
-        mainViewController_ = mainViewController;
+    void setMainScreen(MainScreenInterface* mainScreen) {
+        mainScreen_ = mainScreen;
     }
-    void setMessages(TQMessageInterface* messages) { messages_ = messages; }
+    void setMessages(MessageInterface* messages) { messages_ = messages; }
     /// The last-session saver, told of every start and stop of a recording and
     /// waited for before the store is replaced; null for none.
     void setSessionSaver(LastSessionSaver* saver) { saver_ = saver; }
     /// The inter-app node, or null. While it is connected at the document's
     /// sample rate, a recording analyses the node's blocks instead of the
     /// device's. Must outlive the engine, or be reset to null first.
-    void setAudioEffect(const TQAudioEffectInterface* audioEffect) {
+    void setAudioEffect(const JackNodeInterface* audioEffect) {
         audioEffect_.store(audioEffect, std::memory_order_release);
     }
 
@@ -144,11 +144,11 @@ public:
 
     /// One captured block (interleaved stereo). Dropped while the document is not
     /// valid or the audio object is not recording. Delivery queue.
-    void didGetNewAudioData(TQAudioData data) override;
+    void didGetNewAudioData(AudioBlock data) override;
     /// One block from the inter-app node (interleaved stereo). Taken only while
     /// the document is valid, the audio object records and the node's rate is
     /// the document's. The node's real-time thread.
-    void audioEffectDidGetAudioData(TQAudioData data) override;
+    void audioEffectDidGetAudioData(AudioBlock data) override;
     /// Writes `count` frames into the store and schedules processing. `data` is
     /// interleaved stereo, or with `fromTrig` mono samples already gained.
     /// Intake context; a count of 0 or less does nothing.
@@ -186,7 +186,7 @@ public:
     /// block is then replaced by the transposer's output: the document
     /// 2^`realTimeTransposeOctavesDown` times lower at its own pace.
     /// Real-time thread.
-    void giveNewAudioData(TQAudioData* data) override;
+    void giveNewAudioData(AudioBlock* data) override;
 
     // --- Document (main thread, engine stopped) ---------------------------------------------
 
@@ -271,20 +271,20 @@ private:
     /// One block into the document, through the trigger while it waits and
     /// cut at the spectrogram's width with automatic stop. Called by one
     /// intake at a time (`mIntakeBusy`): the device's or the node's.
-    void intakeBlock(TQAudioData data);
+    void intakeBlock(AudioBlock data);
     /// Intake of a block while the trigger waits; replays the pre-trigger
     /// audio when this block fires it. Intake context.
-    void didGetNewAudioDataWithTrig(TQAudioData data);
+    void didGetNewAudioDataWithTrig(AudioBlock data);
     /// Acts on the intake's flags: the trigger fired, the document is full.
     /// Main thread (display timer).
     void followIntakeFlags();
     SpectrogramScrollViewInterface* spectrogramScrollView() const;
-    TQGLScrollViewInterface* chartScrollView() const;
+    ScrollViewInterface* chartScrollView() const;
     int64_t intervalSize() const;
 
     AnalyzerDefaults& defaults_;
     FFTManager& fftManager_;
-    TQAudioInterface& audio_;
+    AudioSessionInterface& audio_;
 
     /// The node is connected at the document's rate. Intake context.
     bool audioEffectFeeds() const;
@@ -297,12 +297,12 @@ private:
     std::unique_ptr<DispatchQueue> mAnalyzerQueue2; // created, deliberately given no work
     std::atomic<int64_t> mPacketsCount{0};
     std::atomic<int64_t> mActualPlayedFrame{0};
-    bool mFirsInitAudioBufferDone = false;
+    bool mFirstStorePreparationDone = false;
     std::atomic<int64_t> mComputedIntervalIndex{0};
     std::atomic<int64_t> mStartIntervalMem{0};
     std::atomic<sf_private_tag*> mTestWavFileRef{nullptr};
-    TQAudioData mAudioData;
-    TQAudioData mEggData;
+    AudioBlock mAudioData;
+    AudioBlock mEggData;
     std::vector<float> mAudioDataStorage;
     std::vector<float> mEggDataStorage;
     /// Transposed playback (`featureTranspositionEnabled`); null otherwise.
@@ -314,11 +314,11 @@ private:
     ChartViewInterface* chartView_ = nullptr;
     SpectrogramViewInterface* spectrogramView_ = nullptr;
     AnalyzerControllerDelegate* delegate_ = nullptr;
-    std::atomic<const TQAudioEffectInterface*> audioEffect_{nullptr};
+    std::atomic<const JackNodeInterface*> audioEffect_{nullptr};
     DisplayTimer timer_;
 
-    MainViewControllerInterface* mainViewController_ = nullptr;
-    TQMessageInterface* messages_ = nullptr;
+    MainScreenInterface* mainScreen_ = nullptr;
+    MessageInterface* messages_ = nullptr;
     ProcessingTask processingTask_{*this};
     // Result-slot hand-over between queue 1 and the display timer (see Threading).
     std::atomic<int64_t> mSlotWriteState{-1}; // 2j + 1 writing interval j, 2j done; -1 none

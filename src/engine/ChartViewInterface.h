@@ -4,7 +4,7 @@
 
 namespace widmo {
 
-class TQGLScrollViewInterface;
+class ScrollViewInterface;
 
 /// The part of the second chart (`ChartView`, with its scroll view and level
 /// meter) that the engine uses. Implemented by the charts library.
@@ -15,7 +15,7 @@ public:
     virtual ~ChartViewInterface() = default;
 
     /// The chart's scrolling view; never null.
-    virtual TQGLScrollViewInterface* chartScrollView() = 0;
+    virtual ScrollViewInterface* chartScrollView() = 0;
 
     /// One interval's cached results: `fftOutSize` power values, the `fftSize`
     /// raw window samples, and the EGG channel's window (null without the EGG

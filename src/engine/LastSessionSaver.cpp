@@ -15,9 +15,9 @@
 namespace widmo {
 
 LastSessionSaver::LastSessionSaver(AnalyzerDefaults& defaults, AnalyzerController& engine,
-                                   QString path, CoderFactory coderFactory, WrittenHook written)
+                                   QString path, StoreFactory storeFactory, WrittenHook written)
     : defaults_(defaults), engine_(engine), path_(std::move(path)),
-      coderFactory_(std::move(coderFactory)), written_(std::move(written)),
+      storeFactory_(std::move(storeFactory)), written_(std::move(written)),
       queue_(std::make_unique<DispatchQueue>("org.widmo.lastSessionSaver")) {
     timer_.setInterval(kPeriod);
     QObject::connect(&timer_, &QTimer::timeout, [this] { saveInBackground(); });
@@ -96,8 +96,8 @@ void LastSessionSaver::save(const Request& r) {
     }
     LastSessionFile::Session session = r.session;
     session.actualInterval = frames / n;
-    if (coderFactory_) {
-        const std::unique_ptr<QSettings> coder = coderFactory_();
+    if (storeFactory_) {
+        const std::unique_ptr<QSettings> coder = storeFactory_();
         LastSessionFile::encode(*coder, session);
         coder->sync();
     }

@@ -44,7 +44,7 @@ class AnalyzerDefaults;
 class LastSessionSaver {
 public:
     /// Opens the restoration store; called on the saver's thread.
-    using CoderFactory = std::function<std::unique_ptr<QSettings>()>;
+    using StoreFactory = std::function<std::unique_ptr<QSettings>()>;
     /// Called on the saver's thread after each successful write of the file
     /// (the application marks it as excluded from backups).
     using WrittenHook = std::function<void(const QString& path)>;
@@ -54,7 +54,7 @@ public:
 
     /// `defaults` and `engine` must outlive the saver. Main thread.
     LastSessionSaver(AnalyzerDefaults& defaults, AnalyzerController& engine, QString path,
-                     CoderFactory coderFactory, WrittenHook written = nullptr);
+                     StoreFactory storeFactory, WrittenHook written = nullptr);
     /// Finishes a running save.
     ~LastSessionSaver();
     LastSessionSaver(const LastSessionSaver&) = delete;
@@ -99,7 +99,7 @@ private:
     AnalyzerDefaults& defaults_;
     AnalyzerController& engine_;
     const QString path_;
-    CoderFactory coderFactory_;
+    StoreFactory storeFactory_;
     WrittenHook written_;
     QTimer timer_;
     std::atomic<bool> pending_{false};

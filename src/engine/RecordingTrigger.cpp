@@ -86,7 +86,7 @@ bool RecordingTrigger::addBlock(const float* interleaved, int32_t count, int32_t
     const int64_t index = mTrigIndexCounter.load(std::memory_order_relaxed) + 1;
     float* windowData = nullptr;
     float* dataOut = nullptr;
-    fftManager_.przeliczFFTDlaIntervalIndex(index, mTrigBuffer.data(), static_cast<int32_t>(start),
+    fftManager_.computeFFTForInterval(index, mTrigBuffer.data(), static_cast<int32_t>(start),
                                             static_cast<int32_t>(m), &windowData, &dataOut);
     const float level = dataOut != nullptr ? trigRMSLevelForFFTData(dataOut, defaults_.fftOutSize(),
                                                                     defaults_.trigMinFrequency(),

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "engine/TQGLScrollViewInterface.h"
+#include "engine/ScrollViewInterface.h"
 
 #include <QPointF>
 
@@ -14,7 +14,7 @@ namespace widmo {
 /// Threading: main thread, except `setPlayLinePosition`, which the playback
 /// source also calls on the real-time audio thread; the implementation must
 /// take that value without locking or allocating (an atomic, read at drawing).
-class SpectrogramScrollViewInterface : public TQGLScrollViewInterface {
+class SpectrogramScrollViewInterface : public ScrollViewInterface {
 public:
     /// Index of the interval shown at `position` (0 = left edge, 1 = right edge
     /// of the visible width). 0 while the spectrogram has no segments.

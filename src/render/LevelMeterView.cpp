@@ -24,7 +24,7 @@ const QColor kReadoutColor = QColor::fromRgbF(1.0f, 0.1f, 0.1f);
 const LevelMeterView::Metrics& LevelMeterView::metrics(bool pad) { return pad ? kTablet : kPhone; }
 
 LevelMeterView::LevelMeterView(QWidget* parent, const AnalyzerFeatures& features)
-    : TQGLView(parent), features_(features), pad_(DeviceClass::isPad(parent)) {
+    : GLView(parent), features_(features), pad_(DeviceClass::isPad(parent)) {
     commonInit();
 }
 
@@ -74,18 +74,18 @@ void LevelMeterView::resetToEmpty() {
 void LevelMeterView::setupGLResources() { prepareTextures(); }
 
 void LevelMeterView::releaseGLResources() {
-    mLegendOpisTexture_iPad.reset();
-    mLegendOpisTexture1_iPhone.reset();
-    mLegendOpisTexture2_iPhone.reset();
-    mPodkladTexture.reset();
+    mLegendTitleTexture.reset();
+    mLegendLine1Texture.reset();
+    mLegendLine2Texture.reset();
+    mScaleTexture.reset();
     dbTexture_.reset();
 }
 
 void LevelMeterView::prepareTextures() {
-    TQGLEffect* e = effect();
+    GLPainter* e = effect();
     if (e == nullptr)
         return;
-    mPodkladTexture = e->convertToTextureUIImage(scaleCQImage());
+    mScaleTexture = e->convertToTextureImage(scaleCQImage());
 
     const bool cq = features_.featureVoiceEGG();
     const Metrics& m = metrics(pad_);
@@ -95,7 +95,7 @@ void LevelMeterView::prepareTextures() {
     const double room = m.readoutOrigin.y() - m.readoutOrigin.x() - m.legendMargin;
     if (pad_) {
         const QString legend = cq ? "Closed quotient (%)" : "SPL Meter (dBFS)";
-        mLegendOpisTexture_iPad = e->convertToTextureText(
+        mLegendTitleTexture = e->convertToTextureText(
             legend, DeviceClass::fittedFont(base, legend, room), kLegendColor);
     } else {
         const QString line1 = cq ? "Closed" : "SPL Meter";
@@ -103,8 +103,8 @@ void LevelMeterView::prepareTextures() {
         // One size for both lines, fitted to the longer.
         const QFont font =
             DeviceClass::fittedFont(DeviceClass::fittedFont(base, line1, room), line2, room);
-        mLegendOpisTexture1_iPhone = e->convertToTextureText(line1, font, kLegendColor);
-        mLegendOpisTexture2_iPhone = e->convertToTextureText(line2, font, kLegendColor);
+        mLegendLine1Texture = e->convertToTextureText(line1, font, kLegendColor);
+        mLegendLine2Texture = e->convertToTextureText(line2, font, kLegendColor);
     }
 }
 
@@ -114,7 +114,7 @@ int LevelMeterView::litSegmentCount(double v, bool pad) {
 }
 
 void LevelMeterView::drawGLRect(const QRectF& rect) {
-    TQGLEffect* e = effect();
+    GLPainter* e = effect();
     if (e == nullptr)
         return;
     e->clearColor(0.05f, 0.05f, 0.05f, 1.0f);
@@ -186,7 +186,7 @@ bool LevelMeterView::frameWouldChange() {
 }
 
 void LevelMeterView::drawLevelColumn(double shownLevel, double /*w*/, double h) {
-    TQGLEffect* e = effect();
+    GLPainter* e = effect();
     const Metrics& m = metrics(pad_);
     const int n = m.segments;
     const int lit = litSegmentCount(shownLevel, pad_);
@@ -203,33 +203,33 @@ void LevelMeterView::drawLevelColumn(double shownLevel, double /*w*/, double h) 
     else
         e->prepareToDrawWithConstantColor(0.2f, 0.2f, 0.2f, 1.0f);
     for (int i = n - 1; i >= 0; --i) {
-        e->rysujRectanglePoint1(QPointF(0.2, i * pitch), QPointF(0.8, (i + 1) * pitch - gap));
+        e->drawRectangle(QPointF(0.2, i * pitch), QPointF(0.8, (i + 1) * pitch - gap));
         if (i <= lit)
             e->prepareToDrawWithConstantColor(1.0f, 0.1f, 0.1f, 1.0f);
     }
 }
 
 void LevelMeterView::drawClosedQuotient(double w, double h) {
-    TQGLEffect* e = effect();
+    GLPainter* e = effect();
     const Metrics& m = metrics(pad_);
     const double columnHeight = 1.0 - m.legendSpace / h;
     context()->functions()->glLineWidth(5.0f);
-    if (mPodkladTexture)
-        e->rysujTexture(mPodkladTexture->name(), QPointF(5.0 / w, columnHeight),
+    if (mScaleTexture)
+        e->drawTexture(mScaleTexture->name(), QPointF(5.0 / w, columnHeight),
                         QPointF(1.0 - 5.0 / w, 0.0));
     e->prepareToDrawWithConstantColor(1.0f, 0.0f, 0.0f, 1.0f);
     const double y = columnHeight * mLastCQ;
     cqRowShown_ = cqRow(mLastCQ, h);
-    e->rysujLiniePoint1(QPointF(5.0 / w, y), QPointF(1.0 - 5.0 / w, y));
+    e->drawLine(QPointF(5.0 / w, y), QPointF(1.0 - 5.0 / w, y));
 }
 
 void LevelMeterView::drawLegend(double w, double h) {
-    TQGLEffect* e = effect();
+    GLPainter* e = effect();
     const QSizeF frame(w, h);
     // Hung from the top edge itself, the first glyph's top row was cut off.
     const double top = 1.0 - metrics(pad_).legendMargin / h;
     if (pad_) {
-        e->rysujTextTexture(mLegendOpisTexture_iPad.get(), QPointF(0.5, top), 1.0f,
+        e->drawTextTexture(mLegendTitleTexture.get(), QPointF(0.5, top), 1.0f,
                             onTheRight_ ? 8 : 7, frame, QRectF());
         return;
     }
@@ -238,9 +238,9 @@ void LevelMeterView::drawLegend(double w, double h) {
     const int orientation = onTheRight_ ? 8 : 7;
     const double x1 = onTheRight_ ? 0.7 : 0.35;
     const double x2 = onTheRight_ ? 0.35 : 0.7;
-    e->rysujTextTexture(mLegendOpisTexture1_iPhone.get(), QPointF(x1, top), 1.0f, orientation,
+    e->drawTextTexture(mLegendLine1Texture.get(), QPointF(x1, top), 1.0f, orientation,
                         frame, QRectF());
-    e->rysujTextTexture(mLegendOpisTexture2_iPhone.get(), QPointF(x2, top), 1.0f, orientation,
+    e->drawTextTexture(mLegendLine2Texture.get(), QPointF(x2, top), 1.0f, orientation,
                         frame, QRectF());
 }
 

@@ -2,7 +2,7 @@
 
 #include "core/AnalyzerFeatures.h"
 #include "render/AffineTransform.h"
-#include "render/TQGLView.h"
+#include "render/GLView.h"
 
 #include <QImage>
 #include <QLabel>
@@ -26,7 +26,7 @@ namespace widmo {
 /// Threading: every member runs on the main thread except `setLevelDB` and
 /// `setClosedQuotient`, which any single feeder thread may call; each value is
 /// one atomic float, read once per frame.
-class LevelMeterView : public TQGLView {
+class LevelMeterView : public GLView {
     Q_OBJECT
 public:
     /// Sizes of one device class (points unless stated).
@@ -66,8 +66,8 @@ public:
     /// next frame. Main thread; the feeder must have stopped.
     void showEmpty();
     /// Kept for the owner; the meter does not draw it.
-    std::shared_ptr<TQTexture> dbTexture() const { return dbTexture_; }
-    void setDbTexture(std::shared_ptr<TQTexture> texture) { dbTexture_ = std::move(texture); }
+    std::shared_ptr<GLTexture> dbTexture() const { return dbTexture_; }
+    void setDbTexture(std::shared_ptr<GLTexture> texture) { dbTexture_ = std::move(texture); }
     /// Kept for the owner; the meter does not use it.
     const AffineTransform& contentTransform() const { return contentTransform_; }
     void setContentTransform(const AffineTransform& t) { contentTransform_ = t; }
@@ -116,10 +116,10 @@ private:
 
     float mLastLevelDB = -144.0f;
     float mLastCQ = 0.0f;
-    std::shared_ptr<TQTexture> mLegendOpisTexture_iPad;
-    std::shared_ptr<TQTexture> mLegendOpisTexture1_iPhone;
-    std::shared_ptr<TQTexture> mLegendOpisTexture2_iPhone;
-    std::shared_ptr<TQTexture> mPodkladTexture;
+    std::shared_ptr<GLTexture> mLegendTitleTexture;
+    std::shared_ptr<GLTexture> mLegendLine1Texture;
+    std::shared_ptr<GLTexture> mLegendLine2Texture;
+    std::shared_ptr<GLTexture> mScaleTexture;
     QLabel* mDBLabel = nullptr;
     int32_t mRefreshCounter = 0;
     // What the last drawn frame showed; -2 before the first.
@@ -129,7 +129,7 @@ private:
     bool onTheRight_ = false;
     std::atomic<float> levelDB_{-144.0f};
     std::atomic<float> closedQuotient_{0.0f};
-    std::shared_ptr<TQTexture> dbTexture_;
+    std::shared_ptr<GLTexture> dbTexture_;
     AffineTransform contentTransform_;
 };
 

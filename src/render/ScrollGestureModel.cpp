@@ -117,8 +117,8 @@ void ScrollGestureModel::zoomingCorrection() {
     if (wy > maxContentZoom_.y())
         sy = maxContentZoom_.y() / wy;
 
-    const bool zoomX = mZoomMemWspolczynnik.x() == 1.0;
-    const bool zoomY = mZoomMemWspolczynnik.y() == 1.0;
+    const bool zoomX = mZoomAxes.x() == 1.0;
+    const bool zoomY = mZoomAxes.y() == 1.0;
     if (!((sx != 1.0 && zoomX) || (sy != 1.0 && zoomY)))
         return;
     mCorrectionRefreshCounter = kCorrectionFrames;
@@ -214,7 +214,7 @@ void ScrollGestureModel::pinchTouches(int touches, QPointF touch1, QPointF touch
     const double hy = std::fabs(touch1.y() - touch2.y());
     const double dist = std::hypot(hx, hy);
     if (dist > 0.0) {
-        mZoomActualWspolczynnik = QPointF(hx / dist, hy / dist);
+        mZoomActualAxes = QPointF(hx / dist, hy / dist);
         *angleDegrees = std::asin(hy / dist) * 180.0 / std::numbers::pi;
     }
     const QPointF mid = (touch1 + touch2) / 2.0;
@@ -233,16 +233,16 @@ void ScrollGestureModel::handlePinch(GestureState state, double scale, int touch
         mZoomMemCenterPoint = mZoomActualCenterPoint;
         mZoomLastCenterPoint = mZoomActualCenterPoint;
         if (theta < 20.0)
-            mZoomMemWspolczynnik = QPointF(1, 0);
+            mZoomAxes = QPointF(1, 0);
         else if (theta <= 70.0)
-            mZoomMemWspolczynnik = QPointF(1, 1);
+            mZoomAxes = QPointF(1, 1);
         else
-            mZoomMemWspolczynnik = QPointF(0, 1);
+            mZoomAxes = QPointF(0, 1);
         [[fallthrough]];
     case GestureState::Changed: {
         // The content under the first centre follows the fingers.
-        const QPointF& w = mZoomMemWspolczynnik;
-        const QPointF& a = mZoomActualWspolczynnik;
+        const QPointF& w = mZoomAxes;
+        const QPointF& a = mZoomActualAxes;
         double scaleX = scale;
         double scaleY = scale;
         if (!(w.x() == 1.0 && w.y() == 1.0)) {

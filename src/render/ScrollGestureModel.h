@@ -158,7 +158,7 @@ public:
     int32_t typeOfContinueMeasuring() const { return mTypeOfContinueMeasuring; }
     QPointF panningLastVelocity() const { return mPanningLastVelocity; }
     /// Axes of the current pinch: x, y each 1 or 0.
-    QPointF zoomAxes() const { return mZoomMemWspolczynnik; }
+    QPointF zoomAxes() const { return mZoomAxes; }
 
 private:
     void cursorGrabTest(int touches, QPointF location);
@@ -182,10 +182,10 @@ private:
     int32_t mTypeOfContinueMeasuring = 2;
     AffineTransform mZoomMemTransform;
     QPointF mZoomMemCenterPoint;
-    QPointF mZoomMemWspolczynnik{1.0, 1.0};
+    QPointF mZoomAxes{1.0, 1.0};
     QPointF mZoomActualCenterPoint;
     QPointF mZoomLastCenterPoint;
-    QPointF mZoomActualWspolczynnik{1.0, 0.0};
+    QPointF mZoomActualAxes{1.0, 0.0};
 
     bool measuringActivated_ = false;
     float borderWidth_ = 0.0f;

@@ -38,7 +38,7 @@ double intervalSeconds(const AnalyzerDefaults& d) {
 } // namespace
 
 SpectrogramScrollView::SpectrogramScrollView(AnalyzerDefaults& defaults, QWidget* parent)
-    : TQGLScrollView(parent), mDefaults(defaults) {
+    : GLScrollView(parent), mDefaults(defaults) {
     mainThreadId() = std::this_thread::get_id();
     setColoredSpectrogram();
     setColorForSpectrogram();
@@ -109,7 +109,7 @@ void SpectrogramScrollView::prepareData() {
     currentToWrite_.store(nullptr, std::memory_order_release);
     segments_.clear();
     setColorForSpectrogram();
-    const int32_t count = mDefaults.iloscSegmentow();
+    const int32_t count = mDefaults.segmentCount();
     for (int32_t i = 0; i < count; ++i)
         addSegment();
     // The largest column either reduction gives: display rows or log points.
@@ -119,7 +119,7 @@ void SpectrogramScrollView::prepareData() {
     segmentOffset_.store(0, std::memory_order_release);
     currentToWrite_.store(segmentsToWrite_.empty() ? nullptr : segmentsToWrite_.front(),
                           std::memory_order_release);
-    setupPozycjeStartu();
+    setupStartPositions();
     setNeedsDisplay();
 }
 
@@ -130,7 +130,7 @@ void SpectrogramScrollView::addSegment() {
     segmentsToWrite_.push_front(segment);
 }
 
-void SpectrogramScrollView::setupPozycjeStartu() {
+void SpectrogramScrollView::setupStartPositions() {
     const auto size = static_cast<float>(mDefaults.segmentSize());
     for (size_t i = 0; i < segmentsToShow_.size(); ++i)
         segmentsToShow_[i]->setPosition(static_cast<float>(i) * size);
@@ -149,7 +149,7 @@ void SpectrogramScrollView::clearData() {
     segmentOffset_.store(0, std::memory_order_release);
     currentToWrite_.store(segmentsToWrite_.empty() ? nullptr : segmentsToWrite_.front(),
                           std::memory_order_release);
-    setupPozycjeStartu();
+    setupStartPositions();
     setNeedsDisplay();
 }
 
@@ -163,7 +163,7 @@ void SpectrogramScrollView::addFFTdata(const float* fftData, int64_t intervalInd
         return;
     const bool linear = mDefaults.linearFrequency();
     const float* reduced = linear ? mDefaults.interlaceToSpectrogramFFTData(fftData)
-                                  : mDefaults.convertToLogaritmicScaleFFTData(fftData);
+                                  : mDefaults.convertToLogarithmicScaleFFTData(fftData);
     const int32_t count =
         std::min(linear ? mDefaults.fftDisplaySize() : mDefaults.spectrogramLogIndexesCount() - 1,
                  static_cast<int32_t>(columnScratch_.size()));
@@ -196,7 +196,7 @@ void SpectrogramScrollView::startScrolling() {
     lastSeenInterval_ = -1;
     SpectrogramScrollViewSegment* current = currentToWrite();
     if (segmentOffset() == 0 && current != nullptr && current->writeIndex() == 0)
-        setupPozycjeStartu();
+        setupStartPositions();
     setNeedsDisplay();
 }
 
@@ -288,8 +288,8 @@ void SpectrogramScrollView::pollNeedsDisplay() {
 
 // --- Measuring ------------------------------------------------------------------------------
 
-void SpectrogramScrollView::setScrollViewDelegate(TQGLScrollViewInterface* partner) {
-    TQGLScrollView::setScrollViewDelegate(dynamic_cast<TQGLScrollView*>(partner));
+void SpectrogramScrollView::setScrollViewDelegate(ScrollViewInterface* partner) {
+    GLScrollView::setScrollViewDelegate(dynamic_cast<GLScrollView*>(partner));
 }
 
 const float* SpectrogramScrollView::recomputeSpectrum(int64_t intervalIndex, float** windowData) {
@@ -302,7 +302,7 @@ const float* SpectrogramScrollView::recomputeSpectrum(int64_t intervalIndex, flo
     if (!measureFFT_)
         measureFFT_ = std::make_unique<FFTManager>(mDefaults);
     float* out = nullptr;
-    measureFFT_->przeliczFFTDlaIntervalIndex(intervalIndex, windowData, &out);
+    measureFFT_->computeFFTForInterval(intervalIndex, windowData, &out);
     return out;
 }
 
@@ -337,7 +337,7 @@ SpectrogramScrollView::MeasureReading SpectrogramScrollView::measureAt(QPointF c
     if (linear)
         mDefaults.interlaceToSpectrogramFFTData(spectrum, measureColumn_.data());
     else
-        mDefaults.convertToLogaritmicScaleFFTData(spectrum, measureColumn_.data());
+        mDefaults.convertToLogarithmicScaleFFTData(spectrum, measureColumn_.data());
     if (mDefaults.valuesInDB())
         VectorHelpers::powerToDecibels(measureColumn_.data(), kDecibelFloor, measureColumn_.data(),
                                        count);
@@ -360,7 +360,7 @@ void SpectrogramScrollView::measuringActualPositionDidChanged() {
 QPointF SpectrogramScrollView::recalculateMeasuringActualPosition(QPointF position) {
     // The partner chart mirrors its own cursor (frequency and level) here
     // while the user drags it: those coordinates mean nothing on this view.
-    if (const TQGLScrollView* partner = scrollViewDelegate();
+    if (const GLScrollView* partner = scrollViewDelegate();
         partner != nullptr &&
         (partner->model().isPanMeasuring() || partner->model().isLongPressMeasuring()))
         return measuringActualPosition();
@@ -387,7 +387,7 @@ QPointF SpectrogramScrollView::recalculateMeasuringActualPosition(QPointF positi
 double SpectrogramScrollView::getValueForKey(const QString& key) {
     if (key == QLatin1String("time"))
         return measuredSecondsBack_;
-    return TQGLScrollView::getValueForKey(key);
+    return GLScrollView::getValueForKey(key);
 }
 
 void SpectrogramScrollView::computeFFTInDelegateChart() {
@@ -404,7 +404,7 @@ void SpectrogramScrollView::computeFFTInDelegateChart() {
 // --- Drawing ---------------------------------------------------------------------------------
 
 void SpectrogramScrollView::drawGLRect(const QRectF& /*rect*/) {
-    TQGLEffect* e = effect();
+    GLPainter* e = effect();
     if (e == nullptr)
         return;
     updateRightEdge();
@@ -413,8 +413,8 @@ void SpectrogramScrollView::drawGLRect(const QRectF& /*rect*/) {
         playLineUpdatesSeen_ = updates;
         playLineClock_.start();
     }
-    e->setProjection(TQGLEffect::unitSpaceProjection());
-    const std::array<float, 4>& c0 = ramp_.kolor[0];
+    e->setProjection(GLPainter::unitSpaceProjection());
+    const std::array<float, 4>& c0 = ramp_.levelColors[0];
     e->clearColor(c0[0], c0[1], c0[2], 1.0f);
     const double width = std::max(1, mDefaults.spectrogramWidth());
     const double left = rightEdge_ - width;
@@ -450,9 +450,9 @@ bool SpectrogramScrollView::frameWouldChange() {
 }
 
 void SpectrogramScrollView::drawSegments(double left, double width) {
-    TQGLEffect* e = effect();
+    GLPainter* e = effect();
     const AffineTransform& t = actualContentTransform();
-    const std::array<float, 4>& c0 = ramp_.kolor[0];
+    const std::array<float, 4>& c0 = ramp_.levelColors[0];
     for (SpectrogramScrollViewSegment* segment : segmentsToShow_) {
         const int32_t columns = segment->uploadedColumns();
         const int64_t first = segment->firstIntervalIndex();
@@ -463,19 +463,19 @@ void SpectrogramScrollView::drawSegments(double left, double width) {
         const double x1 = (static_cast<double>(first + size) - left) / width;
         if (x1 <= 0.0 || x0 >= 1.0)
             continue;
-        e->rysujTexture(segment->textureName(), t.map(QPointF(x0, 0.0)), t.map(QPointF(x1, 1.0)));
+        e->drawTexture(segment->textureName(), t.map(QPointF(x0, 0.0)), t.map(QPointF(x1, 1.0)));
         if (columns < size) {
             // Columns written after the last upload: the texture still holds
             // the segment's previous picture there.
             const double xu = (static_cast<double>(first + columns) - left) / width;
             e->prepareToDrawWithConstantColor(c0[0], c0[1], c0[2], 1.0f);
-            e->rysujRectanglePoint1(t.map(QPointF(xu, 0.0)), t.map(QPointF(x1, 1.0)));
+            e->drawRectangle(t.map(QPointF(xu, 0.0)), t.map(QPointF(x1, 1.0)));
         }
     }
 }
 
 void SpectrogramScrollView::drawGrid(double /*left*/, double width) {
-    TQGLEffect* e = effect();
+    GLPainter* e = effect();
     const AffineTransform& t = actualContentTransform();
     gridVertices_.clear();
     auto line = [this, &t](QPointF a, QPointF b) {
@@ -492,7 +492,7 @@ void SpectrogramScrollView::drawGrid(double /*left*/, double width) {
     const double viewHeight = std::max(1, this->height());
     // Time lines stand at whole label steps back from the right edge.
     const double seconds = intervalSeconds(mDefaults);
-    const double step = static_cast<double>(mDefaults.czasTexturesMinValue());
+    const double step = static_cast<double>(mDefaults.timeLabelStep());
     if (seconds > 0.0 && step > 0.0) {
         double stepX = step / seconds / width;
         for (int k = 0; k < 6 && stepX * t.a * viewWidth < kMinSpacing; ++k)
@@ -511,11 +511,11 @@ void SpectrogramScrollView::drawGrid(double /*left*/, double width) {
     if (gridVertices_.empty())
         return;
     e->prepareToDrawWithConstantColor(gridColor_[0], gridColor_[1], gridColor_[2], gridColor_[3]);
-    e->rysujLinie(gridVertices_.data(), static_cast<int>(gridVertices_.size() / 2));
+    e->drawLines(gridVertices_.data(), static_cast<int>(gridVertices_.size() / 2));
 }
 
 void SpectrogramScrollView::drawPlayLine(double left, double width) {
-    TQGLEffect* e = effect();
+    GLPainter* e = effect();
     const AffineTransform& t = actualContentTransform();
     const double interval = static_cast<double>(mDefaults.actualInterval()) -
                             static_cast<double>(playLinePosition_.load(std::memory_order_acquire));
@@ -523,18 +523,18 @@ void SpectrogramScrollView::drawPlayLine(double left, double width) {
     gl()->glLineWidth(2.0f);
     e->prepareToDrawWithConstantColor(measureLineColor_[0], measureLineColor_[1],
                                       measureLineColor_[2], measureLineColor_[3]);
-    e->rysujLiniePoint1(t.map(QPointF(x, 0.0)), t.map(QPointF(x, 1.0)));
+    e->drawLine(t.map(QPointF(x, 0.0)), t.map(QPointF(x, 1.0)));
     gl()->glLineWidth(1.0f);
 }
 
 void SpectrogramScrollView::drawMeasureLines() {
-    TQGLEffect* e = effect();
+    GLPainter* e = effect();
     const AffineTransform& t = actualContentTransform();
     const QPointF p = measuringActualPosition();
     e->prepareToDrawWithConstantColor(measureLineColor_[0], measureLineColor_[1],
                                       measureLineColor_[2], measureLineColor_[3]);
-    e->rysujLiniePoint1(t.map(QPointF(p.x(), 0.0)), t.map(QPointF(p.x(), 1.0)));
-    e->rysujLiniePoint1(t.map(QPointF(0.0, p.y())), t.map(QPointF(1.0, p.y())));
+    e->drawLine(t.map(QPointF(p.x(), 0.0)), t.map(QPointF(p.x(), 1.0)));
+    e->drawLine(t.map(QPointF(0.0, p.y())), t.map(QPointF(1.0, p.y())));
 }
 
 } // namespace widmo

@@ -3,7 +3,7 @@
 #include "engine/SpectrogramScrollViewInterface.h"
 #include "render/AffineTransform.h"
 #include "render/SpectrogramScrollViewSegment.h"
-#include "render/TQGLScrollView.h"
+#include "render/GLScrollView.h"
 
 #include <QElapsedTimer>
 #include <QString>
@@ -51,7 +51,7 @@ class FFTManager;
 /// the write list, the current segment and atomics), `setPlayLinePosition`
 /// and `raiseNeedsDisplay` (any thread including the real-time one: each
 /// stores an atomic that the main thread reads at its next frame or poll).
-class SpectrogramScrollView : public TQGLScrollView, public SpectrogramScrollViewInterface {
+class SpectrogramScrollView : public GLScrollView, public SpectrogramScrollViewInterface {
     Q_OBJECT
 public:
     /// Level floor added before the dB conversion of a column (about 10^-14.4).
@@ -87,13 +87,13 @@ public:
 
     // --- Segments (main thread, engine stopped) -------------------------------------------
 
-    /// Replaces the segments by `iloscSegmentow` new ones for the current
+    /// Replaces the segments by `segmentCount` new ones for the current
     /// geometry (colour scheme chosen first), placed from time 0.
     void prepareData();
     /// One new segment at the front of both lists.
     void addSegment();
     /// Segment i of the show list at position i × `segmentSize`.
-    void setupPozycjeStartu();
+    void setupStartPositions();
     /// Every segment empty and uploaded, the write list back in show order,
     /// the first one current, `segmentOffset` 0.
     void clearData();
@@ -155,22 +155,22 @@ public:
     // SpectrogramScrollViewInterface
     int64_t getIntervalIndexForSpectrogramPosition(float position) const override;
     int64_t getIntervalIndexForSpectrogramActualPosition() const override;
-    void setMeasureScrollType(int32_t type) override { TQGLScrollView::setMeasureScrollType(type); }
+    void setMeasureScrollType(int32_t type) override { GLScrollView::setMeasureScrollType(type); }
     QPointF measuringActualPosition() const override {
-        return TQGLScrollView::measuringActualPosition();
+        return GLScrollView::measuringActualPosition();
     }
     void setMeasuringActualPosition(QPointF position) override {
-        TQGLScrollView::setMeasuringActualPosition(position);
+        GLScrollView::setMeasuringActualPosition(position);
     }
     /// Any thread; see Threading.
     void setPlayLinePosition(float intervalsBeforeNewest) override;
     void computeFFTInDelegateChart() override;
-    void setNeedsPanningStopRamp() override { TQGLScrollView::setNeedsPanningStopRamp(); }
-    void zoomOut() override { TQGLScrollView::zoomOut(); }
-    bool measuringActivated() const override { return TQGLScrollView::measuringActivated(); }
-    void setMeasuringActivated(bool on) override { TQGLScrollView::setMeasuringActivated(on); }
-    void setScrollViewDelegate(TQGLScrollViewInterface* partner) override;
-    using TQGLScrollView::setScrollViewDelegate;
+    void setNeedsPanningStopRamp() override { GLScrollView::setNeedsPanningStopRamp(); }
+    void zoomOut() override { GLScrollView::zoomOut(); }
+    bool measuringActivated() const override { return GLScrollView::measuringActivated(); }
+    void setMeasuringActivated(bool on) override { GLScrollView::setMeasuringActivated(on); }
+    void setScrollViewDelegate(ScrollViewInterface* partner) override;
+    using GLScrollView::setScrollViewDelegate;
 
     /// "time": seconds back from the newest column to the cursor.
     double getValueForKey(const QString& key) override;

@@ -2,7 +2,7 @@
 
 #include "core/AnalyzerDefaults.h"
 #include "engine/MainQueue.h"
-#include "render/TQGLView.h"
+#include "render/GLView.h"
 
 #include <QOpenGLContext>
 #include <QOpenGLFunctions>
@@ -36,8 +36,8 @@ struct RampArgs {
 };
 
 RampArgs rampArgs(const SpectrogramColorRamp& ramp) {
-    const auto& g = ramp.granicaKoloru;
-    const auto& c = ramp.kolor;
+    const auto& g = ramp.levelThresholds;
+    const auto& c = ramp.levelColors;
     RampArgs a{
         g[0], g[1], g[2], g[3], 1.0f / (g[1] - g[0]), 1.0f / (g[2] - g[1]), 1.0f / (g[3] - g[2]),
         {},   {}};
@@ -130,22 +130,22 @@ std::array<uint8_t, 4> SpectrogramColorRamp::colorForLevel(float n) const {
 bool SpectrogramColorRamp::forColorType(int32_t colorType, SpectrogramColorRamp* ramp) {
     switch (colorType) {
     case 0:
-        ramp->granicaKoloru = {0.01f, 0.27f, 0.54f, 0.99f};
-        ramp->kolor = {{{0.0f, 0.0f, 0.0f, 1.0f},
+        ramp->levelThresholds = {0.01f, 0.27f, 0.54f, 0.99f};
+        ramp->levelColors = {{{0.0f, 0.0f, 0.0f, 1.0f},
                         {0.0f, 0.0f, 0.8f, 1.0f},
                         {0.0f, 0.9f, 0.0f, 1.0f},
                         {1.0f, 0.0f, 0.0f, 1.0f}}};
         return true;
     case 1:
-        ramp->granicaKoloru = {0.01f, 0.25f, 0.5f, 0.9f};
-        ramp->kolor = {{{0.0f, 0.0f, 0.0f, 1.0f},
+        ramp->levelThresholds = {0.01f, 0.25f, 0.5f, 0.9f};
+        ramp->levelColors = {{{0.0f, 0.0f, 0.0f, 1.0f},
                         {0.33f, 0.33f, 0.33f, 1.0f},
                         {0.66f, 0.66f, 0.66f, 1.0f},
                         {1.0f, 1.0f, 1.0f, 1.0f}}};
         return true;
     case 2:
-        ramp->granicaKoloru = {0.01f, 0.25f, 0.5f, 0.9f};
-        ramp->kolor = {{{1.0f, 1.0f, 1.0f, 1.0f},
+        ramp->levelThresholds = {0.01f, 0.25f, 0.5f, 0.9f};
+        ramp->levelColors = {{{1.0f, 1.0f, 1.0f, 1.0f},
                         {0.66f, 0.66f, 0.66f, 1.0f},
                         {0.33f, 0.33f, 0.33f, 1.0f},
                         {0.0f, 0.0f, 0.0f, 1.0f}}};
@@ -159,7 +159,7 @@ SpectrogramScrollViewSegment::SpectrogramScrollViewSegment(const AnalyzerDefault
                                                            const SpectrogramColorRamp& ramp)
     : defaults_(defaults), ramp_(ramp), segmentSize_(std::max(1, defaults.segmentSize())),
       rows_(std::max(1, defaults.fftDisplaySize())) {
-    if (QOpenGLContext* ctx = TQGLView::makeSharedContextCurrent()) {
+    if (QOpenGLContext* ctx = GLView::makeSharedContextCurrent()) {
         context_ = ctx;
         GLuint name = 0;
         ctx->functions()->glGenTextures(1, &name);
@@ -175,7 +175,7 @@ SpectrogramScrollViewSegment::SpectrogramScrollViewSegment(const AnalyzerDefault
 
 SpectrogramScrollViewSegment::~SpectrogramScrollViewSegment() {
     if (textureName_ != 0 && !context_.isNull() &&
-        TQGLView::makeSharedContextCurrent() != nullptr) {
+        GLView::makeSharedContextCurrent() != nullptr) {
         const GLuint name = textureName_;
         context_->functions()->glDeleteTextures(1, &name);
     }
@@ -191,7 +191,7 @@ void SpectrogramScrollViewSegment::clearData() {
 }
 
 void SpectrogramScrollViewSegment::clearImageData() {
-    const uint32_t clear = packedColor(ramp_.kolor[0]);
+    const uint32_t clear = packedColor(ramp_.levelColors[0]);
     auto* pixels = reinterpret_cast<uint32_t*>(mImageData.data());
     std::fill(pixels, pixels + mImageData.size() / 4, clear);
 }
@@ -267,7 +267,7 @@ void SpectrogramScrollViewSegment::columnColors(const AnalyzerDefaults& defaults
                          rampArgs(ramp));
     } else {
         const auto gain = static_cast<float>(std::pow(
-            10.0, static_cast<double>(defaults.spectrogramLinearValuesWzmocnienieDB()) / 20.0));
+            10.0, static_cast<double>(defaults.spectrogramLinearValuesGainDB()) / 20.0));
         magnitudesToColors(x, colors, count, gain, rampArgs(ramp));
     }
 }
@@ -287,7 +287,7 @@ void SpectrogramScrollViewSegment::addFFTdata(const float* values, int64_t inter
         return;
     FFTSpectrumParameters& record = mParameters[static_cast<size_t>(column)];
     record.intervalIndex = intervalIndex;
-    record.linearWzmocnienieDB = defaults_.spectrogramLinearValuesWzmocnienieDB();
+    record.linearGainDB = defaults_.spectrogramLinearValuesGainDB();
     record.valuesInDBMinimumLevelDB = defaults_.spectrogramValuesInDBMinimumLevelDB();
     writeColumn(values, mImageData.data() + static_cast<size_t>(column) * 4);
     if (column == 0)
@@ -314,7 +314,7 @@ void SpectrogramScrollViewSegment::createGLTexture() {
     const int32_t columns = writeIndex_.load(std::memory_order_acquire);
     uploadCount_.fetch_add(1, std::memory_order_acq_rel);
     uploadedColumns_.store(columns, std::memory_order_release);
-    if (textureName_ == 0 || context_.isNull() || TQGLView::makeSharedContextCurrent() == nullptr)
+    if (textureName_ == 0 || context_.isNull() || GLView::makeSharedContextCurrent() == nullptr)
         return;
     QOpenGLFunctions* f = context_->functions();
     f->glBindTexture(GL_TEXTURE_2D, textureName_);
@@ -342,7 +342,7 @@ void SpectrogramScrollViewSegment::uploadNewColumns() {
     uploadCount_.fetch_add(1, std::memory_order_acq_rel);
     uploadedColumns_.store(to, std::memory_order_release);
     if (from == to || textureName_ == 0 || context_.isNull() ||
-        TQGLView::makeSharedContextCurrent() == nullptr)
+        GLView::makeSharedContextCurrent() == nullptr)
         return;
     QOpenGLFunctions* f = context_->functions();
     f->glBindTexture(GL_TEXTURE_2D, textureName_);

@@ -18,19 +18,19 @@ class AnalyzerDefaults;
 /// Which interval a spectrogram column shows and with which scaling (16 bytes).
 struct FFTSpectrumParameters {
     int64_t intervalIndex = -1;            ///< -1: empty column
-    float linearWzmocnienieDB = 0.0f;      ///< linear gain used for the column (dB)
+    float linearGainDB = 0.0f;      ///< linear gain used for the column (dB)
     float valuesInDBMinimumLevelDB = 0.0f; ///< lowest level used for the column (dB)
 };
 static_assert(sizeof(FFTSpectrumParameters) == 16);
 
 /// The four-threshold colour ramp of the spectrogram: levels below
-/// `granicaKoloru[0]` take `kolor[0]`, levels from `granicaKoloru[3]` up take
-/// `kolor[3]`, in between each channel is interpolated linearly between the two
+/// `levelThresholds[0]` take `levelColors[0]`, levels from `levelThresholds[3]` up take
+/// `levelColors[3]`, in between each channel is interpolated linearly between the two
 /// neighbouring colours. Colours are r, g, b, a in 0..1 (alpha is not used).
 /// Owned by `SpectrogramScrollView`; read by its segments.
 struct SpectrogramColorRamp {
-    std::array<float, 4> granicaKoloru{};
-    std::array<std::array<float, 4>, 4> kolor{};
+    std::array<float, 4> levelThresholds{};
+    std::array<std::array<float, 4>, 4> levelColors{};
 
     /// The colour of a normalised level `n` (0..1) as RGBA bytes, each channel
     /// times 255 truncated, alpha 255.
@@ -71,7 +71,7 @@ public:
     static constexpr int32_t kUploadEveryColumns = 8;
 
     /// Allocates the pixels and records for the current geometry of
-    /// `defaults`, clears them to the ramp's `kolor[0]` and, when OpenGL is
+    /// `defaults`, clears them to the ramp's `levelColors[0]` and, when OpenGL is
     /// available, creates and uploads the texture through the shared context of
     /// the GL views. `defaults` and `ramp` must outlive the segment. Main thread.
     SpectrogramScrollViewSegment(const AnalyzerDefaults& defaults,
@@ -85,9 +85,9 @@ public:
     int32_t segmentSize() const { return segmentSize_; }
     int32_t rows() const { return rows_; }
 
-    /// Every pixel `kolor[0]`, every record empty, texture uploaded now. Main thread.
+    /// Every pixel `levelColors[0]`, every record empty, texture uploaded now. Main thread.
     void clearData();
-    /// Every pixel `kolor[0]` with alpha 255 (no upload, records kept).
+    /// Every pixel `levelColors[0]` with alpha 255 (no upload, records kept).
     void clearImageData();
     /// Back to column 0 with a cleared image; the texture keeps the old picture
     /// until the next upload and the records are overwritten column by column.

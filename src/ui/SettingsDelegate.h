@@ -5,7 +5,7 @@
 namespace widmo {
 
 /// What the settings, help and information screens ask of the main screen
-/// (`MainViewController` implements it; tests use a recorder).
+/// (`MainScreen` implements it; tests use a recorder).
 ///
 /// Threading: main thread only.
 class SettingsDelegate {

@@ -1,6 +1,6 @@
 #include "TestSignals.h"
-#include "audio/AudioInputPickerViewDataSource.h"
-#include "audio/TQAudio.h"
+#include "audio/AudioInputModel.h"
+#include "audio/AudioSession.h"
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
 
@@ -13,7 +13,7 @@ namespace widmo {
 namespace {
 
 using namespace test;
-using Picker = AudioInputPickerViewDataSource;
+using Picker = AudioInputModel;
 
 class AudioInputPickerTest : public ::testing::Test {
 protected:
@@ -51,7 +51,7 @@ protected:
 
     AnalyzerFeatures features = AnalyzerFeatures::spectrumProduct();
     AnalyzerDefaults defaults{features, "audio-picker-test"};
-    TQAudio audio{defaults, features};
+    AudioSession audio{defaults, features};
     Picker picker{audio, defaults};
     int secondMic_ = -1;
 };
@@ -124,7 +124,7 @@ TEST_F(AudioInputPickerTest, nothingChosen_opensTheServersDefaultInput_andFollow
 
     // A first start: a new audio object with no input chosen records from the
     // server's default, the second of the two inputs.
-    TQAudio fresh{defaults, features};
+    AudioSession fresh{defaults, features};
     Picker freshPicker{fresh, defaults};
     freshPicker.setObservingInputChanges(true);
     freshPicker.refreshPickerInputSelection();

@@ -52,7 +52,7 @@ protected:
         for (size_t i = 0; i < window.size(); ++i)
             window[i] = sineAt(frequency, double(i) / defaults->sampleRate());
         std::vector<float> out(size_t(defaults->fftOutSize()));
-        FFTManager(*defaults).przeliczWithFFTWindowBufor(window.data(), out.data());
+        FFTManager(*defaults).powerSpectrumOfWindow(window.data(), out.data());
         const int bin = int(std::lround(frequency * defaults->fftSize() / defaults->sampleRate()));
         return {10.0 * std::log10(double(out[size_t(bin)])), bin};
     }

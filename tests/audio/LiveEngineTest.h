@@ -2,7 +2,7 @@
 
 #include "TestDoubles.h"
 #include "TestSignals.h"
-#include "audio/TQAudio.h"
+#include "audio/AudioSession.h"
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
 #include "dsp/FFTManager.h"
@@ -22,7 +22,7 @@ protected:
     /// `configure` changes the settings before the audio object is made.
     /// With `source` the engine records from it instead (no audio object).
     void build(float sampleRate, const std::function<void(AnalyzerDefaults&)>& configure = {},
-               TQAudioInterface* source = nullptr) {
+               AudioSessionInterface* source = nullptr) {
         defaults = std::make_unique<AnalyzerDefaults>(
             features, ::testing::UnitTest::GetInstance()->current_test_suite()->name());
         defaults->setSampleRate(sampleRate);
@@ -32,7 +32,7 @@ protected:
         if (configure)
             configure(*defaults);
         if (source == nullptr)
-            audio = std::make_unique<TQAudio>(*defaults, features);
+            audio = std::make_unique<AudioSession>(*defaults, features);
         manager = std::make_unique<FFTManager>(*defaults);
         engine =
             std::make_unique<AnalyzerController>(*defaults, *manager, source ? *source : *audio);
@@ -78,7 +78,7 @@ protected:
 
     AnalyzerFeatures features = AnalyzerFeatures::spectrumProduct();
     std::unique_ptr<AnalyzerDefaults> defaults;
-    std::unique_ptr<TQAudio> audio;
+    std::unique_ptr<AudioSession> audio;
     std::unique_ptr<FFTManager> manager;
     std::unique_ptr<AnalyzerController> engine;
     FakeChartView chart;

@@ -3,8 +3,8 @@
 // Signals, sound-server tools and capture helpers shared by the audio, ui and
 // benchmark binaries that run against the test services' sound server.
 
-#include "audio/AudioIOUnit.h"
-#include "audio/AudioIOUnitClient.h"
+#include "audio/AudioStreams.h"
+#include "audio/AudioStreamsClient.h"
 #include "audio/SoundServer.h"
 
 #include <QString>
@@ -63,7 +63,7 @@ inline bool completes(const std::function<void(std::function<void(bool)>)>& star
 }
 
 /// Keeps what an audio unit captures (interleaved stereo), on the unit's thread.
-class CaptureRecorder : public AudioIOUnitClient {
+class CaptureRecorder : public AudioStreamsClient {
 public:
     void inputAvailable(int32_t frames) override {
         const size_t at = samples.size();
@@ -73,14 +73,14 @@ public:
     void renderOutput(int32_t frames, float* out) override { std::fill(out, out + frames, 0.0f); }
     void unitFailed(AudioIOFailure f, const QString&) override { failure = f; }
 
-    AudioIOUnit* unit = nullptr;
+    AudioStreams* unit = nullptr;
     std::vector<float> samples;
     AudioIOFailure failure = AudioIOFailure::None;
 };
 
 /// Capture from the server's default input (the virtual microphone) at `rate` Hz.
-inline AudioIOUnit::Config captureConfig(const SoundServer& server, int rate) {
-    AudioIOUnit::Config config;
+inline AudioStreams::Config captureConfig(const SoundServer& server, int rate) {
+    AudioStreams::Config config;
     config.enableInput = true;
     config.input = server.defaultInput();
     config.sampleRate = rate;
@@ -104,7 +104,7 @@ public:
 
 private:
     CaptureRecorder recorder_;
-    AudioIOUnit unit_;
+    AudioStreams unit_;
 };
 
 /// Runs a command of the test sound server (pactl, ...) and returns its exit code.

@@ -88,7 +88,7 @@ TEST_F(TranspositionTest,
     FakeMessages messages;
     FakeMainScreen mainScreen(audio.get());
     audio->setMessages(&messages);
-    audio->setMainViewController(&mainScreen);
+    audio->setMainScreen(&mainScreen);
     auto call = playTone(40000.0, 192000, UltrasonicMicrophone::sinkName());
     ASSERT_TRUE(call);
     QTest::qWait(1500); // an idle null sink's monitor delivers after about 1.5 s

@@ -137,7 +137,7 @@ TEST(BatchAnalysisTest, twoBinCentredTones_spectrumPeaksAtTones_bandsAsTheRtaCha
     ChartData chart(d);
     const std::vector<float> sound = twoTones(1.0);
     std::vector<float> power(2048 + 2, 0.0f);
-    fft.przeliczWithFFTWindowBufor(sound.data() + 10000, power.data());
+    fft.powerSpectrumOfWindow(sound.data() + 10000, power.data());
     chart.addFFTdata(power.data(), sound.data() + 10000, nullptr);
     chart.updateOctaveRTA(false, 0.0);
 
@@ -146,7 +146,7 @@ TEST(BatchAnalysisTest, twoBinCentredTones_spectrumPeaksAtTones_bandsAsTheRtaCha
               d.octaveRTAMaxIndex() - d.octaveRTAMinIndex() + 1);
     for (size_t i = 0; i < bands.size(); ++i) {
         const auto b = static_cast<size_t>(d.octaveRTAMinIndex()) + i;
-        EXPECT_NEAR(bands[i][0], d.octaveRTAFequencies()[b], 0.001) << b;
+        EXPECT_NEAR(bands[i][0], d.octaveRTAFrequencies()[b], 0.001) << b;
         // Levels below -100 dB are window leakage whose phase moves from
         // interval to interval; the tones' bands and their neighbours are steady.
         if (bands[i][1] > -100.0) {

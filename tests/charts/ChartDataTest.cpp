@@ -113,7 +113,7 @@ TEST_F(ChartDataTest, seventeenthInterval_reusesSlotZero_previousSlotIntact) {
         data_->addFFTdata(raw.data(), window_.data(), nullptr);
     }
     EXPECT_EQ(data_->fftOutData(), data_->displaySlot(0));
-    EXPECT_EQ(data_->aktBuforFFTOutData(), 1);
+    EXPECT_EQ(data_->currentResultSlot(), 1);
     // Slot 15 still holds interval 16, converted before the 17th arrived.
     EXPECT_NEAR(data_->displaySlot(15)[5], 10.0f * std::log10(16e-3f), 1e-3f);
     EXPECT_NEAR(data_->fftOutData()[5], 10.0f * std::log10(17e-3f), 1e-3f);
@@ -162,7 +162,7 @@ TEST_F(ChartDataTest, bandEdges_interpolateBetweenBins) {
     const int32_t k = b + 1;
     edge[static_cast<size_t>(f[k])] = 1.0f;
     frame(edge);
-    const double p = defaults_->octaveRTAPoPrzecinkuIndeksuFloor()[k];
+    const double p = defaults_->octaveRTAIndexFraction()[k];
     EXPECT_NEAR(data_->octaveRTAValues()[b], 10.0 * std::log10((1.0 - p) / 2.0), 1e-3);
     EXPECT_NEAR(data_->octaveRTAValues()[k], 10.0 * std::log10((1.0 - p) / 2.0), 1e-3);
 }

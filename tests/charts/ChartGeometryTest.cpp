@@ -158,8 +158,8 @@ TEST(ChartLabelsTest, axisLabelTexts) {
 
     // At +20 dB gain the top of the linear axis shows an amplitude of 0.1.
     EXPECT_EQ(ChartLabels::linearGainLabels(20.0f).back(), "0.1000");
-    EXPECT_EQ(ChartLabels::osciloscopeAmplitudeLabels(0.0f, true)[10], "-1.0000");
-    const QStringList points = ChartLabels::osciloscopePointsLabels(4096);
+    EXPECT_EQ(ChartLabels::oscilloscopeAmplitudeLabels(0.0f, true)[10], "-1.0000");
+    const QStringList points = ChartLabels::oscilloscopePointsLabels(4096);
     EXPECT_EQ(points.front(), "1");
     EXPECT_EQ(points[1], "128");
     EXPECT_EQ(points.back(), "4096");
@@ -174,9 +174,9 @@ TEST(ChartLabelsTest, gainDebounce_rebuildsOnlyEvery21stRefresh) {
     GainLabelDebounce debounce(30.0f);
     for (int i = 0; i < 20; ++i)
         EXPECT_FALSE(debounce.refresh(24.0f + 0.1f * static_cast<float>(i)));
-    EXPECT_FLOAT_EQ(debounce.memWzmocnienieDB(), 30.0f);
+    EXPECT_FLOAT_EQ(debounce.lastGainDB(), 30.0f);
     EXPECT_TRUE(debounce.refresh(26.0f));
-    EXPECT_FLOAT_EQ(debounce.memWzmocnienieDB(), 26.0f);
+    EXPECT_FLOAT_EQ(debounce.lastGainDB(), 26.0f);
     // An unchanged gain never rebuilds.
     for (int i = 0; i < 100; ++i)
         EXPECT_FALSE(debounce.refresh(26.0f));

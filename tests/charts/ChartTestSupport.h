@@ -20,7 +20,7 @@ namespace widmo::test {
 inline AnalyzerFeatures chartFeatures() {
     AnalyzerFeatures::Switches s;
     s.featureSpectrumEnabled = true;
-    s.featureOsciloscopeEnabled = true;
+    s.featureOscilloscopeEnabled = true;
     s.featureOctaveRTAEnabled = true;
     s.featureLevelMeterEnabled = true;
     s.featureSampleRatesStdEnabled = true;
@@ -62,7 +62,7 @@ struct Interval {
 inline Interval analyse(FFTManager& fft, const std::vector<float>& samples,
                         int64_t intervalIndex = 0) {
     Interval out;
-    fft.przeliczFFTDlaIntervalIndex(intervalIndex, samples.data(), 0,
+    fft.computeFFTForInterval(intervalIndex, samples.data(), 0,
                                     static_cast<int32_t>(samples.size()), &out.window,
                                     &out.spectrum);
     return out;

@@ -82,7 +82,7 @@ TEST_F(ChartViewTest, sinePeak_atItsFrequencyAndLevel_logOrLinearAxisAndDisplay)
                                         << c.amplitude << " dB " << c.db);
         defaults_->setLinearFrequency(c.linearAxis);
         defaults_->setValuesInDB(c.db);
-        defaults_->setSpectrumWzmocnienieDB(c.gainDb);
+        defaults_->setSpectrumGainDB(c.gainDb);
         view_->prepareTextures();
         showSine(997.0, c.amplitude);
         const auto peak = topmost(chartImage(), isGreen);
@@ -128,7 +128,7 @@ TEST_F(ChartViewTest, csvOfEachChart_holdsTheShownData) {
               defaults_->octaveRTAMaxIndex() - defaults_->octaveRTAMinIndex() + 1);
     for (size_t i = 0; i < bands.size(); ++i) {
         const size_t b = static_cast<size_t>(defaults_->octaveRTAMinIndex()) + i;
-        EXPECT_NEAR(bands[i][0].toDouble(), defaults_->octaveRTAFequencies()[b], 0.00051);
+        EXPECT_NEAR(bands[i][0].toDouble(), defaults_->octaveRTAFrequencies()[b], 0.00051);
         EXPECT_NEAR(bands[i][1].toDouble(), data.octaveRTAValues()[b], 0.00051);
         EXPECT_NEAR(bands[i][2].toDouble(), data.octaveRTAMinValues()[b], 0.00051);
         EXPECT_NEAR(bands[i][3].toDouble(), data.octaveRTAMaxValues()[b], 0.00051);
@@ -204,7 +204,7 @@ TEST_F(ChartViewTest, axisLabels_standWhereTheirValuesAre) {
     defaults_->setLinearFrequency(true);
     view_->prepareTextures();
     labelImage(); // the widest label's texture sets the step
-    const int step = view_->skokWyswietlaniaCzestotliwoscLiniowa();
+    const int step = view_->linearFrequencyLabelStep();
     const double spacing = defaults_->spectrumFrequencyTexturesMinValue() * step;
     const double pixels = column(spacing / defaults_->maxFrequency()) - column(0.0);
     ASSERT_GT(pixels, 20.0);

@@ -85,7 +85,7 @@ TEST_F(SpectrogramViewLayout, cursorFrequencyReachesThePartnerChart) {
     chart.resize(600, 300);
     spectrogram.scroll()->setScrollViewDelegate(chart.chartScrollView());
     chart.chart()->setScrollViewDelegate(
-        static_cast<TQGLScrollViewInterface*>(spectrogram.scroll()));
+        static_cast<ScrollViewInterface*>(spectrogram.scroll()));
     spectrogram.prepareData();
 
     SpectrogramScrollView* scroll = spectrogram.scroll();

@@ -7,11 +7,11 @@
 #include "engine/AnalyzerControllerDelegate.h"
 #include "engine/ChartViewInterface.h"
 #include "engine/MainQueue.h"
-#include "engine/MainViewControllerInterface.h"
+#include "engine/MainScreenInterface.h"
 #include "engine/SpectrogramScrollViewInterface.h"
 #include "engine/SpectrogramViewInterface.h"
-#include "engine/TQAudioInterface.h"
-#include "engine/TQMessageInterface.h"
+#include "engine/AudioSessionInterface.h"
+#include "engine/MessageInterface.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
@@ -46,10 +46,10 @@ inline void runEventsFor(int ms) {
 
 /// The audio object: starts succeed or fail as told; completions arrive later
 /// on the main thread, as the real one delivers them.
-class FakeAudio : public TQAudioInterface {
+class FakeAudio : public AudioSessionInterface {
 public:
-    void setDelegate(TQAudioDelegate* delegate) override { delegate_ = delegate; }
-    TQAudioDelegate* delegate() const override { return delegate_; }
+    void setDelegate(AudioSessionDelegate* delegate) override { delegate_ = delegate; }
+    AudioSessionDelegate* delegate() const override { return delegate_; }
     bool isRecording() const override { return recording.load(std::memory_order_acquire); }
     bool isPlaying() const override { return playing.load(std::memory_order_acquire); }
     bool isSetupInProgress() const override { return false; }
@@ -82,7 +82,7 @@ private:
             completion(ok);
         });
     }
-    TQAudioDelegate* delegate_ = nullptr;
+    AudioSessionDelegate* delegate_ = nullptr;
 };
 
 /// A chart's scroll view: counts zoom-outs, keeps the measuring switch and partner.
@@ -91,14 +91,14 @@ public:
     void zoomOut() override { ++zoomOuts; }
     bool measuringActivated() const override { return measuring; }
     void setMeasuringActivated(bool a) override { measuring = a; }
-    void setScrollViewDelegate(TQGLScrollViewInterface* p) override { partner = p; }
+    void setScrollViewDelegate(ScrollViewInterface* p) override { partner = p; }
 
     int zoomOuts = 0;
     bool measuring = false;
-    TQGLScrollViewInterface* partner = nullptr;
+    ScrollViewInterface* partner = nullptr;
 };
 
-using FakeScrollView = FakeScrollViewOf<TQGLScrollViewInterface>;
+using FakeScrollView = FakeScrollViewOf<ScrollViewInterface>;
 
 class FakeSpectrogramScrollView : public FakeScrollViewOf<SpectrogramScrollViewInterface> {
 public:
@@ -151,7 +151,7 @@ public:
 /// The second chart: remembers the pointers it was given; `onData` may copy them.
 class FakeChartView : public ChartViewInterface {
 public:
-    TQGLScrollViewInterface* chartScrollView() override { return &scroll; }
+    ScrollViewInterface* chartScrollView() override { return &scroll; }
     void addFFTdata(const float* fftData, const float* fftWindowData,
                     const float* eggWindowData) override {
         shownData.push_back(fftData);
@@ -175,7 +175,7 @@ public:
     std::vector<std::string> calls;
 };
 
-class FakeMessages : public TQMessageInterface {
+class FakeMessages : public MessageInterface {
 public:
     struct Shown {
         QString title, message, button;
@@ -193,9 +193,9 @@ public:
 /// The main screen. Wired to an audio object it stops it and runs the block at
 /// once, as the real one does through the engine; otherwise it keeps the block
 /// for the test to run.
-class FakeMainScreen : public MainViewControllerInterface {
+class FakeMainScreen : public MainScreenInterface {
 public:
-    explicit FakeMainScreen(TQAudioInterface* audio = nullptr) : audio_(audio) {}
+    explicit FakeMainScreen(AudioSessionInterface* audio = nullptr) : audio_(audio) {}
     void stopAnalyzerWithoutBlockButtonsAndRunBlock(std::function<void()> block) override {
         ++stopsWithoutBlock;
         pendingBlock = std::move(block);
@@ -217,7 +217,7 @@ public:
     std::function<void()> pendingBlock;
 
 private:
-    TQAudioInterface* audio_;
+    AudioSessionInterface* audio_;
 };
 
 class FakeDelegate : public AnalyzerControllerDelegate {

@@ -2,7 +2,7 @@
 
 // The end of a test binary whose tests used the sound server. The process
 // ends here without Qt's global teardown, as the application does (see
-// AppDelegate::run), after the leak check that exit would have run: the tests'
+// AppLifecycle::run), after the leak check that exit would have run: the tests'
 // own objects (and with them every connection to the sound server) are gone by
 // now.
 

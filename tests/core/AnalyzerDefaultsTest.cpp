@@ -34,7 +34,7 @@ protected:
     X(TrigEnergySaveMode, trigEnergySaveMode, 1.0f)                                                \
     X(SoftwareInputGainValue, softwareInputGainValue, 12.0f)                                       \
     X(OutputGainValue, outputGainValue, -3.0f)                                                     \
-    X(SpectrogramLinearValuesWzmocnienieDB, spectrogramLinearValuesWzmocnienieDB, 21.0f)           \
+    X(SpectrogramLinearValuesGainDB, spectrogramLinearValuesGainDB, 21.0f)           \
     X(SpectrogramValuesInDBMinimumLevelDB, spectrogramValuesInDBMinimumLevelDB, -90.0f)            \
     X(FftSize, fftSize, 16384)                                                                     \
     X(FftWindowType, fftWindowType, 3)                                                             \
@@ -54,7 +54,7 @@ protected:
     X(PlaybackSlowDownOctaves, playbackSlowDownOctaves, 3)                                         \
     X(RealTimeTranspFilterBelow20kHz, realTimeTranspFilterBelow20kHz, true)                        \
     X(RealTimeTransposeOctavesDown, realTimeTransposeOctavesDown, 2)                               \
-    X(SpectrogramWidthMianownik, spectrogramWidthMianownik, 4)                                     \
+    X(SpectrogramWidthDivisor, spectrogramWidthDivisor, 4)                                     \
     X(AudioDefaultToSpeaker, audioDefaultToSpeaker, false)
 
 /// Every persisted setting of `d` equals that of `reference`.
@@ -72,8 +72,8 @@ TEST_F(AnalyzerDefaultsTest, everyPersistedSettingRoundTrips) {
 #define SET(name, getter, value) d->set##name(value);
         PERSISTED_SETTINGS(SET)
 #undef SET
-        d->setSpectrumWzmocnienieDB(3.0f);
-        d->setOsciloscopeWzmocnienieDB(4.0f);
+        d->setSpectrumGainDB(3.0f);
+        d->setOscilloscopeGainDB(4.0f);
         d->saveDefaults();
     }
     const auto d = load();
@@ -81,8 +81,8 @@ TEST_F(AnalyzerDefaultsTest, everyPersistedSettingRoundTrips) {
     PERSISTED_SETTINGS(CHECK)
 #undef CHECK
     // The chart gains are per run: every start begins at 30 and 10 dB.
-    EXPECT_EQ(30.0f, d->spectrumWzmocnienieDB());
-    EXPECT_EQ(10.0f, d->osciloscopeWzmocnienieDB());
+    EXPECT_EQ(30.0f, d->spectrumGainDB());
+    EXPECT_EQ(10.0f, d->oscilloscopeGainDB());
     EXPECT_EQ(8192, d->fftOutSize()); // the geometry follows the loaded settings
     EXPECT_EQ(512, d->intervalSizeInFrames());
     // The interval key holds the power, and the band key has its short name.
@@ -197,13 +197,13 @@ TEST_F(AnalyzerDefaultsTest, applyingPreferredValuesClampsAndReportsTheChange) {
     d->copyCurrentToPreferred();
     d->setReadOnly(true);
     d->setPreferredSampleRate(22050.0f);
-    d->setPreferredSpectrogramWidthMianownik(0);
+    d->setPreferredSpectrogramWidthDivisor(0);
     d->setPreferredFftDisplaySize(100000);
     d->setPreferredIntervalSizePower(-1);
     EXPECT_EQ(AnalyzerDefaults::PreferredChange::Geometry, d->applyPreferredSettings(&fftChanged));
     EXPECT_FALSE(fftChanged);
     EXPECT_EQ(44100.0f, d->sampleRate());
-    EXPECT_EQ(1, d->spectrogramWidthMianownik());
+    EXPECT_EQ(1, d->spectrogramWidthDivisor());
     EXPECT_EQ(4096, d->fftDisplaySize());
     EXPECT_EQ(0, d->intervalSizePower());
     EXPECT_FALSE(d->readOnly());

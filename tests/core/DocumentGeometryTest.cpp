@@ -24,12 +24,12 @@ void expectGeometry(const AnalyzerDefaults& d, const std::vector<double>& want) 
                                      double(d.intervalSizeInFrames()),
                                      double(d.segmentSize()),
                                      double(d.spectrogramWidth()),
-                                     d.czasSpectrogramu(),
-                                     double(d.iloscSegmentow()),
+                                     d.spectrogramDuration(),
+                                     double(d.segmentCount()),
                                      double(d.audioBuffersIntervalsCount()),
                                      double(d.audioBufferByteSize()),
-                                     d.czasTexturesMinValue(),
-                                     double(d.czasTexturesCount()),
+                                     d.timeLabelStep(),
+                                     double(d.timeLabelCount()),
                                      d.spectrumFrequencyTexturesMinValue(),
                                      double(d.spectrumFrequencyTexturesCount()),
                                      d.spectrogramFrequencyTexturesMinValue(),
@@ -59,7 +59,7 @@ TEST_F(DocumentGeometryTest, workedResultsWithSpectrogram) {
     d->setReadOnly(true);
     d->setTimeOfDocument(10.0f);
     d->recalculateDocumentSettings();
-    EXPECT_FLOAT_EQ(10.0f, d->czasSpectrogramu());
+    EXPECT_FLOAT_EQ(10.0f, d->spectrogramDuration());
     EXPECT_EQ(861, d->spectrogramWidth()); // trunc(10 / (512 / 44100))
 
     d->setReadOnly(false);
@@ -122,7 +122,7 @@ TEST(RoundTo125Test, roundsUpToTheSequenceThenClamps) {
                  {std::numeric_limits<float>::infinity(), 1, 1000, 1000}};
     for (const auto& c : table)
         EXPECT_EQ(c.rounded,
-                  AnalyzerDefaults::zaokraglDoCiagu125wartosc(c.value, c.minimum, c.maximum))
+                  AnalyzerDefaults::roundUpTo125Series(c.value, c.minimum, c.maximum))
             << c.value;
 }
 

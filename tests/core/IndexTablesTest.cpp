@@ -25,14 +25,14 @@ TEST_F(IndexTablesTest, octaveBandsAreABaseTwoSeriesThrough1kHz) {
     for (int bands : {1, 3, 6, 12}) {
         d->setOctaveRTABandsPerOctave(bands);
         regenerate();
-        EXPECT_FLOAT_EQ(15.625f, d->octaveRTAFequencies()[0]);
-        EXPECT_FLOAT_EQ(1000.0f, d->octaveRTAFequencies()[6 * bands]) << bands;
-        EXPECT_FLOAT_EQ(256000.0f, d->octaveRTAFequencies()[14 * bands]) << bands;
+        EXPECT_FLOAT_EQ(15.625f, d->octaveRTAFrequencies()[0]);
+        EXPECT_FLOAT_EQ(1000.0f, d->octaveRTAFrequencies()[6 * bands]) << bands;
+        EXPECT_FLOAT_EQ(256000.0f, d->octaveRTAFrequencies()[14 * bands]) << bands;
         // The lower edge of a band is half a band below its centre.
         const int i = 6 * bands;
         const double binWidth = 22050.0 / 2048.0;
         const double edge =
-            (d->octaveRTAIndexesFloor()[i] + d->octaveRTAPoPrzecinkuIndeksuFloor()[i]) * binWidth;
+            (d->octaveRTAIndexesFloor()[i] + d->octaveRTAIndexFraction()[i]) * binWidth;
         EXPECT_NEAR(1000.0 / std::pow(2.0, 0.5 / bands), edge, 1e-3);
     }
 }
@@ -49,10 +49,10 @@ TEST_F(IndexTablesTest, bandRangeIsWhatTheFftResolves) {
     regenerate();
     const int minIndex = d->octaveRTAMinIndex();
     const double binWidth = 22050.0 / 128.0;
-    EXPECT_GT(d->octaveRTAFequencies()[minIndex] / std::pow(2.0, 0.5 / 3), binWidth);
-    EXPECT_LE(d->octaveRTAFequencies()[minIndex - 1] / std::pow(2.0, 0.5 / 3), binWidth);
-    EXPECT_LT(d->octaveRTAFequencies()[d->octaveRTAMaxIndex()], 22050.0f);
-    EXPECT_GE(d->octaveRTAFequencies()[d->octaveRTAMaxIndex() + 1], 22050.0f);
+    EXPECT_GT(d->octaveRTAFrequencies()[minIndex] / std::pow(2.0, 0.5 / 3), binWidth);
+    EXPECT_LE(d->octaveRTAFrequencies()[minIndex - 1] / std::pow(2.0, 0.5 / 3), binWidth);
+    EXPECT_LT(d->octaveRTAFrequencies()[d->octaveRTAMaxIndex()], 22050.0f);
+    EXPECT_GE(d->octaveRTAFrequencies()[d->octaveRTAMaxIndex() + 1], 22050.0f);
 }
 
 TEST_F(IndexTablesTest, logarithmicPointsSpanZeroToOne) {
@@ -87,7 +87,7 @@ TEST_F(IndexTablesTest, logarithmicRowsStartOnceEach_skipUnreachedRows_columnTak
     // A logarithmic column takes the peak of its row's bins.
     std::vector<float> fft(2048, 0.0f);
     fft[1000] = 5.0f;
-    const float* out = d->convertToLogaritmicScaleFFTData(fft.data());
+    const float* out = d->convertToLogarithmicScaleFFTData(fft.data());
     for (int j = 0; j + 1 < d->spectrogramLogIndexesCount(); ++j) {
         const bool holdsPeak = bins[j] <= 1000 && 1000 < bins[j + 1];
         ASSERT_EQ(holdsPeak ? 5.0f : 0.0f, out[j]) << j;
@@ -115,7 +115,7 @@ TEST_F(IndexTablesTest, interlacingSumsCopiesOrRepeatsBins_in128RotatingBuffers)
     const float* first = d->interlaceToSpectrogramFFTData(fft.data());
     EXPECT_EQ(1.0f, first[4]);
     for (int i = 1; i < 128; ++i)
-        ASSERT_NE(first, d->convertToLogaritmicScaleFFTData(fft.data()));
+        ASSERT_NE(first, d->convertToLogarithmicScaleFFTData(fft.data()));
     EXPECT_EQ(first, d->interlaceToSpectrogramFFTData(fft.data()));
 }
 

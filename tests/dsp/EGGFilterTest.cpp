@@ -67,7 +67,7 @@ std::vector<float> eggSignal(double f0, double cq, double offset, double snrDB, 
 
 ClosedQuotientResult measure(std::vector<float> x) {
     EGGFilter filter(plans());
-    EXPECT_TRUE(filter.filtrujData(x.data(), x.data(), kN));
+    EXPECT_TRUE(filter.bandLimit(x.data(), x.data(), kN));
     return EGGFilter::measureClosedQuotient(x.data(), kN);
 }
 
@@ -124,7 +124,7 @@ TEST(EGGFilterTest, passesTheVoiceBand_removesDcHumAndHighNoise_neverPlansItself
             x[static_cast<size_t>(i)] =
                 static_cast<float>(dc + 0.5 * std::sin(2.0 * kPi * frequency * i / kRate));
         std::vector<float> y(kN);
-        EXPECT_TRUE(filter.filtrujData(x.data(), y.data(), kN));
+        EXPECT_TRUE(filter.bandLimit(x.data(), y.data(), kN));
         // The middle half, clear of the window's edges.
         double peak = 0.0;
         for (int32_t i = kN / 4; i < 3 * kN / 4; ++i)
@@ -142,9 +142,9 @@ TEST(EGGFilterTest, passesTheVoiceBand_removesDcHumAndHighNoise_neverPlansItself
     FFTPlanCache empty(QString(), FFTW_ESTIMATE);
     EGGFilter unplanned(empty);
     std::vector<float> x(kN, 0.1f);
-    EXPECT_FALSE(unplanned.filtrujData(x.data(), x.data(), kN));
+    EXPECT_FALSE(unplanned.bandLimit(x.data(), x.data(), kN));
     EXPECT_FALSE(empty.hasPlan(kN));
-    EXPECT_FALSE(filter.filtrujData(x.data(), x.data(), 3000));
+    EXPECT_FALSE(filter.bandLimit(x.data(), x.data(), 3000));
 }
 
 } // namespace

@@ -65,7 +65,7 @@ protected:
 
     std::vector<float> transform(const std::vector<float>& input) {
         std::vector<float> out(static_cast<size_t>(defaults_->fftOutSize()), -1.0f);
-        manager_->przeliczWithFFTWindowBufor(input.data(), out.data());
+        manager_->powerSpectrumOfWindow(input.data(), out.data());
         return out;
     }
 
@@ -158,7 +158,7 @@ TEST_F(FFTManagerTest, windowEndsWithItsInterval_wrappingRoundTheStore) {
         // interval 0 over the store's end; a shorter one covers the interval's tail.
         for (int64_t interval : {int64_t{0}, int64_t{20}, 20 + 5 * t / i}) {
             float* window = nullptr;
-            manager_->przeliczFFTDlaIntervalIndex(interval, &window, nullptr);
+            manager_->computeFFTForInterval(interval, &window, nullptr);
             for (int64_t k = 0; k < size; ++k)
                 ASSERT_EQ(window[k], static_cast<float>(((interval + 1) * i - size + k + t) % t))
                     << "size " << size << " interval " << interval << " sample " << k;
@@ -169,7 +169,7 @@ TEST_F(FFTManagerTest, windowEndsWithItsInterval_wrappingRoundTheStore) {
     fillStoreWithPositions();
     const int t = storeSize();
     float* window = nullptr;
-    manager_->przeliczFFTDlaIntervalIndex(3, defaults_->audioBuffersData().data(), t - 100, t,
+    manager_->computeFFTForInterval(3, defaults_->audioBuffersData().data(), t - 100, t,
                                           &window, nullptr);
     for (int k = 0; k < 4096; ++k)
         ASSERT_EQ(window[k], static_cast<float>((t - 100 + k) % t)) << k;
@@ -181,11 +181,11 @@ TEST_F(FFTManagerTest, negativeIndexOrMissingData_givesZeroWindowAndSilence) {
     float* window = nullptr;
     float* out = nullptr;
     // Interval 1 first, so the slot of -255 (also slot 1) holds data beforehand.
-    manager_->przeliczFFTDlaIntervalIndex(1, &window, &out);
+    manager_->computeFFTForInterval(1, &window, &out);
     ASSERT_GT(out[0], 0.1f);
     float* window2 = nullptr;
     float* out2 = nullptr;
-    manager_->przeliczFFTDlaIntervalIndex(-255, &window2, &out2);
+    manager_->computeFFTForInterval(-255, &window2, &out2);
     EXPECT_EQ(window2, window);
     for (int k = 0; k < 4096; ++k)
         ASSERT_EQ(window2[k], 0.0f) << k;
@@ -196,7 +196,7 @@ TEST_F(FFTManagerTest, negativeIndexOrMissingData_givesZeroWindowAndSilence) {
 
     // An unprepared (empty) store reads as no data rather than out of bounds.
     defaults_->audioBuffersData().clear();
-    manager_->przeliczFFTDlaIntervalIndex(1, &window, &out);
+    manager_->computeFFTForInterval(1, &window, &out);
     EXPECT_EQ(out[0], 0.0f);
 }
 
@@ -210,26 +210,26 @@ TEST_F(FFTManagerTest, resultStaysInSlotUntilInterval256Later) {
     std::fill(store.begin(), store.begin() + i, 0.25f); // interval 0: constant 0.25
 
     float* firstOut = nullptr;
-    manager_->przeliczFFTDlaIntervalIndex(0, nullptr, &firstOut);
+    manager_->computeFFTForInterval(0, nullptr, &firstOut);
     EXPECT_NEAR(firstOut[0], 0.25, 1e-6);
     for (int64_t k = 1; k < 256; ++k)
-        manager_->przeliczFFTDlaIntervalIndex(k, nullptr, nullptr);
+        manager_->computeFFTForInterval(k, nullptr, nullptr);
 
     float* window = nullptr;
     float* out = nullptr;
     float* egg = nullptr;
-    manager_->podajFFTDlaIntervalIndex(0, &window, &out, &egg);
+    manager_->resultsForInterval(0, &window, &out, &egg);
     EXPECT_EQ(out, firstOut);
     EXPECT_NEAR(out[0], 0.25, 1e-6) << "overwritten before interval 256";
     EXPECT_EQ(egg, nullptr) << "EGG buffers exist only with the EGG product";
 
     float* reused = nullptr;
-    manager_->przeliczFFTDlaIntervalIndex(256, nullptr, &reused);
+    manager_->computeFFTForInterval(256, nullptr, &reused);
     EXPECT_EQ(reused, firstOut);
     EXPECT_NEAR(reused[0], 1.0, 1e-6);
 
     float* other = nullptr;
-    manager_->podajFFTDlaIntervalIndex(255, nullptr, &other, nullptr);
+    manager_->resultsForInterval(255, nullptr, &other, nullptr);
     EXPECT_NE(other, firstOut);
 }
 
@@ -239,10 +239,10 @@ TEST_F(FFTManagerTest, eggProduct_copiesSecondChannelOverSameWindow) {
     auto& egg = defaults_->eggBuffersData();
     for (size_t p = 0; p < egg.size(); ++p)
         egg[p] = -static_cast<float>(p);
-    manager_->przeliczFFTDlaIntervalIndex(0, nullptr, nullptr);
+    manager_->computeFFTForInterval(0, nullptr, nullptr);
     float* window = nullptr;
     float* eggWindow = nullptr;
-    manager_->podajFFTDlaIntervalIndex(0, &window, nullptr, &eggWindow);
+    manager_->resultsForInterval(0, &window, nullptr, &eggWindow);
     ASSERT_NE(eggWindow, nullptr);
     for (int k = 0; k < 1024; ++k)
         ASSERT_EQ(eggWindow[k], -window[k]) << k;

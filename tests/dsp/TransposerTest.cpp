@@ -31,7 +31,7 @@ FFTPlanCache& plans() {
 /// 512-sample blocks as the audio path does.
 std::vector<float> transpose(double frequency, int32_t factor, bool filter, double seconds) {
     Transposer t(plans());
-    t.setupTranspozycje();
+    t.setupTransposition();
     t.setFilter20kHzOn(filter, factor, kRate);
     const std::vector<float> in =
         test::sine(size_t(seconds * kRate) / kBlock * kBlock, frequency / kRate, 0.5);
@@ -109,7 +109,7 @@ TEST(TransposerTest, ultrasonicTone_comesOutDividedByTheFactorWithoutASeam_filte
 
 TEST(TransposerTest, startUpSilence_factorLimits_andOneTooSlowAnswer) {
     Transposer t(plans());
-    t.setupTranspozycje();
+    t.setupTransposition();
     std::vector<float> in(kBlock, 0.25f), out(kBlock, 1.0f);
     // Blocks in and out, as the audio path does; the count of false answers.
     const auto feed = [&](int32_t blocks) {

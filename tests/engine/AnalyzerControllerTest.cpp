@@ -1,5 +1,5 @@
 #include "EngineFixture.h"
-#include "engine/TQAudioEffectInterface.h"
+#include "engine/JackNodeInterface.h"
 
 #include <QDir>
 #include <QFile>
@@ -126,7 +126,7 @@ TEST_F(IntakeTest, blocksIgnored_whenDocumentInvalidOrNotRecording_nodeReplacesD
 
     // Blocks from another application through the inter-app node: while it is
     // connected at the document's rate they replace the device's blocks.
-    struct Node : TQAudioEffectInterface {
+    struct Node : JackNodeInterface {
         bool connected() const override { return linked; }
         int32_t sampleRate() const override { return rate; }
         int32_t maxBlockFrames() const override { return 512; }
@@ -134,7 +134,7 @@ TEST_F(IntakeTest, blocksIgnored_whenDocumentInvalidOrNotRecording_nodeReplacesD
         int32_t rate = 44100;
     } node;
     engine_->setAudioEffect(&node);
-    engine_->audioEffectDidGetAudioData(TQAudioData{512, block.data()});
+    engine_->audioEffectDidGetAudioData(AudioBlock{512, block.data()});
     push(block); // the device's block: dropped
     drain();
     EXPECT_EQ(engine_->framesWriteCount(), 1024);
@@ -144,7 +144,7 @@ TEST_F(IntakeTest, blocksIgnored_whenDocumentInvalidOrNotRecording_nodeReplacesD
     for (bool otherRate : {true, false}) {
         node.rate = otherRate ? 48000 : 44100;
         node.linked = otherRate;
-        engine_->audioEffectDidGetAudioData(TQAudioData{512, block.data()});
+        engine_->audioEffectDidGetAudioData(AudioBlock{512, block.data()});
         push(block);
         drain();
     }
@@ -155,7 +155,7 @@ TEST_F(IntakeTest, blocksIgnored_whenDocumentInvalidOrNotRecording_nodeReplacesD
     node.linked = true;
     engine_->stopRecorder();
     const int64_t packets = engine_->packetsCount();
-    engine_->audioEffectDidGetAudioData(TQAudioData{512, block.data()});
+    engine_->audioEffectDidGetAudioData(AudioBlock{512, block.data()});
     drain();
     EXPECT_EQ(engine_->packetsCount(), packets + 1);
     EXPECT_EQ(engine_->framesWriteCount(), 2048);
@@ -371,7 +371,7 @@ TEST_F(PlaybackTest, stopsOneBlockBeforeNewestSample) {
     const float gain = gainOf(-6.0f);
     std::vector<float> out(512);
     for (int block = 0; block < 3; ++block) {
-        TQAudioData data{512, out.data()};
+        AudioBlock data{512, out.data()};
         engine_->giveNewAudioData(&data);
         for (size_t k = 0; k < out.size(); ++k) {
             ASSERT_EQ(out[k],
@@ -386,7 +386,7 @@ TEST_F(PlaybackTest, stopsOneBlockBeforeNewestSample) {
     // and playback stops through the main thread, once however often it is asked.
     std::fill(out.begin(), out.end(), 7.0f);
     for (int repeat = 0; repeat < 3; ++repeat) {
-        TQAudioData data{511, out.data()};
+        AudioBlock data{511, out.data()};
         engine_->giveNewAudioData(&data);
     }
     EXPECT_EQ(engine_->actualPlayedFrame(), 1536);
@@ -414,10 +414,10 @@ TEST_F(PlaybackTest, readsAcrossRingEnd) {
     // Play up to 100 samples before the ring's end, then a block that crosses it.
     const int64_t toEnd = capacity() - first % capacity();
     std::vector<float> out(static_cast<size_t>(toEnd - 100));
-    TQAudioData data{static_cast<int32_t>(out.size()), out.data()};
+    AudioBlock data{static_cast<int32_t>(out.size()), out.data()};
     engine_->giveNewAudioData(&data);
     std::vector<float> crossing(300);
-    TQAudioData cross{300, crossing.data()};
+    AudioBlock cross{300, crossing.data()};
     engine_->giveNewAudioData(&cross);
     const std::vector<float>& store = defaults_->audioBuffersData();
     EXPECT_TRUE(std::equal(crossing.begin(), crossing.begin() + 100, store.end() - 100));

@@ -41,7 +41,7 @@ protected:
         engine_ = std::make_unique<AnalyzerController>(*defaults_, *manager_, audio_);
         engine_->setChartViews(&chart_, options.withSpectrogram ? &spectrogram_ : nullptr);
         engine_->setDelegate(&delegate_);
-        engine_->setMainViewController(&mainScreen_);
+        engine_->setMainScreen(&mainScreen_);
         engine_->setMessages(&messages_);
         engine_->rebuildDataWithClear();
         defaults_->setDataValid(true);
@@ -95,7 +95,7 @@ protected:
     /// Delivers one block as the audio object's delivery queue would.
     void push(std::vector<float>& stereo) {
         engine_->didGetNewAudioData(
-            TQAudioData{static_cast<int32_t>(stereo.size() / 2), stereo.data()});
+            AudioBlock{static_cast<int32_t>(stereo.size() / 2), stereo.data()});
     }
 
     void drain() { engine_->analyzerQueue1().waitUntilEmpty(); }
@@ -105,7 +105,7 @@ protected:
         float* window = nullptr;
         float* out = nullptr;
         float* egg = nullptr;
-        manager_->podajFFTDlaIntervalIndex(index, &window, &out, &egg);
+        manager_->resultsForInterval(index, &window, &out, &egg);
         return {window, out};
     }
 
@@ -120,7 +120,7 @@ protected:
         ASSERT_GE(first, 0);
         const std::vector<float> window(mono.begin() + first, mono.begin() + first + size);
         std::vector<float> spectrum(static_cast<size_t>(defaults_->fftOutSize()));
-        reference_->przeliczWithFFTWindowBufor(window.data(), spectrum.data());
+        reference_->powerSpectrumOfWindow(window.data(), spectrum.data());
         const auto [slotWindow, slotOut] = slot(index);
         EXPECT_TRUE(std::equal(window.begin(), window.end(), slotWindow)) << "interval " << index;
         EXPECT_TRUE(std::equal(spectrum.begin(), spectrum.end(), slotOut)) << "interval " << index;

@@ -64,7 +64,7 @@ TEST_F(EngineStressTest, randomBlocksWithLiveDisplay_resultsMatchDirectComputati
                 stereo[2 * static_cast<size_t>(k)] = mono[static_cast<size_t>(written + k)];
                 stereo[2 * static_cast<size_t>(k) + 1] = -1.0f;
             }
-            engine_->didGetNewAudioData(TQAudioData{count, stereo.data()});
+            engine_->didGetNewAudioData(AudioBlock{count, stereo.data()});
             written += count;
         }
         produced = true;

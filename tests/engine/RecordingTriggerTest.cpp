@@ -133,7 +133,7 @@ TEST_F(RecordingTriggerTest, automaticStop_stopsAtSpectrogramWidth) {
     EXPECT_EQ(engine_->framesWriteCount(), width * n());
     EXPECT_FALSE(audio_.isRecording());
     EXPECT_TRUE(defaults_->readOnly());
-    EXPECT_EQ(defaults_->timeOfDocument(), defaults_->czasSpectrogramu());
+    EXPECT_EQ(defaults_->timeOfDocument(), defaults_->spectrogramDuration());
     drain();
     EXPECT_EQ(defaults_->actualInterval(), width);
 }

@@ -1,16 +1,16 @@
-#include "render/TQGLView.h"
+#include "render/GLView.h"
 
 #include <QTest>
 
 #include <gtest/gtest.h>
 
-using widmo::TQGLView;
+using widmo::GLView;
 
 namespace {
 
-class CountingView : public TQGLView {
+class CountingView : public GLView {
 public:
-    using TQGLView::TQGLView;
+    using GLView::GLView;
     int frames = 0;
 
 protected:
@@ -81,7 +81,7 @@ TEST_F(GLViewTest, everyFrameAndLayoutAnimationKeepItRunning) {
 
     // Child views get their request queued, not at once.
     view.setNeedsDisplayWithSubviews();
-    EXPECT_EQ(view.needsDisplayFrames(), TQGLView::kRedrawFrames);
+    EXPECT_EQ(view.needsDisplayFrames(), GLView::kRedrawFrames);
     EXPECT_EQ(child.needsDisplayFrames(), 0);
     QCoreApplication::processEvents();
     EXPECT_GT(child.needsDisplayFrames(), 0);

@@ -1,6 +1,6 @@
 #include "render/DeviceClass.h"
-#include "render/TQGLEffect.h"
-#include "render/TQGLView.h"
+#include "render/GLPainter.h"
+#include "render/GLView.h"
 
 #include <QImage>
 #include <QPainter>
@@ -11,8 +11,8 @@
 
 using widmo::AffineTransform;
 using widmo::DeviceClass;
-using widmo::TQGLEffect;
-using widmo::TQTexture;
+using widmo::GLPainter;
+using widmo::GLTexture;
 
 namespace {
 
@@ -26,47 +26,47 @@ TEST(TextQuad, contentScaleDividesAndScaleMultiplies_touchingBoundsFits) {
     // 20 x 10 points: 0.1 x 0.1.
     const QSizeF tex(40, 20);
     const QSizeF frame(200, 100);
-    auto q = TQGLEffect::textQuad(tex, {0.5, 0.5}, 1.0, 0, frame, 2.0);
+    auto q = GLPainter::textQuad(tex, {0.5, 0.5}, 1.0, 0, frame, 2.0);
     ASSERT_TRUE(q);
     EXPECT_EQ(q->vertices[0], QPointF(0.5, 0.5));
     EXPECT_EQ(q->vertices[3], QPointF(0.6, 0.6));
-    q = TQGLEffect::textQuad(tex, {0.5, 0.5}, 2.0, 9, frame, 1.0);
+    q = GLPainter::textQuad(tex, {0.5, 0.5}, 2.0, 9, frame, 1.0);
     EXPECT_EQ(q->vertices[0], QPointF(0.3, 0.3));
     EXPECT_EQ(q->vertices[3], QPointF(0.7, 0.7));
-    EXPECT_FALSE(TQGLEffect::textQuad(tex, {0.5, 0.5}, 1.0, 10, frame, 2.0));
-    EXPECT_FALSE(TQGLEffect::textQuad(tex, {0.5, 0.5}, 1.0, -1, frame, 2.0));
+    EXPECT_FALSE(GLPainter::textQuad(tex, {0.5, 0.5}, 1.0, 10, frame, 2.0));
+    EXPECT_FALSE(GLPainter::textQuad(tex, {0.5, 0.5}, 1.0, -1, frame, 2.0));
     // A label crossing its bounds is dropped on screen; one touching them fits.
-    const auto touching = TQGLEffect::textQuad(tex, {0.8, 0.8}, 1.0, 0, frame, 2.0);
-    EXPECT_TRUE(TQGLEffect::quadFitsBounds(*touching, QRectF(0.1, 0.1, 0.8, 0.8)));
+    const auto touching = GLPainter::textQuad(tex, {0.8, 0.8}, 1.0, 0, frame, 2.0);
+    EXPECT_TRUE(GLPainter::quadFitsBounds(*touching, QRectF(0.1, 0.1, 0.8, 0.8)));
 }
 
 TEST(LabelStep, skipsLabelsUntilTheyFitAtWholeZoomLevels) {
     // 11 labels on a 320-point axis, 40 points wide: spacing 0.1, label 0.125.
-    EXPECT_EQ(TQGLEffect::labelStep(0.125, 11, 1.0, true, false), 2);
-    EXPECT_EQ(TQGLEffect::labelStep(0.125, 11, 2.0, true, false), 1);
-    EXPECT_EQ(TQGLEffect::labelStep(0.125, 11, 1.9, true, false), 2);
-    EXPECT_EQ(TQGLEffect::labelStep(0.125, 11, 0.3, true, false), 2) << "zoom below 1 counts as 1";
+    EXPECT_EQ(GLPainter::labelStep(0.125, 11, 1.0, true, false), 2);
+    EXPECT_EQ(GLPainter::labelStep(0.125, 11, 2.0, true, false), 1);
+    EXPECT_EQ(GLPainter::labelStep(0.125, 11, 1.9, true, false), 2);
+    EXPECT_EQ(GLPainter::labelStep(0.125, 11, 0.3, true, false), 2) << "zoom below 1 counts as 1";
     // Vertical labels need more room on a tablet.
-    EXPECT_EQ(TQGLEffect::labelStep(0.15, 11, 1.0, false, false), 2);
-    EXPECT_EQ(TQGLEffect::labelStep(0.15, 11, 1.0, false, true), 5);
+    EXPECT_EQ(GLPainter::labelStep(0.15, 11, 1.0, false, false), 2);
+    EXPECT_EQ(GLPainter::labelStep(0.15, 11, 1.0, false, true), 5);
     // Past 50 the steps double: 100, 200, ...
-    EXPECT_EQ(TQGLEffect::labelStep(0.6, 101, 1.0, true, false), 100);
-    EXPECT_EQ(TQGLEffect::labelStep(1.2, 101, 1.0, true, false), 200);
-    EXPECT_EQ(TQGLEffect::labelStep(0.125, 1, 1.0, true, false), 1);
+    EXPECT_EQ(GLPainter::labelStep(0.6, 101, 1.0, true, false), 100);
+    EXPECT_EQ(GLPainter::labelStep(1.2, 101, 1.0, true, false), 200);
+    EXPECT_EQ(GLPainter::labelStep(0.125, 1, 1.0, true, false), 1);
 }
 
 TEST(LabelStep, textureSizeIsTakenInPointsAlongTheChosenAxis) {
     DeviceClass::setForcedIdiom(DeviceClass::Idiom::Phone);
-    TQGLEffect effect(nullptr, 2.0f); // no context: only the arithmetic is used
-    const TQTexture label(0, 80, 30); // 40 x 15 points at content scale 2
-    EXPECT_EQ(effect.skokWyswietlaniaDlaTekstury(label, 11, QSizeF(320, 100), true,
+    GLPainter effect(nullptr, 2.0f); // no context: only the arithmetic is used
+    const GLTexture label(0, 80, 30); // 40 x 15 points at content scale 2
+    EXPECT_EQ(effect.labelStepForTexture(label, 11, QSizeF(320, 100), true,
                                                  AffineTransform::identity()),
               2);
-    EXPECT_EQ(effect.skokWyswietlaniaDlaTekstury(label, 11, QSizeF(320, 100), true,
+    EXPECT_EQ(effect.labelStepForTexture(label, 11, QSizeF(320, 100), true,
                                                  AffineTransform::scale(2.5, 1)),
               1);
     // Vertically: 15 / 100 = 0.15, the phone factor 1.2 needs 0.18.
-    EXPECT_EQ(effect.skokWyswietlaniaDlaTekstury(label, 11, QSizeF(320, 100), false,
+    EXPECT_EQ(effect.labelStepForTexture(label, 11, QSizeF(320, 100), false,
                                                  AffineTransform::scale(5, 1)),
               2);
     DeviceClass::setForcedIdiom(std::nullopt);
@@ -75,7 +75,7 @@ TEST(LabelStep, textureSizeIsTakenInPointsAlongTheChosenAxis) {
 // --- Labels on screen ------------------------------------------------------------
 
 // Draws one label on black each frame.
-class LabelView : public widmo::TQGLView {
+class LabelView : public widmo::GLView {
 public:
     QImage image;
     QString text;
@@ -85,18 +85,18 @@ public:
 
 protected:
     void setupGLResources() override {
-        texture = text.isEmpty() ? effect()->convertToTextureUIImage(image)
+        texture = text.isEmpty() ? effect()->convertToTextureImage(image)
                                  : effect()->convertToTextureText(
                                        text, DeviceClass::systemFont(24, true), Qt::white);
     }
     void releaseGLResources() override { texture.reset(); }
     void drawGLRect(const QRectF& rect) override {
         effect()->clearColor(0, 0, 0, 1);
-        effect()->rysujTextTexture(texture.get(), anchor, 1.0f, orientation, rect.size(), bounds);
+        effect()->drawTextTexture(texture.get(), anchor, 1.0f, orientation, rect.size(), bounds);
     }
 
 public:
-    std::shared_ptr<TQTexture> texture;
+    std::shared_ptr<GLTexture> texture;
     ~LabelView() override {
         makeCurrent();
         texture.reset();

@@ -22,7 +22,7 @@ inline std::unique_ptr<AnalyzerDefaults> spectrogramDocument(bool linearFrequenc
     d->setFftSize(4096);
     d->setFftWindowType(2);
     d->setFftDisplaySize(2048);
-    d->setSpectrogramWidthMianownik(8);
+    d->setSpectrogramWidthDivisor(8);
     d->setLinearFrequency(linearFrequency);
     d->setValuesInDB(true);
     d->setSpectrogramValuesInDBMinimumLevelDB(-120.0f);

@@ -1,5 +1,5 @@
-#include "render/TQGLScrollView.h"
-#include "render/TQGLViewScrolling.h"
+#include "render/GLScrollView.h"
+#include "render/ScrollObserver.h"
 
 #include <QApplication>
 #include <QMouseEvent>
@@ -9,14 +9,14 @@
 #include <gtest/gtest.h>
 
 using widmo::AffineTransform;
-using widmo::TQGLScrollView;
+using widmo::GLScrollView;
 
 namespace {
 
 // Fills its whole content square white.
-class WhiteContentView : public TQGLScrollView {
+class WhiteContentView : public GLScrollView {
 public:
-    using TQGLScrollView::TQGLScrollView;
+    using GLScrollView::GLScrollView;
 
 protected:
     void drawGLRect(const QRectF&) override {
@@ -24,11 +24,11 @@ protected:
         effect()->prepareToDrawWithConstantColor(1, 1, 1, 1);
         // Deliberately larger than the content square: the mask must cover it.
         const AffineTransform& t = actualContentTransform();
-        effect()->rysujRectanglePoint1(t.map(QPointF(-0.5, -0.5)), t.map(QPointF(1.5, 1.5)));
+        effect()->drawRectangle(t.map(QPointF(-0.5, -0.5)), t.map(QPointF(1.5, 1.5)));
     }
 };
 
-struct CountingDelegate : widmo::TQGLViewScrolling {
+struct CountingDelegate : widmo::ScrollObserver {
     int changes = 0;
     void contentWasChanged() override { ++changes; }
 };
@@ -119,8 +119,8 @@ TEST(ScrollView, wheelZoomsAxesByModifierAndDragPans) {
 }
 
 TEST(ScrollView, clickMeasuresAndPartnerMirrorsTheCursor) {
-    TQGLScrollView chart;
-    TQGLScrollView partner;
+    GLScrollView chart;
+    GLScrollView partner;
     chart.resize(400, 200);
     partner.resize(100, 100);
     chart.setScrollViewDelegate(&partner);

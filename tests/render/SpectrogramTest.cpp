@@ -51,21 +51,21 @@ TEST(SpectrogramColours, rampEdgesAndDecibelColumn) {
         d->setSpectrogramColorType(scheme);
         view.setColorForSpectrogram();
         const SpectrogramColorRamp& r = view.colorRamp();
-        EXPECT_EQ(r.colorForLevel(r.granicaKoloru[0]), bytes(r.kolor[0])) << scheme;
-        EXPECT_EQ(r.colorForLevel(r.granicaKoloru[3]), bytes(r.kolor[3])) << scheme;
-        EXPECT_EQ(r.colorForLevel(1.0f), bytes(r.kolor[3])) << scheme;
-        EXPECT_EQ(r.colorForLevel(r.granicaKoloru[1]), bytes(r.kolor[1])) << scheme;
-        EXPECT_EQ(r.colorForLevel(0.0f), bytes(r.kolor[0])) << scheme;
+        EXPECT_EQ(r.colorForLevel(r.levelThresholds[0]), bytes(r.levelColors[0])) << scheme;
+        EXPECT_EQ(r.colorForLevel(r.levelThresholds[3]), bytes(r.levelColors[3])) << scheme;
+        EXPECT_EQ(r.colorForLevel(1.0f), bytes(r.levelColors[3])) << scheme;
+        EXPECT_EQ(r.colorForLevel(r.levelThresholds[1]), bytes(r.levelColors[1])) << scheme;
+        EXPECT_EQ(r.colorForLevel(0.0f), bytes(r.levelColors[0])) << scheme;
     }
     d->setSpectrogramColorType(7); // unknown: the white scheme stays
     view.setColorForSpectrogram();
-    EXPECT_EQ(bytes(view.colorRamp().kolor[0]), (std::array<uint8_t, 4>{255, 255, 255, 255}));
+    EXPECT_EQ(bytes(view.colorRamp().levelColors[0]), (std::array<uint8_t, 4>{255, 255, 255, 255}));
 
     d->setSpectrogramColorType(0);
     view.setColorForSpectrogram();
     const SpectrogramColorRamp& r = view.colorRamp();
     // Halfway between the second and third thresholds: blue 0.8 to green 0.9.
-    const float mid = (r.granicaKoloru[1] + r.granicaKoloru[2]) / 2.0f;
+    const float mid = (r.levelThresholds[1] + r.levelThresholds[2]) / 2.0f;
     const std::array<uint8_t, 4> half = r.colorForLevel(mid);
     EXPECT_EQ(half[0], 0);
     EXPECT_NEAR(half[1], 114, 1);
@@ -78,12 +78,12 @@ TEST(SpectrogramColours, rampEdgesAndDecibelColumn) {
     column[3] = -60.0f; // level 0.5: between green (0.54) and blue (0.27)
     column.back() = 0.0f;
     segment.addFFTdata(column.data(), 5);
-    EXPECT_EQ(pixel(segment, 0, 0), bytes(r.kolor[0])) << "-200 dB against a -120 dB minimum";
-    EXPECT_EQ(pixel(segment, 0, 1), bytes(r.kolor[3]));
-    EXPECT_EQ(pixel(segment, 0, 2), bytes(r.kolor[0]));
+    EXPECT_EQ(pixel(segment, 0, 0), bytes(r.levelColors[0])) << "-200 dB against a -120 dB minimum";
+    EXPECT_EQ(pixel(segment, 0, 1), bytes(r.levelColors[3]));
+    EXPECT_EQ(pixel(segment, 0, 2), bytes(r.levelColors[0]));
     EXPECT_EQ(pixel(segment, 0, 3), r.colorForLevel(0.5f));
-    EXPECT_EQ(pixel(segment, 0, d->fftDisplaySize() - 1), bytes(r.kolor[0])) << "top row written";
-    EXPECT_EQ(pixel(segment, 1, 1), bytes(r.kolor[0])) << "next column touched";
+    EXPECT_EQ(pixel(segment, 0, d->fftDisplaySize() - 1), bytes(r.levelColors[0])) << "top row written";
+    EXPECT_EQ(pixel(segment, 1, 1), bytes(r.levelColors[0])) << "next column touched";
     EXPECT_EQ(segment.parametersAtIndex(0).intervalIndex, 5);
     EXPECT_EQ(segment.parametersAtIndex(1).intervalIndex, -1);
     EXPECT_EQ(segment.parametersAtIndex(0).valuesInDBMinimumLevelDB, -120.0f);
@@ -171,7 +171,7 @@ TEST(SpectrogramRing, segmentsRotateAndAreReused) {
     auto d = spectrogramDocument();
     SpectrogramScrollView view(*d);
     view.prepareData();
-    const auto count = static_cast<size_t>(d->iloscSegmentow());
+    const auto count = static_cast<size_t>(d->segmentCount());
     ASSERT_GE(count, 3u);
     ASSERT_EQ(view.segmentsToShow().size(), count);
     const auto shown = view.segmentsToShow();
@@ -233,7 +233,7 @@ TEST(SpectrogramMeasuring, toneCellReadsTimeFrequencyAndLevel) {
     FFTManager fft(*d);
     for (int64_t i = newest - 20; i < newest; ++i) {
         float* out = nullptr;
-        fft.przeliczFFTDlaIntervalIndex(i, nullptr, &out);
+        fft.computeFFTForInterval(i, nullptr, &out);
         view.addFFTdata(out, i);
     }
 

@@ -2,8 +2,8 @@
 #include "RecordingSettingsDelegate.h"
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
-#include "ui/DisplaySettingsTableViewController.h"
-#include "ui/GeneralSettingsTableViewController.h"
+#include "ui/DisplaySettingsPage.h"
+#include "ui/GeneralSettingsPage.h"
 #include "ui/SegmentedControl.h"
 
 #include <QCheckBox>
@@ -15,7 +15,7 @@
 namespace widmo {
 namespace {
 
-using General = GeneralSettingsTableViewController;
+using General = GeneralSettingsPage;
 
 void clickSegment(SegmentedControl* control, int segment) {
     ASSERT_NE(control->buttonForSegment(segment), nullptr);
@@ -118,11 +118,11 @@ TEST_F(GeneralSettingsTest, lengthLabel_andWidthShadowZeroSelectsFirstSegment) {
               "Length : 60.0 s   Bitmap size : 5168 x 2048 pixels");
 
     clickSegment(page.spectrogramWidthSegmentedControl(), 1);
-    EXPECT_EQ(defaults.preferredSpectrogramWidthMianownik(), 2);
+    EXPECT_EQ(defaults.preferredSpectrogramWidthDivisor(), 2);
     EXPECT_EQ(page.spectrogramLengthLabel()->text(),
               "Length : 30.0 s   Bitmap size : 2584 x 2048 pixels");
 
-    defaults.setPreferredSpectrogramWidthMianownik(0);
+    defaults.setPreferredSpectrogramWidthDivisor(0);
     page.refreshSelection();
     EXPECT_EQ(page.spectrogramWidthSegmentedControl()->selectedSegmentIndex(), 0);
 }
@@ -159,8 +159,8 @@ TEST_F(GeneralSettingsTest, hiddenSectionsFollowTheProduct) {
                   !c.features.featureSpectrogramEnabled())
             << c.name;
 
-        DisplaySettingsTableViewController display(defaults, c.features, delegate);
-        EXPECT_EQ(display.isHiddenSection(DisplaySettingsTableViewController::kSectionOctave),
+        DisplaySettingsPage display(defaults, c.features, delegate);
+        EXPECT_EQ(display.isHiddenSection(DisplaySettingsPage::kSectionOctave),
                   !c.features.featureOctaveRTAEnabled())
             << c.name;
     }
@@ -170,7 +170,7 @@ TEST_F(GeneralSettingsTest, displayPage_gridIsLiveColourIsPending) {
     const AnalyzerFeatures features = AnalyzerFeatures::studioProduct();
     AnalyzerDefaults defaults(features, "display-controls");
     defaults.copyCurrentToPreferred();
-    DisplaySettingsTableViewController page(defaults, features, delegate);
+    DisplaySettingsPage page(defaults, features, delegate);
     const bool grid = defaults.spectrogramGridOn();
     page.spectrogramGridSwitch()->click();
     EXPECT_EQ(defaults.spectrogramGridOn(), !grid);

@@ -1,4 +1,4 @@
-#include "ui/TQHelpers.h"
+#include "ui/AppFolders.h"
 
 #include "charts/ChartView.h"
 #include "ui/SegmentedControl.h"
@@ -78,9 +78,9 @@ TEST(ImportExportFiles, wavExportHoldsTheShownIntervalsBitForBit) {
         SCOPED_TRACE(last);
         defaults.setActualInterval(last);
         const QString path = dir.filePath(QStringLiteral("out.wav"));
-        ASSERT_TRUE(TQHelpers::writeAudioDataToFileURL(defaults, QUrl::fromLocalFile(path), true));
+        ASSERT_TRUE(AppFolders::writeAudioDataToFileURL(defaults, QUrl::fromLocalFile(path), true));
         EXPECT_FALSE(
-            TQHelpers::writeAudioDataToFileURL(defaults, QUrl::fromLocalFile(path), false));
+            AppFolders::writeAudioDataToFileURL(defaults, QUrl::fromLocalFile(path), false));
         SF_INFO info{};
         SNDFILE* f = sf_open(QFile::encodeName(path).constData(), SFM_READ, &info);
         ASSERT_NE(f, nullptr);
@@ -186,7 +186,7 @@ TEST_F(ImportExportTest, studioImportsFlacAtAnotherRate_andExportsTheChartAsPng)
 TEST_F(ImportExportTest, studioCutsALongFileWithItsMessage) {
     launch(AnalyzerFeatures::studioProduct(), 48000.0f);
     defaults_->recalculateDocumentSettings();
-    const double maxTime = defaults_->czasSpectrogramu();
+    const double maxTime = defaults_->spectrogramDuration();
     writeSine(file("long.wav"), SF_FORMAT_WAV | SF_FORMAT_PCM_16, 48000, 1, maxTime + 2.0, 440.0,
               0.25);
     screen()->importAudioFileWithURL(QUrl::fromLocalFile(file("long.wav")), {});
@@ -194,7 +194,7 @@ TEST_F(ImportExportTest, studioCutsALongFileWithItsMessage) {
     QMessageBox* message = waitMessage();
     ASSERT_TRUE(message);
     EXPECT_EQ(message->text().toStdString(),
-              QString::asprintf(MainViewController::kImportShortenedMessage,
+              QString::asprintf(MainScreen::kImportShortenedMessage,
                                 double(int64_t((maxTime + 2.0) * 48000)) / 48000, maxTime)
                   .toStdString());
     EXPECT_EQ(defaults_->actualInterval(), defaults_->spectrogramWidth());

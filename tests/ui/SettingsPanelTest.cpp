@@ -1,16 +1,16 @@
 #include "RecordingSettingsDelegate.h"
 #include "UiTestSupport.h"
-#include "audio/AudioInputPickerViewDataSource.h"
-#include "audio/TQAudio.h"
-#include "audio/TQAudioEffect.h"
+#include "audio/AudioInputModel.h"
+#include "audio/AudioSession.h"
+#include "audio/JackNode.h"
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
 #include "core/SettingsStore.h"
 #include "render/DeviceClass.h"
-#include "ui/AudioInputTableViewController.h"
+#include "ui/AudioInputPage.h"
 #include "ui/FloatSlider.h"
 #include "ui/SegmentedControl.h"
-#include "ui/SettingsRootViewController.h"
+#include "ui/SettingsPanel.h"
 
 #include <QCheckBox>
 #include <QLabel>
@@ -21,7 +21,7 @@
 namespace widmo {
 namespace {
 
-using Root = SettingsRootViewController;
+using Root = SettingsPanel;
 
 // The panel and the audio input page talk to the test sound server: this
 // binary holds its lock.
@@ -38,7 +38,7 @@ TEST_F(SettingsPanelTest, everyWayOfClosingTellsTheMainScreenOnce_andReopensOnTh
     DeviceClass::setForcedIdiom(DeviceClass::Idiom::Tablet);
     const AnalyzerFeatures features = AnalyzerFeatures::spectrumProduct();
     AnalyzerDefaults defaults(features, "panel-close");
-    TQAudio audio(defaults, features);
+    AudioSession audio(defaults, features);
     QWidget mainScreen;
     mainScreen.resize(800, 600);
     mainScreen.show();
@@ -83,13 +83,13 @@ TEST_F(SettingsPanelTest, everyWayOfClosingTellsTheMainScreenOnce_andReopensOnTh
 TEST_F(SettingsPanelTest, audioInputPage_listsTheTestMicrophone_channelTwoIsAnalysedChannelOne) {
     const AnalyzerFeatures features = AnalyzerFeatures::spectrumProduct();
     AnalyzerDefaults defaults(features, "panel-audio");
-    TQAudio audio(defaults, features);
-    AudioInputTableViewController page(defaults, audio, delegate);
+    AudioSession audio(defaults, features);
+    AudioInputPage page(defaults, audio, delegate);
     page.viewWillAppear();
     EXPECT_EQ(defaults.lastSettingsPage(), 4);
     EXPECT_TRUE(page.inputSelectionEnabled());
-    EXPECT_FALSE(page.isRowHidden(AudioInputTableViewController::kSectionInput, 0));
-    EXPECT_TRUE(page.isRowHidden(AudioInputTableViewController::kSectionInput, 1))
+    EXPECT_FALSE(page.isRowHidden(AudioInputPage::kSectionInput, 0));
+    EXPECT_TRUE(page.isRowHidden(AudioInputPage::kSectionInput, 1))
         << "the not-available label shows only during playback";
 
     QListWidget* inputs = page.inputSourcePickerColumn(0);
@@ -103,23 +103,23 @@ TEST_F(SettingsPanelTest, audioInputPage_listsTheTestMicrophone_channelTwoIsAnal
     EXPECT_EQ(audio.currentInputChannel(), 1);
 
     page.inputSourceSoftwareGainSlider()->setValue(
-        int(12.4f - AudioInputTableViewController::kMinSoftwareGain));
+        int(12.4f - AudioInputPage::kMinSoftwareGain));
     EXPECT_EQ(defaults.softwareInputGainValue(), 12.0f);
     EXPECT_EQ(page.inputSourceSoftwareGainValueLabel()->text(), "12 dB");
     page.viewWillDisappear();
-    EXPECT_FALSE(page.audioInputPickerViewDataSource()->observingInputChanges());
+    EXPECT_FALSE(page.audioInputModel()->observingInputChanges());
 
     // The microphone runs at 48 kHz. A 48 kHz document: its rate, no warning.
     // A 96 kHz document: the page says the upper half is not real.
     constexpr int kRateRow = 2, kWarningRow = 3;
     defaults.setSampleRate(48000.0f);
     page.viewWillAppear();
-    EXPECT_FALSE(page.isRowHidden(AudioInputTableViewController::kSectionInput, kRateRow));
+    EXPECT_FALSE(page.isRowHidden(AudioInputPage::kSectionInput, kRateRow));
     EXPECT_EQ(page.deviceSampleRateLabel()->text(), "Device rate: 48000 Hz");
-    EXPECT_TRUE(page.isRowHidden(AudioInputTableViewController::kSectionInput, kWarningRow));
+    EXPECT_TRUE(page.isRowHidden(AudioInputPage::kSectionInput, kWarningRow));
     defaults.setSampleRate(96000.0f);
     page.viewWillAppear();
-    EXPECT_FALSE(page.isRowHidden(AudioInputTableViewController::kSectionInput, kWarningRow));
+    EXPECT_FALSE(page.isRowHidden(AudioInputPage::kSectionInput, kWarningRow));
     EXPECT_TRUE(
         page.sampleRateWarningLabel()->text().contains("content above 24000 Hz is not real"))
         << page.sampleRateWarningLabel()->text().toStdString();
@@ -130,12 +130,12 @@ TEST_F(SettingsPanelTest, audioInputPage_jackNodeSwitch_publishesOnTheServer_orS
     const AnalyzerFeatures features = AnalyzerFeatures::studioProduct();
     AnalyzerDefaults defaults(features, "panel-node");
     defaults.setSampleRate(44100.0f);
-    TQAudio audio(defaults, features);
-    TQAudioEffect node;
-    AudioInputTableViewController page(defaults, audio, delegate);
+    AudioSession audio(defaults, features);
+    JackNode node;
+    AudioInputPage page(defaults, audio, delegate);
     QCheckBox* nodeSwitch = page.audioEffectSwitch();
     ASSERT_NE(nodeSwitch, nullptr);
-    const QString key = AudioInputTableViewController::kAudioEffectEnabledKey;
+    const QString key = AudioInputPage::kAudioEffectEnabledKey;
 
     // The test services' server (48 kHz): the ports are named, the rate is
     // compared with the document's.
@@ -159,7 +159,7 @@ TEST_F(SettingsPanelTest, audioInputPage_jackNodeSwitch_publishesOnTheServer_orS
     EXPECT_FALSE(SettingsStore().readBool(key));
     QMessageBox* box = test::waitMessage(5000);
     ASSERT_TRUE(box);
-    EXPECT_EQ(box->text(), AudioInputTableViewController::kNoJackServerMessage);
+    EXPECT_EQ(box->text(), AudioInputPage::kNoJackServerMessage);
     box->close();
 }
 
@@ -170,8 +170,8 @@ TEST_F(SettingsPanelTest, audioInputPage_jackNodeSwitch_publishesOnTheServer_orS
 TEST_F(SettingsPanelTest, audioInputPage_transpositionAndPlayback_writeTheirSettings) {
     const AnalyzerFeatures studio = AnalyzerFeatures::studioProduct();
     AnalyzerDefaults defaults(studio, "panel-output");
-    TQAudio audio(defaults, studio);
-    AudioInputTableViewController page(defaults, audio, delegate);
+    AudioSession audio(defaults, studio);
+    AudioInputPage page(defaults, audio, delegate);
     ASSERT_TRUE(page.transpositionSwitch() != nullptr && page.playbackTypeControl() != nullptr);
     EXPECT_FALSE(page.playbackOctavesControl()->isEnabled()); // as recorded: no octaves
 
@@ -197,11 +197,11 @@ TEST_F(SettingsPanelTest, audioInputPage_transpositionAndPlayback_writeTheirSett
     ASSERT_TRUE(QTest::qWaitFor([&] { return started; }, 5000));
     page.viewWillAppear();
     EXPECT_FALSE(page.inputSelectionEnabled());
-    EXPECT_TRUE(page.isRowHidden(AudioInputTableViewController::kSectionInput, 0));
-    EXPECT_FALSE(page.isRowHidden(AudioInputTableViewController::kSectionInput, 1));
+    EXPECT_TRUE(page.isRowHidden(AudioInputPage::kSectionInput, 0));
+    EXPECT_FALSE(page.isRowHidden(AudioInputPage::kSectionInput, 1));
     EXPECT_FALSE(page.inputSourceSoftwareGainSlider()->isEnabled());
     EXPECT_FALSE(page.inputSourceHardwareGainSlider()->isEnabled());
-    EXPECT_FALSE(page.audioInputPickerViewDataSource()->observingInputChanges());
+    EXPECT_FALSE(page.audioInputModel()->observingInputChanges());
     page.playbackTypeControl()->buttonForSegment(2)->click();
     EXPECT_EQ(delegate.stopAnalyzer, 1);
     EXPECT_EQ(defaults.playbackTranspType(), 2);
@@ -212,8 +212,8 @@ TEST_F(SettingsPanelTest, audioInputPage_transpositionAndPlayback_writeTheirSett
 
     const AnalyzerFeatures plain = AnalyzerFeatures::spectrumProduct();
     AnalyzerDefaults plainDefaults(plain, "panel-output-plain");
-    TQAudio plainAudio(plainDefaults, plain);
-    AudioInputTableViewController plainPage(plainDefaults, plainAudio, delegate);
+    AudioSession plainAudio(plainDefaults, plain);
+    AudioInputPage plainPage(plainDefaults, plainAudio, delegate);
     EXPECT_EQ(plainPage.transpositionSwitch(), nullptr);
     EXPECT_EQ(plainPage.outputGainSlider(), nullptr);
 }

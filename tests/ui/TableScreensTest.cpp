@@ -1,9 +1,9 @@
 #include "core/AnalyzerFeatures.h"
 #include "render/DeviceClass.h"
-#include "ui/HelpViewController.h"
-#include "ui/TQTableViewController.h"
-#include "ui/iPad_GainInfoViewController.h"
-#include "ui/iPad_TypeOfChartViewController.h"
+#include "ui/HelpWindow.h"
+#include "ui/SectionedPage.h"
+#include "ui/GainInfoPopover.h"
+#include "ui/ChartTypePopover.h"
 
 #include <QApplication>
 #include <QLabel>
@@ -17,7 +17,7 @@ namespace widmo {
 namespace {
 
 // A table whose second section is hidden.
-class TwoOfThree : public TQTableViewController {
+class TwoOfThree : public SectionedPage {
 public:
     bool isHiddenSection(int section) const override { return section == 1; }
 };
@@ -36,7 +36,7 @@ TEST_F(TableScreensTest, hiddenSectionsAndRowsMeasureZero_bigLastHeaderIsNotCoun
         table.addRow(s, new QLabel("row"));
     }
     table.setRowHidden(2, 1, true);
-    const int row = TQTableViewController::kStandardRowHeight;
+    const int row = SectionedPage::kStandardRowHeight;
     EXPECT_EQ(table.heightForHeaderInSection(0), 40);
     EXPECT_EQ(table.heightForHeaderInSection(1), 0);
     EXPECT_EQ(table.heightForRowAtIndexPath(1, 0), 0);
@@ -50,7 +50,7 @@ TEST_F(TableScreensTest, hiddenSectionsAndRowsMeasureZero_bigLastHeaderIsNotCoun
 
     // The measures are what is laid out: the column is as tall as reported.
     table.setBigLastSectionHeader(false);
-    table.resize(TQTableViewController::kPopoverWidth, 600);
+    table.resize(SectionedPage::kPopoverWidth, 600);
     table.show();
     QWidget* content = table.cellForRow(0, 0)->parentWidget()->parentWidget()->parentWidget();
     EXPECT_EQ(content->layout()->minimumSize().height(), table.heightForTableView());
@@ -60,10 +60,10 @@ TEST_F(TableScreensTest, hiddenSectionsAndRowsMeasureZero_bigLastHeaderIsNotCoun
 }
 
 TEST_F(TableScreensTest, wrappedTextRowGrowsWhenTheTableNarrows) {
-    TQTableViewController table;
+    SectionedPage table;
     table.addSection("Text");
     table.addTextRow(0, QString("A sentence that needs several lines. ").repeated(12));
-    table.resize(TQTableViewController::kPopoverWidth, 400);
+    table.resize(SectionedPage::kPopoverWidth, 400);
     table.show();
     const int wide = table.heightForRowAtIndexPath(0, 0);
     table.resize(200, 400);
@@ -73,9 +73,9 @@ TEST_F(TableScreensTest, wrappedTextRowGrowsWhenTheTableNarrows) {
 }
 
 TEST_F(TableScreensTest, helpOfTheSpectrumProduct_showsItsSevenTopicsExactly) {
-    HelpViewController help(AnalyzerFeatures::spectrumProduct());
-    ASSERT_EQ(help.numberOfSections(), HelpViewController::kTopicCount);
-    ASSERT_EQ(help.helpHeaders().size(), HelpViewController::kTopicCount);
+    HelpWindow help(AnalyzerFeatures::spectrumProduct());
+    ASSERT_EQ(help.numberOfSections(), HelpWindow::kTopicCount);
+    ASSERT_EQ(help.helpHeaders().size(), HelpWindow::kTopicCount);
 
     QStringList shown;
     for (int s = 0; s < help.numberOfSections(); ++s)
@@ -98,7 +98,7 @@ TEST_F(TableScreensTest, helpOfTheSpectrumProduct_showsItsSevenTopicsExactly) {
 }
 
 TEST_F(TableScreensTest, everyProductsHelpSetNamesRealTopics) {
-    HelpViewController help(AnalyzerFeatures::studioProduct());
+    HelpWindow help(AnalyzerFeatures::studioProduct());
     ASSERT_EQ(help.titleForHeaderInSection(0), "Analysis");
     EXPECT_EQ(help.numberOfRowsInSection(0), 1); // one paragraph
     QSet<QString> titles;
@@ -107,7 +107,7 @@ TEST_F(TableScreensTest, everyProductsHelpSetNamesRealTopics) {
     for (const auto& features :
          {AnalyzerFeatures::spectrumProduct(), AnalyzerFeatures::studioProduct(),
           AnalyzerFeatures::voiceProduct()})
-        for (const QString& t : HelpViewController::helpSetForFeatures(features))
+        for (const QString& t : HelpWindow::helpSetForFeatures(features))
             EXPECT_TRUE(titles.contains(t)) << t.toStdString();
     // The studio product describes the spectrogram, not the voice product's EGG.
     EXPECT_TRUE(help.helpSet().contains("Spectrogram"));
@@ -115,8 +115,8 @@ TEST_F(TableScreensTest, everyProductsHelpSetNamesRealTopics) {
 }
 
 TEST_F(TableScreensTest, chartTypePopover_checkMarkFollowsChoice_absentChartsHidden) {
-    iPad_TypeOfChartViewController popover(AnalyzerFeatures::voiceProduct());
-    QSignalSpy chosen(&popover, &iPad_TypeOfChartViewController::typeOfChartSelected);
+    ChartTypePopover popover(AnalyzerFeatures::voiceProduct());
+    QSignalSpy chosen(&popover, &ChartTypePopover::typeOfChartSelected);
     popover.setTypeOfChart(0);
     EXPECT_TRUE(popover.hasCheckmark(0));
     EXPECT_FALSE(popover.hasCheckmark(1));
@@ -132,10 +132,10 @@ TEST_F(TableScreensTest, chartTypePopover_checkMarkFollowsChoice_absentChartsHid
 }
 
 TEST_F(TableScreensTest, gainInfoPopover_closingWithoutActionIsSignalled) {
-    iPad_GainInfoViewController popover;
-    QSignalSpy closed(&popover, &iPad_GainInfoViewController::closedWithNoAction);
+    GainInfoPopover popover;
+    QSignalSpy closed(&popover, &GainInfoPopover::closedWithNoAction);
     popover.presentFrom(nullptr);
-    popover.closeViewController();
+    popover.dismiss();
     EXPECT_EQ(closed.count(), 1);
 }
 

@@ -3,7 +3,7 @@
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
 #include "ui/FloatSlider.h"
-#include "ui/TrigSettingsTableViewController.h"
+#include "ui/TriggerSettingsPage.h"
 
 #include <QCheckBox>
 #include <QLabel>
@@ -14,7 +14,7 @@
 namespace widmo {
 namespace {
 
-using Trig = TrigSettingsTableViewController;
+using Trig = TriggerSettingsPage;
 
 class TrigSettingsTest : public test::TempSettings {
 protected:

@@ -8,7 +8,7 @@
 
 #include "RecordingSettingsDelegate.h"
 #include "TestSignals.h"
-#include "audio/TQAudio.h"
+#include "audio/AudioSession.h"
 #include "charts/ChartView.h"
 #include "charts/SpectrogramView.h"
 #include "core/AnalyzerDefaults.h"
@@ -17,10 +17,10 @@
 #include "dsp/FFTPlanCache.h"
 #include "render/DeviceClass.h"
 #include "render/SpectrogramScrollView.h"
-#include "ui/AppDelegate.h"
-#include "ui/HelpViewController.h"
-#include "ui/MainViewController.h"
-#include "ui/SettingsRootViewController.h"
+#include "ui/AppLifecycle.h"
+#include "ui/HelpWindow.h"
+#include "ui/MainScreen.h"
+#include "ui/SettingsPanel.h"
 
 #include <QApplication>
 #include <QDir>
@@ -43,10 +43,10 @@ bool save(QWidget* widget, const QString& path) {
 }
 
 bool shoot(const QString& product, const widmo::AnalyzerFeatures& features, const QDir& out) {
-    using Root = widmo::SettingsRootViewController;
+    using Root = widmo::SettingsPanel;
     widmo::AnalyzerDefaults defaults(features, "screenshots-" + product);
     defaults.copyCurrentToPreferred();
-    widmo::TQAudio audio(defaults, features);
+    widmo::AudioSession audio(defaults, features);
     widmo::test::RecordingSettingsDelegate delegate;
     Root panel(defaults, features, audio, delegate);
     const char* names[] = {"root", "general", "display", "trigger", "audio-input"};
@@ -61,41 +61,41 @@ bool shoot(const QString& product, const widmo::AnalyzerFeatures& features, cons
     }
     panel.closeSettings();
 
-    widmo::HelpViewController help(features);
-    help.resize(widmo::TQTableViewController::kPopoverWidth, 760);
+    widmo::HelpWindow help(features);
+    help.resize(widmo::SectionedPage::kPopoverWidth, 760);
     help.show();
     ok &= save(&help, out.filePath(QString("help-%1.png").arg(product)));
     return ok;
 }
 
 /// One product's main screen in a 1000 x 640 window, its document prepared.
-struct MainScreen {
-    MainScreen(const widmo::AnalyzerFeatures& product, const QString& store)
+struct ProductWindow {
+    ProductWindow(const widmo::AnalyzerFeatures& product, const QString& store)
         : features(product), defaults(features, store), audio(defaults, features), fft(defaults),
           app(defaults, audio, fft) {}
     bool launch() {
-        if (!app.didFinishLaunchingWithOptions() || !QTest::qWaitForWindowExposed(app.window()))
+        if (!app.showMainWindow() || !QTest::qWaitForWindowExposed(app.window()))
             return false;
         app.window()->resize(1000, 640);
-        widmo::MainViewController* screen = app.mainViewController();
+        widmo::MainScreen* screen = app.mainScreen();
         return QTest::qWaitFor([&] { return app.dataPrepared() && !screen->buttonsBlocked(); },
                                10000);
     }
     widmo::AnalyzerFeatures features;
     widmo::AnalyzerDefaults defaults;
-    widmo::TQAudio audio;
+    widmo::AudioSession audio;
     widmo::FFTManager fft;
-    widmo::AppDelegate app;
+    widmo::AppLifecycle app;
 };
 
 /// widmo-voice analysing a 196 Hz voice with an EGG closed for 45 % of each
 /// cycle, its oscilloscope showing the normalised glottal cycle.
 bool shootVoiceMainScreen(const QDir& out) {
-    MainScreen main(widmo::AnalyzerFeatures::voiceProduct(), "screenshots-main-voice");
+    ProductWindow main(widmo::AnalyzerFeatures::voiceProduct(), "screenshots-main-voice");
     if (!main.launch())
         return false;
-    widmo::AppDelegate& app = main.app;
-    widmo::MainViewController* screen = app.mainViewController();
+    widmo::AppLifecycle& app = main.app;
+    widmo::MainScreen* screen = app.mainScreen();
     const int32_t n = main.defaults.fftSize();
     widmo::FFTPlanCache::shared().complexPlan(n, FFTW_FORWARD);
     widmo::FFTPlanCache::shared().complexPlan(n, FFTW_BACKWARD);
@@ -111,25 +111,25 @@ bool shootVoiceMainScreen(const QDir& out) {
                                    [](double t) { return widmo::test::eggContact(f0, 0.45, t); });
     if (!signal.start())
         return false;
-    screen->typeOfChartOsciloscopeSelected();
+    screen->typeOfChartOscilloscopeSelected();
     QTest::mouseClick(screen->recordPauseButton(), Qt::LeftButton);
     QTest::qWait(2500);
     const bool ok = save(app.window(), out.filePath("main-widmo-voice.png"));
     QTest::mouseClick(screen->recordPauseButton(), Qt::LeftButton);
     QTest::qWait(300);
-    app.applicationWillTerminate();
+    app.prepareToQuit();
     return ok;
 }
 
 /// widmo-studio recording a repeating sweep over a 220 Hz tone with its
 /// harmonics, then each colour scheme and frequency axis of the document.
 bool shootStudioSpectrogram(const QDir& out) {
-    MainScreen main(widmo::AnalyzerFeatures::studioProduct(), "screenshots-main-studio");
+    ProductWindow main(widmo::AnalyzerFeatures::studioProduct(), "screenshots-main-studio");
     if (!main.launch())
         return false;
-    widmo::AppDelegate& app = main.app;
+    widmo::AppLifecycle& app = main.app;
     widmo::AnalyzerDefaults& defaults = main.defaults;
-    widmo::MainViewController* screen = app.mainViewController();
+    widmo::MainScreen* screen = app.mainScreen();
     const auto ready = [&] {
         return QTest::qWaitFor(
             [&] {
@@ -196,7 +196,7 @@ bool shootStudioSpectrogram(const QDir& out) {
                       QPoint(int(scroll->width() * 0.96), int(scroll->height() * 0.55)));
     QTest::qWait(800);
     ok &= save(app.window(), out.filePath("spectrogram-measuring-widmo-studio.png"));
-    app.applicationWillTerminate();
+    app.prepareToQuit();
     return ok;
 }
 

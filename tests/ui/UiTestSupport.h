@@ -1,11 +1,11 @@
 #pragma once
 
-#include "audio/TQAudio.h"
+#include "audio/AudioSession.h"
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
 #include "dsp/FFTManager.h"
-#include "ui/AppDelegate.h"
-#include "ui/MainViewController.h"
+#include "ui/AppLifecycle.h"
+#include "ui/MainScreen.h"
 
 #include "TempSettings.h"
 
@@ -87,10 +87,10 @@ protected:
             defaults_->setSampleRate(sampleRate);
             defaults_->copyCurrentToPreferred();
         }
-        audio_ = std::make_unique<TQAudio>(*defaults_, *features_);
+        audio_ = std::make_unique<AudioSession>(*defaults_, *features_);
         fft_ = std::make_unique<FFTManager>(*defaults_);
-        app_ = std::make_unique<AppDelegate>(*defaults_, *audio_, *fft_);
-        ASSERT_TRUE(app_->didFinishLaunchingWithOptions());
+        app_ = std::make_unique<AppLifecycle>(*defaults_, *audio_, *fft_);
+        ASSERT_TRUE(app_->showMainWindow());
         ASSERT_TRUE(QTest::qWaitForWindowExposed(app_->window()));
         // The first activation prepares the document with the buttons blocked.
         ASSERT_TRUE(QTest::qWaitFor(
@@ -99,7 +99,7 @@ protected:
     }
     /// Quits as the application does, then releases everything.
     void quit() {
-        app_->applicationWillTerminate();
+        app_->prepareToQuit();
         release();
     }
     void release() {
@@ -108,13 +108,13 @@ protected:
         fft_.reset();
         defaults_.reset();
     }
-    MainViewController* screen() const { return app_->mainViewController(); }
+    MainScreen* screen() const { return app_->mainScreen(); }
 
     std::unique_ptr<AnalyzerFeatures> features_;
     std::unique_ptr<AnalyzerDefaults> defaults_;
-    std::unique_ptr<TQAudio> audio_;
+    std::unique_ptr<AudioSession> audio_;
     std::unique_ptr<FFTManager> fft_;
-    std::unique_ptr<AppDelegate> app_;
+    std::unique_ptr<AppLifecycle> app_;
 };
 
 } // namespace widmo::test

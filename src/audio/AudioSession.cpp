@@ -1,0 +1,543 @@
+#include "audio/AudioSession.h"
+
+#include "audio/AudioStreams.h"
+#include "core/AnalyzerDefaults.h"
+#include "core/AnalyzerFeatures.h"
+#include "core/RealTimeScope.h"
+#include "engine/MainQueue.h"
+#include "engine/MainScreenInterface.h"
+#include "engine/AudioSessionDelegate.h"
+#include "engine/MessageInterface.h"
+
+#include <QCoreApplication>
+#include <QMetaObject>
+#include <QtGlobal>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <utility>
+
+namespace widmo {
+
+namespace {
+
+AudioSession* sharedInstance = nullptr;
+
+void deleteSharedAudio() {
+    delete sharedInstance;
+    sharedInstance = nullptr;
+}
+
+// The device of `devices` with the id of `device` (null when none): the list
+// has its current fields (rate, channels).
+AudioDevice findDevice(const QList<AudioDevice>& devices, const AudioDevice& device) {
+    for (const AudioDevice& d : devices) {
+        if (d.id == device.id)
+            return d;
+    }
+    return AudioDevice();
+}
+
+QList<QByteArray> inputIds(const SoundServer& server) {
+    QList<QByteArray> ids;
+    for (const AudioDevice& device : server.inputs())
+        ids << device.id;
+    ids << server.defaultInput().id;
+    return ids;
+}
+
+} // namespace
+
+AudioSession::AudioSession(AnalyzerDefaults& defaults, const AnalyzerFeatures& features)
+    : defaults_(defaults), features_(features) {
+    for (DeliveryTask& task : deliveries_)
+        task.owner = this;
+    knownInputIds_ = inputIds(server_);
+    connect(&server_, &SoundServer::devicesChanged, this, &AudioSession::checkInputs);
+    if (features_.featureTranspositionEnabled()) {
+        transposer_ = std::make_unique<Transposer>();
+        transposerFeed_.assign(size_t(AudioStreams::kMaxInputFrames), 0.0f);
+        // A tenth of a second between a stall and the message is soon enough.
+        tooSlowTimer_.setInterval(100);
+        connect(&tooSlowTimer_, &QTimer::timeout, this, &AudioSession::checkTranspositionTooSlow);
+    }
+
+    audioThread_.setObjectName("widmo audio control");
+    unit_ = new AudioStreams(*this, server_);
+    unit_->moveToThread(&audioThread_);
+    audioCalls_ = new CallMailbox;
+    audioCalls_->moveToThread(&audioThread_);
+    audioThread_.start();
+}
+
+AudioSession::~AudioSession() {
+    stop();
+    stopAudioUnits();
+    setDelegate(nullptr);
+    AudioStreams* unit = unit_;
+    audioCalls_->postAndWait([unit] { delete unit; });
+    unit_ = nullptr;
+    audioThread_.quit();
+    audioThread_.wait();
+    delete audioCalls_;
+    audioDispatchQueue_.waitUntilEmpty();
+}
+
+AudioSession& AudioSession::sharedAudio() {
+    if (sharedInstance == nullptr) {
+        sharedInstance =
+            new AudioSession(AnalyzerDefaults::sharedDefaults(), AnalyzerFeatures::sharedFeatures());
+        // Streams close while the application object still exists, as the
+        // rest of the process's objects do.
+        qAddPostRoutine(deleteSharedAudio);
+    }
+    return *sharedInstance;
+}
+
+// --- Engine's view ------------------------------------------------------------------
+
+void AudioSession::setDelegate(AudioSessionDelegate* delegate) {
+    AudioSessionDelegate* old = delegate_.exchange(delegate, std::memory_order_acq_rel);
+    if (old != nullptr && old != delegate && !audioDispatchQueue_.isCurrent())
+        audioDispatchQueue_.waitUntilEmpty();
+}
+
+bool AudioSession::isSetupInProgress() const {
+    return (mWillPlay_.load(std::memory_order_acquire) && !isPlaying()) ||
+           (mWillRecord_.load(std::memory_order_acquire) && !isRecording());
+}
+
+void AudioSession::setCurrentInputChannel(int64_t channel) {
+    currentInputChannel_.store(std::clamp<int64_t>(channel, 0, 1), std::memory_order_release);
+}
+
+void AudioSession::startRecorder(std::function<void(bool)> completion) {
+    if (mWillPlay_.load(std::memory_order_acquire) || mWillRecord_.load(std::memory_order_acquire))
+        return;
+    mWillRecord_.store(true, std::memory_order_release);
+    setupAndStartAudioUnit([this, completion = std::move(completion)](bool ok) mutable {
+        finishStart(true, std::move(completion), ok);
+    });
+}
+
+void AudioSession::startPlayer(std::function<void(bool)> completion) {
+    if (mWillRecord_.load(std::memory_order_acquire) || mWillPlay_.load(std::memory_order_acquire))
+        return;
+    mWillPlay_.store(true, std::memory_order_release);
+    lastPortBeforePlaying_ = currentInput();
+    setupAndStartAudioUnit([this, completion = std::move(completion)](bool ok) mutable {
+        finishStart(false, std::move(completion), ok);
+    });
+}
+
+void AudioSession::finishStart(bool recording, std::function<void(bool)> completion, bool ok) {
+    if (recording) {
+        if (ok) {
+            // The first cycles after a start are dropped while the device settles:
+            // 7 at 44.1 and 48 kHz, 15 at 96 kHz.
+            renderCycles_.store(0, std::memory_order_release);
+            skipThreshold_.store(int32_t(double(defaults_.sampleRate()) * 7.0 / 44100.0),
+                                 std::memory_order_release);
+            isRecording_.store(true, std::memory_order_release);
+            if (isTransposing())
+                tooSlowTimer_.start();
+        } else {
+            isRecording_.store(false, std::memory_order_release);
+            mWillRecord_.store(false, std::memory_order_release);
+        }
+    } else {
+        isPlaying_.store(ok, std::memory_order_release);
+        if (!ok)
+            mWillPlay_.store(false, std::memory_order_release);
+    }
+    if (completion)
+        completion(ok);
+    if (!ok && lastStartFailure_ != AudioIOFailure::None)
+        reportFailure(lastStartFailure_, lastStartFailureDevice_, !recording, true);
+}
+
+void AudioSession::stop() {
+    const bool playing = isPlaying();
+    if (!playing && !isRecording())
+        return;
+    isRecording_.store(false, std::memory_order_release);
+    isPlaying_.store(false, std::memory_order_release);
+    mWillRecord_.store(false, std::memory_order_release);
+    mWillPlay_.store(false, std::memory_order_release);
+    tooSlowTimer_.stop();
+    stopAudioUnits();
+    if (playing)
+        setPreferredInput(lastPortBeforePlaying_);
+}
+
+// --- Session ----------------------------------------------------------------------------
+
+void AudioSession::activateAudioSession(std::function<void(bool)> completion) {
+    // The sound server asks no microphone permission; the answer is
+    // "granted", delivered as the permission answer would be: on the main
+    // queue.
+    MainQueue::async(
+        [this, completion = std::move(completion)] {
+            if (mSessionActivatedForMultiRoute_) {
+                completion(true);
+                return;
+            }
+            // The session is usable when the sound server answers with at
+            // least one device; without a server it lists none.
+            if (server_.inputs().isEmpty() && server_.defaultOutput().isNull()) {
+                qWarning("error %d from %s", -1, "SoundServer: no audio devices");
+                completion(false);
+                return;
+            }
+            mSessionActivatedForMultiRoute_ = true;
+            completion(true);
+        },
+        this);
+}
+
+void AudioSession::deactivateAudioSession() { mSessionActivatedForMultiRoute_ = false; }
+
+int AudioSession::ioBufferFrames() const {
+    // A small device buffer keeps the display responsive; the spectrogram
+    // products use longer ones, where every column costs more work.
+    if (!features_.featureSpectrogramEnabled())
+        return 512;
+    return features_.featureUltrasonicEnabled() ? 2048 : 1024;
+}
+
+void AudioSession::setupAndStartAudioUnit(std::function<void(bool)> completion) {
+    // The set-up runs whatever the activation reports: a failed activation
+    // shows up as a device that cannot be opened.
+    activateAudioSession([this, completion = std::move(completion)](bool) mutable {
+        const bool willRecord = mWillRecord_.load(std::memory_order_acquire);
+        const bool willPlay = mWillPlay_.load(std::memory_order_acquire);
+        const int sampleRate = int(defaults_.sampleRate());
+        if (willPlay)
+            setPreferredToInternalInput();
+
+        // Recording with transposition plays the transposed input; otherwise
+        // the output runs for playback only: while recording, the cycles of
+        // the capture stream are the device's cycles, and no silence needs
+        // playing.
+        const bool transposing =
+            willRecord && transposer_ != nullptr && defaults_.recordingTranspositionOn();
+        AudioStreams::Config config;
+        config.enableInput = willRecord;
+        config.enableOutput = willPlay || transposing;
+        config.input = willRecord ? currentInput() : AudioDevice();
+        config.output = config.enableOutput ? server_.defaultOutput() : AudioDevice();
+        config.sampleRate = sampleRate;
+        config.outputSampleRate = sampleRate;
+        if (willPlay && features_.featureTranspositionEnabled() &&
+            defaults_.playbackTranspType() == 1) {
+            // Slowed-down playback: the device plays the samples slower and lower.
+            config.outputSampleRate =
+                int(sampleRate / std::pow(2.0, defaults_.playbackSlowDownOctaves()));
+        }
+        config.ioBufferFrames = ioBufferFrames();
+        config.inputVolume = inputGain_;
+        outputRunning_.store(config.enableOutput, std::memory_order_release);
+        ring_.reset();
+        prepareTransposition(transposing, sampleRate);
+
+        AudioStreams* unit = unit_;
+        audioCalls_->post([this, unit, config, completion = std::move(completion)]() mutable {
+            const AudioStreams::Result result = unit->start(config);
+            mainCalls_.post([this, config, result, completion = std::move(completion)] {
+                lastStartFailure_ = result.failure;
+                lastStartFailureDevice_ = result.deviceName;
+                if (result.ok()) {
+                    runningInput_ = config.input;
+                    runningConfig_ = config;
+                    runningSampleRate_ =
+                        config.enableInput ? config.sampleRate : config.outputSampleRate;
+                } else {
+                    stopAudioUnits();
+                }
+                completion(result.ok());
+            });
+        });
+    });
+}
+
+void AudioSession::prepareTransposition(bool transposing, int sampleRate) {
+    transposing_.store(transposing, std::memory_order_release);
+    transpositionTooSlow_.store(false, std::memory_order_release);
+    if (!transposing)
+        return;
+    // The streams are closed: once the blocks of an earlier recording have
+    // been delivered, nothing else touches the transposer until they open.
+    audioDispatchQueue_.waitUntilEmpty();
+    const int32_t octaves = std::clamp(defaults_.realTimeTransposeOctavesDown(), 0, 30);
+    transposeFilter_.store(defaults_.realTimeTranspFilterBelow20kHz(), std::memory_order_release);
+    transposeFactor_.store(int32_t{1} << octaves, std::memory_order_release);
+    transposeRate_.store(sampleRate, std::memory_order_release);
+    outputGainFactor_.store(float(std::pow(10.0, double(defaults_.outputGainValue()) / 20.0)),
+                            std::memory_order_release);
+    transposer_->setupTransposition();
+    transposer_->setFilter20kHzOn(transposeFilter_.load(std::memory_order_acquire),
+                                  transposeFactor_.load(std::memory_order_acquire), sampleRate);
+}
+
+void AudioSession::stopAudioUnits() {
+    AudioStreams* unit = unit_;
+    if (unit != nullptr)
+        audioCalls_->postAndWait([unit] { unit->stop(); });
+    outputRunning_.store(false, std::memory_order_release);
+    runningInput_ = AudioDevice();
+}
+
+void AudioSession::setPreferredToInternalInput() { setPreferredInput(AudioDevice()); }
+
+AudioDevice AudioSession::currentInput() const {
+    const QList<AudioDevice> inputs = availableInputs();
+    if (!runningInput_.isNull()) {
+        const AudioDevice running = findDevice(inputs, runningInput_);
+        return running.isNull() ? runningInput_ : running;
+    }
+    if (!preferredInput_.isNull()) {
+        const AudioDevice preferred = findDevice(inputs, preferredInput_);
+        if (!preferred.isNull())
+            return preferred;
+    }
+    // Nothing chosen (or the choice is gone): the server's default input, read
+    // anew each time, so that a change of the default is followed.
+    if (inputs.isEmpty())
+        return AudioDevice();
+    const AudioDevice fallback = server_.defaultInput();
+    return fallback.isNull() ? inputs.first() : fallback;
+}
+
+bool AudioSession::isInputGainSettable() const {
+    return server_.isConnected() && !currentInput().isNull();
+}
+
+float AudioSession::inputGain() const { return inputGain_; }
+
+void AudioSession::setInputGain(float gain) {
+    inputGain_ = std::clamp(gain, 0.0f, 1.0f);
+    AudioStreams* unit = unit_;
+    const float value = inputGain_;
+    audioCalls_->post([unit, value] { unit->setInputVolume(value); });
+}
+
+// --- Audio thread ---------------------------------------------------------------------------
+
+void AudioSession::inputAvailable(int32_t frames) {
+    const RealTimeScope realTime;
+    // Only the cycles of a running recording count: the stream delivers a
+    // little before its start completes and until the control thread has
+    // closed it after a stop.
+    if (!isRecording())
+        return;
+    // Without an output stream the capture cycles are the device's cycles and
+    // are counted here, as the render callback counts them during playback.
+    // (A read-modify-write, so that the reset of a new recording is never lost.)
+    const int64_t cycle = outputRunning_.load(std::memory_order_acquire)
+                              ? renderCycles_.load(std::memory_order_acquire)
+                              : renderCycles_.fetch_add(1, std::memory_order_acq_rel);
+    if (cycle <= skipThreshold_.load(std::memory_order_acquire))
+        return;
+    // The task (and buffer) of the next slot is still waiting when the queue
+    // lags 127 blocks behind; the block is then dropped rather than written
+    // over data not yet delivered.
+    const int32_t next = (ring_.actualBuffer() + 1) % kCaptureBufferCount;
+    DeliveryTask& task = deliveries_[size_t(next)];
+    if (task.queued.load(std::memory_order_acquire))
+        return;
+    // Render before moving the ring on: a cycle whose stream delivered nothing
+    // leaves no empty slot behind, so blocks stay in consecutive slots.
+    float* buffer = ring_.buffer(next);
+    const int32_t rendered = unit_->renderInput(buffer, frames);
+    if (rendered <= 0)
+        return;
+    ring_.advance();
+    task.data = buffer;
+    task.frames = rendered;
+    task.queued.store(true, std::memory_order_release);
+    audioDispatchQueue_.async(task);
+}
+
+void AudioSession::DeliveryTask::run() {
+    const RealTimeScope realTime;
+    if (owner->isTransposing())
+        owner->feedTransposer(data, frames);
+    AudioSessionDelegate* delegate = owner->delegate();
+    if (delegate != nullptr)
+        delegate->didGetNewAudioData(AudioBlock{frames, data});
+    queued.store(false, std::memory_order_release);
+}
+
+void AudioSession::feedTransposer(const float* interleaved, int32_t frames) {
+    const auto channel = size_t(std::clamp<int64_t>(currentInputChannel(), 0, 1));
+    const float gain = float(std::pow(10.0, double(defaults_.softwareInputGainValue()) / 20.0));
+    const int32_t n = std::min(frames, int32_t(transposerFeed_.size()));
+    for (int32_t i = 0; i < n; ++i)
+        transposerFeed_[size_t(i)] = gain * interleaved[2 * size_t(i) + channel];
+    transposer_->addNewData(transposerFeed_.data(), n);
+}
+
+void AudioSession::renderOutput(int32_t frames, float* out) {
+    const RealTimeScope realTime;
+    // Silence unless the delegate or the transposer writes the samples.
+    std::memset(out, 0, size_t(frames) * sizeof(float));
+    if (isPlaying()) {
+        if (AudioSessionDelegate* delegate = this->delegate()) {
+            AudioBlock block{frames, out};
+            delegate->giveNewAudioData(&block);
+        }
+    } else if (isRecording() && isTransposing() &&
+               renderCycles_.load(std::memory_order_acquire) >
+                   skipThreshold_.load(std::memory_order_acquire)) {
+        transposer_->setFilter20kHzOn(transposeFilter_.load(std::memory_order_acquire),
+                                      transposeFactor_.load(std::memory_order_acquire),
+                                      transposeRate_.load(std::memory_order_acquire));
+        if (!transposer_->getTransposedData(out, frames))
+            transpositionTooSlow_.store(true, std::memory_order_release);
+        const float gain = outputGainFactor_.load(std::memory_order_acquire);
+        for (int32_t i = 0; i < frames; ++i)
+            out[i] *= gain;
+    }
+    renderCycles_.fetch_add(1, std::memory_order_acq_rel);
+}
+
+void AudioSession::checkTranspositionTooSlow() {
+    if (!transpositionTooSlow_.exchange(false, std::memory_order_acq_rel) || !isRecording())
+        return;
+    tooSlowTimer_.stop();
+    auto show = [messages = messages_] {
+        if (messages != nullptr)
+            messages->showMessage(Transposer::kTooSlowMessage, "OK");
+    };
+    if (mainScreen_ == nullptr) {
+        stop();
+        show();
+    } else {
+        mainScreen_->stopAnalyzerWithoutBlockButtonsAndRunBlock(show);
+    }
+}
+
+void AudioSession::unitFailed(AudioIOFailure failure, const QString& deviceName) {
+    mainCalls_.post([this, failure, deviceName] { handleRunningFailure(failure, deviceName); });
+}
+
+// --- Failures (main thread) ----------------------------------------------------------------
+
+void AudioSession::checkInputs() {
+    const QList<QByteArray> ids = inputIds(server_);
+    if (ids == knownInputIds_)
+        return;
+    knownInputIds_ = ids;
+    emit availableInputsChanged();
+    // A capture device that is no longer listed has gone away (its stream
+    // fails too; whichever is seen first stops the analyser). A server that
+    // went away lists nothing: its own failure says so.
+    if (isRecording() && server_.isConnected() && !runningInput_.isNull() &&
+        findDevice(availableInputs(), runningInput_).isNull()) {
+        qWarning("error %d from %s", -1, "SoundServer: input removed");
+        handleRunningFailure(AudioIOFailure::InputDeviceLost, runningInput_.description);
+        return;
+    }
+    followDefaultInput();
+}
+
+void AudioSession::followDefaultInput() {
+    // Nothing chosen: a running capture moves to the server's new default
+    // input (a new stream on it; the ring and the deliveries go on).
+    if (!isRecording() || !preferredInput_.isNull() || runningInput_.isNull() ||
+        !server_.isConnected())
+        return;
+    const AudioDevice target = server_.defaultInput();
+    if (target.isNull() || target.id == runningInput_.id)
+        return;
+    AudioStreams::Config config = runningConfig_;
+    config.input = target;
+    config.inputVolume = inputGain_;
+    runningInput_ = target;
+    runningConfig_ = config;
+    AudioStreams* unit = unit_;
+    audioCalls_->post([this, unit, config] {
+        const AudioStreams::Result result = unit->start(config);
+        if (!result.ok())
+            mainCalls_.post(
+                [this, result] { handleRunningFailure(result.failure, result.deviceName); });
+    });
+}
+
+void AudioSession::handleRunningFailure(AudioIOFailure failure, const QString& deviceName) {
+    const bool playing = isPlaying();
+    if (!playing && !isRecording())
+        return; // already stopped (for example by the user meanwhile)
+    if (mainScreen_ == nullptr)
+        stop();
+    reportFailure(failure, deviceName, playing, false);
+}
+
+void AudioSession::reportFailure(AudioIOFailure failure, const QString& deviceName, bool playback,
+                            bool startFailed) {
+    Alert alert = alertForFailure(
+        failure, deviceName,
+        runningSampleRate_ > 0 && !startFailed ? runningSampleRate_ : int(defaults_.sampleRate()),
+        playback);
+    if (startFailed && failure == AudioIOFailure::ServerLost)
+        alert.title = playback ? "Playback disabled." : "Recording disabled.";
+    auto show = [messages = messages_, alert] {
+        if (messages != nullptr)
+            messages->showMessage(alert.message, alert.title, "OK", {}, nullptr);
+    };
+    if (mainScreen_ == nullptr) {
+        show();
+    } else if (startFailed) {
+        // As for a refused microphone: the main screen stops the analyser with
+        // its buttons refreshed, then the message appears.
+        mainScreen_->stopAnalyzerWithRefreshButtonsEnable(true);
+        show();
+    } else {
+        mainScreen_->stopAnalyzerWithoutBlockButtonsAndRunBlock(show);
+    }
+}
+
+AudioSession::Alert AudioSession::alertForFailure(AudioIOFailure failure, const QString& deviceName,
+                                        int sampleRate, bool playback) {
+    const QString stopped = playback ? "Playback stopped." : "Recording stopped.";
+    switch (failure) {
+    case AudioIOFailure::NoInputDevice:
+        return {"Recording disabled.",
+                "No audio input was found. Connect a microphone or another input device, then "
+                "start recording again."};
+    case AudioIOFailure::InputOpenFailed:
+        return {"Recording disabled.",
+                QString("The audio input \"%1\" could not be opened at %2 Hz. Choose another "
+                        "input or another sample rate in the settings, then start recording "
+                        "again.")
+                    .arg(deviceName)
+                    .arg(sampleRate)};
+    case AudioIOFailure::NoOutputDevice:
+        return {"Playback disabled.", "No audio output was found. Connect headphones or "
+                                      "speakers, then start playback again."};
+    case AudioIOFailure::OutputOpenFailed:
+        return {"Playback disabled.",
+                QString("The audio output \"%1\" could not be opened at %2 Hz. Choose another "
+                        "output in the system's sound settings, then start playback again.")
+                    .arg(deviceName)
+                    .arg(sampleRate)};
+    case AudioIOFailure::InputDeviceLost:
+        return {stopped, QString("The audio input \"%1\" was disconnected. Connect it again or "
+                                 "choose another input in the settings, then start recording "
+                                 "again.")
+                             .arg(deviceName)};
+    case AudioIOFailure::OutputDeviceLost:
+        return {stopped, QString("The audio output \"%1\" stopped working. Check headphones or "
+                                 "speakers, then start playback again.")
+                             .arg(deviceName)};
+    case AudioIOFailure::ServerLost:
+        return {stopped, "The connection to the sound server was lost. Make sure the sound "
+                         "server (PulseAudio or PipeWire) is running, then start again."};
+    case AudioIOFailure::None:
+        break;
+    }
+    return {};
+}
+
+} // namespace widmo
