@@ -4,5 +4,5 @@
 
 int main(int argc, char** argv) {
     return widmo::AppLifecycle::run(argc, argv, widmo::AnalyzerFeatures::spectrumProduct(),
-                                   QStringLiteral("widmo"), QStringLiteral("Widmo"));
+                                    QStringLiteral("widmo"), QStringLiteral("Widmo"));
 }

@@ -4,6 +4,6 @@
 
 int main(int argc, char** argv) {
     return widmo::AppLifecycle::run(argc, argv, widmo::AnalyzerFeatures::studioProduct(),
-                                   QStringLiteral("widmo-studio"), QStringLiteral("Widmo Studio"),
-                                   /*audioNode=*/true);
+                                    QStringLiteral("widmo-studio"), QStringLiteral("Widmo Studio"),
+                                    /*audioNode=*/true);
 }

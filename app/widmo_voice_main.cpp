@@ -4,5 +4,5 @@
 
 int main(int argc, char** argv) {
     return widmo::AppLifecycle::run(argc, argv, widmo::AnalyzerFeatures::voiceProduct(),
-                                   QStringLiteral("widmo-voice"), QStringLiteral("Widmo Voice"));
+                                    QStringLiteral("widmo-voice"), QStringLiteral("Widmo Voice"));
 }

@@ -24,8 +24,8 @@
 #include "dsp/FFTManager.h"
 #include "dsp/FFTPlanCache.h"
 #include "engine/AnalyzerController.h"
-#include "engine/LastSessionSaver.h"
 #include "engine/AudioSessionInterface.h"
+#include "engine/LastSessionSaver.h"
 
 #include <QCoreApplication>
 #include <QSettings>

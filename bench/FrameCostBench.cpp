@@ -27,6 +27,7 @@
 #include "render/GLView.h"
 #include "ui/AppLifecycle.h"
 #include "ui/MainScreen.h"
+#include "ui/TransportControls.h"
 
 #include "TestExit.h"
 #include "TestSignals.h"
@@ -213,7 +214,7 @@ void BM_mainScreenRecording(benchmark::State& state) {
         48000, measureSeconds + 15.0, [](double t) { return test::sineAt(997.0, t); },
         [](double t) { return test::sineAt(997.0, t); });
     tone.start();
-    QTest::mouseClick(screen->recordPauseButton(), Qt::LeftButton);
+    QTest::mouseClick(screen->transport().recordButton(), Qt::LeftButton);
     if (!QTest::qWaitFor([&] { return audio->isRecording(); }, 5000)) {
         state.SkipWithError("recording did not start");
         return;
@@ -261,7 +262,7 @@ void BM_mainScreenRecording(benchmark::State& state) {
     }
     GLView::setFrameObserver(nullptr);
     window->removeEventFilter(&compositions);
-    QTest::mouseClick(screen->recordPauseButton(), Qt::LeftButton);
+    QTest::mouseClick(screen->transport().recordButton(), Qt::LeftButton);
     if (!QTest::qWaitFor([&] { return !audio->isRecording(); }, 5000))
         state.SkipWithError("recording did not stop");
     tone.stop();

@@ -14,9 +14,9 @@
 // median and 90th percentile in milliseconds, and the whole way from writing
 // to hearing.
 #include "BenchSupport.h"
+#include "audio/AudioSession.h"
 #include "audio/AudioStreams.h"
 #include "audio/AudioStreamsClient.h"
-#include "audio/AudioSession.h"
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
 #include "dsp/FFTManager.h"

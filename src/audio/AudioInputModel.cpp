@@ -10,9 +10,7 @@
 
 namespace widmo {
 
-AudioInputModel::AudioInputModel(AudioSession& audio,
-                                                               AnalyzerDefaults& defaults,
-                                                               QObject* parent)
+AudioInputModel::AudioInputModel(AudioSession& audio, AnalyzerDefaults& defaults, QObject* parent)
     : QObject(parent), audio_(audio), defaults_(defaults) {
     connect(&audio_, &AudioSession::availableInputsChanged, this,
             &AudioInputModel::onInputsChanged);
@@ -83,15 +81,12 @@ void AudioInputModel::refreshPickerInputSelection() {
 
 void AudioInputModel::refreshPickerInputWithDelay(bool delay) {
     if (delay)
-        QTimer::singleShot(kRefreshDelayMs, this,
-                           &AudioInputModel::refreshPickerInputSelection);
+        QTimer::singleShot(kRefreshDelayMs, this, &AudioInputModel::refreshPickerInputSelection);
     else
         refreshPickerInputSelection();
 }
 
-void AudioInputModel::setObservingInputChanges(bool observe) {
-    observing_ = observe;
-}
+void AudioInputModel::setObservingInputChanges(bool observe) { observing_ = observe; }
 
 QString AudioInputModel::deviceSampleRateLabel() const {
     if (deviceRate_ <= 0)
@@ -125,9 +120,7 @@ float AudioInputModel::roundSoftwareGain(float gainDB) {
     return std::fabs(rounded) < 3.0f ? 0.0f : rounded;
 }
 
-float AudioInputModel::roundHardwareGain(float gain) {
-    return std::round(gain * 100.0f) / 100.0f;
-}
+float AudioInputModel::roundHardwareGain(float gain) { return std::round(gain * 100.0f) / 100.0f; }
 
 float AudioInputModel::setSoftwareInputGain(float sliderValue) {
     const float value = roundSoftwareGain(sliderValue);
@@ -135,9 +128,7 @@ float AudioInputModel::setSoftwareInputGain(float sliderValue) {
     return value;
 }
 
-float AudioInputModel::softwareInputGain() const {
-    return defaults_.softwareInputGainValue();
-}
+float AudioInputModel::softwareInputGain() const { return defaults_.softwareInputGainValue(); }
 
 QString AudioInputModel::softwareInputGainLabel() const {
     return QString::asprintf("%.0f dB", double(defaults_.softwareInputGainValue()));

@@ -35,8 +35,7 @@ public:
     static constexpr int kRefreshDelayMs = 200;
 
     /// `audio` and `defaults` must outlive the model.
-    AudioInputModel(AudioSession& audio, AnalyzerDefaults& defaults,
-                                   QObject* parent = nullptr);
+    AudioInputModel(AudioSession& audio, AnalyzerDefaults& defaults, QObject* parent = nullptr);
 
     // --- Picker ----------------------------------------------------------------------------
 

@@ -4,9 +4,9 @@
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
 #include "core/RealTimeScope.h"
+#include "engine/AudioSessionDelegate.h"
 #include "engine/MainQueue.h"
 #include "engine/MainScreenInterface.h"
-#include "engine/AudioSessionDelegate.h"
 #include "engine/MessageInterface.h"
 
 #include <QCoreApplication>
@@ -86,8 +86,8 @@ AudioSession::~AudioSession() {
 
 AudioSession& AudioSession::sharedAudio() {
     if (sharedInstance == nullptr) {
-        sharedInstance =
-            new AudioSession(AnalyzerDefaults::sharedDefaults(), AnalyzerFeatures::sharedFeatures());
+        sharedInstance = new AudioSession(AnalyzerDefaults::sharedDefaults(),
+                                          AnalyzerFeatures::sharedFeatures());
         // Streams close while the application object still exists, as the
         // rest of the process's objects do.
         qAddPostRoutine(deleteSharedAudio);
@@ -475,7 +475,7 @@ void AudioSession::handleRunningFailure(AudioIOFailure failure, const QString& d
 }
 
 void AudioSession::reportFailure(AudioIOFailure failure, const QString& deviceName, bool playback,
-                            bool startFailed) {
+                                 bool startFailed) {
     Alert alert = alertForFailure(
         failure, deviceName,
         runningSampleRate_ > 0 && !startFailed ? runningSampleRate_ : int(defaults_.sampleRate()),
@@ -499,7 +499,7 @@ void AudioSession::reportFailure(AudioIOFailure failure, const QString& deviceNa
 }
 
 AudioSession::Alert AudioSession::alertForFailure(AudioIOFailure failure, const QString& deviceName,
-                                        int sampleRate, bool playback) {
+                                                  int sampleRate, bool playback) {
     const QString stopped = playback ? "Playback stopped." : "Recording stopped.";
     switch (failure) {
     case AudioIOFailure::NoInputDevice:

@@ -8,8 +8,8 @@
 #include "audio/CaptureBufferRing.h"
 #include "audio/SoundServer.h"
 #include "dsp/Transposer.h"
-#include "engine/DispatchQueue.h"
 #include "engine/AudioSessionInterface.h"
+#include "engine/DispatchQueue.h"
 
 #include <QList>
 #include <QObject>
@@ -82,7 +82,9 @@ class MessageInterface;
 /// before the streams open, fed on the delivery queue and drained on the audio
 /// thread (see `Transposer`); the render cycle reports "too slow" through an
 /// atomic that a main-thread timer reads, so that it never allocates.
-class AudioSession final : public QObject, public AudioSessionInterface, private AudioStreamsClient {
+class AudioSession final : public QObject,
+                           public AudioSessionInterface,
+                           private AudioStreamsClient {
     Q_OBJECT
 public:
     static constexpr const char* kAudioQueueLabel = "org.widmo.analyzer.myAudioQueue";
@@ -105,7 +107,9 @@ public:
     /// Replacing a delegate waits until the delivery queue has no block left for
     /// the old one, so that it may be destroyed right after.
     void setDelegate(AudioSessionDelegate* delegate) override;
-    AudioSessionDelegate* delegate() const override { return delegate_.load(std::memory_order_acquire); }
+    AudioSessionDelegate* delegate() const override {
+        return delegate_.load(std::memory_order_acquire);
+    }
     bool isRecording() const override { return isRecording_.load(std::memory_order_acquire); }
     bool isPlaying() const override { return isPlaying_.load(std::memory_order_acquire); }
     /// A playback or recording was requested and is not running yet.
@@ -188,9 +192,7 @@ public:
     /// Where failures are reported: the main screen stops the analyser, the
     /// alert helper tells the user. Either may be null; without a main screen
     /// the audio object stops itself. Main thread.
-    void setMainScreen(MainScreenInterface* mainScreen) {
-        mainScreen_ = mainScreen;
-    }
+    void setMainScreen(MainScreenInterface* mainScreen) { mainScreen_ = mainScreen; }
     void setMessages(MessageInterface* messages) { messages_ = messages; }
 
     /// The title and text users see for `failure` of `deviceName` at
@@ -288,7 +290,7 @@ private:
 
     CallMailbox mainCalls_;             // runs on the main thread
     QThread audioThread_;               // the control thread: opens and closes streams
-    AudioStreams* unit_ = nullptr;       // lives on audioThread_
+    AudioStreams* unit_ = nullptr;      // lives on audioThread_
     CallMailbox* audioCalls_ = nullptr; // lives on audioThread_
 };
 

@@ -186,8 +186,7 @@ bool JackNode::createGraph() {
 bool JackNode::addAudioUnitPropertyListener() {
     // Connections are announced by the server; the transport has no such
     // announcement, so a timer reads it (updateTimers).
-    if (int e =
-            jack_set_port_connect_callback(client_, &JackNode::portConnectCallback, this)) {
+    if (int e = jack_set_port_connect_callback(client_, &JackNode::portConnectCallback, this)) {
         return fail(e, "jack_set_port_connect_callback");
     }
     return true;
@@ -399,8 +398,7 @@ int JackNode::processCallback(jack_nframes_t frames, void* arg) {
 }
 
 int JackNode::bufferSizeCallback(jack_nframes_t frames, void* arg) {
-    static_cast<JackNode*>(arg)->bufferFrames_.store(int32_t(frames),
-                                                          std::memory_order_release);
+    static_cast<JackNode*>(arg)->bufferFrames_.store(int32_t(frames), std::memory_order_release);
     return 0;
 }
 

@@ -2,9 +2,9 @@
 
 #include "core/AnalyzerDefaults.h"
 #include "render/DeviceClass.h"
-#include "render/LevelMeterView.h"
 #include "render/GLScrollView.h"
 #include "render/GLTexture.h"
+#include "render/LevelMeterView.h"
 
 #include <QOpenGLContext>
 #include <QPainter>
@@ -127,13 +127,13 @@ void ChartFrameView::drawTitles(const GLTexture* xTitle, const GLTexture* yTitle
     const QSizeF frame(w, h);
     const double scale = DeviceClass::contentScaleFactor(this);
     effect()->drawTextTexture(xTitle, QPointF(chart.center().x(), 2.0 / h), 1.0f, 4, frame,
-                               QRectF());
+                              QRectF());
     if (yTitle != nullptr) {
         const double meter =
             !meterOnTheRight_ && levelMeterView_->isVisible() ? levelMeterView_->width() : 0;
         const double across = (meter + yTitle->height() / scale + 2.0) / w;
         effect()->drawTextTexture(yTitle, QPointF(across, chart.center().y()), 1.0f, 5, frame,
-                                   QRectF());
+                                  QRectF());
     }
 }
 

@@ -150,7 +150,7 @@ int32_t ChartGeometry::columnSpans(const float* xy, int32_t count, const PixelGr
 }
 
 void ChartGeometry::oscilloscopePoints(const float* samples, int32_t count, float gain,
-                                      const AffineTransform& t, float* xy) {
+                                       const AffineTransform& t, float* xy) {
     if (count < 1)
         return;
     const double invCount = 1.0 / count;

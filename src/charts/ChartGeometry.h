@@ -69,7 +69,7 @@ public:
                                const AffineTransform& transform, float* xy);
     /// Oscilloscope trace: x = i / count, y = 0.5 + 0.5 · gain · sample.
     static void oscilloscopePoints(const float* samples, int32_t count, float gain,
-                                  const AffineTransform& transform, float* xy);
+                                   const AffineTransform& transform, float* xy);
     /// Normalised glottal cycle (values 0..1) in the middle 70 % of the height:
     /// x = k / count, y = 0.7 · value + 0.15.
     static void eggPoints(const float* cycle, int32_t count, const AffineTransform& transform,

@@ -22,12 +22,12 @@ public:
     static constexpr int32_t kOscilloscopePointsLabelsCount = 33;
     static constexpr int32_t kOctaveRTALabelsCount = 14;
 
-    static const char* const kTitleFrequencyLinear;     ///< "Frequency (kHz)"
+    static const char* const kTitleFrequencyLinear;      ///< "Frequency (kHz)"
     static const char* const kTitleFrequencyLogarithmic; ///< "Frequency (Hz)"
-    static const char* const kTitleValuesInDB;          ///< "SPL (dBFS)"
-    static const char* const kTitleAmplitude;           ///< "Amplitude (1.0 = max)"
-    static const char* const kTitleRMSSPL;              ///< "RMS (dBFS)"
-    static const char* const kTitleFFTWindow;           ///< "FFT Window (points)"
+    static const char* const kTitleValuesInDB;           ///< "SPL (dBFS)"
+    static const char* const kTitleAmplitude;            ///< "Amplitude (1.0 = max)"
+    static const char* const kTitleRMSSPL;               ///< "RMS (dBFS)"
+    static const char* const kTitleFFTWindow;            ///< "FFT Window (points)"
 
     /// -144 at index 0 up to 0 at index 18, one every 8 dB; label i stands at
     /// chart height i / 18.

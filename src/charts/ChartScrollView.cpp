@@ -397,10 +397,10 @@ void ChartScrollView::drawSpectrumPoints() {
     const float* out = data_.fftOutData();
     const int32_t n = std::min(mDefaults.fftOutSize(), ChartData::kSlotSize);
     if (out != nullptr && n >= 2) {
-        ChartGeometry::spectrumPoints(
-            out, n, mDefaults.logPoints(), mDefaults.linearFrequency(), mDefaults.valuesInDB(),
-            static_cast<float>(gainFactor(mDefaults.spectrumGainDB())),
-            actualContentTransform(), mPointsOfChart.data());
+        ChartGeometry::spectrumPoints(out, n, mDefaults.logPoints(), mDefaults.linearFrequency(),
+                                      mDefaults.valuesInDB(),
+                                      static_cast<float>(gainFactor(mDefaults.spectrumGainDB())),
+                                      actualContentTransform(), mPointsOfChart.data());
         effect()->prepareToDrawWithConstantColor(0.0f, 1.0f, 0.0f, 1.0f);
         gl()->glLineWidth(1.0f);
         drawLineStrip(n);

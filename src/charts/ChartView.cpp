@@ -4,8 +4,8 @@
 #include "charts/ChartScrollView.h"
 #include "core/AnalyzerDefaults.h"
 #include "render/DeviceClass.h"
-#include "render/LevelMeterView.h"
 #include "render/GLTexture.h"
+#include "render/LevelMeterView.h"
 
 #include <QFontMetrics>
 #include <QPainter>
@@ -121,7 +121,7 @@ int32_t ChartView::linearFrequencyLabelStep() const {
     const double labelSize =
         mWidestLinearFrequencyTexture->width() / scale / std::max(1, chartScrollView_->width());
     return GLPainter::labelStep(labelSize, count, chartScrollView_->actualContentTransform().a,
-                                 true, pad());
+                                true, pad());
 }
 
 // --- Textures -------------------------------------------------------------------------------
@@ -211,15 +211,15 @@ void ChartView::setupGLResources() {
 
 void ChartView::releaseGLResources() {
     for (TextureList* list :
-         {&mLinearGainTextures, &mDbGainTextures,
-          &mLogarithmicFrequencyTextures, &mOctaveRTATextures, &mOscilloscopeAmplitudePlusTextures,
+         {&mLinearGainTextures, &mDbGainTextures, &mLogarithmicFrequencyTextures,
+          &mOctaveRTATextures, &mOscilloscopeAmplitudePlusTextures,
           &mOscilloscopeAmplitudeMinusTextures, &mOscilloscopeFFTWindowPointsTextures})
         list->clear();
     mFreqLinearTexturesDictionary.clear();
     for (std::shared_ptr<GLTexture>* texture :
          {&mWidestLinearFrequencyTexture, &mLegendValuesInDBTexture, &mLegendAmplitudeTexture,
-          &mLegendFrequencyTextureLinear, &mLegendFrequencyTextureLogarithmic, &mLegendRMSSPLTexture,
-          &mLegendFFTWindowTexture})
+          &mLegendFrequencyTextureLinear, &mLegendFrequencyTextureLogarithmic,
+          &mLegendRMSSPLTexture, &mLegendFFTWindowTexture})
         texture->reset();
     texturesPending_ = true;
 }
@@ -250,9 +250,8 @@ void ChartView::drawXLabel(const GLTexture* texture, double contentX,
     const QRectF bounds(chart.x() - kLabelSlack / w, 0.0, chart.width() + (kLabelSlack + 2.0) / w,
                         1.0);
     if (taken != nullptr) {
-        const auto quad =
-            GLPainter::textQuad(QSizeF(texture->width(), texture->height()), anchor, 1.0, 3,
-                                 QSizeF(w, h), effect()->contentScaleFactor());
+        const auto quad = GLPainter::textQuad(QSizeF(texture->width(), texture->height()), anchor,
+                                              1.0, 3, QSizeF(w, h), effect()->contentScaleFactor());
         if (!quad || !GLPainter::quadFitsBounds(*quad, bounds))
             return;
         const double gap = kLabelGap / w;
@@ -321,14 +320,15 @@ void ChartView::drawSpectrumLabels() {
             }
         }
         drawTitles(mLegendFrequencyTextureLogarithmic.get(), mDefaults.valuesInDB()
-                                                                ? mLegendValuesInDBTexture.get()
-                                                                : mLegendAmplitudeTexture.get());
+                                                                 ? mLegendValuesInDBTexture.get()
+                                                                 : mLegendAmplitudeTexture.get());
     }
 }
 
 void ChartView::drawOscilloscopeLabels() {
     for (size_t k = 0; k < mOscilloscopeAmplitudePlusTextures.size(); ++k)
-        drawYLabel(mOscilloscopeAmplitudePlusTextures[k].get(), 0.5 + 0.05 * static_cast<double>(k));
+        drawYLabel(mOscilloscopeAmplitudePlusTextures[k].get(),
+                   0.5 + 0.05 * static_cast<double>(k));
     for (size_t k = 1; k < mOscilloscopeAmplitudeMinusTextures.size(); ++k)
         drawYLabel(mOscilloscopeAmplitudeMinusTextures[k].get(),
                    0.5 - 0.05 * static_cast<double>(k));
@@ -341,7 +341,8 @@ void ChartView::drawOscilloscopeLabels() {
         const int32_t step = GLPainter::labelStep(
             labelSize, count, chartScrollView_->actualContentTransform().a, true, pad());
         for (int32_t k = 0; k < count; k += std::max(1, step))
-            drawXLabel(mOscilloscopeFFTWindowPointsTextures[static_cast<size_t>(k)].get(), k / 32.0);
+            drawXLabel(mOscilloscopeFFTWindowPointsTextures[static_cast<size_t>(k)].get(),
+                       k / 32.0);
     }
     drawTitles(mLegendFFTWindowTexture.get(), mLegendAmplitudeTexture.get());
 }

@@ -4,9 +4,9 @@
 #include "charts/ChartScrollView.h"
 #include "core/AnalyzerDefaults.h"
 #include "render/DeviceClass.h"
+#include "render/GLTexture.h"
 #include "render/LevelMeterView.h"
 #include "render/SpectrogramScrollView.h"
-#include "render/GLTexture.h"
 
 #include <QPainter>
 
@@ -157,8 +157,8 @@ void SpectrogramView::drawTimeLabels() {
     const double w = std::max(1, width());
     const double h = std::max(1, height());
     // The widest label decides how many may stand side by side at this zoom.
-    const int32_t step = std::max(1, effect()->labelStepForTexture(
-                                         *mTimeLabelTextures.back(), count,
+    const int32_t step = std::max(
+        1, effect()->labelStepForTexture(*mTimeLabelTextures.back(), count,
                                          QSizeF(scrollView_->width(), scrollView_->height()), true,
                                          scrollView_->actualContentTransform()));
     const QRectF bounds(chart.x() - kLabelSlack / w, 0.0, chart.width() + 2.0 * kLabelSlack / w,
@@ -168,7 +168,7 @@ void SpectrogramView::drawTimeLabels() {
         const double x = 1.0 - k * secondsStep / duration;
         const QPointF anchor(mapFromSpectrogram(QPointF(x, 0.0)).x(), chart.y() - kLabelGap / h);
         effect()->drawTextTexture(mTimeLabelTextures[static_cast<size_t>(k)].get(), anchor, 1.0f, 3,
-                                   QSizeF(w, h), bounds);
+                                  QSizeF(w, h), bounds);
     }
 }
 
@@ -197,7 +197,7 @@ void SpectrogramView::drawFrequencyLabels() {
             continue;
         mTakenLabelSpans.emplace_back(y - half, y + half);
         effect()->drawTextTexture(texture, QPointF(chart.x() - kLabelGap / w, y), 1.0f, 2,
-                                   QSizeF(w, h), bounds);
+                                  QSizeF(w, h), bounds);
     }
 }
 

@@ -100,7 +100,7 @@ private:
     std::vector<float> frequencyLabelHeights() const;
 
     SpectrogramScrollView* scrollView_ = nullptr;
-    TextureList mTimeLabelTextures;      // label k: k steps back from the newest column
+    TextureList mTimeLabelTextures; // label k: k steps back from the newest column
     TextureList mFrequencyTextures; // at the heights of mFrequencyLabelHeights
     std::vector<float> mFrequencyLabelHeights;
     std::shared_ptr<GLTexture> mLegendTimeTexture;

@@ -142,8 +142,7 @@ const std::vector<AnalyzerDefaults::PersistedField>& AnalyzerDefaults::persisted
         {"analyzerDefaults.realTimeTranspFilterBelow20kHz", &D::realTimeTranspFilterBelow20kHz_},
         {"analyzerDefaults.realTimeTransposeOctavesDown", &D::realTimeTransposeOctavesDown_,
          kOctaves},
-        {"analyzerDefaults.spectrogramWidthMianownik", &D::spectrogramWidthDivisor_,
-         kWidthDivisor},
+        {"analyzerDefaults.spectrogramWidthMianownik", &D::spectrogramWidthDivisor_, kWidthDivisor},
         {"analyzerDefaults.audioDefaultToSpeaker", &D::audioDefaultToSpeaker_},
     };
     return fields;
@@ -335,8 +334,8 @@ float AnalyzerDefaults::calculateMinIntervalSizeInFramesFromSampleRate(float sam
     return static_cast<float>(std::pow(2.0, power + 1.0));
 }
 
-int AnalyzerDefaults::calculateSpectrogramWidthWithDisplaySize(
-    int displaySize, int intervalSize, int spectrogramWidthDivisor) const {
+int AnalyzerDefaults::calculateSpectrogramWidthWithDisplaySize(int displaySize, int intervalSize,
+                                                               int spectrogramWidthDivisor) const {
     // A fixed budget shared between display rows and interval length.
     float w =
         static_cast<float>(122268852.23388672 / ((displaySize * 4.0 * 2 + intervalSize) * 1.4));
@@ -409,12 +408,11 @@ void AnalyzerDefaults::recalculateDocumentSettings() {
 
     const float hundredths = static_cast<float>(
         std::round(static_cast<double>(spectrogramDuration_) / (spectrogramWidth_ / 15.0) * 100.0));
-    timeLabelStep_ =
-        static_cast<float>(roundUpTo125Series(hundredths, 1, 1000)) / 100.0f;
+    timeLabelStep_ = static_cast<float>(roundUpTo125Series(hundredths, 1, 1000)) / 100.0f;
     timeLabelCount_ = static_cast<int32_t>(spectrogramDuration_ / timeLabelStep_) + 1;
 
-    spectrumFrequencyTexturesMinValue_ = static_cast<float>(roundUpTo125Series(
-        static_cast<float>(maxFrequency_ / (fftOutSize_ / 15.0)), 10, 10000));
+    spectrumFrequencyTexturesMinValue_ = static_cast<float>(
+        roundUpTo125Series(static_cast<float>(maxFrequency_ / (fftOutSize_ / 15.0)), 10, 10000));
     spectrumFrequencyTexturesCount_ =
         static_cast<int32_t>(maxFrequency_ / spectrumFrequencyTexturesMinValue_) + 1;
     // The spectrogram's step stops at 1000 Hz, the spectrum's at 10 kHz.

@@ -168,12 +168,8 @@ public:
     void setSoftwareInputGainValue(float v) { softwareInputGainValue_ = v; }
     float outputGainValue() const { return outputGainValue_; }
     void setOutputGainValue(float v) { outputGainValue_ = v; }
-    float spectrogramLinearValuesGainDB() const {
-        return spectrogramLinearValuesGainDB_;
-    }
-    void setSpectrogramLinearValuesGainDB(float v) {
-        spectrogramLinearValuesGainDB_ = v;
-    }
+    float spectrogramLinearValuesGainDB() const { return spectrogramLinearValuesGainDB_; }
+    void setSpectrogramLinearValuesGainDB(float v) { spectrogramLinearValuesGainDB_ = v; }
     float spectrogramValuesInDBMinimumLevelDB() const {
         return spectrogramValuesInDBMinimumLevelDB_;
     }
@@ -241,12 +237,8 @@ public:
     void setPreferredIntervalSizePower(int32_t v) { preferredIntervalSizePower_ = v; }
     int32_t preferredFftDisplaySize() const { return preferredFftDisplaySize_; }
     void setPreferredFftDisplaySize(int32_t v) { preferredFftDisplaySize_ = v; }
-    int32_t preferredSpectrogramWidthDivisor() const {
-        return preferredSpectrogramWidthDivisor_;
-    }
-    void setPreferredSpectrogramWidthDivisor(int32_t v) {
-        preferredSpectrogramWidthDivisor_ = v;
-    }
+    int32_t preferredSpectrogramWidthDivisor() const { return preferredSpectrogramWidthDivisor_; }
+    void setPreferredSpectrogramWidthDivisor(int32_t v) { preferredSpectrogramWidthDivisor_ = v; }
     int32_t preferredFftSize() const { return preferredFftSize_; }
     void setPreferredFftSize(int32_t v) { preferredFftSize_ = v; }
     int32_t preferredFftWindowType() const { return preferredFftWindowType_; }
@@ -283,9 +275,7 @@ public:
 
     const float* logPoints() const { return logPoints_.data(); }
     const int32_t* octaveRTAIndexesFloor() const { return octaveRTAIndexesFloor_.data(); }
-    const float* octaveRTAIndexFraction() const {
-        return octaveRTAIndexFraction_.data();
-    }
+    const float* octaveRTAIndexFraction() const { return octaveRTAIndexFraction_.data(); }
     const float* octaveRTAFrequencies() const { return octaveRTAFrequencies_.data(); }
     const int32_t* spectrogramLogInMiddleIndexes() const {
         return spectrogramLogInMiddleIndexes_.data();

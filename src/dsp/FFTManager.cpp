@@ -250,8 +250,8 @@ void FFTManager::copyFromRing(const float* store, int32_t position, int32_t stor
 }
 
 void FFTManager::computeFFTForInterval(int64_t intervalIndex, const float* audioDataBuffer,
-                                             int32_t audioDataPos, int32_t dataBufferSize,
-                                             float** fftWindowData, float** fftDataOut) {
+                                       int32_t audioDataPos, int32_t dataBufferSize,
+                                       float** fftWindowData, float** fftDataOut) {
     const auto slot = static_cast<size_t>(slotOfInterval(intervalIndex));
     float* windowBuffer = mFFTWindowBuffers[slot];
     float* out = mBuffersOut[slot];
@@ -297,7 +297,7 @@ void FFTManager::computeFFTForInterval(int64_t intervalIndex, const float* audio
 }
 
 void FFTManager::computeFFTForInterval(int64_t intervalIndex, float** fftWindowData,
-                                             float** fftDataOut) {
+                                       float** fftDataOut) {
     const int32_t intervalSize = mDefaults.intervalSizeInFrames();
     const int32_t storeSize = intervalSize * mDefaults.audioBuffersIntervalsCount();
     const int32_t n = mDefaults.fftSize();
@@ -312,11 +312,11 @@ void FFTManager::computeFFTForInterval(int64_t intervalIndex, float** fftWindowD
         position = static_cast<int32_t>((end + (storeSize - n)) % storeSize);
     }
     computeFFTForInterval(intervalIndex, store.data(), position, storeSize, fftWindowData,
-                                fftDataOut);
+                          fftDataOut);
 }
 
 void FFTManager::resultsForInterval(int64_t intervalIndex, float** fftWindowData,
-                                          float** fftDataOut, float** eggWindowData) {
+                                    float** fftDataOut, float** eggWindowData) {
     const auto slot = static_cast<size_t>(slotOfInterval(intervalIndex));
     if (fftWindowData)
         *fftWindowData = mFFTWindowBuffers[slot];

@@ -89,21 +89,20 @@ public:
     /// and computes the slot's spectrum. Returns the slot's window and result
     /// buffers through the two out pointers (either may be null).
     void computeFFTForInterval(int64_t intervalIndex, const float* audioDataBuffer,
-                                     int32_t audioDataPos, int32_t dataBufferSize,
-                                     float** fftWindowData, float** fftDataOut);
+                               int32_t audioDataPos, int32_t dataBufferSize, float** fftWindowData,
+                               float** fftDataOut);
 
     /// The same for the window that ends with the last sample of interval
     /// `intervalIndex` in `audioBuffersData`: N = fftSize samples, reaching
     /// back into earlier intervals (across the ring's start) when N exceeds the
     /// interval. A negative index, or a store smaller than its geometry,
     /// gives an all-zero window.
-    void computeFFTForInterval(int64_t intervalIndex, float** fftWindowData,
-                                     float** fftDataOut);
+    void computeFFTForInterval(int64_t intervalIndex, float** fftWindowData, float** fftDataOut);
 
     /// The interval's slot buffers, computing nothing; eggWindowData is null
     /// without the EGG product. Any out pointer may be null.
     void resultsForInterval(int64_t intervalIndex, float** fftWindowData, float** fftDataOut,
-                                  float** eggWindowData);
+                            float** eggWindowData);
 
     /// Slot of an interval: index mod 256, taken into 0..255 for negative ones.
     static int32_t slotOfInterval(int64_t intervalIndex);

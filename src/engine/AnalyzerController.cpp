@@ -3,15 +3,15 @@
 #include "core/AnalyzerDefaults.h"
 #include "dsp/FFTManager.h"
 #include "engine/AnalyzerControllerDelegate.h"
+#include "engine/AudioSessionInterface.h"
 #include "engine/ChartViewInterface.h"
+#include "engine/JackNodeInterface.h"
 #include "engine/LastSessionSaver.h"
 #include "engine/MainQueue.h"
 #include "engine/MainScreenInterface.h"
+#include "engine/MessageInterface.h"
 #include "engine/SpectrogramScrollViewInterface.h"
 #include "engine/SpectrogramViewInterface.h"
-#include "engine/JackNodeInterface.h"
-#include "engine/AudioSessionInterface.h"
-#include "engine/MessageInterface.h"
 
 #include <QDir>
 #include <QStandardPaths>

@@ -1,12 +1,12 @@
 #pragma once
 
 #include "dsp/Transposer.h"
-#include "engine/DispatchQueue.h"
-#include "engine/DisplayTimer.h"
-#include "engine/RecordingTrigger.h"
 #include "engine/AudioBlock.h"
 #include "engine/AudioSessionDelegate.h"
+#include "engine/DispatchQueue.h"
+#include "engine/DisplayTimer.h"
 #include "engine/JackNodeDelegate.h"
+#include "engine/RecordingTrigger.h"
 
 #include <QObject>
 
@@ -105,7 +105,8 @@ public:
     /// Registers the engine as `audio`'s delegate and creates the two analysis
     /// queues. `defaults`, `fftManager` and `audio` must outlive the engine.
     /// Main thread (the display timer lives on the constructing thread).
-    AnalyzerController(AnalyzerDefaults& defaults, FFTManager& fftManager, AudioSessionInterface& audio);
+    AnalyzerController(AnalyzerDefaults& defaults, FFTManager& fftManager,
+                       AudioSessionInterface& audio);
     /// Stops recording and playback, runs the queued analysis work to its end
     /// and unregisters from the audio object.
     ~AnalyzerController() override;
@@ -123,9 +124,7 @@ public:
     void setDelegate(AnalyzerControllerDelegate* delegate) { delegate_ = delegate; }
     AnalyzerControllerDelegate* delegate() const { return delegate_; }
     /// The main screen and the alert helper, used for the too-slow message.
-    void setMainScreen(MainScreenInterface* mainScreen) {
-        mainScreen_ = mainScreen;
-    }
+    void setMainScreen(MainScreenInterface* mainScreen) { mainScreen_ = mainScreen; }
     void setMessages(MessageInterface* messages) { messages_ = messages; }
     /// The last-session saver, told of every start and stop of a recording and
     /// waited for before the store is replaced; null for none.

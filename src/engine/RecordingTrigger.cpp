@@ -87,7 +87,7 @@ bool RecordingTrigger::addBlock(const float* interleaved, int32_t count, int32_t
     float* windowData = nullptr;
     float* dataOut = nullptr;
     fftManager_.computeFFTForInterval(index, mTrigBuffer.data(), static_cast<int32_t>(start),
-                                            static_cast<int32_t>(m), &windowData, &dataOut);
+                                      static_cast<int32_t>(m), &windowData, &dataOut);
     const float level = dataOut != nullptr ? trigRMSLevelForFFTData(dataOut, defaults_.fftOutSize(),
                                                                     defaults_.trigMinFrequency(),
                                                                     defaults_.trigMaxFrequency())

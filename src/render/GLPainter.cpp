@@ -199,11 +199,11 @@ void GLPainter::drawRectangle(QPointF point1, QPointF point2) {
 
 void GLPainter::drawTexture(uint32_t name, QPointF point1, QPointF point2) {
     drawTexture(name, QPointF(point1.x(), point1.y()), QPointF(point2.x(), point1.y()),
-                 QPointF(point1.x(), point2.y()), QPointF(point2.x(), point2.y()));
+                QPointF(point1.x(), point2.y()), QPointF(point2.x(), point2.y()));
 }
 
 void GLPainter::drawTexture(uint32_t name, QPointF point1, QPointF point2, QPointF point3,
-                              QPointF point4) {
+                            QPointF point4) {
     if (program_ == nullptr || name == 0)
         return;
     prepareToDrawWithTexture(name);
@@ -212,8 +212,8 @@ void GLPainter::drawTexture(uint32_t name, QPointF point1, QPointF point2, QPoin
 }
 
 std::optional<GLPainter::Quad> GLPainter::textQuad(QSizeF texturePixels, QPointF anchor,
-                                                     double scale, int textDrawOrientation,
-                                                     QSizeF frameSize, double contentScaleFactor) {
+                                                   double scale, int textDrawOrientation,
+                                                   QSizeF frameSize, double contentScaleFactor) {
     const double k = scale / contentScaleFactor;
     const double tw = texturePixels.width();
     const double th = texturePixels.height();
@@ -316,7 +316,7 @@ bool GLPainter::quadFitsBounds(const Quad& quad, const QRectF& bounds) {
 }
 
 void GLPainter::drawTextTexture(const GLTexture* texture, QPointF inPoint, float scale,
-                                  int textDrawOrientation, QSizeF frameSize, QRectF rectMaxBounds) {
+                                int textDrawOrientation, QSizeF frameSize, QRectF rectMaxBounds) {
     if (program_ == nullptr || texture == nullptr || texture->name() == 0)
         return;
     const auto quad = textQuad(QSizeF(texture->width(), texture->height()), inPoint, scale,
@@ -331,7 +331,7 @@ void GLPainter::drawTextTexture(const GLTexture* texture, QPointF inPoint, float
 }
 
 std::shared_ptr<GLTexture> GLPainter::convertToTextureText(const QString& text, const QFont& font,
-                                                            const QColor& color) {
+                                                           const QColor& color) {
     const QFontMetricsF metrics(font);
     const QSizeF points(std::ceil(metrics.horizontalAdvance(text)), std::ceil(metrics.height()));
     const QSize pixels(static_cast<int>(std::ceil(points.width() * contentScaleFactor_)),
@@ -354,9 +354,8 @@ std::shared_ptr<GLTexture> GLPainter::convertToTextureImage(const QImage& image)
     return GLTexture::textureWithCGImage(canvas);
 }
 
-int GLPainter::labelStepForTexture(const GLTexture& texture, int textureCount,
-                                            QSizeF frameSize, bool horizontal,
-                                            const AffineTransform& transform) const {
+int GLPainter::labelStepForTexture(const GLTexture& texture, int textureCount, QSizeF frameSize,
+                                   bool horizontal, const AffineTransform& transform) const {
     const double labelSize = horizontal
                                  ? texture.width() / frameSize.width() / contentScaleFactor_
                                  : texture.height() / frameSize.height() / contentScaleFactor_;
@@ -365,7 +364,7 @@ int GLPainter::labelStepForTexture(const GLTexture& texture, int textureCount,
 }
 
 int GLPainter::labelStep(double labelSize, int textureCount, double zoom, bool horizontal,
-                          bool pad) {
+                         bool pad) {
     if (textureCount < 2 || !std::isfinite(labelSize) || labelSize <= 0.0)
         return 1;
     // Whole zoom levels only, so that the step does not flicker while zooming.

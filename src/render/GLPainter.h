@@ -86,15 +86,14 @@ public:
     /// (1,1) at `point2`); constant colour off, blending off. Name 0 draws nothing.
     void drawTexture(uint32_t name, QPointF point1, QPointF point2);
     /// As above with four free vertices in strip order (skewed quads).
-    void drawTexture(uint32_t name, QPointF point1, QPointF point2, QPointF point3,
-                      QPointF point4);
+    void drawTexture(uint32_t name, QPointF point1, QPointF point2, QPointF point3, QPointF point4);
     /// A text label, alpha-blended, placed about `inPoint` by `textDrawOrientation`
     /// (0..9, see `textQuad`); `frameSize` is the view size in points. When
     /// `rectMaxBounds` is not empty (unit space, y growing with QRectF's top) and
     /// a corner of the label lies outside it, nothing is drawn: labels are
     /// dropped, never clipped. A null or empty texture draws nothing.
     void drawTextTexture(const GLTexture* texture, QPointF inPoint, float scale,
-                          int textDrawOrientation, QSizeF frameSize, QRectF rectMaxBounds);
+                         int textDrawOrientation, QSizeF frameSize, QRectF rectMaxBounds);
 
     /// The quad of a `texturePixels`-sized label at `anchor`: codes 0..4 and 9
     /// upright (lower-left, lower-right, right-middle, top-centre, bottom-centre,
@@ -120,7 +119,7 @@ public:
     /// `texture` never overlap: only every step-th of `textureCount` evenly
     /// spaced labels along the axis is drawn at the zoom of `transform`.
     int labelStepForTexture(const GLTexture& texture, int textureCount, QSizeF frameSize,
-                                    bool horizontal, const AffineTransform& transform) const;
+                            bool horizontal, const AffineTransform& transform) const;
     /// The same rule on plain numbers: `labelSize` in unit space along the axis,
     /// `zoom` the axis scale of the content transform. Always at least 1.
     static int labelStep(double labelSize, int textureCount, double zoom, bool horizontal,

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "render/ScrollGestureModel.h"
 #include "render/GLView.h"
+#include "render/ScrollGestureModel.h"
 
 #include <QElapsedTimer>
 #include <QPointer>

@@ -176,8 +176,8 @@ void GLView::resizeEvent(QResizeEvent* event) {
 
 void GLView::setupGL() {
     QOpenGLContext* ctx = &sharedGLSlot()->context;
-    effect_ = std::make_unique<GLPainter>(
-        ctx, static_cast<float>(DeviceClass::contentScaleFactor(this)));
+    effect_ =
+        std::make_unique<GLPainter>(ctx, static_cast<float>(DeviceClass::contentScaleFactor(this)));
     effect_->setProjection(GLPainter::unitSpaceProjection());
     effect_->setImageLayout(true);
     ctx->functions()->glEnableVertexAttribArray(GLPainter::kAttribPosition);

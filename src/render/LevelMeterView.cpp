@@ -216,7 +216,7 @@ void LevelMeterView::drawClosedQuotient(double w, double h) {
     context()->functions()->glLineWidth(5.0f);
     if (mScaleTexture)
         e->drawTexture(mScaleTexture->name(), QPointF(5.0 / w, columnHeight),
-                        QPointF(1.0 - 5.0 / w, 0.0));
+                       QPointF(1.0 - 5.0 / w, 0.0));
     e->prepareToDrawWithConstantColor(1.0f, 0.0f, 0.0f, 1.0f);
     const double y = columnHeight * mLastCQ;
     cqRowShown_ = cqRow(mLastCQ, h);
@@ -229,8 +229,8 @@ void LevelMeterView::drawLegend(double w, double h) {
     // Hung from the top edge itself, the first glyph's top row was cut off.
     const double top = 1.0 - metrics(pad_).legendMargin / h;
     if (pad_) {
-        e->drawTextTexture(mLegendTitleTexture.get(), QPointF(0.5, top), 1.0f,
-                            onTheRight_ ? 8 : 7, frame, QRectF());
+        e->drawTextTexture(mLegendTitleTexture.get(), QPointF(0.5, top), 1.0f, onTheRight_ ? 8 : 7,
+                           frame, QRectF());
         return;
     }
     // Turned to read bottom to top (left) the first line stands further left;
@@ -238,10 +238,10 @@ void LevelMeterView::drawLegend(double w, double h) {
     const int orientation = onTheRight_ ? 8 : 7;
     const double x1 = onTheRight_ ? 0.7 : 0.35;
     const double x2 = onTheRight_ ? 0.35 : 0.7;
-    e->drawTextTexture(mLegendLine1Texture.get(), QPointF(x1, top), 1.0f, orientation,
-                        frame, QRectF());
-    e->drawTextTexture(mLegendLine2Texture.get(), QPointF(x2, top), 1.0f, orientation,
-                        frame, QRectF());
+    e->drawTextTexture(mLegendLine1Texture.get(), QPointF(x1, top), 1.0f, orientation, frame,
+                       QRectF());
+    e->drawTextTexture(mLegendLine2Texture.get(), QPointF(x2, top), 1.0f, orientation, frame,
+                       QRectF());
 }
 
 QImage LevelMeterView::scaleCQImage() {

@@ -2,8 +2,8 @@
 
 #include "engine/SpectrogramScrollViewInterface.h"
 #include "render/AffineTransform.h"
-#include "render/SpectrogramScrollViewSegment.h"
 #include "render/GLScrollView.h"
+#include "render/SpectrogramScrollViewSegment.h"
 
 #include <QElapsedTimer>
 #include <QString>

@@ -132,23 +132,23 @@ bool SpectrogramColorRamp::forColorType(int32_t colorType, SpectrogramColorRamp*
     case 0:
         ramp->levelThresholds = {0.01f, 0.27f, 0.54f, 0.99f};
         ramp->levelColors = {{{0.0f, 0.0f, 0.0f, 1.0f},
-                        {0.0f, 0.0f, 0.8f, 1.0f},
-                        {0.0f, 0.9f, 0.0f, 1.0f},
-                        {1.0f, 0.0f, 0.0f, 1.0f}}};
+                              {0.0f, 0.0f, 0.8f, 1.0f},
+                              {0.0f, 0.9f, 0.0f, 1.0f},
+                              {1.0f, 0.0f, 0.0f, 1.0f}}};
         return true;
     case 1:
         ramp->levelThresholds = {0.01f, 0.25f, 0.5f, 0.9f};
         ramp->levelColors = {{{0.0f, 0.0f, 0.0f, 1.0f},
-                        {0.33f, 0.33f, 0.33f, 1.0f},
-                        {0.66f, 0.66f, 0.66f, 1.0f},
-                        {1.0f, 1.0f, 1.0f, 1.0f}}};
+                              {0.33f, 0.33f, 0.33f, 1.0f},
+                              {0.66f, 0.66f, 0.66f, 1.0f},
+                              {1.0f, 1.0f, 1.0f, 1.0f}}};
         return true;
     case 2:
         ramp->levelThresholds = {0.01f, 0.25f, 0.5f, 0.9f};
         ramp->levelColors = {{{1.0f, 1.0f, 1.0f, 1.0f},
-                        {0.66f, 0.66f, 0.66f, 1.0f},
-                        {0.33f, 0.33f, 0.33f, 1.0f},
-                        {0.0f, 0.0f, 0.0f, 1.0f}}};
+                              {0.66f, 0.66f, 0.66f, 1.0f},
+                              {0.33f, 0.33f, 0.33f, 1.0f},
+                              {0.0f, 0.0f, 0.0f, 1.0f}}};
         return true;
     default:
         return false;
@@ -174,8 +174,7 @@ SpectrogramScrollViewSegment::SpectrogramScrollViewSegment(const AnalyzerDefault
 }
 
 SpectrogramScrollViewSegment::~SpectrogramScrollViewSegment() {
-    if (textureName_ != 0 && !context_.isNull() &&
-        GLView::makeSharedContextCurrent() != nullptr) {
+    if (textureName_ != 0 && !context_.isNull() && GLView::makeSharedContextCurrent() != nullptr) {
         const GLuint name = textureName_;
         context_->functions()->glDeleteTextures(1, &name);
     }
@@ -266,8 +265,8 @@ void SpectrogramScrollViewSegment::columnColors(const AnalyzerDefaults& defaults
         decibelsToColors(x, colors, count, defaults.spectrogramValuesInDBMinimumLevelDB(),
                          rampArgs(ramp));
     } else {
-        const auto gain = static_cast<float>(std::pow(
-            10.0, static_cast<double>(defaults.spectrogramLinearValuesGainDB()) / 20.0));
+        const auto gain = static_cast<float>(
+            std::pow(10.0, static_cast<double>(defaults.spectrogramLinearValuesGainDB()) / 20.0));
         magnitudesToColors(x, colors, count, gain, rampArgs(ramp));
     }
 }

@@ -18,7 +18,7 @@ class AnalyzerDefaults;
 /// Which interval a spectrogram column shows and with which scaling (16 bytes).
 struct FFTSpectrumParameters {
     int64_t intervalIndex = -1;            ///< -1: empty column
-    float linearGainDB = 0.0f;      ///< linear gain used for the column (dB)
+    float linearGainDB = 0.0f;             ///< linear gain used for the column (dB)
     float valuesInDBMinimumLevelDB = 0.0f; ///< lowest level used for the column (dB)
 };
 static_assert(sizeof(FFTSpectrumParameters) == 16);

@@ -66,7 +66,7 @@ void AppFolders::excludeFromBackupURL(const QUrl& url) {
 }
 
 bool AppFolders::writeAudioDataToFileURL(const AnalyzerDefaults& defaults, const QUrl& url,
-                                        bool overwrite) {
+                                         bool overwrite) {
     const QString path = url.toLocalFile();
     if (!overwrite && QFileInfo::exists(path))
         return false;
@@ -125,8 +125,8 @@ bool AppFolders::getImportedSampleRateAndTimeAndReturnValues(
 }
 
 bool AppFolders::readImportedAudioData(AnalyzerDefaults& defaults, const QString& stagedPath,
-                                      const AudioFileReader::Progress& progress,
-                                      const std::atomic<bool>* cancel) {
+                                       const AudioFileReader::Progress& progress,
+                                       const std::atomic<bool>* cancel) {
     AudioFileReader reader;
     std::vector<float> samples;
     const int64_t frames = defaults.intervalSizeInFrames();

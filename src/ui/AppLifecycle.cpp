@@ -8,9 +8,9 @@
 #include "dsp/FFTManager.h"
 #include "engine/AnalyzerController.h"
 #include "engine/MainQueue.h"
+#include "ui/AppFolders.h"
 #include "ui/AudioInputPage.h"
 #include "ui/MainScreen.h"
-#include "ui/AppFolders.h"
 #include "ui/MessageDialogs.h"
 #include "ui/ToolbarImages.h"
 
@@ -66,7 +66,7 @@ void quitOnTerminationSignals(QObject* context) {
 } // namespace
 
 AppLifecycle::AppLifecycle(AnalyzerDefaults& defaults, AudioSession& audio, FFTManager& fftManager,
-                         QObject* parent)
+                           QObject* parent)
     : QObject(parent), defaults_(defaults), audio_(audio), fftManager_(fftManager) {}
 
 AppLifecycle::~AppLifecycle() = default;
@@ -163,7 +163,7 @@ void AppLifecycle::importIntoApp(const QUrl& url) {
 }
 
 int AppLifecycle::run(int argc, char** argv, const AnalyzerFeatures& features,
-                     const QString& applicationName, const QString& displayName, bool audioNode) {
+                      const QString& applicationName, const QString& displayName, bool audioNode) {
     AnalyzerFeatures::selectProduct(features);
 #if defined(__SANITIZE_ADDRESS__)
     // Sanitizer builds: Mesa unloads its driver when the display closes, before
@@ -188,7 +188,7 @@ int AppLifecycle::run(int argc, char** argv, const AnalyzerFeatures& features,
     int status = 0;
     {
         AppLifecycle delegate(AnalyzerDefaults::sharedDefaults(), AudioSession::sharedAudio(),
-                             FFTManager::sharedManager());
+                              FFTManager::sharedManager());
         QObject::connect(&app, &QCoreApplication::aboutToQuit, &delegate,
                          [&delegate] { delegate.prepareToQuit(); });
         // The node is made before the window, so that the audio-input page
@@ -202,8 +202,7 @@ int AppLifecycle::run(int argc, char** argv, const AnalyzerFeatures& features,
             engine.setAudioEffect(node.get());
             node->setDelegate(&engine);
             // Left on: published as soon as a JACK server answers, quietly.
-            if (SettingsStore().readBool(
-                    QLatin1String(AudioInputPage::kAudioEffectEnabledKey)))
+            if (SettingsStore().readBool(QLatin1String(AudioInputPage::kAudioEffectEnabledKey)))
                 node->setEnabled(true, true);
         }
         const QStringList arguments = QCoreApplication::arguments().mid(1);

@@ -36,7 +36,7 @@ public:
 
     /// `defaults`, `audio` and `fftManager` must outlive the delegate.
     AppLifecycle(AnalyzerDefaults& defaults, AudioSession& audio, FFTManager& fftManager,
-                QObject* parent = nullptr);
+                 QObject* parent = nullptr);
     /// Closes the window; the main screen stops the analyser.
     ~AppLifecycle() override;
 

@@ -8,9 +8,9 @@
 #include "core/SettingsStore.h"
 #include "render/DeviceClass.h"
 #include "ui/FloatSlider.h"
+#include "ui/MessageDialogs.h"
 #include "ui/SegmentedControl.h"
 #include "ui/SettingsDelegate.h"
-#include "ui/MessageDialogs.h"
 
 #include <QCheckBox>
 #include <QGridLayout>
@@ -45,10 +45,8 @@ QWidget* gainCell(QLabel* title, FloatSlider* slider, QLabel* value) {
 
 } // namespace
 
-AudioInputPage::AudioInputPage(AnalyzerDefaults& defaults,
-                                                             AudioSession& audio,
-                                                             SettingsDelegate& delegate,
-                                                             QWidget* parent)
+AudioInputPage::AudioInputPage(AnalyzerDefaults& defaults, AudioSession& audio,
+                               SettingsDelegate& delegate, QWidget* parent)
     : SectionedPage(parent), defaults_(defaults), audio_(audio), delegate_(delegate),
       dataSource_(new Picker(audio, defaults, this)), picker_(new QWidget),
       notAvailablePlaying_(new QLabel("Input selection is not available during playback.")),
@@ -106,8 +104,7 @@ AudioInputPage::AudioInputPage(AnalyzerDefaults& defaults,
     hardwareNotAvailable_->setWordWrap(true);
     hardwareNotAvailableRow_ = addRow(kSectionHardwareGain, hardwareNotAvailable_);
 
-    connect(dataSource_, &Picker::selectionRefreshed, this,
-            &AudioInputPage::reloadPicker);
+    connect(dataSource_, &Picker::selectionRefreshed, this, &AudioInputPage::reloadPicker);
     connect(softwareSlider_, &FloatSlider::floatValueChanged, this, [this](float dB) {
         softwareSlider_->setFloatValue(dataSource_->setSoftwareInputGain(dB));
         refreshGainLabels();
@@ -125,10 +122,8 @@ AudioInputPage::AudioInputPage(AnalyzerDefaults& defaults,
         effectStatus_ = new QLabel;
         effectStatus_->setWordWrap(true);
         addRow(kSectionAudioEffect, effectStatus_);
-        connect(effectSwitch_, &QCheckBox::toggled, this,
-                &AudioInputPage::setAudioEffectEnabled);
-        connect(effect_, &JackNode::publishedChanged, this,
-                &AudioInputPage::refreshAudioEffect);
+        connect(effectSwitch_, &QCheckBox::toggled, this, &AudioInputPage::setAudioEffectEnabled);
+        connect(effect_, &JackNode::publishedChanged, this, &AudioInputPage::refreshAudioEffect);
         connect(effect_, &JackNode::transportStateChangedNotification, this,
                 &AudioInputPage::refreshAudioEffect);
         refreshAudioEffect();
@@ -216,9 +211,7 @@ void AudioInputPage::refreshOutputControls() {
     }
 }
 
-AudioInputPage::~AudioInputPage() {
-    dataSource_->setObservingInputChanges(false);
-}
+AudioInputPage::~AudioInputPage() { dataSource_->setObservingInputChanges(false); }
 
 QListWidget* AudioInputPage::inputSourcePickerColumn(int component) const {
     if (component < 0 || component >= Picker::kNumberOfComponents)
@@ -226,9 +219,7 @@ QListWidget* AudioInputPage::inputSourcePickerColumn(int component) const {
     return columns_[size_t(component)];
 }
 
-void AudioInputPage::refreshPickerInputSelection() {
-    dataSource_->refreshPickerInputSelection();
-}
+void AudioInputPage::refreshPickerInputSelection() { dataSource_->refreshPickerInputSelection(); }
 
 void AudioInputPage::refreshPickerInputWithDelay(bool delay) {
     dataSource_->refreshPickerInputWithDelay(delay);

@@ -60,8 +60,8 @@ public:
     static constexpr float kMaxSoftwareGain = 40.0f;
 
     /// `defaults`, `audio` and `delegate` must outlive the page.
-    AudioInputPage(AnalyzerDefaults& defaults, AudioSession& audio,
-                                  SettingsDelegate& delegate, QWidget* parent = nullptr);
+    AudioInputPage(AnalyzerDefaults& defaults, AudioSession& audio, SettingsDelegate& delegate,
+                   QWidget* parent = nullptr);
     ~AudioInputPage() override;
 
     /// Reloads the three lists, their selection and both gains.

@@ -13,8 +13,7 @@ constexpr int kChartCount = 3;
 const QString kCheckmark = QStringLiteral("  \u2713");
 } // namespace
 
-ChartTypePopover::ChartTypePopover(const AnalyzerFeatures& features,
-                                                               QWidget* parent)
+ChartTypePopover::ChartTypePopover(const AnalyzerFeatures& features, QWidget* parent)
     : SectionedPage(parent) {
     Popover::makePopup(this);
     setTitle("Type of the Second Chart");
@@ -55,9 +54,7 @@ int ChartTypePopover::heightForHeaderInSection(int section) const {
     return isHiddenSection(section) ? 0 : kHeaderHeight;
 }
 
-QSize ChartTypePopover::preferredContentSize() const {
-    return QSize(kWidth, heightForTableView());
-}
+QSize ChartTypePopover::preferredContentSize() const { return QSize(kWidth, heightForTableView()); }
 
 void ChartTypePopover::presentFrom(QWidget* anchor) {
     reloadData();

@@ -21,8 +21,7 @@ public:
     static constexpr int kHeaderHeight = 39;
     static constexpr int kWidth = 280;
 
-    explicit ChartTypePopover(const AnalyzerFeatures& features,
-                                            QWidget* parent = nullptr);
+    explicit ChartTypePopover(const AnalyzerFeatures& features, QWidget* parent = nullptr);
 
     int32_t typeOfChart() const { return typeOfChart_; }
     /// Moves the check mark to `type` (no signal).

@@ -11,9 +11,9 @@
 
 namespace widmo {
 
-DisplaySettingsPage::DisplaySettingsPage(
-    AnalyzerDefaults& defaults, const AnalyzerFeatures& features, SettingsDelegate& delegate,
-    QWidget* parent)
+DisplaySettingsPage::DisplaySettingsPage(AnalyzerDefaults& defaults,
+                                         const AnalyzerFeatures& features,
+                                         SettingsDelegate& delegate, QWidget* parent)
     : SectionedPage(parent), defaults_(defaults), features_(features), delegate_(delegate),
       octaveBand_(new SegmentedControl({"1/1", "1/3", "1/6", "1/12"})),
       octaveAverage_(new SegmentedControl({"Slow", "Medium", "Fast"})), octaveMax_(new QCheckBox),

@@ -30,7 +30,7 @@ public:
 
     /// `defaults`, `features` and `delegate` must outlive the page.
     DisplaySettingsPage(AnalyzerDefaults& defaults, const AnalyzerFeatures& features,
-                                       SettingsDelegate& delegate, QWidget* parent = nullptr);
+                        SettingsDelegate& delegate, QWidget* parent = nullptr);
 
     /// Selects every control from the settings.
     void refreshSelection();

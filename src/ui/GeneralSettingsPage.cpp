@@ -24,9 +24,9 @@ QStringList intervalPlaceholders() { return QStringList(kIntervalSegments, QStri
 
 } // namespace
 
-GeneralSettingsPage::GeneralSettingsPage(
-    AnalyzerDefaults& defaults, const AnalyzerFeatures& features, SettingsDelegate& delegate,
-    QWidget* parent)
+GeneralSettingsPage::GeneralSettingsPage(AnalyzerDefaults& defaults,
+                                         const AnalyzerFeatures& features,
+                                         SettingsDelegate& delegate, QWidget* parent)
     : SectionedPage(parent), defaults_(defaults), features_(features), delegate_(delegate),
       fftWindowType_(new SegmentedControl({"Rectangle", "Blackman", "Hamming", "Hanning"})),
       fftSize_(new SegmentedControl({"256", "512", "1k", "2k", "4k", "8k", "16k", "32k", "64k"})),

@@ -39,7 +39,7 @@ public:
 
     /// `defaults`, `features` and `delegate` must outlive the page.
     GeneralSettingsPage(AnalyzerDefaults& defaults, const AnalyzerFeatures& features,
-                                       SettingsDelegate& delegate, QWidget* parent = nullptr);
+                        SettingsDelegate& delegate, QWidget* parent = nullptr);
 
     // --- Segment tables -----------------------------------------------------------------------
 

@@ -48,9 +48,10 @@ void dismissPresented(QWidget* mainScreen) {
 
 MessageDialogs::MessageDialogs(CallBack callBack) : alertCallback_(std::move(callBack)) {}
 
-void MessageDialogs::showMessage(const QString& message, QWidget* inController, const QString& withTitle,
-                            bool actionSheet, const QString& cancelButton,
-                            const QStringList& buttons, CallBack withCallBack) {
+void MessageDialogs::showMessage(const QString& message, QWidget* inController,
+                                 const QString& withTitle, bool actionSheet,
+                                 const QString& cancelButton, const QStringList& buttons,
+                                 CallBack withCallBack) {
     QPointer<QWidget> controller(inController);
     const bool hadController = inController != nullptr;
     auto run = [=, cb = std::move(withCallBack)]() mutable {
@@ -64,22 +65,23 @@ void MessageDialogs::showMessage(const QString& message, QWidget* inController, 
     QMetaObject::invokeMethod(qApp, std::move(run), Qt::QueuedConnection);
 }
 
-void MessageDialogs::showMessage(const QString& message, QWidget* inController, const QString& withTitle,
-                            const QString& cancelButton, const QStringList& buttons,
-                            CallBack withCallBack) {
+void MessageDialogs::showMessage(const QString& message, QWidget* inController,
+                                 const QString& withTitle, const QString& cancelButton,
+                                 const QStringList& buttons, CallBack withCallBack) {
     showMessage(message, inController, withTitle, false, cancelButton, buttons,
                 std::move(withCallBack));
 }
 
 void MessageDialogs::showMessage(const QString& message, const QString& withTitle,
-                            const QString& cancelButton, const QStringList& buttons,
-                            CallBack withCallBack) {
+                                 const QString& cancelButton, const QStringList& buttons,
+                                 CallBack withCallBack) {
     showMessage(message, nullptr, withTitle, false, cancelButton, buttons, std::move(withCallBack));
 }
 
 void MessageDialogs::showActionSheetWithTitle(const QString& title, QWidget* inController,
-                                         const QString& cancelButton,
-                                         const QStringList& actionButtons, CallBack withCallBack) {
+                                              const QString& cancelButton,
+                                              const QStringList& actionButtons,
+                                              CallBack withCallBack) {
     showMessage(QString(), inController, title, true, cancelButton, actionButtons,
                 std::move(withCallBack));
 }
@@ -93,8 +95,8 @@ void MessageDialogs::setMainScreen(QWidget* mainScreen) { mainScreenWidget() = m
 int MessageDialogs::pendingCount() { return static_cast<int>(pendingHolders().size()); }
 
 void MessageDialogs::present(MessageDialogs* holder, const QString& message, QWidget* inController,
-                        const QString& title, bool actionSheet, const QString& cancelButton,
-                        const QStringList& buttons) {
+                             const QString& title, bool actionSheet, const QString& cancelButton,
+                             const QStringList& buttons) {
     QWidget* parent = inController;
     if (!parent) {
         parent = mainScreenWidget().data();

@@ -9,8 +9,8 @@ void MessagePresenter::showMessage(const QString& message, const QString& button
 }
 
 void MessagePresenter::showMessage(const QString& message, const QString& title,
-                                     const QString& cancelButton, const QStringList& buttons,
-                                     std::function<void(int)> callBack) {
+                                   const QString& cancelButton, const QStringList& buttons,
+                                   std::function<void(int)> callBack) {
     MessageDialogs::showMessage(message, title, cancelButton, buttons, std::move(callBack));
 }
 

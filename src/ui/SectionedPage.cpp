@@ -220,8 +220,8 @@ void SectionedPage::setBigLastSectionHeader(bool big) {
 }
 
 QLabel* SectionedPage::headerLabelWithText(const QString& text, int, int, double position,
-                                                   bool center, const QFont& font,
-                                                   const QColor& color, QWidget* header) const {
+                                           bool center, const QFont& font, const QColor& color,
+                                           QWidget* header) const {
     const int width = tableWidth();
     const int h = QFontMetrics(font).height();
     const double x = center ? (position - 0.5) * width : position;
@@ -240,9 +240,7 @@ QLabel* SectionedPage::headerLabelWithText(const QString& text, int, int, double
 
 void SectionedPage::reloadData() { applyHeights(); }
 
-int SectionedPage::tableWidth() const {
-    return laidOutWidth_ > 0 ? laidOutWidth_ : kPopoverWidth;
-}
+int SectionedPage::tableWidth() const { return laidOutWidth_ > 0 ? laidOutWidth_ : kPopoverWidth; }
 
 int SectionedPage::verticalOffset() const { return scroll_->verticalScrollBar()->value(); }
 

@@ -6,8 +6,8 @@
 #include "ui/AudioInputPage.h"
 #include "ui/DisplaySettingsPage.h"
 #include "ui/GeneralSettingsPage.h"
-#include "ui/SettingsDelegate.h"
 #include "ui/Popover.h"
+#include "ui/SettingsDelegate.h"
 #include "ui/TriggerSettingsPage.h"
 
 #include <QEvent>
@@ -22,15 +22,13 @@ namespace widmo {
 
 namespace {
 
-const char* const kPageTitles[SettingsPanel::kPageCount] = {
-    "Settings", "General", "Display", "Trigger", "Audio input"};
+const char* const kPageTitles[SettingsPanel::kPageCount] = {"Settings", "General", "Display",
+                                                            "Trigger", "Audio input"};
 
 } // namespace
 
-SettingsPanel::SettingsPanel(AnalyzerDefaults& defaults,
-                                                       const AnalyzerFeatures& features,
-                                                       AudioSession& audio, SettingsDelegate& delegate,
-                                                       QWidget* parent)
+SettingsPanel::SettingsPanel(AnalyzerDefaults& defaults, const AnalyzerFeatures& features,
+                             AudioSession& audio, SettingsDelegate& delegate, QWidget* parent)
     : QWidget(parent), defaults_(defaults), features_(features), delegate_(delegate),
       stack_(new QStackedWidget(this)), backButton_(new QPushButton("\u2039 Settings")),
       titleLabel_(new QLabel), doneButton_(new QPushButton("Done")) {

@@ -43,9 +43,8 @@ public:
     static constexpr int kNavigationBarHeight = 44;
 
     /// Every reference must outlive the panel. `parent` is the main screen.
-    SettingsPanel(AnalyzerDefaults& defaults, const AnalyzerFeatures& features,
-                               AudioSession& audio, SettingsDelegate& delegate,
-                               QWidget* parent = nullptr);
+    SettingsPanel(AnalyzerDefaults& defaults, const AnalyzerFeatures& features, AudioSession& audio,
+                  SettingsDelegate& delegate, QWidget* parent = nullptr);
     ~SettingsPanel() override;
 
     /// Opens the panel from `anchor` (the settings button): a popover under (or

@@ -42,9 +42,8 @@ QSlider* frequencySlider() {
 
 } // namespace
 
-TriggerSettingsPage::TriggerSettingsPage(AnalyzerDefaults& defaults,
-                                                                 SettingsDelegate& delegate,
-                                                                 QWidget* parent)
+TriggerSettingsPage::TriggerSettingsPage(AnalyzerDefaults& defaults, SettingsDelegate& delegate,
+                                         QWidget* parent)
     : SectionedPage(parent), defaults_(defaults), delegate_(delegate), trig_(new QCheckBox),
       automaticStop_(new QCheckBox), energySave_(new QCheckBox),
       level_(new FloatSlider(kMinTrigLevel, kMaxTrigLevel, int(kMaxTrigLevel - kMinTrigLevel))),
@@ -80,9 +79,7 @@ TriggerSettingsPage::TriggerSettingsPage(AnalyzerDefaults& defaults,
     refreshTrigSlidersAndLabels();
 }
 
-float TriggerSettingsPage::maxFrequency() const {
-    return defaults_.preferredSampleRate() * 0.5f;
-}
+float TriggerSettingsPage::maxFrequency() const { return defaults_.preferredSampleRate() * 0.5f; }
 
 float TriggerSettingsPage::frequencyForPosition(int position) const {
     const float t = float(std::clamp(position, 0, kFrequencySteps)) / float(kFrequencySteps);

@@ -39,7 +39,7 @@ public:
 
     /// `defaults` and `delegate` must outlive the page.
     TriggerSettingsPage(AnalyzerDefaults& defaults, SettingsDelegate& delegate,
-                                    QWidget* parent = nullptr);
+                        QWidget* parent = nullptr);
 
     /// Moves the sliders to the settings and writes the value labels.
     void refreshTrigSlidersAndLabels();

@@ -117,7 +117,8 @@ TEST_F(AudioSessionTest, recording_deliversBlocksInRingOrderOnTheQueue_afterTheS
         const ptrdiff_t slot = (pointers[i] - pointers[0]) / (CaptureBufferRing::kBufferFrames * 2);
         ASSERT_EQ(slot, ptrdiff_t(i % AudioSession::kCaptureBufferCount)) << "block " << i;
     }
-    EXPECT_EQ(audio.actualBuffer(), int32_t((pointers.size() - 1) % AudioSession::kCaptureBufferCount));
+    EXPECT_EQ(audio.actualBuffer(),
+              int32_t((pointers.size() - 1) % AudioSession::kCaptureBufferCount));
     // The first eight cycles (counter 0..7) were dropped, every later one delivered.
     EXPECT_NEAR(double(audio.renderCycleCounter()) - double(pointers.size()), 8.0, 1.0);
     // About 1.5 s of 48 kHz audio arrived.
@@ -130,7 +131,8 @@ TEST_F(AudioSessionTest, recording_deliversBlocksInRingOrderOnTheQueue_afterTheS
     EXPECT_EQ(delegate.blocks(), pointers.size());
 }
 
-TEST_F(AudioSessionTest, inputRemovedOrRefusingTheRate_stopsOrFailsTheStartOnceSayingWhy_untilFixed) {
+TEST_F(AudioSessionTest,
+       inputRemovedOrRefusingTheRate_stopsOrFailsTheStartOnceSayingWhy_untilFixed) {
     int calls = 0;
     ASSERT_TRUE(startRecording(&calls));
     ASSERT_TRUE(QTest::qWaitFor([&] { return delegate.blocks() > 10; }, 3000));

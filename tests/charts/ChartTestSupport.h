@@ -63,8 +63,7 @@ inline Interval analyse(FFTManager& fft, const std::vector<float>& samples,
                         int64_t intervalIndex = 0) {
     Interval out;
     fft.computeFFTForInterval(intervalIndex, samples.data(), 0,
-                                    static_cast<int32_t>(samples.size()), &out.window,
-                                    &out.spectrum);
+                              static_cast<int32_t>(samples.size()), &out.window, &out.spectrum);
     return out;
 }
 

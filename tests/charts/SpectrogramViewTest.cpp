@@ -84,8 +84,7 @@ TEST_F(SpectrogramViewLayout, cursorFrequencyReachesThePartnerChart) {
     spectrogram.resize(600, 300);
     chart.resize(600, 300);
     spectrogram.scroll()->setScrollViewDelegate(chart.chartScrollView());
-    chart.chart()->setScrollViewDelegate(
-        static_cast<ScrollViewInterface*>(spectrogram.scroll()));
+    chart.chart()->setScrollViewDelegate(static_cast<ScrollViewInterface*>(spectrogram.scroll()));
     spectrogram.prepareData();
 
     SpectrogramScrollView* scroll = spectrogram.scroll();

@@ -5,13 +5,13 @@
 // values the test sets.
 
 #include "engine/AnalyzerControllerDelegate.h"
+#include "engine/AudioSessionInterface.h"
 #include "engine/ChartViewInterface.h"
 #include "engine/MainQueue.h"
 #include "engine/MainScreenInterface.h"
+#include "engine/MessageInterface.h"
 #include "engine/SpectrogramScrollViewInterface.h"
 #include "engine/SpectrogramViewInterface.h"
-#include "engine/AudioSessionInterface.h"
-#include "engine/MessageInterface.h"
 
 #include <QCoreApplication>
 #include <QElapsedTimer>

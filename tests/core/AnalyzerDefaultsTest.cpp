@@ -34,7 +34,7 @@ protected:
     X(TrigEnergySaveMode, trigEnergySaveMode, 1.0f)                                                \
     X(SoftwareInputGainValue, softwareInputGainValue, 12.0f)                                       \
     X(OutputGainValue, outputGainValue, -3.0f)                                                     \
-    X(SpectrogramLinearValuesGainDB, spectrogramLinearValuesGainDB, 21.0f)           \
+    X(SpectrogramLinearValuesGainDB, spectrogramLinearValuesGainDB, 21.0f)                         \
     X(SpectrogramValuesInDBMinimumLevelDB, spectrogramValuesInDBMinimumLevelDB, -90.0f)            \
     X(FftSize, fftSize, 16384)                                                                     \
     X(FftWindowType, fftWindowType, 3)                                                             \
@@ -54,7 +54,7 @@ protected:
     X(PlaybackSlowDownOctaves, playbackSlowDownOctaves, 3)                                         \
     X(RealTimeTranspFilterBelow20kHz, realTimeTranspFilterBelow20kHz, true)                        \
     X(RealTimeTransposeOctavesDown, realTimeTransposeOctavesDown, 2)                               \
-    X(SpectrogramWidthDivisor, spectrogramWidthDivisor, 4)                                     \
+    X(SpectrogramWidthDivisor, spectrogramWidthDivisor, 4)                                         \
     X(AudioDefaultToSpeaker, audioDefaultToSpeaker, false)
 
 /// Every persisted setting of `d` equals that of `reference`.

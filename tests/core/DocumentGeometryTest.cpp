@@ -121,8 +121,7 @@ TEST(RoundTo125Test, roundsUpToTheSequenceThenClamps) {
                  {51, 1, 1000, 100},
                  {std::numeric_limits<float>::infinity(), 1, 1000, 1000}};
     for (const auto& c : table)
-        EXPECT_EQ(c.rounded,
-                  AnalyzerDefaults::roundUpTo125Series(c.value, c.minimum, c.maximum))
+        EXPECT_EQ(c.rounded, AnalyzerDefaults::roundUpTo125Series(c.value, c.minimum, c.maximum))
             << c.value;
 }
 

@@ -169,8 +169,8 @@ TEST_F(FFTManagerTest, windowEndsWithItsInterval_wrappingRoundTheStore) {
     fillStoreWithPositions();
     const int t = storeSize();
     float* window = nullptr;
-    manager_->computeFFTForInterval(3, defaults_->audioBuffersData().data(), t - 100, t,
-                                          &window, nullptr);
+    manager_->computeFFTForInterval(3, defaults_->audioBuffersData().data(), t - 100, t, &window,
+                                    nullptr);
     for (int k = 0; k < 4096; ++k)
         ASSERT_EQ(window[k], static_cast<float>((t - 100 + k) % t)) << k;
 }

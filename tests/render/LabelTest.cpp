@@ -57,17 +57,17 @@ TEST(LabelStep, skipsLabelsUntilTheyFitAtWholeZoomLevels) {
 
 TEST(LabelStep, textureSizeIsTakenInPointsAlongTheChosenAxis) {
     DeviceClass::setForcedIdiom(DeviceClass::Idiom::Phone);
-    GLPainter effect(nullptr, 2.0f); // no context: only the arithmetic is used
+    GLPainter effect(nullptr, 2.0f);  // no context: only the arithmetic is used
     const GLTexture label(0, 80, 30); // 40 x 15 points at content scale 2
+    EXPECT_EQ(
+        effect.labelStepForTexture(label, 11, QSizeF(320, 100), true, AffineTransform::identity()),
+        2);
     EXPECT_EQ(effect.labelStepForTexture(label, 11, QSizeF(320, 100), true,
-                                                 AffineTransform::identity()),
-              2);
-    EXPECT_EQ(effect.labelStepForTexture(label, 11, QSizeF(320, 100), true,
-                                                 AffineTransform::scale(2.5, 1)),
+                                         AffineTransform::scale(2.5, 1)),
               1);
     // Vertically: 15 / 100 = 0.15, the phone factor 1.2 needs 0.18.
     EXPECT_EQ(effect.labelStepForTexture(label, 11, QSizeF(320, 100), false,
-                                                 AffineTransform::scale(5, 1)),
+                                         AffineTransform::scale(5, 1)),
               2);
     DeviceClass::setForcedIdiom(std::nullopt);
 }

@@ -82,7 +82,8 @@ TEST(SpectrogramColours, rampEdgesAndDecibelColumn) {
     EXPECT_EQ(pixel(segment, 0, 1), bytes(r.levelColors[3]));
     EXPECT_EQ(pixel(segment, 0, 2), bytes(r.levelColors[0]));
     EXPECT_EQ(pixel(segment, 0, 3), r.colorForLevel(0.5f));
-    EXPECT_EQ(pixel(segment, 0, d->fftDisplaySize() - 1), bytes(r.levelColors[0])) << "top row written";
+    EXPECT_EQ(pixel(segment, 0, d->fftDisplaySize() - 1), bytes(r.levelColors[0]))
+        << "top row written";
     EXPECT_EQ(pixel(segment, 1, 1), bytes(r.levelColors[0])) << "next column touched";
     EXPECT_EQ(segment.parametersAtIndex(0).intervalIndex, 5);
     EXPECT_EQ(segment.parametersAtIndex(1).intervalIndex, -1);

@@ -105,7 +105,7 @@ class ImportExportTest : public test::AppTest {
 protected:
     QString file(const char* name) const { return dir_.filePath(QLatin1String(name)); }
     bool waitImported() {
-        return QTest::qWaitFor([&] { return !screen()->importRunning(); }, 20000);
+        return QTest::qWaitFor([&] { return !screen()->shareSheet().importRunning(); }, 20000);
     }
     QTemporaryDir dir_;
 };
@@ -119,14 +119,14 @@ TEST_F(ImportExportTest, studioImportsFlacAtAnotherRate_andExportsTheChartAsPng)
     ASSERT_EQ(defaults_->sampleRate(), 48000.0f);
     writeSine(file("tone.flac"), SF_FORMAT_FLAC | SF_FORMAT_PCM_24, 44100, 2, 2.0, 1000.0, 0.5);
 
-    screen()->importAudioFileWithURL(QUrl::fromLocalFile(file("tone.flac")), {});
+    screen()->shareSheet().importAudioFileWithURL(QUrl::fromLocalFile(file("tone.flac")), {});
     QMessageBox* question = waitMessage();
     ASSERT_TRUE(question);
     EXPECT_EQ(question->text(),
               "File sample rate is 44100Hz. Spectrogram sample rate is 48000Hz. Do you want to "
               "convert the sample rate and import to the current spectrogram context?");
     press(question, "OK");
-    ASSERT_TRUE(QTest::qWaitFor([&] { return screen()->importRunning(); }, 2000));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return screen()->shareSheet().importRunning(); }, 2000));
     EXPECT_TRUE(screen()->buttonsBlocked());
     EXPECT_FALSE(screen()->shareImageButton()->isEnabled());
     ASSERT_TRUE(waitImported());
@@ -148,7 +148,7 @@ TEST_F(ImportExportTest, studioImportsFlacAtAnotherRate_andExportsTheChartAsPng)
     // Chart full screen, then Export of the chart image through the dialog.
     QTest::mouseClick(screen()->spectrogramVsChartSegmentedControl()->buttonForSegment(1),
                       Qt::LeftButton);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return !screen()->layoutAnimating(); }, 3000));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !screen()->arrangement().layoutAnimating(); }, 3000));
     QTest::mouseClick(screen()->shareImageButton(), Qt::LeftButton);
     QMessageBox* sheet = waitMessage();
     ASSERT_TRUE(sheet);
@@ -189,12 +189,12 @@ TEST_F(ImportExportTest, studioCutsALongFileWithItsMessage) {
     const double maxTime = defaults_->spectrogramDuration();
     writeSine(file("long.wav"), SF_FORMAT_WAV | SF_FORMAT_PCM_16, 48000, 1, maxTime + 2.0, 440.0,
               0.25);
-    screen()->importAudioFileWithURL(QUrl::fromLocalFile(file("long.wav")), {});
+    screen()->shareSheet().importAudioFileWithURL(QUrl::fromLocalFile(file("long.wav")), {});
     ASSERT_TRUE(waitImported());
     QMessageBox* message = waitMessage();
     ASSERT_TRUE(message);
     EXPECT_EQ(message->text().toStdString(),
-              QString::asprintf(MainScreen::kImportShortenedMessage,
+              QString::asprintf(ShareSheet::kImportShortenedMessage,
                                 double(int64_t((maxTime + 2.0) * 48000)) / 48000, maxTime)
                   .toStdString());
     EXPECT_EQ(defaults_->actualInterval(), defaults_->spectrogramWidth());
@@ -204,7 +204,7 @@ TEST_F(ImportExportTest, studioCutsALongFileWithItsMessage) {
 TEST_F(ImportExportTest, studioBadFilesLeaveTheDocumentAlone) {
     launch(AnalyzerFeatures::studioProduct(), 48000.0f);
     writeSine(file("good.wav"), SF_FORMAT_WAV | SF_FORMAT_FLOAT, 48000, 1, 0.5, 440.0, 0.25);
-    screen()->importAudioFileWithURL(QUrl::fromLocalFile(file("good.wav")), {});
+    screen()->shareSheet().importAudioFileWithURL(QUrl::fromLocalFile(file("good.wav")), {});
     ASSERT_TRUE(waitImported());
     const int64_t intervals = defaults_->actualInterval();
     ASSERT_GT(intervals, 0);
@@ -241,13 +241,13 @@ TEST_F(ImportExportTest, studioBadFilesLeaveTheDocumentAlone) {
         cases.emplace_back("locked.wav", refused);
     for (const auto& [name, text] : cases) {
         SCOPED_TRACE(name);
-        screen()->importAudioFileWithURL(QUrl::fromLocalFile(file(name)), {});
+        screen()->shareSheet().importAudioFileWithURL(QUrl::fromLocalFile(file(name)), {});
         QMessageBox* message = waitMessage();
         ASSERT_TRUE(message);
         EXPECT_EQ(message->text().toStdString(), text);
         message->close();
         (void)QTest::qWaitFor([&] { return test::visibleMessage() == nullptr; }, 1000);
-        EXPECT_FALSE(screen()->importRunning());
+        EXPECT_FALSE(screen()->shareSheet().importRunning());
         EXPECT_EQ(defaults_->actualInterval(), intervals);
         EXPECT_TRUE(defaults_->audioBuffersData() == before);
     }
@@ -272,7 +272,7 @@ TEST_F(ImportExportTest, studioImportsADroppedFileMixedToMono) {
     EXPECT_EQ(question->text().toStdString(),
               "Do you want to import the file into the current spectrogram context?");
     press(question, "Yes");
-    ASSERT_TRUE(QTest::qWaitFor([&] { return screen()->importRunning(); }, 2000));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return screen()->shareSheet().importRunning(); }, 2000));
     ASSERT_TRUE(waitImported());
     // The read-only document is as long as the whole intervals of the file.
     const int64_t frames = defaults_->intervalSizeInFrames();

@@ -5,13 +5,13 @@
 #include "dsp/FFTPlanCache.h"
 #include "render/LevelMeterView.h"
 #include "render/SpectrogramScrollView.h"
+#include "ui/ChartTypePopover.h"
+#include "ui/GainInfoPopover.h"
 #include "ui/GeneralSettingsPage.h"
 #include "ui/HelpWindow.h"
 #include "ui/SegmentedControl.h"
 #include "ui/SettingsPanel.h"
 #include "ui/TriggerSettingsPage.h"
-#include "ui/GainInfoPopover.h"
-#include "ui/ChartTypePopover.h"
 
 #include "ChartTestSupport.h"
 #include "TestSignals.h"
@@ -37,7 +37,7 @@ class MainScreenTest : public test::AppTest {
 protected:
     /// Clicks Start/Pause and waits for the audio object to be `recording`.
     bool startPause(bool recording) {
-        QTest::mouseClick(screen()->recordPauseButton(), Qt::LeftButton);
+        QTest::mouseClick(screen()->transport().recordButton(), Qt::LeftButton);
         return QTest::qWaitFor([&] { return audio_->isRecording() == recording; }, 5000);
     }
     /// Closes the settings with `change` made to the preferred settings, and
@@ -74,7 +74,7 @@ protected:
 // settings panel (it opened 207 px past the window's right edge) and the
 // chart-type list (it opened below the window).
 TEST_F(MainScreenTest, eachProductOffersItsButtons_popupsOpenInsideTheWindow) {
-    using Meaning = MainScreen::GainMeaning;
+    using Meaning = GainPanel::Meaning;
     struct Case {
         AnalyzerFeatures features;
         bool chartTypeButton;
@@ -90,18 +90,18 @@ TEST_F(MainScreenTest, eachProductOffersItsButtons_popupsOpenInsideTheWindow) {
         launch(c.features);
         MainScreen* s = screen();
         EXPECT_EQ(s->typeOfChartButton() != nullptr, c.chartTypeButton);
-        EXPECT_EQ(s->recordPauseButton()->text() == "Start", c.startTitle);
-        EXPECT_EQ(s->recordPauseButton()->icon().isNull(), c.startTitle);
-        EXPECT_TRUE(s->recordPauseButton()->isEnabled());
+        EXPECT_EQ(s->transport().recordButton()->text() == "Start", c.startTitle);
+        EXPECT_EQ(s->transport().recordButton()->icon().isNull(), c.startTitle);
+        EXPECT_TRUE(s->transport().recordButton()->isEnabled());
         EXPECT_TRUE(s->settingsButton()->isEnabled());
         const std::initializer_list<QWidget*> spectrogramControls = {
-            s->playStopButton(), s->clearSpectrogramButton(), s->recalculateButton(),
+            s->transport().playButton(), s->clearSpectrogramButton(), s->recalculateButton(),
             s->pipButton(), s->spectrogramVsChartSegmentedControl()};
         for (QWidget* w : spectrogramControls)
             EXPECT_EQ(w != nullptr && w->isVisibleTo(s), c.spectrogram);
-        EXPECT_TRUE(s->gainSliderAndMaxMinResetButton()->isEnabled());
-        EXPECT_EQ(s->gainMeaning(), c.gain);
-        EXPECT_FALSE(s->pleaseWaitView()->isVisible());
+        EXPECT_TRUE(s->gainPanel().button()->isEnabled());
+        EXPECT_EQ(s->gainPanel().meaning(), c.gain);
+        EXPECT_FALSE(s->arrangement().waitView()->isVisible());
 
         QMainWindow* window = app_->window();
         window->setGeometry(60, 40, 1000, 640);
@@ -131,19 +131,19 @@ TEST_F(MainScreenTest, eachProductOffersItsButtons_popupsOpenInsideTheWindow) {
 TEST_F(MainScreenTest, gainButtonFollowsTheViewOnScreen) {
     launch(AnalyzerFeatures::studioProduct());
     MainScreen* s = screen();
-    QToolButton* button = s->gainSliderAndMaxMinResetButton();
+    QToolButton* button = s->gainPanel().button();
 
     // The spectrogram fills the screen: its minimum level, or its gain when
     // it shows linear values; the information popover offers a recalculation.
     QTest::mouseClick(button, Qt::LeftButton);
-    ASSERT_TRUE(s->gainView()->isVisible());
-    EXPECT_EQ(s->gainDescriptionLabel()->text(), "Spectrogram minimum level (dB)");
-    EXPECT_EQ(s->gainSlider()->minimum(), -144);
-    EXPECT_EQ(s->gainSlider()->maximum(), -10);
-    s->gainSlider()->setValue(-90);
+    ASSERT_TRUE(s->gainPanel().view()->isVisible());
+    EXPECT_EQ(s->gainPanel().descriptionLabel()->text(), "Spectrogram minimum level (dB)");
+    EXPECT_EQ(s->gainPanel().slider()->minimum(), -144);
+    EXPECT_EQ(s->gainPanel().slider()->maximum(), -10);
+    s->gainPanel().slider()->setValue(-90);
     EXPECT_EQ(defaults_->spectrogramValuesInDBMinimumLevelDB(), -90.0f);
-    QTest::mouseClick(s->gainValueButton(), Qt::LeftButton);
-    GainInfoPopover* info = s->gainInfoPopover();
+    QTest::mouseClick(s->gainPanel().infoButton(), Qt::LeftButton);
+    GainInfoPopover* info = s->gainPanel().infoPopover();
     ASSERT_TRUE(info != nullptr && info->isVisible());
     EXPECT_EQ(info->textLabel()->text(), "Spectrogram minimum level");
     EXPECT_EQ(info->valueLabel()->text(), "-90dB");
@@ -152,24 +152,24 @@ TEST_F(MainScreenTest, gainButtonFollowsTheViewOnScreen) {
     EXPECT_TRUE(s->buttonsBlocked()); // the document is computed again behind the wait view
     ASSERT_TRUE(QTest::qWaitFor([&] { return !s->buttonsBlocked(); }, 5000));
     defaults_->setValuesInDB(false);
-    s->refreshGainSlider();
-    EXPECT_EQ(s->gainDescriptionLabel()->text(), "Spectrogram level gain (dB)");
-    EXPECT_EQ(s->gainSlider()->maximum(), 70);
+    s->gainPanel().refresh();
+    EXPECT_EQ(s->gainPanel().descriptionLabel()->text(), "Spectrogram level gain (dB)");
+    EXPECT_EQ(s->gainPanel().slider()->maximum(), 70);
     defaults_->setValuesInDB(true);
 
     s->spectrogramVsChartChanged(1);
     QTest::mouseClick(button, Qt::LeftButton);
-    ASSERT_TRUE(s->gainView()->isVisible());
-    EXPECT_EQ(s->gainDescriptionLabel()->text(), "Spectrum level gain (dB)");
-    EXPECT_EQ(s->gainSlider()->maximum(), 70);
-    s->gainSlider()->setValue(20);
+    ASSERT_TRUE(s->gainPanel().view()->isVisible());
+    EXPECT_EQ(s->gainPanel().descriptionLabel()->text(), "Spectrum level gain (dB)");
+    EXPECT_EQ(s->gainPanel().slider()->maximum(), 70);
+    s->gainPanel().slider()->setValue(20);
     EXPECT_EQ(defaults_->spectrumGainDB(), 20.0f);
-    EXPECT_EQ(s->gainValueLabel()->text(), "20dB");
-    s->tapRecognizerDismissGainView();
+    EXPECT_EQ(s->gainPanel().valueLabel()->text(), "20dB");
+    s->gainPanel().closeAll();
 
     s->typeOfChartOscilloscopeSelected();
-    EXPECT_EQ(s->gainDescriptionLabel()->text(), "Oscilloscope input level gain (dB)");
-    s->gainSlider()->setValue(35);
+    EXPECT_EQ(s->gainPanel().descriptionLabel()->text(), "Oscilloscope input level gain (dB)");
+    s->gainPanel().slider()->setValue(35);
     EXPECT_EQ(defaults_->oscilloscopeGainDB(), 35.0f);
     EXPECT_EQ(defaults_->spectrumGainDB(), 20.0f);
 
@@ -181,9 +181,9 @@ TEST_F(MainScreenTest, gainButtonFollowsTheViewOnScreen) {
     defaults_->setOctaveRTAMaxValuesEnabled(true);
     s->refreshSecondChartMeasuringView();
     EXPECT_TRUE(button->isEnabled());
-    EXPECT_TRUE(s->resetMinMaxButtonEnabled());
+    EXPECT_TRUE(s->gainPanel().resetEnabled());
     QTest::mouseClick(button, Qt::LeftButton);
-    EXPECT_FALSE(s->gainView()->isVisible());
+    EXPECT_FALSE(s->gainPanel().view()->isVisible());
 }
 
 // --- Live analysis -------------------------------------------------------------------------------
@@ -194,8 +194,8 @@ TEST_F(MainScreenTest, startWithTone_chartPeaksAtToneAndMeterMoves_pauseStops) {
     ASSERT_TRUE(tone.start());
 
     ASSERT_TRUE(startPause(true));
-    EXPECT_TRUE(screen()->recordPauseButton()->text().isEmpty()); // the pause image
-    EXPECT_FALSE(screen()->recordPauseButton()->icon().isNull());
+    EXPECT_TRUE(screen()->transport().recordButton()->text().isEmpty()); // the pause image
+    EXPECT_FALSE(screen()->transport().recordButton()->icon().isNull());
 
     expectToneOnChart();
     // The meter glides towards the level it is given.
@@ -225,8 +225,8 @@ TEST_F(MainScreenTest, startWithTone_chartPeaksAtToneAndMeterMoves_pauseStops) {
     QApplication::setActiveWindow(app_->window());
     QTest::keyClick(app_->window(), Qt::Key_Space);
     ASSERT_TRUE(QTest::qWaitFor([&] { return !audio_->isRecording(); }, 5000));
-    EXPECT_EQ(screen()->recordPauseButton()->text(), "Start");
-    EXPECT_TRUE(screen()->recordPauseButton()->isEnabled());
+    EXPECT_EQ(screen()->transport().recordButton()->text(), "Start");
+    EXPECT_TRUE(screen()->transport().recordButton()->isEnabled());
     QTest::qWait(200);
     const auto lit = [](QRgb c) { return qRed(c) > 200 && qGreen(c) < 60; };
     EXPECT_FALSE(test::topmost(meter->grabFramebuffer(), +lit)) << "red segments while stopped";
@@ -305,14 +305,14 @@ TEST_F(MainScreenTest, startWithoutInputDevice_showsMessage_buttonsStayUsable) {
     ASSERT_TRUE(test::unloadModule(mic));
     ASSERT_TRUE(QTest::qWaitFor([&] { return audio_->availableInputs().isEmpty(); }, 3000));
 
-    QTest::mouseClick(screen()->recordPauseButton(), Qt::LeftButton);
+    QTest::mouseClick(screen()->transport().recordButton(), Qt::LeftButton);
     QMessageBox* shown = test::waitMessage(5000);
     test::loadVirtualMicrophone();
     ASSERT_TRUE(shown);
     EXPECT_TRUE(shown->text().contains("Recording disabled."));
     EXPECT_FALSE(audio_->isRecording());
-    EXPECT_EQ(screen()->recordPauseButton()->text(), "Start");
-    EXPECT_TRUE(screen()->recordPauseButton()->isEnabled());
+    EXPECT_EQ(screen()->transport().recordButton()->text(), "Start");
+    EXPECT_TRUE(screen()->transport().recordButton()->isEnabled());
     EXPECT_TRUE(screen()->settingsButton()->isEnabled());
 }
 
@@ -361,7 +361,7 @@ TEST_F(MainScreenTest, studioSpectrogram_showsPlaysRecalculatesAndClearsTheRecor
     launch(AnalyzerFeatures::studioProduct());
     MainScreen* s = screen();
     ASSERT_TRUE(s->spectrogramView() != nullptr);
-    EXPECT_EQ(s->spectrogramVsChartSegment(), 0);
+    EXPECT_EQ(s->arrangement().segment(), 0);
     ASSERT_TRUE(rebuildWith([](AnalyzerDefaults& d) { d.setPreferredLinearFrequency(true); }));
     ASSERT_TRUE(defaults_->linearFrequency());
 
@@ -369,7 +369,7 @@ TEST_F(MainScreenTest, studioSpectrogram_showsPlaysRecalculatesAndClearsTheRecor
     ASSERT_TRUE(tone.start());
     ASSERT_TRUE(startPause(true));
     EXPECT_FALSE(s->clearSpectrogramButton()->isEnabled());
-    EXPECT_FALSE(s->playStopButton()->isEnabled());
+    EXPECT_FALSE(s->transport().playButton()->isEnabled());
     ASSERT_TRUE(QTest::qWaitFor([&] { return defaults_->actualInterval() >= 200; }, 10000));
     ASSERT_TRUE(startPause(false));
     tone.stop();
@@ -393,10 +393,10 @@ TEST_F(MainScreenTest, studioSpectrogram_showsPlaysRecalculatesAndClearsTheRecor
     AudioStreams listening(listener, audio_->soundServer());
     listener.unit = &listening;
     ASSERT_TRUE(listening.start(test::captureConfig(audio_->soundServer(), 48000)).ok());
-    ASSERT_TRUE(s->playStopButton()->isEnabled());
-    QTest::mouseClick(s->playStopButton(), Qt::LeftButton);
+    ASSERT_TRUE(s->transport().playButton()->isEnabled());
+    QTest::mouseClick(s->transport().playButton(), Qt::LeftButton);
     ASSERT_TRUE(QTest::qWaitFor([&] { return audio_->isPlaying(); }, 5000));
-    EXPECT_FALSE(s->recordPauseButton()->isEnabled());
+    EXPECT_FALSE(s->transport().recordButton()->isEnabled());
     EXPECT_TRUE(QTest::qWaitFor([&] { return scroll->playLineVisible(); }, 2000));
     ASSERT_TRUE(QTest::qWaitFor([&] { return !audio_->isPlaying(); }, 8000))
         << "playback did not end at the newest interval";
@@ -409,7 +409,7 @@ TEST_F(MainScreenTest, studioSpectrogram_showsPlaysRecalculatesAndClearsTheRecor
         heardDb = std::max(heardDb, test::toDb(test::toneAmplitude(heard.data() + frame * 2, 4800,
                                                                    2, 997.0, 48000.0)));
     EXPECT_NEAR(heardDb, test::toDb(kMinus12dBFS) + defaults_->outputGainValue(), 1.0);
-    EXPECT_TRUE(s->recordPauseButton()->isEnabled());
+    EXPECT_TRUE(s->transport().recordButton()->isEnabled());
 
     // Recalculated with a four times longer FFT: the same row and the same columns.
     ASSERT_TRUE(rebuildWith([](AnalyzerDefaults& d) { d.setPreferredFftSize(d.fftSize() * 4); }));
@@ -444,7 +444,7 @@ TEST_F(MainScreenTest, studioPictureInPicture_followsTheViewOnScreen) {
     EXPECT_FALSE(chart->isVisible());
 
     QTest::mouseClick(s->pipButton(), Qt::LeftButton);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return !s->layoutAnimating(); }, 3000));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !s->arrangement().layoutAnimating(); }, 3000));
     ASSERT_TRUE(chart->isVisible());
     EXPECT_FALSE(chart->fullScreen());
     const QRect area = spectrogram->geometry();
@@ -457,9 +457,9 @@ TEST_F(MainScreenTest, studioPictureInPicture_followsTheViewOnScreen) {
     // finished animating: each view still ends where it belongs.
     QTest::mouseClick(s->spectrogramVsChartSegmentedControl()->buttonForSegment(1), Qt::LeftButton);
     EXPECT_FALSE(spectrogram->fullScreen());
-    EXPECT_EQ(s->gainMeaning(), MainScreen::GainMeaning::Spectrum);
+    EXPECT_EQ(s->gainPanel().meaning(), GainPanel::Meaning::Spectrum);
     QTest::mouseClick(s->pipButton(), Qt::LeftButton);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return !s->layoutAnimating(); }, 3000));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !s->arrangement().layoutAnimating(); }, 3000));
     EXPECT_TRUE(chart->fullScreen());
     EXPECT_EQ(chart->geometry(), area);
     ASSERT_TRUE(spectrogram->isVisible());
@@ -470,7 +470,7 @@ TEST_F(MainScreenTest, studioPictureInPicture_followsTheViewOnScreen) {
     // Off, with a rebuild right behind it: gone, and the chart keeps the area.
     QTest::mouseClick(s->pipButton(), Qt::LeftButton);
     ASSERT_TRUE(rebuildWith([](AnalyzerDefaults& d) { d.setPreferredSpectrogramColorType(1); }));
-    ASSERT_TRUE(QTest::qWaitFor([&] { return !s->layoutAnimating(); }, 5000));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return !s->arrangement().layoutAnimating(); }, 5000));
     EXPECT_FALSE(spectrogram->isVisible());
     EXPECT_EQ(chart->geometry(), area);
 }
@@ -516,7 +516,7 @@ TEST_F(MainScreenTest, leavingForeground_stopsAnalyser_comingBackKeepsTheDocumen
     app_->leaveForeground();
     EXPECT_FALSE(audio_->isRecording());
     EXPECT_FALSE(audio_->sessionActivated());
-    EXPECT_EQ(screen()->recordPauseButton()->text(), "Start");
+    EXPECT_EQ(screen()->transport().recordButton()->text(), "Start");
 
     // Coming back does not prepare the document again: what it holds stays.
     defaults_->setActualInterval(7);
@@ -535,8 +535,7 @@ TEST_F(MainScreenTest, studioTrigger_armedThroughItsPage_toneInTheBandStartsTheD
     SettingsPanel* panel = screen()->settingsPanel();
     ASSERT_TRUE(panel != nullptr && panel->isOpen());
     panel->openPage(SettingsPanel::kPageTrigger);
-    static_cast<TriggerSettingsPage*>(
-        panel->page(SettingsPanel::kPageTrigger))
+    static_cast<TriggerSettingsPage*>(panel->page(SettingsPanel::kPageTrigger))
         ->trigSwitch()
         ->click();
     panel->closeSettings();
@@ -549,10 +548,10 @@ TEST_F(MainScreenTest, studioTrigger_armedThroughItsPage_toneInTheBandStartsTheD
     ASSERT_TRUE(sound.start());
     ASSERT_TRUE(startPause(true));
     QTest::qWait(1000);
-    EXPECT_TRUE(screen()->trigBlinking());
+    EXPECT_TRUE(screen()->transport().blinking());
     EXPECT_EQ(defaults_->actualInterval(), 0);
     ASSERT_TRUE(QTest::qWaitFor([&] { return defaults_->actualInterval() > 0; }, 5000));
-    EXPECT_TRUE(QTest::qWaitFor([&] { return !screen()->trigBlinking(); }, 2000));
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !screen()->transport().blinking(); }, 2000));
     QTest::qWait(500);
     ASSERT_TRUE(startPause(false));
     const std::vector<float>& store = defaults_->audioBuffersData();
@@ -579,14 +578,13 @@ TEST_F(MainScreenTest, settingsCloseWithNewFftSizeOrRate_rebuildsDocumentAndChar
     SettingsPanel* panel = screen()->settingsPanel();
     ASSERT_TRUE(panel != nullptr && panel->isOpen());
     panel->openPage(SettingsPanel::kPageGeneral);
-    auto* general = static_cast<GeneralSettingsPage*>(
-        panel->page(SettingsPanel::kPageGeneral));
+    auto* general = static_cast<GeneralSettingsPage*>(panel->page(SettingsPanel::kPageGeneral));
     QTest::mouseClick(general->fftSizeSegmentedControl()->buttonForSegment(6), Qt::LeftButton);
     EXPECT_EQ(defaults_->fftSize(), 4096);
     panel->closeSettings();
     // Blocked behind the wait view until the document is rebuilt.
     EXPECT_TRUE(screen()->buttonsBlocked());
-    EXPECT_TRUE(screen()->pleaseWaitView()->isVisible());
+    EXPECT_TRUE(screen()->arrangement().waitView()->isVisible());
     EXPECT_FALSE(defaults_->dataValid());
     ASSERT_TRUE(QTest::qWaitFor([&] { return !screen()->buttonsBlocked(); }, 5000));
     EXPECT_EQ(defaults_->fftSize(), 16384);

@@ -96,8 +96,8 @@ TEST_F(MessageDialogsTest, plainAlertLeavesTheKeyboardToTheWindow_aChoiceStaysMo
 
     // A device-lost alert, as it appears while recording: Space still reaches
     // the window (through the window system's path, where modality applies).
-    MessageDialogs::showMessage("The connection to the sound server was lost.", "Recording stopped.",
-                           "OK", {}, nullptr);
+    MessageDialogs::showMessage("The connection to the sound server was lost.",
+                                "Recording stopped.", "OK", {}, nullptr);
     QMessageBox* alert = waitForBox();
     ASSERT_NE(nullptr, alert);
     QTest::keyClick(mainScreen->windowHandle(), Qt::Key_Space);
@@ -119,7 +119,7 @@ TEST_F(MessageDialogsTest, messageOverAGivenWidgetLeavesOtherPanelsOpen) {
     panel.show();
     int received = -1;
     MessageDialogs::showActionSheetWithTitle("Share", &panel, "Cancel", {"Send a copy"},
-                                        [&](int i) { received = i; });
+                                             [&](int i) { received = i; });
     QMessageBox* box = waitForBox();
     ASSERT_NE(nullptr, box);
     EXPECT_EQ(&panel, box->parentWidget());

@@ -1,3 +1,4 @@
+#include "ui/SettingsPanel.h"
 #include "RecordingSettingsDelegate.h"
 #include "UiTestSupport.h"
 #include "audio/AudioInputModel.h"
@@ -10,7 +11,6 @@
 #include "ui/AudioInputPage.h"
 #include "ui/FloatSlider.h"
 #include "ui/SegmentedControl.h"
-#include "ui/SettingsPanel.h"
 
 #include <QCheckBox>
 #include <QLabel>
@@ -102,8 +102,7 @@ TEST_F(SettingsPanelTest, audioInputPage_listsTheTestMicrophone_channelTwoIsAnal
     channels->setCurrentRow(1);
     EXPECT_EQ(audio.currentInputChannel(), 1);
 
-    page.inputSourceSoftwareGainSlider()->setValue(
-        int(12.4f - AudioInputPage::kMinSoftwareGain));
+    page.inputSourceSoftwareGainSlider()->setValue(int(12.4f - AudioInputPage::kMinSoftwareGain));
     EXPECT_EQ(defaults.softwareInputGainValue(), 12.0f);
     EXPECT_EQ(page.inputSourceSoftwareGainValueLabel()->text(), "12 dB");
     page.viewWillDisappear();

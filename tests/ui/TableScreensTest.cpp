@@ -1,9 +1,9 @@
 #include "core/AnalyzerFeatures.h"
 #include "render/DeviceClass.h"
+#include "ui/ChartTypePopover.h"
+#include "ui/GainInfoPopover.h"
 #include "ui/HelpWindow.h"
 #include "ui/SectionedPage.h"
-#include "ui/GainInfoPopover.h"
-#include "ui/ChartTypePopover.h"
 
 #include <QApplication>
 #include <QLabel>

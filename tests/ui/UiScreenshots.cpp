@@ -21,6 +21,8 @@
 #include "ui/HelpWindow.h"
 #include "ui/MainScreen.h"
 #include "ui/SettingsPanel.h"
+#include "ui/TransportControls.h"
+#include "ui/ViewArrangement.h"
 
 #include <QApplication>
 #include <QDir>
@@ -112,10 +114,10 @@ bool shootVoiceMainScreen(const QDir& out) {
     if (!signal.start())
         return false;
     screen->typeOfChartOscilloscopeSelected();
-    QTest::mouseClick(screen->recordPauseButton(), Qt::LeftButton);
+    QTest::mouseClick(screen->transport().recordButton(), Qt::LeftButton);
     QTest::qWait(2500);
     const bool ok = save(app.window(), out.filePath("main-widmo-voice.png"));
-    QTest::mouseClick(screen->recordPauseButton(), Qt::LeftButton);
+    QTest::mouseClick(screen->transport().recordButton(), Qt::LeftButton);
     QTest::qWait(300);
     app.prepareToQuit();
     return ok;
@@ -134,7 +136,7 @@ bool shootStudioSpectrogram(const QDir& out) {
         return QTest::qWaitFor(
             [&] {
                 return app.dataPrepared() && !screen->buttonsBlocked() &&
-                       !screen->layoutAnimating();
+                       !screen->arrangement().layoutAnimating();
             },
             10000);
     };
@@ -161,10 +163,10 @@ bool shootStudioSpectrogram(const QDir& out) {
         return false;
     // Recording, with the spectrum as a picture-in-picture.
     screen->pipOnOffChanged();
-    QTest::mouseClick(screen->recordPauseButton(), Qt::LeftButton);
+    QTest::mouseClick(screen->transport().recordButton(), Qt::LeftButton);
     QTest::qWait(9000);
     bool ok = save(app.window(), out.filePath("spectrogram-pip-widmo-studio.png"));
-    QTest::mouseClick(screen->recordPauseButton(), Qt::LeftButton);
+    QTest::mouseClick(screen->transport().recordButton(), Qt::LeftButton);
     QTest::qWait(300);
     player.stop();
     screen->pipOnOffChanged();

@@ -5,7 +5,11 @@
 #include "core/AnalyzerFeatures.h"
 #include "dsp/FFTManager.h"
 #include "ui/AppLifecycle.h"
+#include "ui/GainPanel.h"
 #include "ui/MainScreen.h"
+#include "ui/ShareSheet.h"
+#include "ui/TransportControls.h"
+#include "ui/ViewArrangement.h"
 
 #include "TempSettings.h"
 
