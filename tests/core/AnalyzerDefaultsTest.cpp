@@ -3,6 +3,7 @@
 #include "TempSettings.h"
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QFile>
 #include <QProcess>
 #include <QRandomGenerator>
@@ -99,6 +100,18 @@ TEST_F(AnalyzerDefaultsTest, everyPersistedSettingRoundTrips) {
     EXPECT_EQ(3, other->intervalSizePower());
     EXPECT_EQ(-40.1234589f, other->trigLevel()); // bit for bit through the text
     EXPECT_TRUE(other->linearFrequency());
+}
+
+// A store written by the version whose code still had the settings' old
+// names (a value other than the default under every key) loads unchanged.
+TEST_F(AnalyzerDefaultsTest, storeOfThePreviousVersionLoadsUnchanged) {
+    QDir().mkpath(path() + "/Widmo");
+    ASSERT_TRUE(QFile::copy(QStringLiteral(WIDMO_CORE_TEST_DATA "/widmo-before-renames.conf"),
+                            storeFile(kStore)));
+    const auto d = load();
+#define CHECK(name, getter, value) EXPECT_EQ(d->getter(), value) << #getter;
+    PERSISTED_SETTINGS(CHECK)
+#undef CHECK
 }
 
 // A store of another format, one without its tag, or a file of garbage.

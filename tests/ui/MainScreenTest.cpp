@@ -619,6 +619,25 @@ TEST_F(MainScreenTest, quitAndStartAgain_restoresSettingsAndChartType_onlyFromIt
     AppLifecycle::restorationStore()->setValue(AnalyzerDefaults::kVersionKey, "another-format");
     launch(AnalyzerFeatures::studioProduct());
     EXPECT_EQ(screen()->chartView()->typeOfChart(), 0);
+    quit();
+
+    // The screen's keys as earlier versions wrote them: the oscilloscope full
+    // screen with the spectrogram as a picture-in-picture.
+    {
+        auto store = AppLifecycle::restorationStore();
+        store->clear();
+        store->setValue("VersionKey", "kzr4410pwmq2093xa");
+        store->setValue("mainViewController.typeOfChart", 1);
+        store->setValue("mainViewController.spectrogramPIP", true);
+        store->setValue("mainViewController.chartPIP", false);
+        store->setValue("mainViewController.spectrogramVsChartSegmentedControl", 1);
+    }
+    launch(AnalyzerFeatures::studioProduct());
+    EXPECT_EQ(screen()->chartView()->typeOfChart(), 1);
+    EXPECT_EQ(screen()->arrangement().segment(), 1);
+    EXPECT_TRUE(screen()->chartView()->fullScreen());
+    EXPECT_TRUE(screen()->arrangement().spectrogramPIP());
+    EXPECT_TRUE(screen()->spectrogramView()->isVisible());
 }
 
 } // namespace
