@@ -78,15 +78,16 @@ AnalyzerController::AnalyzerController(AnalyzerDefaults& defaults, FFTManager& f
                                        AudioSessionInterface& audio)
     : defaults_(defaults), fftManager_(fftManager), audio_(audio),
       mAnalyzerQueue1(std::make_unique<DispatchQueue>(kQueue1Label)),
-      mAnalyzerQueue2(std::make_unique<DispatchQueue>(kQueue2Label)) {
+      mAnalyzerQueue2(std::make_unique<DispatchQueue>(kQueue2Label)),
+      player_(defaults, audio, [this] {
+          if (delegate_ != nullptr)
+              delegate_->playerDidStop();
+      }) {
     audio_.setDelegate(this);
     mAudioData = AudioBlock{};
     mEggData = AudioBlock{};
     // Sized for the largest block now, so that the intake never allocates.
     createMDataBufferIfNeededWithSize(kScratchFrames);
-    if (defaults_.features().featureTranspositionEnabled()) {
-        transposer_ = std::make_unique<Transposer>();
-    }
     mAnalyzerQueue1Counter.store(0, std::memory_order_release);
     mAnalyzerQueue2Counter.store(0, std::memory_order_release);
 }
@@ -110,6 +111,7 @@ void AnalyzerController::setChartViews(ChartViewInterface* chartView,
                                        SpectrogramViewInterface* spectrogramView) {
     chartView_ = chartView;
     spectrogramView_ = spectrogramView;
+    player_.setViews(chartView, spectrogramView);
     SpectrogramScrollViewInterface* spectrogramScroll = spectrogramScrollView();
     ScrollViewInterface* chartScroll = chartScrollView();
     if (spectrogramScroll != nullptr && chartScroll != nullptr) {
@@ -559,138 +561,13 @@ void AnalyzerController::stopRecorder() {
     }
 }
 
-int64_t AnalyzerController::getFirstIntervalToPlay() {
-    const int64_t current = defaults_.actualInterval();
-    SpectrogramScrollViewInterface* scroll = spectrogramScrollView();
-    int64_t p = 0;
-    bool measuring = false;
-    if (scroll != nullptr) {
-        scroll->setMeasureScrollType(1);
-        p = scroll->getIntervalIndexForSpectrogramActualPosition();
-        if (p == current) {
-            // The cursor stands at the newest interval: play the whole screen.
-            scroll->setMeasuringActivated(false);
-            if (ScrollViewInterface* chartScroll = chartScrollView()) {
-                chartScroll->setMeasuringActivated(false);
-            }
-        }
-        measuring = scroll->measuringActivated();
-    }
-    if (!measuring) {
-        const int64_t width = defaults_.spectrogramWidth();
-        if (current < width) {
-            return 0;
-        }
-        p = current - width;
-    }
-    return std::max<int64_t>(p, 0);
-}
-
 void AnalyzerController::startPlayer(std::function<void(bool)> completion) {
-    Q_ASSERT(MainQueue::isMainThread());
-    if (audio_.isRecording() || audio_.isPlaying()) {
-        return;
-    }
-    if (transposer_ != nullptr) {
-        // Before the first block is played; the render thread only feeds and
-        // drains it.
-        transposer_->setupTransposition();
-        setTransposerParameters();
-    }
-    const int64_t n = intervalSize();
-    const int64_t first = getFirstIntervalToPlay();
-    mStartIntervalMem.store(first, std::memory_order_release);
-    mActualPlayedFrame.store(first * n, std::memory_order_release);
-    mPlayerStopPosted.store(false, std::memory_order_release);
-    if (SpectrogramScrollViewInterface* scroll = spectrogramScrollView()) {
-        const int64_t behind = (defaults_.actualInterval() * n - first * n - 1) / n;
-        scroll->setPlayLinePosition(static_cast<float>(behind));
-    }
-    if (chartView_ != nullptr) {
-        chartView_->setAnalyzerRunning(true);
-    }
-    audio_.startPlayer([completion = std::move(completion)](bool success) {
-        if (completion) {
-            completion(success);
-        }
-    });
+    player_.start(std::move(completion));
 }
 
-void AnalyzerController::setTransposerParameters() {
-    const int32_t octaves = std::clamp(defaults_.realTimeTransposeOctavesDown(), 0, 30);
-    transposer_->setFilter20kHzOn(defaults_.realTimeTranspFilterBelow20kHz(), int32_t{1} << octaves,
-                                  static_cast<int32_t>(defaults_.sampleRate()));
-}
+void AnalyzerController::stopPlayer() { player_.stop(); }
 
-void AnalyzerController::stopPlayer() {
-    Q_ASSERT(MainQueue::isMainThread());
-    if (!audio_.isPlaying()) {
-        return;
-    }
-    audio_.stop();
-    if (chartView_ != nullptr) {
-        chartView_->setAnalyzerRunning(false);
-    }
-    if (SpectrogramScrollViewInterface* scroll = spectrogramScrollView()) {
-        scroll->computeFFTInDelegateChart();
-        scroll->setNeedsPanningStopRamp();
-        scroll->setMeasureScrollType(2);
-        scroll->setMeasuringActualPosition(scroll->measuringActualPosition());
-    }
-}
-
-void AnalyzerController::giveNewAudioData(AudioBlock* data) {
-    if (data == nullptr || !defaults_.dataValid()) {
-        return;
-    }
-    const int64_t n = intervalSize();
-    const int64_t played = mActualPlayedFrame.load(std::memory_order_acquire);
-    const int64_t remaining = defaults_.actualInterval() * n - played - 1;
-    const std::vector<float>& store = defaults_.audioBuffersData();
-    const int64_t capacity = static_cast<int64_t>(defaults_.audioBuffersIntervalsCount()) * n;
-    const bool storeReady = capacity > 0 && static_cast<int64_t>(store.size()) >= capacity;
-    if (storeReady && remaining > data->count) {
-        if (SpectrogramScrollViewInterface* scroll = spectrogramScrollView()) {
-            scroll->setPlayLinePosition(static_cast<float>(remaining / n));
-        }
-        const float gain = decibelsToFactor(defaults_.outputGainValue());
-        int64_t position = played % capacity;
-        int64_t left = data->count;
-        float* out = data->data;
-        while (left > 0) {
-            const int64_t chunk = std::min(left, capacity - position);
-            const float* src = store.data() + position;
-            for (int64_t k = 0; k < chunk; ++k) {
-                out[k] = gain * src[k];
-            }
-            out += chunk;
-            left -= chunk;
-            position = 0;
-        }
-        // Transposed playback: the block goes through the transposer and is
-        // replaced by its output (silent for the first frame and block).
-        if (transposer_ != nullptr && defaults_.playbackTranspType() == 2) {
-            transposer_->addNewData(data->data, data->count);
-            setTransposerParameters();
-            transposer_->getTransposedData(data->data, data->count);
-        }
-        mActualPlayedFrame.store(played + data->count, std::memory_order_release);
-    } else if (!mPlayerStopPosted.exchange(true, std::memory_order_acq_rel)) {
-        // The render thread keeps calling until the main thread has stopped the
-        // audio object; one request is enough.
-        MainQueue::async(
-            [this] {
-                stopPlayer();
-                if (delegate_ != nullptr) {
-                    delegate_->playerDidStop();
-                }
-            },
-            &mainContext_);
-    }
-    if (spectrogramView_ != nullptr) {
-        spectrogramView_->setNeedsDisplay();
-    }
-}
+void AnalyzerController::giveNewAudioData(AudioBlock* data) { player_.render(data); }
 
 // --- Document (main thread)
 // ------------------------------------------------------------------------

@@ -1,10 +1,10 @@
 #pragma once
 
-#include "dsp/Transposer.h"
 #include "engine/AudioBlock.h"
 #include "engine/AudioSessionDelegate.h"
 #include "engine/DispatchQueue.h"
 #include "engine/DisplayTimer.h"
+#include "engine/DocumentPlayer.h"
 #include "engine/JackNodeDelegate.h"
 #include "engine/RecordingTrigger.h"
 
@@ -76,10 +76,8 @@ class MessageInterface;
 /// - Main thread: everything else (the display timer, starts and stops, the
 ///   rebuild steps, delegate calls). Work for the main thread from the other
 ///   contexts is always posted, never run inline.
-/// - Real-time playback thread: `giveNewAudioData` reads the ring and the
-///   atomic `mActualPlayedFrame`; it does not lock or allocate (it posts once,
-///   when playback runs out). With `playbackTranspType` 2 it feeds and drains
-///   the engine's own transposer, which `startPlayer` sets up beforehand.
+/// - Real-time playback thread: `giveNewAudioData` hands the block to the
+///   `DocumentPlayer` (see its Threading).
 /// The display timer reads a result slot of the FFT engine while queue 1 may
 /// be computing 256 intervals ahead into the same slot: the main thread marks
 /// the interval it reads (`mChartReadIntervalIndex`), queue 1 marks the one it
@@ -170,22 +168,14 @@ public:
     void startRecorder(std::function<void(bool)> completion);
     /// Stops recording (only while recording).
     void stopRecorder();
-    /// Plays the document from `getFirstIntervalToPlay` unless recording or
-    /// playing (then the completion is not called).
+    /// Plays the document (`DocumentPlayer::start`).
     void startPlayer(std::function<void(bool)> completion);
     /// Stops playback (only while playing).
     void stopPlayer();
-    /// The interval where playback starts: the one under the spectrogram's
-    /// measuring cursor, or with measuring off the oldest one on screen.
-    int64_t getFirstIntervalToPlay();
-    /// Playback source: fills `data->count` mono samples from the store with the
-    /// output gain, or, when fewer samples than the block remain before the
-    /// newest one, leaves the block as it is and stops playback through the
-    /// main thread (once). With transposition and `playbackTranspType` 2 the
-    /// block is then replaced by the transposer's output: the document
-    /// 2^`realTimeTransposeOctavesDown` times lower at its own pace.
-    /// Real-time thread.
+    /// Playback source (`DocumentPlayer::render`). Real-time thread.
     void giveNewAudioData(AudioBlock* data) override;
+    /// Playback of the document.
+    DocumentPlayer& player() { return player_; }
 
     // --- Document (main thread, engine stopped) ---------------------------------------------
 
@@ -231,7 +221,7 @@ public:
         return mComputedIntervalIndex.load(std::memory_order_acquire);
     }
     int64_t packetsCount() const { return mPacketsCount.load(std::memory_order_acquire); }
-    int64_t actualPlayedFrame() const { return mActualPlayedFrame.load(std::memory_order_acquire); }
+    int64_t actualPlayedFrame() const { return player_.playedFrame(); }
     bool tooSlow() const { return mTooSlow.load(std::memory_order_acquire); }
     /// This recording waits for (or started with) the trigger.
     bool workingWithTrig() const { return workingWithTrig_.load(std::memory_order_acquire); }
@@ -257,8 +247,6 @@ private:
     };
 
     void processIntervals();
-    /// The transposer's filter, factor and rate from the settings of now.
-    void setTransposerParameters();
     /// FFT of `intervalIndex` into its result slot, then the spectrogram column.
     /// Queue 1.
     void computeInterval(int64_t intervalIndex);
@@ -295,7 +283,6 @@ private:
     std::unique_ptr<DispatchQueue> mAnalyzerQueue1;
     std::unique_ptr<DispatchQueue> mAnalyzerQueue2; // created, deliberately given no work
     std::atomic<int64_t> mPacketsCount{0};
-    std::atomic<int64_t> mActualPlayedFrame{0};
     bool mFirstStorePreparationDone = false;
     std::atomic<int64_t> mComputedIntervalIndex{0};
     std::atomic<int64_t> mStartIntervalMem{0};
@@ -304,8 +291,6 @@ private:
     AudioBlock mEggData;
     std::vector<float> mAudioDataStorage;
     std::vector<float> mEggDataStorage;
-    /// Transposed playback (`featureTranspositionEnabled`); null otherwise.
-    std::unique_ptr<Transposer> transposer_;
     std::atomic<int> mAnalyzerQueue1Counter{0};
     std::atomic<int> mAnalyzerQueue2Counter{0};
     std::atomic<bool> mTooSlow{false};
@@ -322,8 +307,7 @@ private:
     // Result-slot hand-over between queue 1 and the display timer (see Threading).
     std::atomic<int64_t> mSlotWriteState{-1}; // 2j + 1 writing interval j, 2j done; -1 none
     std::atomic<int64_t> mChartReadIntervalIndex{-1};
-    // Set when playback ran out, so the render thread posts the stop only once.
-    std::atomic<bool> mPlayerStopPosted{false};
+    DocumentPlayer player_;
     // The recording trigger (see the class comment).
     RecordingTrigger trigger_{defaults_, fftManager_};
     std::atomic<bool> workingWithTrig_{false};

@@ -8,7 +8,7 @@ namespace widmo {
 
 class AnalyzerFeatures;
 
-/// The chart type popover of the tablet main screen: one row per second
+/// The chart type popover of the main screen on a large screen: one row per second
 /// chart (0 spectrum, 1 oscilloscope, 2 octave RTA; rows of charts the product
 /// lacks are hidden), a check mark on the chosen one. Choosing a row moves the
 /// check mark at once and emits `typeOfChartSelected`; what that changes, and

@@ -8,7 +8,7 @@ class QPushButton;
 
 namespace widmo {
 
-/// The gain information popover of the tablet main screen: what the bottom
+/// The gain information popover of the main screen: what the bottom
 /// slider sets (`text`), its value (`value`) and a recalculate button. The
 /// main screen fills it in before presenting it (`Popover::presentFrom`).
 ///

@@ -162,7 +162,7 @@ TEST_F(TranspositionTest, recordedTone_playsBackAnOctaveLower_slowedDownOrTransp
         const int64_t n = defaults->intervalSizeInFrames();
         const std::vector<float>& store = defaults->audioBuffersData();
         const auto [toneStart, toneEnd] =
-            loudStretch(engine->getFirstIntervalToPlay() * n, defaults->actualInterval() * n,
+            loudStretch(engine->player().firstIntervalToPlay() * n, defaults->actualInterval() * n,
                         [&](int64_t f) { return store[size_t(f % int64_t(store.size()))]; });
 
         SinkListener listener(audio->soundServer());

@@ -446,7 +446,7 @@ TEST_F(PlaybackTest, firstIntervalToPlay_followsCursorOrScreen) {
         defaults_->setActualInterval(c.intervals);
         scroll.measuring = chart_.scroll.measuring = c.measuring;
         scroll.cursorInterval = c.cursor;
-        EXPECT_EQ(engine_->getFirstIntervalToPlay(), c.first) << c.cursor;
+        EXPECT_EQ(engine_->player().firstIntervalToPlay(), c.first) << c.cursor;
         EXPECT_EQ(scroll.measuring, c.measuringAfter) << c.cursor;
         EXPECT_EQ(chart_.scroll.measuring, c.measuringAfter) << c.cursor;
         EXPECT_EQ(scroll.measureScrollTypes.back(), 1);
@@ -454,9 +454,9 @@ TEST_F(PlaybackTest, firstIntervalToPlay_followsCursorOrScreen) {
 
     build();
     defaults_->setActualInterval(100);
-    EXPECT_EQ(engine_->getFirstIntervalToPlay(), 0);
+    EXPECT_EQ(engine_->player().firstIntervalToPlay(), 0);
     defaults_->setActualInterval(defaults_->spectrogramWidth() + 7);
-    EXPECT_EQ(engine_->getFirstIntervalToPlay(), 7);
+    EXPECT_EQ(engine_->player().firstIntervalToPlay(), 7);
 }
 
 // --- Document: rebuild and recalculation ---------------------------------------------------------
