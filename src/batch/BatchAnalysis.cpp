@@ -4,6 +4,7 @@
 #include "core/AnalyzerDefaults.h"
 #include "dsp/FFTManager.h"
 #include "dsp/FFTPlanCache.h"
+#include "dsp/MicrophoneCalibration.h"
 #include "dsp/VectorHelpers.h"
 #include "render/SpectrogramScrollView.h"
 
@@ -36,6 +37,10 @@ double amplitudeDB(double amplitude) {
 }
 
 QByteArray number(double v, int decimals) { return QByteArray::number(v, 'f', decimals); }
+
+char weightingLetter(Weighting w) {
+    return w == Weighting::A ? 'a' : w == Weighting::C ? 'c' : 'z';
+}
 
 } // namespace
 
@@ -107,6 +112,22 @@ BatchAnalysis::BatchAnalysis(const BatchSettings& settings, std::vector<float> s
     bandSum_.assign(ChartData::kBands, 0.0);
     bandMin_.assign(ChartData::kBands, std::numeric_limits<float>::infinity());
     bandMax_.assign(ChartData::kBands, -std::numeric_limits<float>::infinity());
+
+    levelsWanted_ = settings.levelsPeriod > 0.0 || (settings.summary && settings.levelOptionGiven);
+    if (settings.calibration) {
+        const double binHz = static_cast<double>(sampleRate) / d.fftSize();
+        calibrationFactors_.resize(static_cast<size_t>(d.fftOutSize()));
+        settings.calibration->fillPowerFactors(calibrationFactors_.data(), d.fftOutSize(), binHz);
+        if (levelsWanted_) {
+            FrequencyWeighting w;
+            w.prepare(settings.weighting, sampleRate);
+            weightingPower_.resize(calibrationFactors_.size());
+            for (size_t k = 0; k < weightingPower_.size(); ++k)
+                weightingPower_[k] = static_cast<float>(
+                    std::pow(10.0, w.responseDB(static_cast<double>(k) * binHz) / 10.0));
+            intervalCorrection_.assign(static_cast<size_t>(intervalCount_), 1.0);
+        }
+    }
 
     if (settings.spectrogram) {
         const qint64 width = intervalCount_ + kLeftMargin + kRightMargin;
@@ -188,6 +209,25 @@ void BatchAnalysis::analyseChunk(int32_t chunk, Worker& w) {
             std::memcpy(win + (from - start), samples_.data() + from,
                         static_cast<size_t>(to - from) * sizeof(float));
         w.fft.powerSpectrumOfWindow(win, w.power.data());
+        if (!calibrationFactors_.empty()) {
+            // The microphone's response removed bin by bin; with levels, the
+            // factor it makes on the interval's weighted power is kept for the meter.
+            float* p = w.power.data();
+            double weighted = 0.0, corrected = 0.0;
+            const bool keep = !intervalCorrection_.empty();
+            for (int32_t b = 0; b < bins; ++b) {
+                const auto k = static_cast<size_t>(b);
+                const float c = p[b] * calibrationFactors_[k];
+                if (keep) {
+                    weighted += static_cast<double>(p[b]) * weightingPower_[k];
+                    corrected += static_cast<double>(c) * weightingPower_[k];
+                }
+                p[b] = c;
+            }
+            if (keep)
+                intervalCorrection_[static_cast<size_t>(i)] =
+                    weighted > 0.0 ? corrected / weighted : 1.0;
+        }
         const float* power = w.power.data();
 
         if (inAverage(i)) {
@@ -264,6 +304,61 @@ void BatchAnalysis::finish() {
         v /= count;
     for (double& v : bandSum_)
         v /= count;
+    if (levelsWanted_)
+        measureLevels();
+}
+
+void BatchAnalysis::measureLevels() {
+    SoundLevelMeter meter;
+    meter.prepare(static_cast<double>(sampleRate_), settings_.weighting);
+    const auto frames = static_cast<int64_t>(samples_.size());
+    const int64_t hop = std::max(1, defaults_->intervalSizeInFrames());
+    const int64_t period =
+        settings_.levelsPeriod > 0.0
+            ? std::max<int64_t>(1, std::llround(settings_.levelsPeriod * sampleRate_))
+            : frames;
+    int64_t boundary = period;
+    for (int64_t pos = 0; pos < frames;) {
+        const int64_t interval = pos / hop;
+        const int64_t end = std::min({(interval + 1) * hop, boundary, frames});
+        if (!intervalCorrection_.empty())
+            meter.setPowerCorrection(intervalCorrection_[static_cast<size_t>(interval)]);
+        meter.process(samples_.data() + pos, end - pos);
+        pos = end;
+        if (pos == boundary || pos == frames) {
+            periods_.push_back(meter.takePeriod());
+            boundary += period;
+        }
+    }
+    levels_ = meter.levels();
+}
+
+QByteArray BatchAnalysis::levelsCsv() const {
+    const char w = weightingLetter(settings_.weighting);
+    const bool spl = settings_.splOffsetDB.has_value();
+    const double offset = settings_.splOffsetDB.value_or(0.0);
+    const QByteArray unit = spl ? QByteArray("db") + w : QByteArray("dbfs_") + w;
+    const QByteArray peakUnit = spl ? "dbc" : "dbfs_c";
+    QByteArray out = "start_s,leq_" + unit + ",max_fast_" + unit + ",max_slow_" + unit + ",peak_" +
+                     peakUnit + "\n";
+    const auto level = [&](double v) { return number(std::max(kFloorDB, v) + offset, 3); };
+    double start = 0.0;
+    for (const PeriodLevels& p : periods_) {
+        out += number(start, 3) + ',' + level(p.leq) + ',' + level(p.maxFast) + ',' +
+               level(p.maxSlow) + ',' + level(p.peak) + '\n';
+        start += p.seconds;
+    }
+    return out;
+}
+
+QByteArray BatchAnalysis::levelsJson() const {
+    const QByteArray w(1, weightingLetter(settings_.weighting));
+    const QByteArray unit = settings_.splOffsetDB ? "_db_spl" : "_dbfs";
+    const double offset = settings_.splOffsetDB.value_or(0.0);
+    const auto level = [&](double v) { return number(std::max(kFloorDB, v) + offset, 3); };
+    return ",\"l" + w + "eq" + unit + "\":" + level(levels_.leq) + ",\"l" + w + "fmax" + unit +
+           "\":" + level(levels_.maxFast) + ",\"l" + w + "smax" + unit +
+           "\":" + level(levels_.maxSlow) + ",\"lcpeak" + unit + "\":" + level(levels_.peak);
 }
 
 double BatchAnalysis::spectrumLevelDB(int32_t bin) const {
@@ -271,19 +366,24 @@ double BatchAnalysis::spectrumLevelDB(int32_t bin) const {
 }
 
 QByteArray BatchAnalysis::spectrumCsv() const {
-    QByteArray out("frequency_hz,level_db\n");
+    const bool spl = settings_.splOffsetDB.has_value();
+    const double offset = settings_.splOffsetDB.value_or(0.0);
+    QByteArray out(spl ? "frequency_hz,level_db_spl\n" : "frequency_hz,level_db\n");
     const double binWidth = static_cast<double>(sampleRate_) / defaults_->fftSize();
     for (size_t b = 0; b < spectrumSum_.size(); ++b) {
         out += number(static_cast<double>(b) * binWidth, 4);
         out += ',';
-        out += number(toDB(spectrumSum_[b]), 3);
+        out += number(toDB(spectrumSum_[b]) + offset, 3);
         out += '\n';
     }
     return out;
 }
 
 QByteArray BatchAnalysis::bandsCsv() const {
-    QByteArray out("centre_hz,level_db,min_db,max_db\n");
+    const bool spl = settings_.splOffsetDB.has_value();
+    const double offset = settings_.splOffsetDB.value_or(0.0);
+    QByteArray out(spl ? "centre_hz,level_db_spl,min_db_spl,max_db_spl\n"
+                       : "centre_hz,level_db,min_db,max_db\n");
     const AnalyzerDefaults& d = *defaults_;
     const int32_t lo = d.octaveRTAMinIndex();
     const int32_t hi = std::min(d.octaveRTAMaxIndex(), ChartData::kBands - 2);
@@ -291,11 +391,11 @@ QByteArray BatchAnalysis::bandsCsv() const {
         const auto k = static_cast<size_t>(b);
         out += number(d.octaveRTAFrequencies()[k], 3);
         out += ',';
-        out += number(toDB(bandSum_[k]), 3);
+        out += number(toDB(bandSum_[k]) + offset, 3);
         out += ',';
-        out += number(std::max<double>(kFloorDB, bandMin_[k]), 3);
+        out += number(std::max<double>(kFloorDB, bandMin_[k]) + offset, 3);
         out += ',';
-        out += number(std::max<double>(kFloorDB, bandMax_[k]), 3);
+        out += number(std::max<double>(kFloorDB, bandMax_[k]) + offset, 3);
         out += '\n';
     }
     return out;

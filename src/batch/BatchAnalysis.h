@@ -1,6 +1,7 @@
 #pragma once
 
 #include "batch/BatchSettings.h"
+#include "dsp/SoundLevelMeter.h"
 #include "render/SpectrogramScrollViewSegment.h"
 
 #include <QByteArray>
@@ -36,6 +37,11 @@ class FFTManager;
 /// the number of threads, and the chunks' sums are added in chunk order, so
 /// the results do not depend on how many threads computed them, nor in which
 /// order.
+///
+/// Sound levels (when `levelsPeriod` is set, or with a level option and the
+/// summary) come from a `SoundLevelMeter` run over the whole signal in
+/// `finish`, in order; with a calibration, each interval's samples are fed
+/// with the broadband power factor of that interval's weighted spectrum.
 ///
 /// Threading: `analyseChunk` may run on any threads at once, each thread with
 /// its own `Worker` and each chunk once. `finish` and the result accessors run
@@ -87,6 +93,13 @@ public:
     /// so a second call gives a null image (as does an analysis without a
     /// spectrogram).
     QImage takeSpectrogramImage(const QString& title);
+    /// The levels CSV: "start_s" and the period's Leq, maximum Fast and Slow
+    /// and C peak, one line per `levelsPeriod` (the last one may be shorter);
+    /// column names carry the unit and weighting (see the command's help).
+    QByteArray levelsCsv() const;
+    /// The summary's level keys, each preceded by a comma: LWeq, LWFmax,
+    /// LWSmax and LCpeak over the whole signal.
+    QByteArray levelsJson() const;
     /// Summary figures of the signal.
     double durationSeconds() const;
     float sampleRate() const { return sampleRate_; }
@@ -112,6 +125,8 @@ private:
     /// Adds finished chunks into the totals in chunk order. Under mergeMutex_.
     void mergeReadyChunks();
     bool inAverage(int64_t interval) const;
+    /// Feeds the whole signal to the sound level meter. In `finish`.
+    void measureLevels();
 
     BatchSettings settings_;
     std::vector<float> samples_;
@@ -138,6 +153,13 @@ private:
     double squareSum_ = 0.0;
     float peak_ = 0.0f;
     int64_t averaged_ = 0;
+
+    bool levelsWanted_ = false;
+    std::vector<float> calibrationFactors_;  ///< per bin; empty without a calibration
+    std::vector<float> weightingPower_;      ///< per bin, with calibrated levels only
+    std::vector<double> intervalCorrection_; ///< per interval, with calibrated levels only
+    std::vector<PeriodLevels> periods_;
+    SoundLevels levels_;
 };
 
 } // namespace widmo

@@ -3,6 +3,7 @@
 #include "batch/BatchRunner.h"
 #include "batch/BatchSettings.h"
 #include "dsp/FFTPlanCache.h"
+#include "dsp/MicrophoneCalibration.h"
 
 #include <QString>
 
@@ -58,7 +59,26 @@ QString BatchCommand::helpText() {
                "  --summary          one JSON line per file on standard output: path,\n"
                "                     sample_rate, channels, duration_s, peak_dbfs, rms_dbfs\n"
                "                     (20 log10 of the RMS: a full-scale sine reads -3.01),\n"
-               "                     strongest_hz (the strongest bin of the average spectrum)\n"
+               "                     strongest_hz (the strongest bin of the average spectrum);\n"
+               "                     with any option of the next part also LWeq, LWFmax,\n"
+               "                     LWSmax and LCpeak for weighting W as laeq_dbfs,\n"
+               "                     lafmax_dbfs, lasmax_dbfs, lcpeak_dbfs (W = a; lceq_...,\n"
+               "                     lzeq_... for C and Z)\n"
+               "  --levels PERIOD    sound levels per PERIOD seconds (0.1..3600) as CSV:\n"
+               "                     NAME.levels.csv, columns start_s, leq_dbfs_W,\n"
+               "                     max_fast_dbfs_W, max_slow_dbfs_W, peak_dbfs_c (W the\n"
+               "                     weighting letter; Fast 125 ms, Slow 1 s; a full-scale\n"
+               "                     sine reads 0 as a level and +3.01 as a peak)\n"
+               "\n"
+               "Sound levels:\n"
+               "  --weighting W      frequency weighting A, C or Z of the levels [Z]\n"
+               "  --calibration FILE microphone calibration file (frequency and dB per line):\n"
+               "                     its response is removed from the spectrum, bands,\n"
+               "                     spectrogram and levels (not from peak/rms of --summary)\n"
+               "  --spl-offset DB    adds DB to every level output, which is then dB SPL:\n"
+               "                     _dbfs becomes _db_spl in the summary keys and level_db\n"
+               "                     becomes level_db_spl in CSV headers; the levels CSV\n"
+               "                     reads leq_dbW, max_fast_dbW, max_slow_dbW, peak_dbc\n"
                "\n"
                "Analysis (the analyser's defaults in brackets):\n"
                "  --fft-size N       FFT size, a power of two from 256 to 65536 [%1]\n"
@@ -192,6 +212,44 @@ int BatchCommand::run(const QStringList& arguments, FILE* out, FILE* err) {
             if (!intValue(v, 1, 1 << 16, {}, &settings.channel))
                 return usage(
                     QStringLiteral("--channel takes a channel number from 1, not '%1'").arg(v));
+        } else if (takeValue(arguments, &i, QStringLiteral("--levels"), &v)) {
+            bool ok = false;
+            const double period = v.toDouble(&ok);
+            if (!ok || !(period >= 0.1 && period <= 3600.0))
+                return usage(
+                    QStringLiteral("--levels takes a period from 0.1 to 3600 s, not '%1'").arg(v));
+            settings.levelsPeriod = period;
+            settings.levelOptionGiven = true;
+        } else if (takeValue(arguments, &i, QStringLiteral("--weighting"), &v)) {
+            static const IntChoice weightings[] = {{"A", int32_t(Weighting::A)},
+                                                   {"C", int32_t(Weighting::C)},
+                                                   {"Z", int32_t(Weighting::Z)}};
+            const auto it =
+                std::find_if(std::begin(weightings), std::end(weightings), [&](const auto& w) {
+                    return v.compare(QLatin1String(w.name), Qt::CaseInsensitive) == 0;
+                });
+            if (it == std::end(weightings))
+                return usage(QStringLiteral("--weighting takes A, C or Z, not '%1'").arg(v));
+            settings.weighting = static_cast<Weighting>(it->value);
+            settings.levelOptionGiven = true;
+        } else if (takeValue(arguments, &i, QStringLiteral("--spl-offset"), &v)) {
+            bool ok = false;
+            const double offset = v.toDouble(&ok);
+            if (!ok || !(offset >= -200.0 && offset <= 300.0))
+                return usage(
+                    QStringLiteral("--spl-offset takes dB from -200 to 300, not '%1'").arg(v));
+            settings.splOffsetDB = offset;
+            settings.levelOptionGiven = true;
+        } else if (takeValue(arguments, &i, QStringLiteral("--calibration"), &v)) {
+            QString error;
+            auto calibration = MicrophoneCalibration::load(v, &error);
+            if (!calibration) {
+                std::fprintf(err, "widmo-analyze: %s\n", error.toLocal8Bit().constData());
+                return kUsageError;
+            }
+            settings.calibration =
+                std::make_shared<const MicrophoneCalibration>(std::move(*calibration));
+            settings.levelOptionGiven = true;
         } else if (takeValue(arguments, &i, QStringLiteral("--jobs"), &v)) {
             if (!intValue(v, 1, 1024, {}, &options.jobs))
                 return usage(
@@ -206,9 +264,9 @@ int BatchCommand::run(const QStringList& arguments, FILE* out, FILE* err) {
         }
     }
     if (!settings.spectrogram && !settings.spectrum && settings.bandsPerOctave == 0 &&
-        !settings.summary)
-        return usage(QStringLiteral("nothing to do: choose --spectrogram, --spectrum, --bands "
-                                    "or --summary"));
+        !settings.summary && settings.levelsPeriod <= 0.0)
+        return usage(QStringLiteral("nothing to do: choose --spectrogram, --spectrum, --bands, "
+                                    "--levels or --summary"));
     if (options.files.isEmpty())
         return usage(QStringLiteral("no file given"));
     options.progress = progress;

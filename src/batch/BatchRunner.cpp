@@ -132,6 +132,8 @@ QStringList BatchRunner::outputPaths(const BatchSettings& settings, const QStrin
         paths << stem + QStringLiteral(".spectrum.csv");
     if (settings.bandsPerOctave > 0)
         paths << stem + QStringLiteral(".bands%1.csv").arg(settings.bandsPerOctave);
+    if (settings.levelsPeriod > 0.0)
+        paths << stem + QStringLiteral(".levels.csv");
     return paths;
 }
 
@@ -311,6 +313,8 @@ void BatchRunner::finishJob(Job& job) {
         why = writeFile(outputs[next++], a.spectrumCsv());
     if (settings_.bandsPerOctave > 0 && why.isEmpty())
         why = writeFile(outputs[next++], a.bandsCsv());
+    if (settings_.levelsPeriod > 0.0 && why.isEmpty())
+        why = writeFile(outputs[next++], a.levelsCsv());
     if (!why.isEmpty()) {
         result.err =
             errorLine(job.index, QStringLiteral("cannot write output: ") + why).toLocal8Bit();
@@ -319,9 +323,13 @@ void BatchRunner::finishJob(Job& job) {
         line += ",\"sample_rate\":" + jsonNumber(a.sampleRate(), 0);
         line += ",\"channels\":" + QByteArray::number(a.channels());
         line += ",\"duration_s\":" + jsonNumber(a.durationSeconds(), 6);
-        line += ",\"peak_dbfs\":" + jsonNumber(a.peakDBFS(), 3);
-        line += ",\"rms_dbfs\":" + jsonNumber(a.rmsDBFS(), 3);
+        const double offset = settings_.splOffsetDB.value_or(0.0);
+        const QByteArray unit = settings_.splOffsetDB ? "_db_spl" : "_dbfs";
+        line += ",\"peak" + unit + "\":" + jsonNumber(a.peakDBFS() + offset, 3);
+        line += ",\"rms" + unit + "\":" + jsonNumber(a.rmsDBFS() + offset, 3);
         line += ",\"strongest_hz\":" + jsonNumber(a.strongestFrequency(), 3);
+        if (settings_.levelOptionGiven)
+            line += a.levelsJson();
         line += "}\n";
         result.out = line;
     }

@@ -1,8 +1,14 @@
 #pragma once
 
+#include "dsp/FrequencyWeighting.h"
+
 #include <cstdint>
+#include <memory>
+#include <optional>
 
 namespace widmo {
+
+class MicrophoneCalibration;
 
 /// What the batch command computes for each file and with which analysis
 /// settings. The defaults are the analyser's own (`systemDefaults`).
@@ -22,6 +28,14 @@ struct BatchSettings {
     bool spectrum = false;      ///< average power spectrum CSV
     int32_t bandsPerOctave = 0; ///< band CSV with 1, 3, 6 or 12 bands per octave; 0: none
     bool summary = false;       ///< JSON line on standard output
+    double levelsPeriod = 0.0;  ///< levels CSV with one line per this many seconds; 0: none
+
+    // Sound levels.
+    Weighting weighting = Weighting::Z; ///< of Leq, Fast and Slow (the peak is always C)
+    bool levelOptionGiven = false;      ///< --weighting, --levels, --spl-offset or --calibration
+    std::optional<double> splOffsetDB;  ///< added to every level, which is then dB SPL
+    /// Removed from the spectrum, bands, spectrogram and sound levels; none when null.
+    std::shared_ptr<const MicrophoneCalibration> calibration;
 
     /// The analyser's defaults for every analysis setting (its built-in
     /// values, not a user's stored ones), no output chosen.

@@ -282,3 +282,187 @@ TEST(BatchCommandTest, badInputs_oneLineEachOthersDone_statusOne_wrongOptionTwo)
               2);
     EXPECT_EQ(analyze({good}).status, 2);
 }
+
+namespace {
+
+/// 1 kHz (or `f`) sine segments of given levels (dB re full-scale sine) and durations.
+std::vector<float> toneSegments(const std::vector<std::pair<double, double>>& segments,
+                                double f = 1000.0) {
+    std::vector<float> s;
+    for (const auto& [levelDB, seconds] : segments) {
+        const double amplitude = std::pow(10.0, levelDB / 20.0);
+        const auto n = static_cast<size_t>(seconds * kRate);
+        for (size_t k = 0; k < n; ++k)
+            s.push_back(static_cast<float>(amplitude *
+                                           std::sin(2 * std::numbers::pi * f * double(k) / kRate)));
+    }
+    return s;
+}
+
+/// The number after `"key":` in a JSON line, NaN when missing.
+double jsonValue(const QByteArray& line, const char* key) {
+    const QByteArray k = QByteArray("\"") + key + "\":";
+    const qsizetype at = line.indexOf(k);
+    if (at < 0)
+        return std::nan("");
+    qsizetype end = at + k.size();
+    while (end < line.size() && line[end] != ',' && line[end] != '}')
+        ++end;
+    return line.mid(at + k.size(), end - at - k.size()).toDouble();
+}
+
+QString path(const QTemporaryDir& dir, const char* name) {
+    return dir.filePath(QString::fromLatin1(name));
+}
+
+} // namespace
+
+// Levels of known tone segments, per second and for the whole file, against
+// their energy means and the exponential responses of Fast and Slow.
+TEST(BatchCommandTest, levels_knownToneSegments_periodLinesAndSummary) {
+    QTemporaryDir dir;
+    const QString wav = path(dir, "steps.wav");
+    writeWav(wav, toneSegments({{-10.0, 2.0}, {-30.0, 1.0}, {-20.0, 2.0}}));
+    const CommandRun r =
+        analyze({QStringLiteral("--levels"), QStringLiteral("1"), QStringLiteral("--summary"),
+                 QStringLiteral("--no-progress"), wav});
+    ASSERT_EQ(r.status, 0) << r.err.toStdString();
+    const QByteArray csv = readAll(wav + QStringLiteral(".levels.csv"));
+    ASSERT_TRUE(csv.startsWith("start_s,leq_dbfs_z,max_fast_dbfs_z,max_slow_dbfs_z,peak_dbfs_c\n"));
+    const auto rows = csvRows(csv);
+    ASSERT_EQ(rows.size(), 5u);
+    const double leq[] = {-10.0, -10.0, -30.0, -20.0, -20.0};
+    for (size_t i = 0; i < rows.size(); ++i) {
+        EXPECT_NEAR(rows[i][0], double(i), 1e-9);
+        EXPECT_NEAR(rows[i][1], leq[i], 0.1) << i;
+    }
+    // Fast: settled by the end of second 1, and still at -10 as second 2 starts.
+    EXPECT_NEAR(rows[1][2], -10.0, 0.1);
+    EXPECT_NEAR(rows[2][2], -10.0, 0.1);
+    // Slow after 2 s of -10 dB from silence: -10 + 10 lg(1 - e^-2).
+    EXPECT_NEAR(rows[1][3], -10.0 + 10.0 * std::log10(1.0 - std::exp(-2.0)), 0.1);
+    // C peak of a 1 kHz sine: +3.01 dB over its level; 0.4 dB more allowed in
+    // the first second for the onset's overshoot (the 20.6 Hz poles settling).
+    EXPECT_NEAR(rows[1][4], -10.0 + 3.01, 0.1);
+    EXPECT_NEAR(rows[4][4], -20.0 + 3.01, 0.1);
+    EXPECT_NEAR(rows[0][4], -10.0 + 3.01 + 0.2, 0.2);
+
+    const double energy = 2.0 * 0.1 + 1.0 * 0.001 + 2.0 * 0.01;
+    EXPECT_NEAR(jsonValue(r.out, "lzeq_dbfs"), 10.0 * std::log10(energy / 5.0), 0.1);
+    EXPECT_NEAR(jsonValue(r.out, "lzfmax_dbfs"), -10.0, 0.1);
+    EXPECT_NEAR(jsonValue(r.out, "lzsmax_dbfs"), -10.0 + 10.0 * std::log10(1.0 - std::exp(-2.0)),
+                0.1);
+    EXPECT_NEAR(jsonValue(r.out, "lcpeak_dbfs"), -10.0 + 3.01 + 0.2, 0.2);
+}
+
+// A 100 Hz tone reads the A weighting's -19.1 dB (class 1: +-1.0) against Z.
+TEST(BatchCommandTest, weightingA_100HzTone_readsMinus19Point1AgainstZ) {
+    QTemporaryDir dir;
+    const QString wav = path(dir, "low.wav");
+    writeWav(wav, toneSegments({{-6.0, 3.0}}, 100.0));
+    double laeq = 0.0, lzeq = 0.0;
+    for (const char* w : {"A", "Z"}) {
+        const CommandRun r = analyze(
+            {QStringLiteral("--summary"), QStringLiteral("--weighting"), QLatin1String(w), wav});
+        ASSERT_EQ(r.status, 0) << r.err.toStdString();
+        (w[0] == 'A' ? laeq : lzeq) = jsonValue(r.out, w[0] == 'A' ? "laeq_dbfs" : "lzeq_dbfs");
+    }
+    EXPECT_NEAR(lzeq, -6.0, 0.05);
+    EXPECT_NEAR(laeq - lzeq, -19.1, 1.0);
+    EXPECT_NEAR(laeq - lzeq, -19.1, 0.1); // the design's own accuracy
+}
+
+// --spl-offset adds its dB to every level of every output and renames the units.
+TEST(BatchCommandTest, splOffset_shiftsEveryLevel_unitsSaySo) {
+    QTemporaryDir dir;
+    const QString wav = path(dir, "t.wav");
+    writeWav(wav, twoTones(2.5));
+    const QStringList common = {QStringLiteral("--spectrum"),  QStringLiteral("--bands"),
+                                QStringLiteral("3"),           QStringLiteral("--levels"),
+                                QStringLiteral("0.5"),         QStringLiteral("--summary"),
+                                QStringLiteral("--weighting"), QStringLiteral("A")};
+    const CommandRun plain =
+        analyze(common + QStringList{QStringLiteral("-o"), path(dir, "plain"), wav});
+    const CommandRun spl =
+        analyze(common + QStringList{QStringLiteral("--spl-offset=94"), QStringLiteral("-o"),
+                                     path(dir, "spl"), wav});
+    ASSERT_EQ(plain.status, 0) << plain.err.toStdString();
+    ASSERT_EQ(spl.status, 0) << spl.err.toStdString();
+    const struct {
+        const char* file;
+        const char* header;
+        size_t firstLevelColumn;
+    } outputs[] = {
+        {"t.wav.spectrum.csv", "frequency_hz,level_db_spl\n", 1},
+        {"t.wav.bands3.csv", "centre_hz,level_db_spl,min_db_spl,max_db_spl\n", 1},
+        {"t.wav.levels.csv", "start_s,leq_dba,max_fast_dba,max_slow_dba,peak_dbc\n", 1},
+    };
+    for (const auto& o : outputs) {
+        const QByteArray a = readAll(path(dir, "plain/") + QLatin1String(o.file));
+        const QByteArray b = readAll(path(dir, "spl/") + QLatin1String(o.file));
+        EXPECT_TRUE(b.startsWith(o.header)) << o.file;
+        const auto ra = csvRows(a), rb = csvRows(b);
+        ASSERT_EQ(ra.size(), rb.size());
+        ASSERT_FALSE(ra.empty());
+        for (size_t i = 0; i < ra.size(); ++i)
+            for (size_t c = 0; c < ra[i].size(); ++c)
+                EXPECT_NEAR(rb[i][c] - ra[i][c], c < o.firstLevelColumn ? 0.0 : 94.0, 0.0011)
+                    << o.file << " row " << i << " column " << c;
+    }
+    for (const char* key : {"peak", "rms", "laeq", "lafmax", "lasmax", "lcpeak"}) {
+        const double a = jsonValue(plain.out, (std::string(key) + "_dbfs").c_str());
+        const double b = jsonValue(spl.out, (std::string(key) + "_db_spl").c_str());
+        EXPECT_NEAR(b - a, 94.0, 0.0011) << key;
+    }
+}
+
+// A calibration file's response is removed from the spectrum and the levels,
+// the same for any --jobs; a bad one stops the run before anything is written.
+TEST(BatchCommandTest, calibration_correctsSpectrumAndLevels_badFileStatusTwo) {
+    QTemporaryDir dir;
+    const QString wav = path(dir, "c.wav");
+    writeWav(wav, twoTones(3.0));
+    const QString mic = path(dir, "mic.txt");
+    {
+        QFile f(mic);
+        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+        // +10 dB per decade from 0 dB at 100 Hz: at 996 Hz the microphone
+        // reads 9.98 dB high, at 5004 Hz 16.99 dB.
+        f.write("\"Sens Factor =-1.23dB, SERNO: 1234567\"\n100 0\n10000\t20\t0\n");
+    }
+    const auto run = [&](const QString& out, const QStringList& extra) {
+        return analyze(QStringList{QStringLiteral("--spectrum"), QStringLiteral("--levels"),
+                                   QStringLiteral("1"), QStringLiteral("--summary"),
+                                   QStringLiteral("-o"), out} +
+                       extra + QStringList{wav});
+    };
+    const CommandRun plain = run(path(dir, "plain"), {});
+    const CommandRun cal1 = run(path(dir, "cal1"), {QStringLiteral("--calibration"), mic,
+                                                    QStringLiteral("--jobs"), QStringLiteral("1")});
+    const CommandRun cal3 = run(path(dir, "cal3"), {QStringLiteral("--calibration"), mic,
+                                                    QStringLiteral("--jobs"), QStringLiteral("3")});
+    ASSERT_EQ(cal1.status, 0) << cal1.err.toStdString();
+    for (const char* file : {"c.wav.spectrum.csv", "c.wav.levels.csv"})
+        EXPECT_EQ(readAll(path(dir, "cal1/") + QLatin1String(file)),
+                  readAll(path(dir, "cal3/") + QLatin1String(file)))
+            << file;
+    const auto a = csvRows(readAll(path(dir, "plain/c.wav.spectrum.csv")));
+    const auto b = csvRows(readAll(path(dir, "cal1/c.wav.spectrum.csv")));
+    EXPECT_NEAR(b[85][1] - a[85][1], -10.0 * std::log10(kTone1 / 100.0), 0.01);
+    EXPECT_NEAR(b[427][1] - a[427][1], -10.0 * std::log10(kTone2 / 100.0), 0.01);
+    // Broadband: the tones' powers 0.25 and 0.01 (mean squares 0.125, 0.005),
+    // each lowered by its own correction.
+    const double corrected = 0.125 * 100.0 / kTone1 + 0.005 * 100.0 / kTone2;
+    EXPECT_NEAR(jsonValue(cal1.out, "lzeq_dbfs") - jsonValue(plain.out, "lzeq_dbfs"),
+                10.0 * std::log10(corrected / 0.130), 0.05);
+
+    QFile bad(path(dir, "bad.txt"));
+    ASSERT_TRUE(bad.open(QIODevice::WriteOnly));
+    bad.write("* mic\n20 0.1\n1000 0\n900 0.5\n");
+    bad.close();
+    const CommandRun r = run(path(dir, "none"), {QStringLiteral("--calibration"), bad.fileName()});
+    EXPECT_EQ(r.status, 2);
+    EXPECT_EQ(r.err, "widmo-analyze: " + bad.fileName().toLocal8Bit() +
+                         ", line 4: frequency 900 is not above the previous 1000 (\"900 0.5\")\n");
+    EXPECT_FALSE(QFileInfo::exists(path(dir, "none")));
+}
