@@ -12,6 +12,11 @@
 // The EGG rows: the voice product's filter and closed-quotient measure of one
 // interval's EGG window, printed at the default settings as a share of the
 // interval's duration beside that interval's own FFT.
+// The level rows: the A-weighted sound level meter (Fast, Slow, Leq, maxima,
+// C peak) over one interval's samples at 48 kHz beside that interval's own
+// analysis (target: 10 %), its share of one core at 384 kHz (target: 2 %),
+// and a microphone calibration's per-bin power correction beside the
+// spectrum's dB conversion (target: 20 %).
 // The slot-write rows are the floor the memory sets: the same bytes an
 // interval leaves in its slot (n + n/2 floats), written with streaming stores
 // into the same 256 rotating slots, with nothing else done.
@@ -20,6 +25,7 @@
 #include "dsp/EGGFilter.h"
 #include "dsp/FFTManager.h"
 #include "dsp/FFTPlanCache.h"
+#include "dsp/SoundLevelMeter.h"
 #include "dsp/VectorHelpers.h"
 
 #include <QCoreApplication>
@@ -230,6 +236,58 @@ void BM_scaledMagnitudesScalar(benchmark::State& state) {
     }
 }
 
+// --- Sound levels ----------------------------------------------------------------------
+
+/// The A-weighted meter over `frames` samples per call at `rate` Hz.
+void BM_levelMeter(benchmark::State& state) {
+    const auto rate = static_cast<double>(state.range(0));
+    const auto frames = static_cast<int64_t>(state.range(1));
+    widmo::SoundLevelMeter meter;
+    meter.prepare(rate, widmo::Weighting::A);
+    const std::vector<float> x = noise(static_cast<size_t>(frames));
+    for (auto _ : state) {
+        meter.process(x.data(), frames);
+        benchmark::DoNotOptimize(meter.levels().leq);
+    }
+}
+
+/// Floor of the meter: the A weighting's three sections alone, whose per-sample
+/// recursion no block processing removes.
+void BM_weightingOnly(benchmark::State& state) {
+    const auto frames = static_cast<int64_t>(state.range(0));
+    widmo::FrequencyWeighting w;
+    w.prepare(widmo::Weighting::A, 48000.0);
+    const std::vector<float> x = noise(static_cast<size_t>(frames));
+    std::vector<float> y(x.size());
+    for (auto _ : state) {
+        w.process(x.data(), y.data(), frames);
+        benchmark::DoNotOptimize(y.data());
+    }
+}
+
+/// The calibration's correction of one spectrum: n/2 powers times their factors.
+void BM_calibrationCorrection(benchmark::State& state) {
+    const auto n = static_cast<int32_t>(state.range(0)) / 2;
+    const std::vector<float> in = noise(static_cast<size_t>(n));
+    std::vector<float> power(in.size()), factors(in.size());
+    for (size_t k = 0; k < in.size(); ++k) {
+        power[k] = in[k] * in[k];
+        factors[k] = 1.0f + 0.5f * in[k];
+    }
+    for (auto _ : state) {
+        VectorHelpers::multiply(power.data(), factors.data(), power.data(), n);
+        benchmark::DoNotOptimize(power.data());
+    }
+}
+
+/// The analyser's defaults at 48 kHz: FFT size and interval in frames.
+std::pair<int32_t, int32_t> defaultsAt48k() {
+    AnalyzerDefaults d(AnalyzerFeatures::spectrumProduct(), "dsp-bench-levels");
+    d.setSampleRate(48000.0f);
+    d.recalculateDocumentSettings();
+    return {d.fftSize(), d.intervalSizeInFrames()};
+}
+
 void sizes(benchmark::internal::Benchmark* b) {
     for (int n : {256, 1024, 4096, 16384, 65536})
         b->Arg(n);
@@ -240,6 +298,13 @@ BENCHMARK(BM_bareFFT)->Apply(sizes)->ComputeStatistics("min", fastest);
 BENCHMARK(BM_interval)->Apply(sizes)->ComputeStatistics("min", fastest);
 BENCHMARK(BM_eggInterval)->Apply(sizes)->ComputeStatistics("min", fastest);
 BENCHMARK(BM_slotWrites)->Apply(sizes);
+BENCHMARK(BM_levelMeter)
+    ->Args({48000, defaultsAt48k().second})
+    ->Args({384000, 4096})
+    ->Unit(benchmark::kMicrosecond)
+    ->ComputeStatistics("min", fastest);
+BENCHMARK(BM_weightingOnly)->Arg(defaultsAt48k().second)->Unit(benchmark::kMicrosecond);
+BENCHMARK(BM_calibrationCorrection)->Apply(sizes);
 BENCHMARK(BM_decibels)->Apply(sizes);
 BENCHMARK(BM_decibelsScalar)->Apply(sizes);
 BENCHMARK(BM_multiply)->Apply(sizes);
@@ -300,5 +365,28 @@ int main(int argc, char** argv) {
                 n, voice.intervalSizeInFrames(), double(voice.sampleRate()), intervalUs / 1000.0,
                 egg, 100.0 * ratio(egg, intervalUs), fft, 100.0 * ratio(fft, intervalUs),
                 ratio(egg, fft));
+
+    // Sound levels at the analyser's defaults at 48 kHz, and at 384 kHz.
+    const auto [fft48, interval48] = defaultsAt48k();
+    const double meter = reporter.time("BM_levelMeter", {48000, interval48});
+    const double analysis =
+        reporter.time("BM_interval", {fft48}) + reporter.time("BM_decibels", {fft48});
+    const double meter384 = reporter.time("BM_levelMeter", {384000, 4096});
+    const double core384 = meter384 * 1e-6 / 4096.0 * 384000.0;
+    const double correction = reporter.time("BM_calibrationCorrection", {fft48});
+    const double decibels = reporter.time("BM_decibels", {fft48});
+    std::printf("\nSound level meter (A; Fast, Slow, Leq, maxima, C peak):\n"
+                "  48 kHz, interval %d frames: %.2f us; the interval's analysis (FFT %d + dB) "
+                "%.2f us; meter / analysis %.3f (target 0.10); floor, the A filter alone: "
+                "%.2f us = %.3f of the analysis\n"
+                "  384 kHz: %.2f us per 4096 frames = %.2f ns a sample = %.2f %% of one core "
+                "(target 2 %%)\n"
+                "Calibration correction, %d bins: %.3f us; dB conversion %.3f us; ratio %.3f "
+                "(target 0.20)\n",
+                interval48, meter, fft48, analysis, ratio(meter, analysis),
+                reporter.time("BM_weightingOnly", {interval48}),
+                ratio(reporter.time("BM_weightingOnly", {interval48}), analysis), meter384,
+                1000.0 * meter384 / 4096.0, 100.0 * core384, fft48 / 2, correction, decibels,
+                ratio(correction, decibels));
     return 0;
 }
