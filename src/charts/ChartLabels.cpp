@@ -24,10 +24,10 @@ const char* const ChartLabels::kTitleAmplitude = "Amplitude (1.0 = max)";
 const char* const ChartLabels::kTitleRMSSPL = "RMS (dBFS)";
 const char* const ChartLabels::kTitleFFTWindow = "FFT Window (points)";
 
-QStringList ChartLabels::dbLabels() {
+QStringList ChartLabels::dbLabels(double offset) {
     QStringList labels;
     for (int i = 0; i < kDBLabelsCount; ++i)
-        labels << cformat("%.0f", -144.0 * (18 - i) / 18.0 + 0.0); // "0", not "-0", at the top
+        labels << cformat("%.0f", -144.0 * (18 - i) / 18.0 + offset + 0.0); // "0", not "-0"
     return labels;
 }
 

@@ -31,7 +31,8 @@ public:
 
     /// -144 at index 0 up to 0 at index 18, one every 8 dB; label i stands at
     /// chart height i / 18.
-    static QStringList dbLabels();
+    /// The level axis in dB; `offset` is added to each (dB SPL with a calibrated input).
+    static QStringList dbLabels(double offset = 0.0);
     /// Amplitudes of the linear spectrum axis at heights k / 20 for a display
     /// gain of `gainDB`: (k / 20) / 10^(gainDB / 20), four decimals.
     static QStringList linearGainLabels(float gainDB);

@@ -1,5 +1,7 @@
 #include "charts/ChartScrollView.h"
 
+#include "dsp/SoundLevelMeter.h"
+
 #include "charts/ChartView.h"
 #include "core/AnalyzerDefaults.h"
 #include "dsp/MusicConverter.h"
@@ -74,10 +76,38 @@ void ChartScrollView::addFFTdata(const float* fftData, const float* fftWindowDat
             const float cq = data_.closedQuotient();
             meter->setClosedQuotient(std::isnan(cq) ? 0.0f : cq);
         }
-        meter->setLevelDB(data_.levelDB());
+        // While the sound level meter feeds the meter, the spectrum's own
+        // level is not shown there.
+        if (!soundLevelsShown_)
+            meter->setLevelDB(data_.levelDB());
         meter->setNeedsDisplay();
     }
     setNeedsNewFrame();
+}
+
+void ChartScrollView::showSoundLevels(const SoundLevels& levels) {
+    if (mDefaults.features().featureVoiceEGG())
+        return; // the voice product's meter shows the closed quotient
+    const SoundLevelSettings& settings = mDefaults.soundLevels();
+    const double offset = settings.splOffset().value_or(0.0);
+    const bool calibrated = settings.splOffset().has_value();
+    const QString unit = settings.unit();
+    const QString peakUnit = calibrated ? QStringLiteral("dBC") : unit;
+    const QString w = settings.weightingLetter();
+    const QString t = settings.slow() ? QStringLiteral("S") : QStringLiteral("F");
+    const double bar = settings.slow() ? levels.slow : levels.fast;
+    const auto figure = [offset](double v) {
+        return std::isfinite(v) ? QString::number(v + offset, 'f', 1) : QStringLiteral("-");
+    };
+    const QString figures = QStringLiteral("L%1%2 %3 %7\nL%1eq %4 %7\nL%1%2max %5 %7\nLCpeak %6 %8")
+                                .arg(w, t, figure(bar), figure(levels.leq),
+                                     figure(settings.slow() ? levels.maxSlow : levels.maxFast),
+                                     figure(levels.peak), unit, peakUnit);
+    soundLevelsShown_ = true;
+    for (LevelMeterView* meter : {levelMeterView_, secondLevelMeterView_}) {
+        if (meter != nullptr)
+            meter->showSoundLevels(bar, offset, unit, figures);
+    }
 }
 
 void ChartScrollView::setAnalyzerRunning(bool running) {
@@ -91,9 +121,13 @@ bool ChartScrollView::isRefreshNeeded() const {
 
 void ChartScrollView::clearData() {
     data_.clearData();
-    for (LevelMeterView* meter : {levelMeterView_, secondLevelMeterView_})
-        if (meter != nullptr)
+    soundLevelsShown_ = false;
+    for (LevelMeterView* meter : {levelMeterView_, secondLevelMeterView_}) {
+        if (meter != nullptr) {
+            meter->clearSoundLevels();
             meter->setLevelDB(ChartData::kFloorDB);
+        }
+    }
     setMeasuringActivated(false);
     if (GLScrollView* partner = scrollViewDelegate()) {
         partner->setMeasuringActivated(false);
@@ -518,7 +552,7 @@ void ChartScrollView::drawMeasureLinesSpectrum() {
         const float v = out[std::clamp(mMeasureIdFrequency, 0, n - 1)];
         if (mDefaults.valuesInDB()) {
             levelY = ChartGeometry::levelToY(v);
-            setValueText(Label3, QString::asprintf("%.1f dB", static_cast<double>(v)));
+            setValueText(Label3, mDefaults.soundLevels().spectrumLevelText(v));
         } else {
             // The line follows the displayed (gained) curve, the label the raw value.
             levelY = gainFactor(mDefaults.spectrumGainDB()) * v;
@@ -538,11 +572,10 @@ void ChartScrollView::drawMeasureLinesOctaveRTA() {
         const auto b = static_cast<size_t>(band);
         const float value = data_.octaveRTAValues()[b];
         levelY = ChartGeometry::levelToY(value);
-        setValueText(Label3, QString::asprintf("%.1f dB", static_cast<double>(value)));
-        setValueText(Label4, QString::asprintf("%.1f dB",
-                                               static_cast<double>(data_.octaveRTAMaxValues()[b])));
-        setValueText(Label5, QString::asprintf("%.1f dB",
-                                               static_cast<double>(data_.octaveRTAMinValues()[b])));
+        const SoundLevelSettings& levels = mDefaults.soundLevels();
+        setValueText(Label3, levels.spectrumLevelText(value));
+        setValueText(Label4, levels.spectrumLevelText(data_.octaveRTAMaxValues()[b]));
+        setValueText(Label5, levels.spectrumLevelText(data_.octaveRTAMinValues()[b]));
     } else {
         setValueText(Label3, QString());
         setValueText(Label4, QString());

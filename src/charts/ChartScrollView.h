@@ -16,6 +16,8 @@ class QGridLayout;
 
 namespace widmo {
 
+struct SoundLevels;
+
 class AnalyzerDefaults;
 class ChartView;
 class LevelMeterView;
@@ -49,6 +51,9 @@ public:
     /// One interval from the engine's display timer (see `ChartData::addFFTdata`);
     /// feeds the level meter (level, and with the EGG product the closed
     /// quotient, 0 when it is not a number) and draws one frame with it.
+    /// The sound level meter's figures on both meters (see
+    /// `ChartViewInterface::showSoundLevels`).
+    void showSoundLevels(const SoundLevels& levels);
     void addFFTdata(const float* fftData, const float* fftWindowData, const float* eggWindowData);
     /// No data, level -144 dB, bands cleared, measuring off here and in the
     /// partner view; redraws.
@@ -145,6 +150,7 @@ private:
     QWidget* measuringPanel_ = nullptr;
     std::array<QLabel*, kLabelCount> titleLabels_{};
     std::array<QLabel*, kLabelCount> valueLabels_{};
+    bool soundLevelsShown_ = false;
 };
 
 } // namespace widmo

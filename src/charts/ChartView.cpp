@@ -1,5 +1,7 @@
 #include "charts/ChartView.h"
 
+#include "core/SoundLevelSettings.h"
+
 #include "charts/ChartGeometry.h"
 #include "charts/ChartScrollView.h"
 #include "core/AnalyzerDefaults.h"
@@ -42,6 +44,10 @@ void ChartView::addFFTdata(const float* fftData, const float* fftWindowData,
 }
 
 void ChartView::setAnalyzerRunning(bool running) { chartScrollView_->setAnalyzerRunning(running); }
+
+void ChartView::showSoundLevels(const SoundLevels& levels) {
+    chartScrollView_->showSoundLevels(levels);
+}
 
 void ChartView::clearData() {
     chartScrollView_->clearData();
@@ -157,12 +163,19 @@ void ChartView::makeTexturesNow() {
     };
     mLegendFrequencyTextureLinear = text(ChartLabels::kTitleFrequencyLinear, title);
     mLegendFrequencyTextureLogarithmic = text(ChartLabels::kTitleFrequencyLogarithmic, title);
-    mLegendValuesInDBTexture = text(ChartLabels::kTitleValuesInDB, title);
+    // A calibrated input's levels are in dB SPL: the titles and labels say so.
+    const SoundLevelSettings& levels = mDefaults.soundLevels();
+    const QString unit = levels.spectrumUnit();
+    const auto unitTitle = [&](const char* s) {
+        return effect()->convertToTextureText(
+            QString::fromLatin1(s).replace(QLatin1String("dBFS"), unit), title, kLabelGrey);
+    };
+    mLegendValuesInDBTexture = unitTitle(ChartLabels::kTitleValuesInDB);
     mLegendAmplitudeTexture = text(ChartLabels::kTitleAmplitude, title);
-    mLegendRMSSPLTexture = text(ChartLabels::kTitleRMSSPL, title);
+    mLegendRMSSPLTexture = unitTitle(ChartLabels::kTitleRMSSPL);
     mLegendFFTWindowTexture = text(ChartLabels::kTitleFFTWindow, title);
 
-    mDbGainTextures = makeTextures(ChartLabels::dbLabels(), value);
+    mDbGainTextures = makeTextures(ChartLabels::dbLabels(levels.spectrumOffset()), value);
     makeLinearGainTextures();
     makeOscilloscopeAmplitudeTextures();
     mOscilloscopeFFTWindowPointsTextures =
@@ -435,6 +448,18 @@ bool ChartView::writeImageOfChart(const QString& path) {
 QByteArray ChartView::csvOfChart() const {
     const ChartData& shown = chartScrollView_->data();
     const auto number = [](double v, int decimals) { return QByteArray::number(v, 'f', decimals); };
+    // With a calibrated input the levels are in dB SPL and the header says so
+    // ("level_db_spl", "level_dba", ...); without one nothing changes.
+    const SoundLevelSettings& levels = mDefaults.soundLevels();
+    const double offset = levels.spectrumOffset();
+    const auto levelHeader = [&](const char* header) {
+        QByteArray h(header);
+        if (!levels.splOffset())
+            return h;
+        const QByteArray suffix =
+            "_" + levels.spectrumUnit().toLower().remove(QLatin1Char(' ')).toLatin1();
+        return h.replace("_db", suffix.constData());
+    };
     QByteArray out;
     switch (typeOfChart_) {
     case 1: {
@@ -446,27 +471,28 @@ QByteArray ChartView::csvOfChart() const {
         break;
     }
     case 2: {
-        out = "centre_hz,level_db,min_db,max_db\n";
+        out = levelHeader("centre_hz,level_db,min_db,max_db\n");
         const int32_t lo = mDefaults.octaveRTAMinIndex();
         const int32_t hi = std::min(mDefaults.octaveRTAMaxIndex(), ChartData::kBands - 2);
         for (int32_t b = std::max(lo, 0); shown.fftOutData() != nullptr && lo >= 0 && b <= hi;
              ++b) {
             const auto i = static_cast<size_t>(b);
             out += number(mDefaults.octaveRTAFrequencies()[i], 3) + ',' +
-                   number(shown.octaveRTAValues()[i], 3) + ',' +
-                   number(shown.octaveRTAMinValues()[i], 3) + ',' +
-                   number(shown.octaveRTAMaxValues()[i], 3) + '\n';
+                   number(shown.octaveRTAValues()[i] + offset, 3) + ',' +
+                   number(shown.octaveRTAMinValues()[i] + offset, 3) + ',' +
+                   number(shown.octaveRTAMaxValues()[i] + offset, 3) + '\n';
         }
         break;
     }
     default: {
         const bool inDB = mDefaults.valuesInDB();
-        out = inDB ? "frequency_hz,level_db\n" : "frequency_hz,magnitude\n";
+        out = inDB ? levelHeader("frequency_hz,level_db\n") : "frequency_hz,magnitude\n";
         const float* spectrum = shown.fftOutData();
         const int32_t bins = mDefaults.fftOutSize();
         const double binWidth = static_cast<double>(mDefaults.sampleRate()) / mDefaults.fftSize();
         for (int32_t i = 0; spectrum != nullptr && i < bins; ++i)
-            out += number(i * binWidth, 4) + ',' + number(spectrum[i], inDB ? 3 : 9) + '\n';
+            out += number(i * binWidth, 4) + ',' +
+                   number(inDB ? spectrum[i] + offset : spectrum[i], inDB ? 3 : 9) + '\n';
         break;
     }
     }

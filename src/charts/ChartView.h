@@ -51,6 +51,7 @@ public:
     ScrollViewInterface* chartScrollView() override;
     void addFFTdata(const float* fftData, const float* fftWindowData,
                     const float* eggWindowData) override;
+    void showSoundLevels(const SoundLevels& levels) override;
     int32_t typeOfChart() const override { return typeOfChart_; }
     /// While running the octave RTA draws every frame (its holds decay only
     /// then); the other charts draw a frame for each interval they are given.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "core/AnalyzerFeatures.h"
+#include "core/SoundLevelSettings.h"
 
 #include <QString>
 
@@ -297,6 +298,9 @@ public:
     const std::vector<float>& eggBuffersData() const { return eggBuffersData_; }
 
     const AnalyzerFeatures& features() const { return features_; }
+    /// Sound-level measurement: weighting, calibration, level log.
+    SoundLevelSettings& soundLevels() { return soundLevels_; }
+    const SoundLevelSettings& soundLevels() const { return soundLevels_; }
 
 private:
     struct PersistedField;
@@ -306,6 +310,7 @@ private:
 
     const AnalyzerFeatures features_; // a copy: records are small and fixed
     QString storeName_;
+    SoundLevelSettings soundLevels_;
 
     // One zero-filled block for the 128 conversion buffers, from calloc so that
     // buffers never used (most of them, without a spectrogram) cost no memory.

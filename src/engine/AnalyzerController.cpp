@@ -307,7 +307,7 @@ void AnalyzerController::processIntervals() {
                 mTooSlow.store(true, std::memory_order_release);
                 raiseTooSlow();
             }
-            computeInterval(interval);
+            computeInterval(interval, true);
             mComputedIntervalIndex.store(interval, std::memory_order_release);
             ++interval;
             defaults_.setActualInterval(interval);
@@ -329,7 +329,7 @@ void AnalyzerController::processIntervals() {
     }
 }
 
-void AnalyzerController::computeInterval(int64_t intervalIndex) {
+void AnalyzerController::computeInterval(int64_t intervalIndex, bool live) {
     // Announce the slot, then wait while the display timer reads an interval
     // that shares it (only possible 256 intervals apart; it reads for a few
     // microseconds). See the Threading paragraph of the header.
@@ -340,6 +340,19 @@ void AnalyzerController::computeInterval(int64_t intervalIndex) {
     float* windowData = nullptr;
     float* dataOut = nullptr;
     fftManager_.computeFFTForInterval(intervalIndex, &windowData, &dataOut);
+    if (dataOut != nullptr) {
+        const int32_t bins = defaults_.fftOutSize();
+        if (live) {
+            const int64_t n = intervalSize();
+            const int64_t capacity = int64_t{defaults_.audioBuffersIntervalsCount()} * n;
+            const std::vector<float>& store = defaults_.audioBuffersData();
+            if (capacity > 0 && static_cast<int64_t>(store.size()) >= capacity) {
+                levelMonitor_.measure(store.data() + (intervalIndex * n) % capacity, n, dataOut,
+                                      bins);
+            }
+        }
+        levelMonitor_.correctSpectrum(dataOut, bins);
+    }
     if (spectrogramView_ != nullptr && dataOut != nullptr) {
         spectrogramView_->addFFTdata(dataOut, intervalIndex);
     }
@@ -409,6 +422,23 @@ void AnalyzerController::displayChart() {
     }
     if (shown >= 0) {
         showChartInterval(shown);
+    }
+    showSoundLevels();
+}
+
+void AnalyzerController::showSoundLevels() {
+    if (chartView_ != nullptr && levelMonitor_.hasLevels()) {
+        chartView_->showSoundLevels(levelMonitor_.levels());
+    }
+    if (levelMonitor_.logFailed() && !logFailureShown_) {
+        logFailureShown_ = true;
+        if (messages_ != nullptr) {
+            messages_->showMessage(
+                QStringLiteral("The level log %1 could not be written (is the disk full?). "
+                               "The log has stopped; the recording goes on.")
+                    .arg(levelMonitor_.logPath()),
+                QStringLiteral("OK"));
+        }
     }
 }
 
@@ -513,6 +543,13 @@ void AnalyzerController::startRecorder(std::function<void(bool)> completion) {
     if (const JackNodeInterface* effect = audioEffect_.load(std::memory_order_acquire)) {
         createMDataBufferIfNeededWithSize(effect->maxBlockFrames());
     }
+    // The meter starts from zero; the queue may still be closing the last log.
+    mAnalyzerQueue1->waitUntilEmpty();
+    levelMonitor_.prepare();
+    logFailureShown_ = false;
+    if (!levelMonitor_.logError().isEmpty() && messages_ != nullptr) {
+        messages_->showMessage(levelMonitor_.logError(), QStringLiteral("OK"));
+    }
     audio_.startRecorder([this, completion = std::move(completion)](bool success) {
         if (success) {
             // With the trigger, the views start when it fires (followIntakeFlags).
@@ -543,6 +580,8 @@ void AnalyzerController::stopRecorder() {
     }
     timer_.invalidate();
     audio_.stop();
+    // Behind the recording's last intervals.
+    mAnalyzerQueue1->async([this] { levelMonitor_.finish(); });
     if (saver_ != nullptr) {
         saver_->recordingStopped();
     }
@@ -651,16 +690,18 @@ void AnalyzerController::recalculateDataWithFinishBlock(std::function<void()> fi
         chartView_->clearData();
     }
     defaults_.generateAllIndexes();
+    mAnalyzerQueue1->waitUntilEmpty();
+    levelMonitor_.prepareSpectrumCorrection();
     if (start >= end) {
         MainQueue::async(std::move(finishBlock), &mainContext_);
         return;
     }
     // One task per interval, in order; the last one reports.
     for (int64_t i = start; i < end - 1; ++i) {
-        mAnalyzerQueue1->async([this, i] { computeInterval(i); });
+        mAnalyzerQueue1->async([this, i] { computeInterval(i, false); });
     }
     mAnalyzerQueue1->async([this, last = end - 1, finishBlock = std::move(finishBlock)] {
-        computeInterval(last);
+        computeInterval(last, false);
         MainQueue::async(finishBlock, &mainContext_);
     });
 }

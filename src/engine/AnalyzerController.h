@@ -7,6 +7,7 @@
 #include "engine/DocumentPlayer.h"
 #include "engine/JackNodeDelegate.h"
 #include "engine/RecordingTrigger.h"
+#include "engine/SoundLevelMonitor.h"
 
 #include <QObject>
 
@@ -176,6 +177,8 @@ public:
     void giveNewAudioData(AudioBlock* data) override;
     /// Playback of the document.
     DocumentPlayer& player() { return player_; }
+    /// The sound level meter of the recording.
+    SoundLevelMonitor& levelMonitor() { return levelMonitor_; }
 
     // --- Document (main thread, engine stopped) ---------------------------------------------
 
@@ -249,10 +252,15 @@ private:
     void processIntervals();
     /// FFT of `intervalIndex` into its result slot, then the spectrogram column.
     /// Queue 1.
-    void computeInterval(int64_t intervalIndex);
+    /// `live`: a recorded interval seen for the first time, which the sound
+    /// level meter measures; recalculations only correct the spectrum.
+    void computeInterval(int64_t intervalIndex, bool live);
     void raiseTooSlow();
     /// Hands interval `intervalIndex`'s cached results to the chart. Main thread.
     void showChartInterval(int64_t intervalIndex);
+    /// The sound level meter's figures on the chart's meter; a failed level
+    /// log said once. Main thread (display timer).
+    void showSoundLevels();
     /// The armed trigger's newest measurement on the chart. Main thread.
     void showTriggerMeasurement();
     /// One block into the document, through the trigger while it waits and
@@ -308,6 +316,8 @@ private:
     std::atomic<int64_t> mSlotWriteState{-1}; // 2j + 1 writing interval j, 2j done; -1 none
     std::atomic<int64_t> mChartReadIntervalIndex{-1};
     DocumentPlayer player_;
+    SoundLevelMonitor levelMonitor_{defaults_};
+    bool logFailureShown_ = false; // main thread: said once per recording
     // The recording trigger (see the class comment).
     RecordingTrigger trigger_{defaults_, fftManager_};
     std::atomic<bool> workingWithTrig_{false};

@@ -5,6 +5,7 @@
 namespace widmo {
 
 class ScrollViewInterface;
+struct SoundLevels;
 
 /// The part of the second chart (`ChartView`, with its scroll view and level
 /// meter) that the engine uses. Implemented by the charts library.
@@ -24,6 +25,11 @@ public:
     /// chart keeps for later drawing it copies during this call.
     virtual void addFFTdata(const float* fftData, const float* fftWindowData,
                             const float* eggWindowData) = 0;
+
+    /// The sound level meter's newest figures (dB re full scale) for the level
+    /// meter and its read-outs; from then on the meter shows these rather than
+    /// the interval's spectrum level, until `clearData`.
+    virtual void showSoundLevels(const SoundLevels& levels) = 0;
 
     /// 0 spectrum, 1 oscilloscope, 2 octave RTA.
     virtual int32_t typeOfChart() const = 0;

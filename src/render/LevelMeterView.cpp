@@ -7,6 +7,7 @@
 #include <QOpenGLFunctions>
 #include <QPainter>
 
+#include <algorithm>
 #include <cmath>
 
 namespace widmo {
@@ -94,12 +95,12 @@ void LevelMeterView::prepareTextures() {
     // with the read-out's own margin between them.
     const double room = m.readoutOrigin.y() - m.readoutOrigin.x() - m.legendMargin;
     if (pad_) {
-        const QString legend = cq ? "Closed quotient (%)" : "SPL Meter (dBFS)";
+        const QString legend = cq ? "Closed quotient (%)" : "SPL Meter (" + unit_ + ")";
         mLegendTitleTexture = e->convertToTextureText(
             legend, DeviceClass::fittedFont(base, legend, room), kLegendColor);
     } else {
         const QString line1 = cq ? "Closed" : "SPL Meter";
-        const QString line2 = cq ? "quotient (%)" : "(dBFS)";
+        const QString line2 = cq ? "quotient (%)" : "(" + unit_ + ")";
         // One size for both lines, fitted to the longer.
         const QFont font =
             DeviceClass::fittedFont(DeviceClass::fittedFont(base, line1, room), line2, room);
@@ -121,6 +122,10 @@ void LevelMeterView::drawGLRect(const QRectF& rect) {
     if (!fullScreen_ || !features_.featureLevelMeterEnabled())
         return;
 
+    if (legendDirty_) {
+        legendDirty_ = false;
+        prepareTextures();
+    }
     const double w = rect.width();
     const double h = rect.height();
     const float level = levelDB();
@@ -148,6 +153,10 @@ void LevelMeterView::drawGLRect(const QRectF& rect) {
 
 float LevelMeterView::nextLevelDB() const {
     const double level = levelDB();
+    // A time-weighted level is shown as it is: smoothing it again would change
+    // its time constant.
+    if (!glide_)
+        return static_cast<float>(level);
     return static_cast<float>(mLastLevelDB + 0.4 * (level - mLastLevelDB));
 }
 
@@ -163,8 +172,9 @@ int LevelMeterView::cqRow(double cq, double h) const {
 }
 
 QString LevelMeterView::readoutText(double shownLevel, float cq) const {
-    return features_.featureVoiceEGG() ? QString::asprintf("%.0f", double(cq) * 100.0)
-                                       : QString::asprintf("%.1f", shownLevel);
+    if (features_.featureVoiceEGG())
+        return QString::asprintf("%.0f", double(cq) * 100.0);
+    return QString::asprintf("%.1f", shownLevel > -144.0 ? shownLevel + offset_ : shownLevel);
 }
 
 bool LevelMeterView::frameWouldChange() {
@@ -242,6 +252,74 @@ void LevelMeterView::drawLegend(double w, double h) {
                        QRectF());
     e->drawTextTexture(mLegendLine2Texture.get(), QPointF(x2, top), 1.0f, orientation, frame,
                        QRectF());
+}
+
+void LevelMeterView::showSoundLevels(double barLevelDB, double offset, const QString& unit,
+                                     const QString& figures) {
+    glide_ = false;
+    offset_ = offset;
+    if (unit != unit_) {
+        unit_ = unit;
+        legendDirty_ = true;
+    }
+    // Silence is minus infinity, which the column shows as no signal.
+    setLevelDB(std::isfinite(barLevelDB) ? static_cast<float>(std::max(barLevelDB, -200.0))
+                                         : -200.0f);
+    if (figuresLabel_ == nullptr && parentWidget() != nullptr) {
+        figuresLabel_ = new QLabel(parentWidget());
+        figuresLabel_->setObjectName(QStringLiteral("soundLevelFigures"));
+        figuresLabel_->setFont(DeviceClass::systemFont(pad_ ? 13.0 : 11.0, true));
+        figuresLabel_->setStyleSheet(
+            QStringLiteral("QLabel { background: rgba(20, 20, 20, 200); color: rgb(235, 235, 235); "
+                           "padding: 3px 6px; }"));
+        figuresLabel_->setAttribute(Qt::WA_TransparentForMouseEvents);
+    }
+    if (figuresLabel_ != nullptr) {
+        figuresLabel_->setText(figures);
+        figuresLabel_->adjustSize();
+        placeFiguresLabel();
+        figuresLabel_->setVisible(fullScreen_);
+        figuresLabel_->raise();
+    }
+    setNeedsDisplay();
+}
+
+void LevelMeterView::clearSoundLevels() {
+    glide_ = true;
+    offset_ = 0.0;
+    if (unit_ != QLatin1String("dBFS")) {
+        unit_ = QStringLiteral("dBFS");
+        legendDirty_ = true;
+    }
+    if (figuresLabel_ != nullptr)
+        figuresLabel_->hide();
+}
+
+void LevelMeterView::placeFiguresLabel() {
+    if (figuresLabel_ == nullptr)
+        return;
+    // Beside the column, at the bottom, on the chart's side of the meter.
+    const QRect g = geometry();
+    const QSize size = figuresLabel_->size();
+    const int x = onTheRight_ ? g.left() - size.width() - 4 : g.right() + 5;
+    const int y = g.bottom() - size.height() - 40;
+    figuresLabel_->move(x, std::max(0, y));
+}
+
+void LevelMeterView::setFullScreen(bool on) {
+    fullScreen_ = on;
+    if (figuresLabel_ != nullptr && !glide_)
+        figuresLabel_->setVisible(on);
+}
+
+void LevelMeterView::resizeEvent(QResizeEvent* event) {
+    GLView::resizeEvent(event);
+    placeFiguresLabel();
+}
+
+void LevelMeterView::moveEvent(QMoveEvent* event) {
+    GLView::moveEvent(event);
+    placeFiguresLabel();
 }
 
 QImage LevelMeterView::scaleCQImage() {

@@ -51,7 +51,7 @@ public:
 
     bool fullScreen() const { return fullScreen_; }
     /// The meter draws only when set; takes effect at the next drawn frame.
-    void setFullScreen(bool on) { fullScreen_ = on; }
+    void setFullScreen(bool on);
     bool onTheRight() const { return onTheRight_; }
     /// The meter stands at the right edge of its chart (turns the legend the other way).
     void setOnTheRight(bool on) { onTheRight_ = on; }
@@ -65,6 +65,19 @@ public:
     /// -144 dBFS and no closed quotient, the read-out "-144.0", redrawn at the
     /// next frame. Main thread; the feeder must have stopped.
     void showEmpty();
+    /// The sound level meter's figures: `barLevelDB` (dB re full scale, the
+    /// time-weighted level the column and read-out show, without the meter's
+    /// own smoothing), `offset` added to the read-out, `unit` in the legend
+    /// ("dBFS", "dB SPL", "dBA", "dBC"), and `figures` (lines such as
+    /// "LAeq 63.2") in a panel beside the meter, in the parent widget. Main thread.
+    void showSoundLevels(double barLevelDB, double offset, const QString& unit,
+                         const QString& figures);
+    /// Back to the spectrum's level: smoothing on, dBFS, no figures. Main thread.
+    void clearSoundLevels();
+    /// The figures panel; null before the first figures.
+    const QLabel* figuresLabel() const { return figuresLabel_; }
+    /// The legend's unit.
+    const QString& unit() const { return unit_; }
     /// Kept for the owner; the meter does not draw it.
     std::shared_ptr<GLTexture> dbTexture() const { return dbTexture_; }
     void setDbTexture(std::shared_ptr<GLTexture> texture) { dbTexture_ = std::move(texture); }
@@ -131,6 +144,15 @@ private:
     std::atomic<float> closedQuotient_{0.0f};
     std::shared_ptr<GLTexture> dbTexture_;
     AffineTransform contentTransform_;
+    // The sound level meter's display (see showSoundLevels).
+    QLabel* figuresLabel_ = nullptr;
+    QString unit_ = QStringLiteral("dBFS");
+    double offset_ = 0.0;
+    bool glide_ = true;
+    bool legendDirty_ = false;
+    void placeFiguresLabel();
+    void moveEvent(QMoveEvent* event) override;
+    void resizeEvent(QResizeEvent* event) override;
 };
 
 } // namespace widmo

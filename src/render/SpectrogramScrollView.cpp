@@ -373,7 +373,7 @@ QPointF SpectrogramScrollView::recalculateMeasuringActualPosition(QPointF positi
     } else {
         QString level = QStringLiteral("-");
         if (m.hasLevel)
-            level = mDefaults.valuesInDB() ? QString::asprintf("%.1f dB", m.level)
+            level = mDefaults.valuesInDB() ? mDefaults.soundLevels().spectrumLevelText(m.level)
                                            : QString::asprintf("%.4f", m.level);
         measuringText_ = QString::asprintf("Time -%.3f s    Frequency %.1f Hz    Note ",
                                            m.secondsBack, m.frequency) +

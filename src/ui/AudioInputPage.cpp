@@ -9,6 +9,7 @@
 #include "render/DeviceClass.h"
 #include "ui/FloatSlider.h"
 #include "ui/MessageDialogs.h"
+#include "ui/MicrophoneCalibrationPanel.h"
 #include "ui/SegmentedControl.h"
 #include "ui/SettingsDelegate.h"
 
@@ -178,6 +179,10 @@ void AudioInputPage::addOutputSections() {
         });
     }
     refreshOutputControls();
+
+    const int calibration = addSection("Microphone calibration");
+    calibrationPanel_ = new MicrophoneCalibrationPanel(defaults_, audio_, delegate_);
+    addRow(calibration, calibrationPanel_);
 }
 
 void AudioInputPage::changeOutputSetting(const std::function<void()>& change) {
@@ -235,6 +240,9 @@ void AudioInputPage::refreshInputSelectionEnabled() {
 }
 
 void AudioInputPage::reloadPicker() {
+    // The calibration follows the input device.
+    if (calibrationPanel_ != nullptr)
+        calibrationPanel_->refresh();
     for (int c = 0; c < Picker::kNumberOfComponents; ++c) {
         QListWidget* column = columns_[size_t(c)];
         const QSignalBlocker blocker(column);

@@ -19,6 +19,7 @@ class SegmentedControl;
 class SettingsDelegate;
 class AudioSession;
 class JackNode;
+class MicrophoneCalibrationPanel;
 
 /// The "Audio input" settings page: the input picker (input device, data
 /// source, channel as three lists side by side), the input device's own
@@ -76,6 +77,8 @@ public:
     void viewWillDisappear() override;
 
     AudioInputModel* audioInputModel() const { return dataSource_; }
+    /// The current input's microphone calibration.
+    MicrophoneCalibrationPanel* calibrationPanel() const { return calibrationPanel_; }
     /// Column `component` of the picker (0 input, 1 data source, 2 channel).
     QListWidget* inputSourcePickerColumn(int component) const;
     QWidget* inputSourcePickerView() const { return picker_; }
@@ -156,6 +159,7 @@ private:
     SegmentedControl* playbackOctaves_ = nullptr;
     FloatSlider* outputSlider_ = nullptr;
     QLabel* outputValue_ = nullptr;
+    MicrophoneCalibrationPanel* calibrationPanel_ = nullptr;
 };
 
 } // namespace widmo

@@ -143,7 +143,16 @@ void MainScreen::commonSetup() {
     transport_ = new TransportControls(
         defaults_, audio_, *analyzerController_,
         features.featureSpectrogramEnabled() && features.featurePlayback(),
-        [this] { return !panelOpen() && !buttonsBlocked_; }, this);
+        [this] {
+            if (panelOpen() || buttonsBlocked_)
+                return false;
+            // The recording measures with the calibration of the input it opens.
+            const AudioDevice input = audio_.currentInput();
+            if (!input.isNull())
+                defaults_.soundLevels().setDevice(QString::fromUtf8(input.id));
+            return true;
+        },
+        this);
     connect(transport_, &TransportControls::stateChanged, this, [this] { refreshTransport(true); });
     toolBar_->addWidget(transport_->recordButton());
     if (transport_->playButton())
@@ -530,6 +539,8 @@ void MainScreen::openHelp() {
 }
 
 void MainScreen::settingsWillClose() {
+    // The level axis follows a calibration made or forgotten on the way.
+    chartView_->prepareTextures();
     if (defaults_.preferredChange() == AnalyzerDefaults::PreferredChange::None) {
         refreshAllViews();
         return;
@@ -552,6 +563,14 @@ void MainScreen::settingsWillClose() {
             [this] { unblockButtonsAfterRebuild(); });
     });
 }
+
+const SoundLevelMonitor* MainScreen::soundLevelMonitor() const {
+    return &analyzerController_->levelMonitor();
+}
+
+void MainScreen::resetSoundLevels() { analyzerController_->levelMonitor().requestReset(); }
+
+bool MainScreen::analyzerRecording() const { return audio_.isRecording(); }
 
 void MainScreen::refreshAllViews() { arrangement_->redrawViews(); }
 

@@ -134,6 +134,9 @@ public:
     void generateOctaveRTAIndexes() override;
     void refreshSecondChartMeasuringView() override;
     void setSettingsPopOverContentSize(QSize size) override;
+    const SoundLevelMonitor* soundLevelMonitor() const override;
+    void resetSoundLevels() override;
+    bool analyzerRecording() const override;
 
     // --- Document ---------------------------------------------------------------------------
 

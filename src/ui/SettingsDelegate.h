@@ -4,6 +4,8 @@
 
 namespace widmo {
 
+class SoundLevelMonitor;
+
 /// What the settings, help and information screens ask of the main screen
 /// (`MainScreen` implements it; tests use a recorder).
 ///
@@ -29,6 +31,12 @@ public:
     virtual void refreshSecondChartMeasuringView() = 0;
     /// The screen on top of the settings panel wants this size (points).
     virtual void setSettingsPopOverContentSize(QSize size) = 0;
+    /// The recording's sound level meter, for "Calibrate…"; null where there is none.
+    virtual const SoundLevelMonitor* soundLevelMonitor() const { return nullptr; }
+    /// Leq, the maxima and the peak start again.
+    virtual void resetSoundLevels() {}
+    /// The analyser records.
+    virtual bool analyzerRecording() const { return false; }
 };
 
 } // namespace widmo

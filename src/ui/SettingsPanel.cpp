@@ -8,6 +8,7 @@
 #include "ui/GeneralSettingsPage.h"
 #include "ui/Popover.h"
 #include "ui/SettingsDelegate.h"
+#include "ui/SoundLevelPage.h"
 #include "ui/TriggerSettingsPage.h"
 
 #include <QEvent>
@@ -22,8 +23,8 @@ namespace widmo {
 
 namespace {
 
-const char* const kPageTitles[SettingsPanel::kPageCount] = {"Settings", "General", "Display",
-                                                            "Trigger", "Audio input"};
+const char* const kPageTitles[SettingsPanel::kPageCount] = {
+    "Settings", "General", "Display", "Trigger", "Audio input", "Sound level"};
 
 } // namespace
 
@@ -72,6 +73,7 @@ SettingsPanel::SettingsPanel(AnalyzerDefaults& defaults, const AnalyzerFeatures&
     if (features.featureRecordTrig())
         pages_[kPageTrigger] = new TriggerSettingsPage(defaults, delegate);
     pages_[kPageAudioInput] = new AudioInputPage(defaults, audio, delegate);
+    pages_[kPageSoundLevel] = new SoundLevelPage(defaults, delegate);
     for (int p = kPageGeneral; p < kPageCount; ++p) {
         auto* button = new QPushButton(kPageTitles[p]);
         button->setFlat(true);

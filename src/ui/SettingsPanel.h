@@ -38,8 +38,15 @@ class SectionedPage;
 class SettingsPanel : public QWidget {
     Q_OBJECT
 public:
-    enum Page { kPageRoot = 0, kPageGeneral, kPageDisplay, kPageTrigger, kPageAudioInput };
-    static constexpr int kPageCount = 5;
+    enum Page {
+        kPageRoot = 0,
+        kPageGeneral,
+        kPageDisplay,
+        kPageTrigger,
+        kPageAudioInput,
+        kPageSoundLevel
+    };
+    static constexpr int kPageCount = 6;
     static constexpr int kNavigationBarHeight = 44;
 
     /// Every reference must outlive the panel. `parent` is the main screen.

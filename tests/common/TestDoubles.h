@@ -4,6 +4,7 @@
 // audio tests: each remembers what it was asked, and answers queries with
 // values the test sets.
 
+#include "dsp/SoundLevelMeter.h"
 #include "engine/AnalyzerControllerDelegate.h"
 #include "engine/AudioSessionInterface.h"
 #include "engine/ChartViewInterface.h"
@@ -160,6 +161,7 @@ public:
         if (onData)
             onData(fftData);
     }
+    void showSoundLevels(const SoundLevels& l) override { soundLevels.push_back(l); }
     int32_t typeOfChart() const override { return type; }
     void setAnalyzerRunning(bool r) override { calls.emplace_back(r ? "running" : "stopped"); }
     void setNeedsDisplayWithSubviews() override { calls.emplace_back("redraw"); }
@@ -173,6 +175,7 @@ public:
     std::vector<const float*> shownEgg;
     std::function<void(const float*)> onData;
     std::vector<std::string> calls;
+    std::vector<SoundLevels> soundLevels;
 };
 
 class FakeMessages : public MessageInterface {
