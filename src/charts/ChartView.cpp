@@ -457,7 +457,8 @@ QByteArray ChartView::csvOfChart() const {
         if (!levels.splOffset())
             return h;
         const QByteArray suffix =
-            "_" + levels.spectrumUnit().toLower().remove(QLatin1Char(' ')).toLatin1();
+            "_" +
+            levels.spectrumUnit().toLower().replace(QLatin1Char(' '), QLatin1Char('_')).toLatin1();
         return h.replace("_db", suffix.constData());
     };
     QByteArray out;

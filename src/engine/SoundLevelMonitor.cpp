@@ -4,6 +4,7 @@
 #include "dsp/MicrophoneCalibration.h"
 
 #include <cmath>
+#include <limits>
 
 namespace widmo {
 
@@ -54,6 +55,11 @@ void SoundLevelMonitor::prepare() {
     logFailed_.store(false, std::memory_order_release);
     sumSquares_.store(0.0, std::memory_order_release);
     samples_.store(0, std::memory_order_release);
+    // Nothing measured yet: silence, for anyone reading before the first interval.
+    const double silence = -std::numeric_limits<double>::infinity();
+    for (std::atomic<double>* figure : {&fast_, &slow_, &leq_, &maxFast_, &maxSlow_, &peak_})
+        figure->store(silence, std::memory_order_relaxed);
+    seconds_.store(0.0, std::memory_order_relaxed);
 
     logError_.clear();
     log_.close();

@@ -54,7 +54,6 @@ SoundLevelPage::SoundLevelPage(AnalyzerDefaults& defaults, SettingsDelegate& del
     fileLayout->addWidget(logFile_);
     addRow(logSection, fileCell);
 
-    SoundLevelSettings& settings = defaults_.soundLevels();
     connect(weighting_, &SegmentedControl::valueChanged, this,
             [this](int index) { defaults_.soundLevels().setWeighting(index); });
     connect(timeWeighting_, &SegmentedControl::valueChanged, this,
@@ -72,7 +71,7 @@ SoundLevelPage::SoundLevelPage(AnalyzerDefaults& defaults, SettingsDelegate& del
         refresh();
     });
     connect(logPeriod_, &QDoubleSpinBox::valueChanged, this,
-            [&settings](double seconds) { settings.setLogPeriod(seconds); });
+            [this](double seconds) { defaults_.soundLevels().setLogPeriod(seconds); });
     connect(logFile_, &QPushButton::clicked, this, [this] {
         const QString path = QFileDialog::getSaveFileName(
             this, QStringLiteral("Level log"),

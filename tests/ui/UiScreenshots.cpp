@@ -51,7 +51,8 @@ bool shoot(const QString& product, const widmo::AnalyzerFeatures& features, cons
     widmo::AudioSession audio(defaults, features);
     widmo::test::RecordingSettingsDelegate delegate;
     Root panel(defaults, features, audio, delegate);
-    const char* names[] = {"root", "general", "display", "trigger", "audio-input"};
+    const char* names[] = {"root", "general", "display", "trigger", "audio-input", "sound-level"};
+    static_assert(std::size(names) == Root::kPageCount);
     bool ok = true;
     defaults.setLastSettingsPage(Root::kPageRoot);
     panel.presentAt(QPoint(640, 0));
@@ -202,6 +203,36 @@ bool shootStudioSpectrogram(const QDir& out) {
     return ok;
 }
 
+/// widmo measuring a 1 kHz tone at -26 dBFS with a microphone calibrated to
+/// 0 dBFS = 120 dB SPL and A weighting: the meter in dBA with LAeq, LAFmax and
+/// LCpeak beside it.
+bool shootSoundLevels(const QDir& out) {
+    ProductWindow main(widmo::AnalyzerFeatures::spectrumProduct(), "screenshots-levels");
+    if (!main.launch())
+        return false;
+    widmo::AppLifecycle& app = main.app;
+    widmo::MainScreen* screen = app.mainScreen();
+    widmo::SoundLevelSettings& levels = main.defaults.soundLevels();
+    levels.setDevice(QString::fromUtf8(main.audio.currentInput().id));
+    levels.setWeighting(widmo::SoundLevelSettings::kWeightingA);
+    levels.setSplOffset(120.0);
+    screen->chartView()->prepareTextures();
+    const float a = float(std::pow(10.0, -26.0 / 20.0));
+    widmo::test::SinkPlayer tone(
+        48000, 20.0,
+        [a](double t) { return a * float(std::sin(2.0 * std::numbers::pi * 1000.0 * t)); },
+        [](double) { return 0.0f; });
+    if (!tone.start())
+        return false;
+    QTest::mouseClick(screen->transport().recordButton(), Qt::LeftButton);
+    QTest::qWait(3000);
+    const bool ok = save(app.window(), out.filePath("levels-widmo.png"));
+    QTest::mouseClick(screen->transport().recordButton(), Qt::LeftButton);
+    QTest::qWait(300);
+    app.prepareToQuit();
+    return ok;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -219,5 +250,6 @@ int main(int argc, char** argv) {
     ok &= shoot("widmo-studio", widmo::AnalyzerFeatures::studioProduct(), out);
     ok &= shootVoiceMainScreen(out);
     ok &= shootStudioSpectrogram(out);
+    ok &= shootSoundLevels(out);
     return ok ? 0 : 1;
 }
