@@ -14,8 +14,11 @@
 #include <gtest/gtest.h>
 #include <sndfile.h>
 
+#include <fftw3.h>
+
 #include <cmath>
 #include <numbers>
+#include <random>
 #include <vector>
 
 using namespace widmo;
@@ -465,4 +468,77 @@ TEST(BatchCommandTest, calibration_correctsSpectrumAndLevels_badFileStatusTwo) {
     EXPECT_EQ(r.err, "widmo-analyze: " + bad.fileName().toLocal8Bit() +
                          ", line 4: frequency 900 is not above the previous 1000 (\"900 0.5\")\n");
     EXPECT_FALSE(QFileInfo::exists(path(dir, "none")));
+}
+
+// White noise as a microphone with a known response would deliver it (coloured
+// here by the test's own FFT filter, the curve interpolated in dB over log
+// frequency), analysed with that response as the calibration file: the
+// third-octave band levels are those of the uncoloured noise within 0.2 dB.
+TEST(BatchCommandTest, calibration_whiteNoiseThroughTheCurve_comesBackFlat) {
+    const std::vector<std::pair<double, double>> curve = {
+        {20.0, 0.0}, {100.0, -3.0}, {1000.0, 0.0}, {5000.0, 4.0}, {16000.0, -6.0}};
+    const auto curveDB = [&](double f) {
+        if (f <= curve.front().first)
+            return curve.front().second;
+        for (size_t i = 1; i < curve.size(); ++i) {
+            const auto [f1, d1] = curve[i];
+            if (f <= f1) {
+                const auto [f0, d0] = curve[i - 1];
+                return d0 + (d1 - d0) * std::log(f / f0) / std::log(f1 / f0);
+            }
+        }
+        return curve.back().second;
+    };
+    constexpr size_t n = size_t{1} << 20; // 21.8 s
+    std::vector<float> white(n);
+    std::mt19937 random(11);
+    std::normal_distribution<float> gauss(0.0f, 0.05f);
+    for (float& v : white)
+        v = gauss(random);
+    std::vector<float> coloured = white;
+    std::vector<fftwf_complex> spectrum(n / 2 + 1);
+    fftwf_plan forward =
+        fftwf_plan_dft_r2c_1d(int(n), coloured.data(), spectrum.data(), FFTW_ESTIMATE);
+    fftwf_plan backward =
+        fftwf_plan_dft_c2r_1d(int(n), spectrum.data(), coloured.data(), FFTW_ESTIMATE);
+    fftwf_execute(forward);
+    for (size_t k = 0; k < spectrum.size(); ++k) {
+        const auto g =
+            float(std::pow(10.0, curveDB(double(k) * kRate / double(n)) / 20.0) / double(n));
+        spectrum[k][0] *= g;
+        spectrum[k][1] *= g;
+    }
+    fftwf_execute(backward);
+    fftwf_destroy_plan(forward);
+    fftwf_destroy_plan(backward);
+
+    QTemporaryDir dir;
+    writeWav(path(dir, "white.wav"), white);
+    writeWav(path(dir, "mic.wav"), coloured);
+    const QString mic = path(dir, "mic.txt");
+    {
+        QFile f(mic);
+        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+        for (const auto& [frequency, db] : curve)
+            f.write(QByteArray::number(frequency) + ' ' + QByteArray::number(db) + '\n');
+    }
+    const CommandRun a = analyze({QStringLiteral("--bands"), QStringLiteral("3"),
+                                  QStringLiteral("-o"), path(dir, "a"), path(dir, "white.wav")});
+    const CommandRun b =
+        analyze({QStringLiteral("--bands"), QStringLiteral("3"), QStringLiteral("--calibration"),
+                 mic, QStringLiteral("-o"), path(dir, "b"), path(dir, "mic.wav")});
+    ASSERT_EQ(a.status, 0) << a.err.toStdString();
+    ASSERT_EQ(b.status, 0) << b.err.toStdString();
+    const auto flat = csvRows(readAll(path(dir, "a/white.wav.bands3.csv")));
+    const auto corrected = csvRows(readAll(path(dir, "b/mic.wav.bands3.csv")));
+    ASSERT_EQ(flat.size(), corrected.size());
+    int compared = 0;
+    for (size_t i = 0; i < flat.size(); ++i) {
+        const double centre = flat[i][0];
+        if (centre < 25.0 || centre > 16000.0)
+            continue;
+        ++compared;
+        EXPECT_NEAR(corrected[i][1], flat[i][1], 0.2) << centre << " Hz";
+    }
+    EXPECT_GE(compared, 25);
 }
