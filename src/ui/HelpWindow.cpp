@@ -122,6 +122,7 @@ QSet<QString> HelpWindow::helpSetForFeatures(const AnalyzerFeatures& features) {
                 "Oscilloscope",
                 "Octave RTA",
                 "Level meter",
+                "Sound levels",
                 "Spectrogram",
                 "Spectrogram resolution",
                 "Maximum spectrogram time and size",
@@ -141,7 +142,7 @@ QSet<QString> HelpWindow::helpSetForFeatures(const AnalyzerFeatures& features) {
                 "Export and sharing",
                 "Settings"};
     return {"Audio input", "Audio input issues", "Export and sharing", "FFT window size and type ",
-            "Gestures",    "Spectrum",           "Spectrum scales"};
+            "Gestures",    "Spectrum",           "Spectrum scales",    "Sound levels"};
 }
 
 int HelpWindow::numberOfRowsForContent(const QVariant& content) {
@@ -228,6 +229,14 @@ void HelpWindow::buildCatalogue() {
           "sound the input can carry. A sine wave reads its peak level with every window, so "
           "a full-scale sine reads 0 dB; noise reads 3 dB above its RMS level. The meter is "
           "empty while the analysis is stopped.");
+    topic("Sound levels",
+          "The level meter is a sound level meter: choose the frequency weighting (Z, A or C) "
+          "and the time weighting (Fast or Slow) in Settings > Sound level. Beside the meter "
+          "stand the level now, Leq since Start (or Reset), the maximum and the C-weighted "
+          "peak. To read dB SPL, calibrate the input in Settings > Audio input: load the "
+          "microphone's calibration file, or put a sound calibrator on the microphone, start "
+          "the analyser and press Calibrate. The level log writes one line per period while "
+          "recording.");
     topic("Spectrogram",
           "The spectrogram shows time from left to right and frequency from bottom to top; "
           "the colour shows the level. It keeps every analysed sample, so it can be "
