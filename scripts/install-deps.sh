@@ -23,7 +23,7 @@ TEST_PACKAGES=(
     xvfb xauth mesa-utils x11-utils
     jackd2 xdotool python3
     # tests/package: the package's checks and the completion's test
-    lintian desktop-file-utils appstream bash-completion man-db
+    lintian desktop-file-utils appstream bash-completion man-db debootstrap
     # scripts/fuzz.sh: clang with its libFuzzer and sanitizer runtimes
     clang libclang-rt-14-dev
 )
