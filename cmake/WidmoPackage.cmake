@@ -65,7 +65,7 @@ imports them.")
 recording, with the spectrum, the oscilloscope or the octave-band RTA beside it, and offers a \
 recording trigger, transposed or slowed-down playback, export of the recording as WAV and \
 import of audio files, and a JACK node through which other programs' sound can be routed.")
-        set(WIDMO_PROGRAM_SYNOPSIS_FILES " [\\fIFILE\\fR...]")
+        set(WIDMO_PROGRAM_SYNOPSIS_FILES "\n[\\fIFILE\\fR...]")
         set(WIDMO_PROGRAM_FILE_OPTION ".TP
 .I FILE
 An audio file of any format libsndfile reads (WAV, AIFF, FLAC, Ogg Vorbis, Opus, MP3, ...)
