@@ -15,11 +15,15 @@ PACKAGES=(
     libfftw3-dev libsndfile1-dev libsoxr-dev libjack-jackd2-dev libpulse-dev zlib1g-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     fonts-liberation
+    # the package: icons rendered from the SVG, dpkg-shlibdeps and file for CPack's Depends
+    librsvg2-bin dpkg-dev file
 )
 TEST_PACKAGES=(
     pulseaudio pulseaudio-utils sox
     xvfb xauth mesa-utils x11-utils
     jackd2 xdotool python3
+    # tests/package: the package's checks and the completion's test
+    lintian desktop-file-utils appstream bash-completion man-db debootstrap
     # scripts/fuzz.sh: clang with its libFuzzer and sanitizer runtimes
     clang libclang-rt-14-dev
 )

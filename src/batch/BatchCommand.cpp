@@ -2,6 +2,7 @@
 
 #include "batch/BatchRunner.h"
 #include "batch/BatchSettings.h"
+#include "core/ProgramCommandLine.h"
 #include "dsp/FFTPlanCache.h"
 #include "dsp/MicrophoneCalibration.h"
 
@@ -105,6 +106,7 @@ QString BatchCommand::helpText() {
                "  --no-progress      no progress bar (it is drawn only when standard error\n"
                "                     is a terminal)\n"
                "  -h, --help         this text\n"
+               "  -V, --version      the program's name and version\n"
                "\n"
                "Outputs are written to a temporary file and renamed, so an interrupted run\n"
                "never leaves a partial file under a final name. A file that cannot be done\n"
@@ -157,6 +159,12 @@ int BatchCommand::run(const QStringList& arguments, FILE* out, FILE* err) {
             onlyFiles = true;
         } else if (a == QLatin1String("-h") || a == QLatin1String("--help")) {
             std::fputs(helpText().toLocal8Bit().constData(), out);
+            return 0;
+        } else if (a == QLatin1String("-V") || a == QLatin1String("--version")) {
+            std::fputs(ProgramCommandLine::versionText(QStringLiteral("widmo-analyze"))
+                           .toLocal8Bit()
+                           .constData(),
+                       out);
             return 0;
         } else if (a == QLatin1String("--spectrogram")) {
             settings.spectrogram = true;

@@ -16,7 +16,8 @@ public:
     /// Parses `arguments` (the program name first) and runs. Returns the exit
     /// status: 0 every file done, 1 some file failed, 2 a wrong option, a
     /// wrong value or nothing to do (with a line on `err`). `--help` prints
-    /// the help on `out` and returns 0. Needs a QGuiApplication (the image
+    /// the help on `out` and returns 0,
+    /// `--version` the name and version. Needs a QGuiApplication (the image
     /// text); main thread.
     static int run(const QStringList& arguments, FILE* out, FILE* err);
 

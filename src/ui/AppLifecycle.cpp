@@ -4,6 +4,7 @@
 #include "audio/JackNode.h"
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
+#include "core/ProgramCommandLine.h"
 #include "core/SettingsStore.h"
 #include "dsp/FFTManager.h"
 #include "engine/AnalyzerController.h"
@@ -164,6 +165,17 @@ void AppLifecycle::importIntoApp(const QUrl& url) {
 
 int AppLifecycle::run(int argc, char** argv, const AnalyzerFeatures& features,
                       const QString& applicationName, const QString& displayName, bool audioNode) {
+    // --help and --version are answered before the application object: they
+    // need no display (a package's check runs them on a build machine).
+    QStringList rawArguments;
+    for (int i = 0; i < argc; ++i)
+        rawArguments << QString::fromLocal8Bit(argv[i]);
+    const ProgramCommandLine::Program program{applicationName, displayName,
+                                              features.featureImportExportAudio()};
+    if (const auto status =
+            ProgramCommandLine::answerInformationOption(rawArguments, program, stdout))
+        return *status;
+
     AnalyzerFeatures::selectProduct(features);
 #if defined(__SANITIZE_ADDRESS__)
     // Sanitizer builds: Mesa unloads its driver when the display closes, before
@@ -205,11 +217,22 @@ int AppLifecycle::run(int argc, char** argv, const AnalyzerFeatures& features,
             if (SettingsStore().readBool(QLatin1String(AudioInputPage::kAudioEffectEnabledKey)))
                 node->setEnabled(true, true);
         }
-        const QStringList arguments = QCoreApplication::arguments().mid(1);
-        for (const QString& argument : arguments) {
-            if (!argument.startsWith(QLatin1Char('-'))) {
-                delegate.importIntoApp(QUrl::fromLocalFile(QFileInfo(argument).absoluteFilePath()));
-                break;
+        // Qt has taken its own options out of the arguments by now. A file
+        // manager hands over every selected file (Exec=... %F); the document
+        // holds one, so the first is imported and the rest are named.
+        const QStringList files = ProgramCommandLine::fileArguments(QCoreApplication::arguments());
+        if (!files.isEmpty()) {
+            if (!program.opensFiles) {
+                std::fprintf(stderr, "%s: opens no files (widmo-studio does); ignored: %s\n",
+                             qPrintable(applicationName),
+                             qPrintable(files.join(QLatin1String(", "))));
+            } else {
+                delegate.importIntoApp(
+                    QUrl::fromLocalFile(QFileInfo(files.first()).absoluteFilePath()));
+                if (files.size() > 1)
+                    std::fprintf(stderr, "%s: imports one file at a time; ignored: %s\n",
+                                 qPrintable(applicationName),
+                                 qPrintable(files.mid(1).join(QLatin1String(", "))));
             }
         }
         status = QApplication::exec();

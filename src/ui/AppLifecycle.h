@@ -71,8 +71,11 @@ public:
     /// `applicationName` names the settings files and the window. With
     /// `audioNode` the product offers the JACK node: it feeds the main
     /// screen's engine and is turned on at start when the user left it on.
-    /// The first argument that is not an option names a file to import
-    /// (`importIntoApp`).
+    /// `--help` and `--version` are answered on standard output before any
+    /// window (no display needed) and end the program with status 0. The
+    /// first argument that is not an option names a file to import
+    /// (`importIntoApp`); further files are named on standard error and
+    /// ignored, as are all files in products without audio import.
     static int run(int argc, char** argv, const AnalyzerFeatures& features,
                    const QString& applicationName, const QString& displayName,
                    bool audioNode = false);

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# A file named on the command line is imported: widmo-studio starts with a WAV,
+# A file named on the command line is imported: widmo-studio starts with a WAV
+# (and a second file, which it names as ignored),
 # asks whether to import it, "Yes" (the default button) fills the document, and
 # the document saved at the normal quit holds the file's samples, bit for bit
 # (its whole intervals: the document never shows more than the file holds).
@@ -25,8 +26,15 @@ with wave.open(sys.argv[1], "wb") as w:
     w.setnchannels(1); w.setsampwidth(2); w.setframerate(44100); w.writeframes(data.tobytes())
 EOF
 
+# Handed over as a file manager does with two selected files (Exec=... %F):
+# the first is imported, the second (silence) only named as ignored.
+second="$home/second.wav"
+python3 -c 'import sys, wave
+w = wave.open(sys.argv[1], "wb"); w.setnchannels(1); w.setsampwidth(2); w.setframerate(44100)
+w.writeframes(bytes(2 * 44100)); w.close()' "$second" || fail "no second file"
+
 HOME="$home" XDG_CONFIG_HOME="$home/.config" XDG_CACHE_HOME="$home/.cache" \
-    XDG_DATA_HOME="$home/.local/share" "$exe" "$wav" >"$home/log" 2>&1 &
+    XDG_DATA_HOME="$home/.local/share" "$exe" "$wav" "$second" >"$home/log" 2>&1 &
 pid=$!
 asked=no
 for _ in $(seq 300); do
@@ -46,6 +54,7 @@ status=$?
 pid=
 [ "$status" -eq 0 ] || fail "exited with $status"
 [ -f "$wav" ] || fail "the imported file was removed"
+grep -qF "ignored: $second" "$home/log" || fail "the second file was not named as ignored"
 
 python3 - "$wav" "$home/.local/share/Widmo/widmo-studio/analyzer.last.dat" \
     "$home/.config/Widmo/widmo-studio-state.conf" <<'EOF' || fail "the document is not the file"
