@@ -29,10 +29,16 @@ _widmo_analyze() {
         --colors)
             mapfile -t COMPREPLY < <(compgen -W '0 1 2' -- "$cur")
             return ;;
+        --weighting)
+            mapfile -t COMPREPLY < <(compgen -W 'A C Z' -- "$cur")
+            return ;;
+        --calibration)
+            _filedir
+            return ;;
         -o | --output)
             _filedir -d
             return ;;
-        --min-db | --channel | --jobs)
+        --min-db | --channel | --jobs | --levels | --spl-offset)
             # A number of the user's choosing: nothing to offer.
             return ;;
     esac
@@ -49,7 +55,7 @@ _widmo_analyze() {
 
     if [[ $cur == -* ]]; then
         mapfile -t COMPREPLY < <(compgen -W '--spectrogram --spectrum --bands --summary
-            --fft-size --window --interval --rows --min-db --colors --log --channel
+            --levels --weighting --calibration --spl-offset --fft-size --window --interval --rows --min-db --colors --log --channel
             -o --output --jobs --skip-existing --no-progress -h --help -V --version' -- "$cur")
         return
     fi
