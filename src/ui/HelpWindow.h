@@ -24,7 +24,7 @@ class HelpWindow : public SectionedPage {
 public:
     /// The project's home page, opened by `openWebPage`.
     static constexpr const char* kHomePageUrl = "https://widmo.org/";
-    static constexpr int kTopicCount = 32;
+    static constexpr int kTopicCount = 33;
 
     /// Builds the catalogue and chooses the help set of `features`.
     explicit HelpWindow(const AnalyzerFeatures& features, QWidget* parent = nullptr);

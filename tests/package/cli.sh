@@ -67,7 +67,7 @@ if [ -f /usr/share/bash-completion/bash_completion ]; then
         complete_line widmo-analyze -- -
         ' _ "$completion" 2>&1)
     # One line each; the last (files after "--", none starting with "-") is empty.
-    expected=$'blackman hamming hann rectangle\nhamming hann\n--spectrogram --spectrum\na.wav b.FLAC sub\nsub\n1 12'
+    expected=$'blackman hamming hann rectangle\nhamming hann\n--spectrogram --spectrum --spl-offset\na.wav b.FLAC sub\nsub\n1 12'
     [ "$got" = "$expected" ] ||
         fail "completion: got"$'\n'"$got"$'\n'"wanted"$'\n'"$expected"
 else

@@ -72,7 +72,7 @@ TEST_F(TableScreensTest, wrappedTextRowGrowsWhenTheTableNarrows) {
     EXPECT_GT(table.heightForRowAtIndexPath(0, 0), wide);
 }
 
-TEST_F(TableScreensTest, helpOfTheSpectrumProduct_showsItsSevenTopicsExactly) {
+TEST_F(TableScreensTest, helpOfTheSpectrumProduct_showsItsEightTopicsExactly) {
     HelpWindow help(AnalyzerFeatures::spectrumProduct());
     ASSERT_EQ(help.numberOfSections(), HelpWindow::kTopicCount);
     ASSERT_EQ(help.helpHeaders().size(), HelpWindow::kTopicCount);
@@ -83,8 +83,8 @@ TEST_F(TableScreensTest, helpOfTheSpectrumProduct_showsItsSevenTopicsExactly) {
             shown << help.titleForHeaderInSection(s);
     shown.sort();
     EXPECT_EQ(shown, (QStringList{"Audio input", "Audio input issues", "Export and sharing",
-                                  "FFT window size and type ", "Gestures", "Spectrum",
-                                  "Spectrum scales"}));
+                                  "FFT window size and type ", "Gestures", "Sound levels",
+                                  "Spectrum", "Spectrum scales"}));
 
     // The spectrogram variant differs only by the trailing space, and is hidden.
     int withoutSpace = -1;
