@@ -24,8 +24,12 @@ cleanup() {
     rm -rf "$root"
 }
 trap cleanup EXIT
-debootstrap --variant=minbase bookworm "$root" "$mirror" >"$root.log" 2>&1 ||
-    { tail -20 "$root.log"; rm -f "$root.log"; echo "fresh-install: debootstrap failed"; exit 1; }
+# A mirror that drops one download is tried once more from a clean root.
+if ! debootstrap --variant=minbase bookworm "$root" "$mirror" >"$root.log" 2>&1; then
+    rm -rf "$root" && mkdir -p "$root"
+    debootstrap --variant=minbase bookworm "$root" "$mirror" >"$root.log" 2>&1 ||
+        { tail -20 "$root.log"; rm -f "$root.log"; echo "fresh-install: debootstrap failed"; exit 1; }
+fi
 rm -f "$root.log"
 [ -f /etc/apt/sources.list.d/debian.sources ] &&
     cp /etc/apt/sources.list.d/debian.sources "$root/etc/apt/sources.list.d/" &&
