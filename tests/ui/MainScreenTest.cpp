@@ -367,6 +367,9 @@ TEST_F(MainScreenTest, studioSpectrogram_showsPlaysRecalculatesAndClearsTheRecor
 
     test::SinkPlayer tone = toneOnFirstChannel();
     ASSERT_TRUE(tone.start());
+    // The recording starts after the tone's onset, whose click would light
+    // every row of its column: pacat needs a moment on a loaded machine.
+    QTest::qWait(500);
     ASSERT_TRUE(startPause(true));
     EXPECT_FALSE(s->clearSpectrogramButton()->isEnabled());
     EXPECT_FALSE(s->transport().playButton()->isEnabled());
