@@ -35,7 +35,11 @@ class FFTPlanCache;
 /// callers read a slot only after its computation finished. `preparePlans` runs
 /// once on a non-real-time thread before the first transform; if it has not,
 /// the first transform of a size plans that size itself (the analysis queue is
-/// not real-time). Nothing here runs on the real-time audio thread.
+/// not real-time). Nothing here runs on the real-time audio thread. The one
+/// exception to "the analysis queue makes them all" is the recording trigger,
+/// which calls `computeFFTForIntervalIfPlanned` on the audio delivery queue while
+/// the analysis queue is idle: that call never plans and never takes the
+/// planner's lock, so `preparePlan` must have run first (at arming).
 class FFTManager {
 public:
     static constexpr int32_t kMaxFFTSize = 65536;

@@ -39,7 +39,8 @@ namespace widmo {
 /// thread: a size that has no plan yet is planned on the spot, under the
 /// process-wide planner mutex (FFTW's planner and its wisdom are global and not
 /// thread-safe). A size that is already planned costs one atomic load and never
-/// touches the mutex. Executing plans is thread-safe in FFTW. `startPreparing`
+/// touches the mutex; `plannedPlan` never touches it at all (null while a size
+/// is unplanned), for callers that must not wait. Executing plans is thread-safe in FFTW. `startPreparing`
 /// owns one planning thread, which plans and refines under the same mutex, one
 /// size at a time; the destructor stops it between two sizes and joins it.
 class FFTPlanCache {
