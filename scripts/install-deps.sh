@@ -2,8 +2,10 @@
 # Installs every package Widmo needs on Debian 12.
 #   install-deps.sh          to build, run and test (with the test services)
 #   install-deps.sh --build  to build and run only: the test services (a
-#                            PulseAudio server, Xvfb, jackd) are left out, so a
-#                            desktop's own sound server is never replaced
+#                            PulseAudio and a PipeWire server, Xvfb, jackd) are
+#                            left out, so a desktop's own sound server is never
+#                            replaced (pipewire-pulse enables a user socket that
+#                            takes PulseAudio's place at the next login)
 # Idempotent: packages already present are skipped, and apt-get update runs
 # only when something is missing.
 set -euo pipefail
@@ -20,6 +22,9 @@ PACKAGES=(
 )
 TEST_PACKAGES=(
     pulseaudio pulseaudio-utils sox
+    # scripts/test.sh --pipewire: the same tests against PipeWire; its session
+    # manager needs a D-Bus session bus (dbus-daemon)
+    pipewire pipewire-pulse wireplumber dbus-daemon
     xvfb xauth mesa-utils x11-utils
     jackd2 xdotool python3
     # tests/package: the package's checks and the completion's test

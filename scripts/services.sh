@@ -1,6 +1,9 @@
 #!/usr/bin/env bash
-# Test services: a private PulseAudio server with a null sink and a virtual
+# Test services: a private sound server with a null sink and a virtual
 # microphone, an X server (Xvfb with Mesa) and a JACK server on the dummy driver.
+# The sound server is PulseAudio, or PipeWire with pipewire-pulse and
+# WirePlumber (and a private D-Bus session bus) when WIDMO_SOUND_SERVER=pipewire;
+# scripts/sound-server.sh starts, stops and restarts it.
 #
 # Source this file, then call services_start; services_stop undoes it. The
 # services live in a private runtime folder, so they never meet a user's own
@@ -10,13 +13,15 @@
 # PulseAudio accepts; 768 kHz is refused) for the ultrasonic tests, which
 # put a virtual microphone on their monitors while they need one.
 #
-# Exported for the tests: PULSE_SERVER, WIDMO_TEST_SINK, WIDMO_TEST_SOURCE,
+# Exported for the tests: WIDMO_SOUND_SERVER, WIDMO_SOUND_SERVER_SCRIPT (its
+# "restart MS" restarts the server), PULSE_SERVER, WIDMO_TEST_SINK, WIDMO_TEST_SOURCE,
 # WIDMO_TEST_SINK_192, WIDMO_TEST_SINK_384, DISPLAY, JACK_DEFAULT_SERVER,
 # WIDMO_SERVICES_DIR. The JACK server's process id is in
 # $WIDMO_SERVICES_DIR/jack.pid.
 
 WIDMO_SERVICES_DIR=""
 _widmo_pids=()
+_widmo_scripts="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
 
 _services_log() { echo "services: $*" >&2; }
 
@@ -31,7 +36,9 @@ _wait_for() {
     return 1
 }
 
-_start_pulse() {
+_start_sound_server() {
+    export WIDMO_SOUND_SERVER="${WIDMO_SOUND_SERVER:-pulseaudio}"
+    export WIDMO_SOUND_SERVER_SCRIPT="$_widmo_scripts/sound-server.sh"
     export XDG_RUNTIME_DIR="$WIDMO_SERVICES_DIR/runtime"
     mkdir -p "$XDG_RUNTIME_DIR" && chmod 700 "$XDG_RUNTIME_DIR"
     export PULSE_RUNTIME_PATH="$XDG_RUNTIME_DIR/pulse"
@@ -41,23 +48,19 @@ _start_pulse() {
     export WIDMO_TEST_SOURCE=widmo_mic
     export WIDMO_TEST_SINK_192=widmo_sink192
     export WIDMO_TEST_SINK_384=widmo_sink384
-    # -n: no default modules, so nothing suspends the sink or probes hardware.
-    pulseaudio --daemonize=no --exit-idle-time=-1 -n --use-pid-file=no \
-        --load=module-native-protocol-unix \
-        --load="module-null-sink sink_name=$WIDMO_TEST_SINK rate=48000" \
-        >"$WIDMO_SERVICES_DIR/pulse.log" 2>&1 &
-    _widmo_pids+=($!)
-    if ! _wait_for 10 pactl info; then
-        _services_log "PulseAudio did not start:"; cat "$WIDMO_SERVICES_DIR/pulse.log" >&2
-        return 1
+    if [ "$WIDMO_SOUND_SERVER" = pipewire ]; then
+        # WirePlumber ends at once without a D-Bus session bus, and there is
+        # none on a headless machine: a private one, for the sound server only.
+        local bus="unix:path=$XDG_RUNTIME_DIR/bus"
+        if ! dbus-daemon --session --fork --nopidfile --address="$bus" --print-pid \
+            >"$WIDMO_SERVICES_DIR/dbus.pid" 2>"$WIDMO_SERVICES_DIR/dbus.log"; then
+            _services_log "dbus-daemon did not start:"; cat "$WIDMO_SERVICES_DIR/dbus.log" >&2
+            return 1
+        fi
+        export WIDMO_SOUND_SERVER_BUS="$bus"
     fi
-    pactl load-module module-remap-source master="$WIDMO_TEST_SINK.monitor" \
-        source_name="$WIDMO_TEST_SOURCE" source_properties=device.description=WidmoTestMic >/dev/null
-    pactl load-module module-null-sink sink_name="$WIDMO_TEST_SINK_192" rate=192000 >/dev/null
-    pactl load-module module-null-sink sink_name="$WIDMO_TEST_SINK_384" rate=384000 >/dev/null
-    pactl set-default-sink "$WIDMO_TEST_SINK"
-    pactl set-default-source "$WIDMO_TEST_SOURCE"
-    _services_log "PulseAudio at $PULSE_SERVER"
+    bash "$WIDMO_SOUND_SERVER_SCRIPT" start || return 1
+    _services_log "$WIDMO_SOUND_SERVER at $PULSE_SERVER"
 }
 
 _start_xvfb() {
@@ -94,14 +97,18 @@ _start_jack() {
 services_start() {
     WIDMO_SERVICES_DIR="$(mktemp -d /tmp/widmo-services.XXXXXX)"
     export WIDMO_SERVICES_DIR
-    _start_pulse && _start_xvfb && _start_jack
+    _start_sound_server && _start_xvfb && _start_jack
 }
 
 services_stop() {
     local pid
-    # A test may have restarted the sound server as a daemon on the same
-    # socket (a server-restart test); it is asked to end first.
-    [ -n "$WIDMO_SERVICES_DIR" ] && timeout 5 pactl exit >/dev/null 2>&1 || true
+    # The sound server's processes, also those a server-restart test started.
+    if [ -n "$WIDMO_SERVICES_DIR" ]; then
+        bash "$WIDMO_SOUND_SERVER_SCRIPT" stop || true
+        if [ -s "$WIDMO_SERVICES_DIR/dbus.pid" ]; then
+            kill "$(cat "$WIDMO_SERVICES_DIR/dbus.pid")" 2>/dev/null || true
+        fi
+    fi
     if [ -n "$WIDMO_SERVICES_DIR" ] && [ -s "$WIDMO_SERVICES_DIR/jack.pid" ]; then
         local jack_pid
         jack_pid="$(cat "$WIDMO_SERVICES_DIR/jack.pid")"

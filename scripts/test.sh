@@ -8,6 +8,9 @@
 #   scripts/test.sh --tsan    ThreadSanitizer build in build-tsan/, the headless
 #                             subsystems, audio and the batch command (labels core,
 #                             dsp, engine, audio, batch)
+#   scripts/test.sh --pipewire  release build in build/, the tests that use the
+#                             sound server (labels audio and app) against PipeWire
+#                             with pipewire-pulse and WirePlumber instead of PulseAudio
 #
 # Extra arguments after the mode go to ctest (for example -R FFT).
 set -euo pipefail
@@ -20,6 +23,7 @@ if [ $# -gt 0 ]; then
     case "$1" in
         --asan) mode=asan; shift ;;
         --tsan) mode=tsan; shift ;;
+        --pipewire) mode=pipewire; shift ;;
         --release) shift ;;
     esac
 fi
@@ -42,6 +46,11 @@ case "$mode" in
         export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1:intercept_tls_get_addr=0"
         export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
         export LSAN_OPTIONS="suppressions=$root/scripts/lsan.supp" ;;
+    pipewire)
+        dir=build
+        cmake_args+=(-DCMAKE_BUILD_TYPE=Release)
+        export WIDMO_SOUND_SERVER=pipewire
+        ctest_args+=(-L '^(audio|app)$') ;;
     tsan)
         dir=build-tsan
         cmake_args+=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DWIDMO_TSAN=ON -DWIDMO_BUILD_BENCHMARKS=OFF)

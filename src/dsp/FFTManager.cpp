@@ -253,30 +253,57 @@ void FFTManager::computeFFTForInterval(int64_t intervalIndex, const float* audio
                                        int32_t audioDataPos, int32_t dataBufferSize,
                                        float** fftWindowData, float** fftDataOut) {
     const auto slot = static_cast<size_t>(slotOfInterval(intervalIndex));
-    float* windowBuffer = mFFTWindowBuffers[slot];
-    float* out = mBuffersOut[slot];
     if (fftWindowData)
-        *fftWindowData = windowBuffer;
+        *fftWindowData = mFFTWindowBuffers[slot];
     if (fftDataOut)
-        *fftDataOut = out;
-
-    const int32_t n = std::clamp(mDefaults.fftSize(), 0, kMaxFFTSize);
-    const VectorHelpers::Store store = slotStore(n);
-    if (mEggBuffers[slot]) {
-        const auto& egg = mDefaults.eggBuffersData();
-        const bool eggValid = static_cast<int64_t>(egg.size()) >= dataBufferSize;
-        copyFromRing(eggValid ? egg.data() : nullptr, audioDataPos, dataBufferSize,
-                     mEggBuffers[slot], nullptr, n, store);
-    }
-
+        *fftDataOut = mBuffersOut[slot];
     fftwf_plan plan = mSpectrumAnalysis->plan(mDefaults.fftSize());
-    const int32_t type = mDefaults.fftWindowType();
     if (!plan) {
-        copyFromRing(audioDataBuffer, audioDataPos, dataBufferSize, windowBuffer, nullptr, n,
-                     VectorHelpers::Store::Cached);
-        zeroSpectrum(mDefaults.fftSize(), out);
+        const int32_t n = std::clamp(mDefaults.fftSize(), 0, kMaxFFTSize);
+        copyEggChannel(slot, audioDataPos, dataBufferSize, n);
+        copyFromRing(audioDataBuffer, audioDataPos, dataBufferSize, mFFTWindowBuffers[slot],
+                     nullptr, n, VectorHelpers::Store::Cached);
+        zeroSpectrum(mDefaults.fftSize(), mBuffersOut[slot]);
         return;
     }
+    computeSlotWithPlan(plan, slot, audioDataBuffer, audioDataPos, dataBufferSize);
+}
+
+bool FFTManager::computeFFTForIntervalIfPlanned(int64_t intervalIndex, const float* audioDataBuffer,
+                                                int32_t audioDataPos, int32_t dataBufferSize,
+                                                float** fftWindowData, float** fftDataOut) {
+    const auto slot = static_cast<size_t>(slotOfInterval(intervalIndex));
+    if (fftWindowData)
+        *fftWindowData = mFFTWindowBuffers[slot];
+    if (fftDataOut)
+        *fftDataOut = mBuffersOut[slot];
+    fftwf_plan plan = mSpectrumAnalysis->plannedPlan(mDefaults.fftSize());
+    if (!plan)
+        return false;
+    computeSlotWithPlan(plan, slot, audioDataBuffer, audioDataPos, dataBufferSize);
+    return true;
+}
+
+bool FFTManager::preparePlan() { return mSpectrumAnalysis->plan(mDefaults.fftSize()) != nullptr; }
+
+void FFTManager::copyEggChannel(size_t slot, int32_t audioDataPos, int32_t dataBufferSize,
+                                int32_t n) {
+    if (!mEggBuffers[slot])
+        return;
+    const auto& egg = mDefaults.eggBuffersData();
+    const bool eggValid = static_cast<int64_t>(egg.size()) >= dataBufferSize;
+    copyFromRing(eggValid ? egg.data() : nullptr, audioDataPos, dataBufferSize, mEggBuffers[slot],
+                 nullptr, n, slotStore(n));
+}
+
+void FFTManager::computeSlotWithPlan(fftwf_plan plan, size_t slot, const float* audioDataBuffer,
+                                     int32_t audioDataPos, int32_t dataBufferSize) {
+    float* windowBuffer = mFFTWindowBuffers[slot];
+    float* out = mBuffersOut[slot];
+    const int32_t n = std::clamp(mDefaults.fftSize(), 0, kMaxFFTSize);
+    const VectorHelpers::Store store = slotStore(n);
+    copyEggChannel(slot, audioDataPos, dataBufferSize, n);
+    const int32_t type = mDefaults.fftWindowType();
     if (type != Rectangle) {
         // One pass over the ring fills the slot and the windowed scratch.
         prepareWindow();

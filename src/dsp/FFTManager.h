@@ -35,7 +35,11 @@ class FFTPlanCache;
 /// callers read a slot only after its computation finished. `preparePlans` runs
 /// once on a non-real-time thread before the first transform; if it has not,
 /// the first transform of a size plans that size itself (the analysis queue is
-/// not real-time). Nothing here runs on the real-time audio thread.
+/// not real-time). Nothing here runs on the real-time audio thread. The one
+/// exception to "the analysis queue makes them all" is the recording trigger,
+/// which calls `computeFFTForIntervalIfPlanned` on the audio delivery queue while
+/// the analysis queue is idle: that call never plans and never takes the
+/// planner's lock, so `preparePlan` must have run first (at arming).
 class FFTManager {
 public:
     static constexpr int32_t kMaxFFTSize = 65536;
@@ -91,6 +95,19 @@ public:
     void computeFFTForInterval(int64_t intervalIndex, const float* audioDataBuffer,
                                int32_t audioDataPos, int32_t dataBufferSize, float** fftWindowData,
                                float** fftDataOut);
+    /// `computeFFTForInterval` for a caller that must not wait: it never plans
+    /// and never takes the planner's lock. When the current `fftSize` has no
+    /// plan yet it computes nothing, leaves the slot as it was and returns
+    /// false (the out pointers are set all the same); true when the slot holds
+    /// the new spectrum. The recording trigger calls it on the audio delivery
+    /// queue after `preparePlan` at arming.
+    bool computeFFTForIntervalIfPlanned(int64_t intervalIndex, const float* audioDataBuffer,
+                                        int32_t audioDataPos, int32_t dataBufferSize,
+                                        float** fftWindowData, float** fftDataOut);
+    /// Makes the plan of the current `fftSize` unless it exists (waiting for the
+    /// planner meanwhile; milliseconds with wisdom). Non-real-time thread; false
+    /// when that size cannot be planned.
+    bool preparePlan();
 
     /// The same for the window that ends with the last sample of interval
     /// `intervalIndex` in `audioBuffersData`: N = fftSize samples, reaching
@@ -136,6 +153,11 @@ private:
     /// with the scale of `windowType`, written as `outStore` says.
     void transformToPower(fftwf_plan plan, float* input, int32_t windowType, float* out,
                           VectorHelpers::Store outStore);
+    /// Copies the EGG channel's `n` samples into the slot when the product has it.
+    void copyEggChannel(size_t slot, int32_t audioDataPos, int32_t dataBufferSize, int32_t n);
+    /// The slot's copy and spectrum with `plan` (not null) for the current `fftSize`.
+    void computeSlotWithPlan(fftwf_plan plan, size_t slot, const float* audioDataBuffer,
+                             int32_t audioDataPos, int32_t dataBufferSize);
 
     AnalyzerDefaults& mDefaults;
     /// The FFTW plans, one per size (serves every `fftSize` up to 65,536).

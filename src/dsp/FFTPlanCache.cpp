@@ -10,7 +10,6 @@
 #include <bit>
 #include <cstdint>
 #include <cstdlib>
-#include <mutex>
 
 namespace widmo {
 
@@ -74,6 +73,13 @@ bool FFTPlanCache::hasPlan(int32_t size) const {
     const int32_t slot = slotOf(size);
     return slot >= 0 && plans_[static_cast<size_t>(slot)].load(std::memory_order_acquire);
 }
+
+fftwf_plan FFTPlanCache::plannedPlan(int32_t size) const {
+    const int32_t slot = slotOf(size);
+    return slot < 0 ? nullptr : plans_[static_cast<size_t>(slot)].load(std::memory_order_acquire);
+}
+
+std::mutex& FFTPlanCache::plannerMutexForTesting() { return plannerMutex(); }
 
 fftwf_plan FFTPlanCache::plan(int32_t size) {
     const int32_t slot = slotOf(size);

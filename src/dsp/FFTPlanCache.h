@@ -7,6 +7,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 #include <thread>
 
 namespace widmo {
@@ -38,7 +39,8 @@ namespace widmo {
 /// thread: a size that has no plan yet is planned on the spot, under the
 /// process-wide planner mutex (FFTW's planner and its wisdom are global and not
 /// thread-safe). A size that is already planned costs one atomic load and never
-/// touches the mutex. Executing plans is thread-safe in FFTW. `startPreparing`
+/// touches the mutex; `plannedPlan` never touches it at all (null while a size
+/// is unplanned), for callers that must not wait. Executing plans is thread-safe in FFTW. `startPreparing`
 /// owns one planning thread, which plans and refines under the same mutex, one
 /// size at a time; the destructor stops it between two sizes and joins it.
 class FFTPlanCache {
@@ -82,6 +84,9 @@ public:
     fftwf_plan plan(int32_t size);
     /// True when `size` has a plan already (never plans).
     bool hasPlan(int32_t size) const;
+    /// The plan of `size` if it is made already, else null: never plans and
+    /// never waits (one atomic load), so the audio delivery path may call it.
+    fftwf_plan plannedPlan(int32_t size) const;
     /// The in-place complex plan of `points` (a power of two in 256..65536) in
     /// direction `sign` (FFTW_FORWARD or FFTW_BACKWARD), planning it first if
     /// needed, like `plan`. Null for any other size or sign, or if FFTW cannot plan.
@@ -110,6 +115,10 @@ public:
                         bool withComplex = false);
     /// Waits for the planning thread to finish (returns at once if none runs).
     void waitUntilPrepared();
+
+    /// The process-wide mutex around FFTW's planner and wisdom. Only for tests
+    /// that hold it to show that a path never waits for the planner.
+    static std::mutex& plannerMutexForTesting();
 
     const QString& wisdomPath() const { return wisdomPath_; }
     /// Whether the wisdom file was read successfully at creation.

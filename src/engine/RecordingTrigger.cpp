@@ -32,6 +32,10 @@ void RecordingTrigger::arm() {
     preTriggerFrames_ = p * n;
     intervalFrames_ = n;
     refreshSettings();
+    // The measurements run on the delivery queue, which must never wait for the
+    // planner (another thread may hold its lock for seconds while it plans the
+    // large sizes): the size they use is planned here, on the main thread.
+    fftManager_.preparePlan();
 }
 
 void RecordingTrigger::refreshSettings() {
@@ -86,8 +90,11 @@ bool RecordingTrigger::addBlock(const float* interleaved, int32_t count, int32_t
     const int64_t index = mTrigIndexCounter.load(std::memory_order_relaxed) + 1;
     float* windowData = nullptr;
     float* dataOut = nullptr;
-    fftManager_.computeFFTForInterval(index, mTrigBuffer.data(), static_cast<int32_t>(start),
-                                      static_cast<int32_t>(m), &windowData, &dataOut);
+    if (!fftManager_.computeFFTForIntervalIfPlanned(
+            index, mTrigBuffer.data(), static_cast<int32_t>(start), static_cast<int32_t>(m),
+            &windowData, &dataOut)) {
+        return false; // no plan for this size (it failed at arming): no measurement
+    }
     const float level = dataOut != nullptr ? trigRMSLevelForFFTData(dataOut, defaults_.fftOutSize(),
                                                                     defaults_.trigMinFrequency(),
                                                                     defaults_.trigMaxFrequency())

@@ -24,11 +24,13 @@ class FFTManager;
 /// measurement's index (1, 2, ...), so the display timer can show it.
 ///
 /// Threading: `arm` runs on the main thread while no block is
-/// delivered (before the audio object starts); it allocates. `addBlock` and `preTriggerChunks` run
-/// on the intake context (the audio object's delivery queue) only, and neither allocates nor locks
-/// (the scratch block grows only for a block larger than any before, as the
-/// engine's own does). The FFT engine is used from the intake context only
-/// while the trigger waits: the analysis queue has no work then (the engine
+/// delivered (before the audio object starts); it allocates and makes the FFT
+/// plan of the current size (waiting for the planner if it must). `addBlock` and
+/// `preTriggerChunks` run on the intake context (the audio object's delivery queue)
+/// only, and neither allocates nor locks nor waits: a measurement uses the plan
+/// made at arming and never the planner's lock (the scratch block grows only for
+/// a block larger than any before, as the engine's own does). The FFT engine is used from the
+/// intake context only while the trigger waits: the analysis queue has no work then (the engine
 /// drains it before arming, and gives it work only once the trigger fired).
 /// The threshold and the band are atomic copies of the settings, refreshed on
 /// the main thread. `measurementCount` is an atomic with release/acquire
@@ -39,8 +41,9 @@ public:
     /// `defaults` and `fftManager` must outlive the trigger.
     RecordingTrigger(AnalyzerDefaults& defaults, FFTManager& fftManager);
 
-    /// Resets every counter and allocates a zero-filled ring for the current
-    /// settings. Main thread, no block being delivered.
+    /// Resets every counter, allocates a zero-filled ring for the current
+    /// settings and plans the current FFT size. Main thread, no block being
+    /// delivered.
     void arm();
     /// Takes `trigLevel`, `trigMinFrequency` and `trigMaxFrequency` from the
     /// settings (which the settings page changes while the trigger waits).
@@ -49,8 +52,10 @@ public:
 
     /// One interleaved stereo block of `count` frames: channel `channel` (0 or
     /// 1) times `gain` goes into the ring; a measurement follows when one is
-    /// due. True when this block fired the trigger (only once per arming; a
-    /// fired trigger takes no more blocks). Intake context.
+    /// due (none while the FFT size has no plan, which only happens when
+    /// planning it failed at arming). True when this block fired the trigger
+    /// (only once per arming; a fired trigger takes no more blocks). Intake
+    /// context.
     bool addBlock(const float* interleaved, int32_t count, int32_t channel, float gain);
 
     /// After firing: calls `sink(samples, count)` for the pre-trigger audio in

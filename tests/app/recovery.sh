@@ -53,7 +53,12 @@ sleep 1
 press space
 recording=no
 for _ in $(seq 100); do
-    if pactl list short source-outputs | grep -q protocol-native; then recording=yes; break; fi
+    # A client's recording stream: the virtual microphone's own stream has no
+    # client ("-"), and the driver column reads protocol-native.c under
+    # PulseAudio but PipeWire under pipewire-pulse.
+    if pactl list short source-outputs | awk '$3 != "-" { found = 1 } END { exit !found }'; then
+        recording=yes; break
+    fi
     sleep 0.1
 done
 [ "$recording" = yes ] || fail "the program did not start recording"

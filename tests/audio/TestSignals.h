@@ -107,6 +107,10 @@ private:
     AudioStreams unit_;
 };
 
+/// True when the test services run PipeWire (WIDMO_SOUND_SERVER=pipewire)
+/// rather than PulseAudio.
+inline bool underPipeWire() { return qEnvironmentVariable("WIDMO_SOUND_SERVER") == "pipewire"; }
+
 /// Runs a command of the test sound server (pactl, ...) and returns its exit code.
 int runTool(const QString& program, const QStringList& arguments, QString* output = nullptr);
 
@@ -153,8 +157,11 @@ std::unique_ptr<SinkPlayer> playTone(double frequency, int sampleRate = 48000,
                                      const QString& sink = QString());
 
 /// Loads a virtual microphone `name`, described as `description`, on the
-/// monitor of `sink`: the module's index, or -1.
-int loadMicrophone(const QString& sink, const QString& name, const QString& description);
+/// monitor of `sink` at `rate` Hz (0: the server's choice, which is the sink's
+/// rate under PulseAudio but 48 kHz under PipeWire); `description` without
+/// spaces. The module's index, or -1.
+int loadMicrophone(const QString& sink, const QString& name, const QString& description,
+                   int rate = 0);
 /// The test sink's virtual microphone (the default input), unloaded and loaded again.
 int loadVirtualMicrophone();
 bool unloadModule(int module);
@@ -166,7 +173,8 @@ int virtualMicrophoneModule();
 class UltrasonicMicrophone {
 public:
     static constexpr const char* kSourceName = "widmo_mic192";
-    UltrasonicMicrophone() : module_(loadMicrophone(sinkName(), kSourceName, "WidmoTestMic192")) {}
+    UltrasonicMicrophone()
+        : module_(loadMicrophone(sinkName(), kSourceName, "WidmoTestMic192", 192000)) {}
     ~UltrasonicMicrophone() {
         if (module_ >= 0)
             unloadModule(module_);
@@ -197,10 +205,12 @@ inline double toDb(double amplitude) { return 20.0 * std::log10(amplitude + 1e-1
 void keepSinkRendering(bool settle = true);
 void stopSinkRendering();
 
-/// Ends the test sound server and starts it again on the same socket with the
-/// same sink and virtual microphone, `downMs` milliseconds later, with the
-/// silence of `keepSinkRendering` playing again. True once the virtual
-/// microphone is back. (The new server is a daemon; services_stop ends it.)
+/// Ends the test sound server (PulseAudio, or PipeWire with its Pulse server
+/// and session manager) and starts it again on the same socket with the same
+/// sinks and virtual microphone, `downMs` milliseconds later, with the silence
+/// of `keepSinkRendering` playing again, through the test command's
+/// `sound-server.sh restart`. True once the virtual microphone is back. (The new
+/// server is not this process's child; services_stop ends it.)
 bool restartSoundServer(int downMs);
 
 } // namespace widmo::test

@@ -6,6 +6,7 @@
 
 #include "core/AnalyzerDefaults.h"
 #include "dsp/FFTManager.h"
+#include "dsp/FFTPlanCache.h"
 #include "engine/AnalyzerController.h"
 
 #include <algorithm>
@@ -28,6 +29,8 @@ protected:
         bool withSpectrogram = false;
         /// Leaves the settings as a previous session did, before the engine exists.
         std::function<void(AnalyzerDefaults&)> restore = nullptr;
+        /// The FFT manager's plan cache; null: the process's shared one.
+        FFTPlanCache* plans = nullptr;
     };
 
     void build(const Options& options) {
@@ -37,7 +40,8 @@ protected:
         defaults_->setSampleRate(options.sampleRate);
         if (options.restore)
             options.restore(*defaults_);
-        manager_ = std::make_unique<FFTManager>(*defaults_);
+        manager_ = options.plans ? std::make_unique<FFTManager>(*defaults_, *options.plans)
+                                 : std::make_unique<FFTManager>(*defaults_);
         engine_ = std::make_unique<AnalyzerController>(*defaults_, *manager_, audio_);
         engine_->setChartViews(&chart_, options.withSpectrogram ? &spectrogram_ : nullptr);
         engine_->setDelegate(&delegate_);

@@ -1,6 +1,10 @@
 #include "EngineFixture.h"
 
+#include <chrono>
+#include <future>
+#include <mutex>
 #include <numbers>
+#include <thread>
 
 namespace widmo {
 namespace {
@@ -12,15 +16,18 @@ using test::runEventsUntil;
 /// of a known mono signal (the same on both channels).
 class RecordingTriggerTest : public EngineFixture {
 protected:
-    void arm(std::function<void(AnalyzerDefaults&)> settings = nullptr) {
+    void arm(std::function<void(AnalyzerDefaults&)> settings = nullptr,
+             FFTPlanCache* plans = nullptr) {
         build(Options{.features = AnalyzerFeatures::studioProduct(),
                       .withSpectrogram = true,
-                      .restore = [settings](AnalyzerDefaults& d) {
-                          d.setCpu64bit(true);
-                          d.setTrigOn(true);
-                          if (settings)
-                              settings(d);
-                      }});
+                      .restore =
+                          [settings](AnalyzerDefaults& d) {
+                              d.setCpu64bit(true);
+                              d.setTrigOn(true);
+                              if (settings)
+                                  settings(d);
+                          },
+                      .plans = plans});
         chart_.shownData.clear();
         startRecording();
         ASSERT_TRUE(engine_->workingWithTrig());
@@ -54,6 +61,8 @@ protected:
             push(stereo);
         }
     }
+
+    std::unique_ptr<FFTPlanCache> plans_;
 };
 
 // The document starts P = 100 intervals before the end of the block that fired
@@ -121,6 +130,40 @@ TEST_F(RecordingTriggerTest, toneOutsideBandOrEmptyBand_neverFires) {
         EXPECT_EQ(engine_->framesWriteCount(), 0);
         engine_->stopRecorder();
     }
+}
+
+// The measurements run on the delivery queue. While another thread holds the
+// FFT planner's lock (planning a large size can take seconds), delivering
+// blocks that make measurements and fire the trigger must not wait for it: the
+// trigger's FFT size starts without a plan (a cache of its own) and is planned
+// at arming, on the main thread.
+TEST_F(RecordingTriggerTest, plannerLockHeldByAnotherThread_deliveryNeverWaits) {
+    plans_ = std::make_unique<FFTPlanCache>(QString());
+    ASSERT_FALSE(plans_->hasPlan(4096)); // the default size
+    arm(nullptr, plans_.get());
+    ASSERT_EQ(defaults_->fftSize(), 4096);
+
+    constexpr auto kWatchdog = std::chrono::seconds(5);
+    std::promise<void> locked;
+    std::promise<void> delivered;
+    std::thread holder([&locked, done = delivered.get_future(), kWatchdog] {
+        std::lock_guard lock(FFTPlanCache::plannerMutexForTesting());
+        locked.set_value();
+        done.wait_for(kWatchdog); // a delivery that waits for the lock gets it after this
+    });
+    locked.get_future().wait();
+    const auto start = std::chrono::steady_clock::now();
+    deliver(signal(60 * 512, 30 * 512, 5000.0), 512);
+    const auto elapsed = std::chrono::steady_clock::now() - start;
+    delivered.set_value();
+    holder.join();
+
+    EXPECT_LT(elapsed, std::chrono::seconds(1)) << "the delivery waited for the planner";
+    EXPECT_GT(engine_->trigger().measurementCount(), 0);
+    EXPECT_TRUE(engine_->trigIsStarted());
+    engine_->stopRecorder();
+    drain();
+    release(); // before the plan cache
 }
 
 // With automatic stop the document ends at exactly the spectrogram's width: the
