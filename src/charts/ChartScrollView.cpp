@@ -91,9 +91,15 @@ void ChartScrollView::showSoundLevels(const SoundLevels& levels) {
     const SoundLevelSettings& settings = mDefaults.soundLevels();
     const double offset = settings.splOffset().value_or(0.0);
     const bool calibrated = settings.splOffset().has_value();
-    const QString unit = settings.unit();
+    // The names follow the weighting the recording measures with, which a
+    // change on the settings page reaches only at the next start.
+    const QString w = levels.weighting == Weighting::A   ? QStringLiteral("A")
+                      : levels.weighting == Weighting::C ? QStringLiteral("C")
+                                                         : QStringLiteral("Z");
+    const QString unit = !calibrated               ? QStringLiteral("dBFS")
+                         : w == QLatin1String("Z") ? QStringLiteral("dB SPL")
+                                                   : QStringLiteral("dB") + w;
     const QString peakUnit = calibrated ? QStringLiteral("dBC") : unit;
-    const QString w = settings.weightingLetter();
     const QString t = settings.slow() ? QStringLiteral("S") : QStringLiteral("F");
     const double bar = settings.slow() ? levels.slow : levels.fast;
     const auto figure = [offset](double v) {

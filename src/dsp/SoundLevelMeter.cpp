@@ -103,6 +103,7 @@ SoundLevels SoundLevelMeter::levels() const {
     l.maxSlow = levelDB(maxSlowMeanSquare_);
     l.peak = peakDB(peakAbs_);
     l.seconds = static_cast<double>(samples_) / sampleRate_;
+    l.weighting = weighting_.weighting();
     return l;
 }
 

@@ -20,6 +20,7 @@ struct SoundLevels {
     double maxSlow = 0.0; ///< highest Slow level since the start or reset
     double peak = 0.0;    ///< highest |sample| of the C-weighted stream since the start or reset
     double seconds = 0.0; ///< stream time the integrated figures cover
+    Weighting weighting = Weighting::Z; ///< of fast, slow, leq and the maxima (the peak is C)
 };
 
 /// The figures of one logging period (`SoundLevelMeter::takePeriod`).

@@ -48,6 +48,7 @@ void SoundLevelMonitor::prepare() {
     prepareSpectrumCorrection();
     const SoundLevelSettings& settings = defaults_.soundLevels();
     meter_.prepare(sampleRate_, static_cast<Weighting>(settings.weighting()));
+    weighting_.store(settings.weighting(), std::memory_order_relaxed);
     samplesFed_ = 0;
     periodStartSample_ = 0;
     resetRequested_.store(false, std::memory_order_release);
@@ -145,6 +146,7 @@ SoundLevels SoundLevelMonitor::levels() const {
     l.maxSlow = maxSlow_.load(std::memory_order_relaxed);
     l.peak = peak_.load(std::memory_order_relaxed);
     l.seconds = seconds_.load(std::memory_order_relaxed);
+    l.weighting = static_cast<Weighting>(weighting_.load(std::memory_order_relaxed));
     return l;
 }
 

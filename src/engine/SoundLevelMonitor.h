@@ -95,6 +95,7 @@ private:
     std::atomic<bool> logFailed_{false};
     std::atomic<double> fast_{0.0}, slow_{0.0}, leq_{0.0}, maxFast_{0.0}, maxSlow_{0.0}, peak_{0.0},
         seconds_{0.0};
+    std::atomic<int32_t> weighting_{0}; // of the recording's meter, for the names shown
     std::atomic<double> sumSquares_{0.0};
     std::atomic<int64_t> samples_{0};
 };

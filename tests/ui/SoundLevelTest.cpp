@@ -204,6 +204,12 @@ TEST_F(SoundLevelTest, aWeightingFromItsPage_readsTheStandard_andTheLogHasItsLin
         EXPECT_GE(error, -c.below) << c.frequency << " Hz reads " << levels.fast;
         EXPECT_LE(error, c.above) << c.frequency << " Hz reads " << levels.fast;
         EXPECT_TRUE(meter()->figuresLabel()->text().contains("LAeq")) << c.frequency;
+        // Another weighting chosen while recording applies from the next start:
+        // the names still say what is measured.
+        defaults_->soundLevels().setWeighting(SoundLevelSettings::kWeightingC);
+        QTest::qWait(200);
+        EXPECT_TRUE(meter()->figuresLabel()->text().contains("LAeq")) << c.frequency;
+        defaults_->soundLevels().setWeighting(SoundLevelSettings::kWeightingA);
         ASSERT_TRUE(startPause(false));
     }
 
