@@ -93,12 +93,9 @@ void ChartScrollView::showSoundLevels(const SoundLevels& levels) {
     const bool calibrated = settings.splOffset().has_value();
     // The names follow the weighting the recording measures with, which a
     // change on the settings page reaches only at the next start.
-    const QString w = levels.weighting == Weighting::A   ? QStringLiteral("A")
-                      : levels.weighting == Weighting::C ? QStringLiteral("C")
-                                                         : QStringLiteral("Z");
-    const QString unit = !calibrated               ? QStringLiteral("dBFS")
-                         : w == QLatin1String("Z") ? QStringLiteral("dB SPL")
-                                                   : QStringLiteral("dB") + w;
+    const auto measured = static_cast<int32_t>(levels.weighting);
+    const QString w = SoundLevelSettings::letterFor(measured);
+    const QString unit = SoundLevelSettings::unitFor(measured, calibrated);
     const QString peakUnit = calibrated ? QStringLiteral("dBC") : unit;
     const QString t = settings.slow() ? QStringLiteral("S") : QStringLiteral("F");
     const double bar = settings.slow() ? levels.slow : levels.fast;

@@ -144,10 +144,12 @@ void SoundLevelSettings::setCalibratorLevel(double level) {
     save(deviceKey("calibratorLevel"), calibratorLevel_);
 }
 
-QString SoundLevelSettings::unit() const {
-    if (!splOffset())
+QString SoundLevelSettings::unit() const { return unitFor(weighting_, splOffset().has_value()); }
+
+QString SoundLevelSettings::unitFor(int32_t weighting, bool calibrated) {
+    if (!calibrated)
         return QStringLiteral("dBFS");
-    switch (weighting_) {
+    switch (weighting) {
     case kWeightingA:
         return QStringLiteral("dBA");
     case kWeightingC:
@@ -174,8 +176,10 @@ QString SoundLevelSettings::spectrumLevelText(double levelDB) const {
     return QStringLiteral("%1 %2").arg(levelDB + *offset, 0, 'f', 1).arg(spectrumUnit());
 }
 
-QString SoundLevelSettings::weightingLetter() const {
-    switch (weighting_) {
+QString SoundLevelSettings::weightingLetter() const { return letterFor(weighting_); }
+
+QString SoundLevelSettings::letterFor(int32_t weighting) {
+    switch (weighting) {
     case kWeightingA:
         return QStringLiteral("A");
     case kWeightingC:

@@ -78,6 +78,9 @@ public:
     QString spectrumLevelText(double levelDB) const;
     /// The letter of the weighting in level names: "Z", "A" or "C".
     QString weightingLetter() const;
+    /// The same two for a given weighting, with or without an offset.
+    static QString unitFor(int32_t weighting, bool calibrated);
+    static QString letterFor(int32_t weighting);
 
 private:
     void save(const QString& key, const QVariant& value) const;

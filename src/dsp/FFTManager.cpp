@@ -252,11 +252,8 @@ void FFTManager::copyFromRing(const float* store, int32_t position, int32_t stor
 void FFTManager::computeFFTForInterval(int64_t intervalIndex, const float* audioDataBuffer,
                                        int32_t audioDataPos, int32_t dataBufferSize,
                                        float** fftWindowData, float** fftDataOut) {
+    resultsForInterval(intervalIndex, fftWindowData, fftDataOut, nullptr);
     const auto slot = static_cast<size_t>(slotOfInterval(intervalIndex));
-    if (fftWindowData)
-        *fftWindowData = mFFTWindowBuffers[slot];
-    if (fftDataOut)
-        *fftDataOut = mBuffersOut[slot];
     fftwf_plan plan = mSpectrumAnalysis->plan(mDefaults.fftSize());
     if (!plan) {
         const int32_t n = std::clamp(mDefaults.fftSize(), 0, kMaxFFTSize);
@@ -272,11 +269,8 @@ void FFTManager::computeFFTForInterval(int64_t intervalIndex, const float* audio
 bool FFTManager::computeFFTForIntervalIfPlanned(int64_t intervalIndex, const float* audioDataBuffer,
                                                 int32_t audioDataPos, int32_t dataBufferSize,
                                                 float** fftWindowData, float** fftDataOut) {
+    resultsForInterval(intervalIndex, fftWindowData, fftDataOut, nullptr);
     const auto slot = static_cast<size_t>(slotOfInterval(intervalIndex));
-    if (fftWindowData)
-        *fftWindowData = mFFTWindowBuffers[slot];
-    if (fftDataOut)
-        *fftDataOut = mBuffersOut[slot];
     fftwf_plan plan = mSpectrumAnalysis->plannedPlan(mDefaults.fftSize());
     if (!plan)
         return false;

@@ -16,12 +16,13 @@ void SoundLevelMonitor::prepareSpectrumCorrection() {
     const auto weighting = static_cast<Weighting>(settings.weighting());
     const int32_t bins = defaults_.fftOutSize();
     const double binHz = sampleRate_ / static_cast<double>(defaults_.fftSize());
-    calibrationError_.clear();
     calibrationPower_.clear();
     if (!settings.calibrationFile().isEmpty()) {
-        const auto calibration =
-            MicrophoneCalibration::load(settings.calibrationFile(), &calibrationError_);
-        if (calibration && bins > 0) {
+        QString error;
+        const auto calibration = MicrophoneCalibration::load(settings.calibrationFile(), &error);
+        if (!calibration)
+            qWarning("%s", qPrintable(error));
+        else if (bins > 0) {
             calibrationPower_.resize(static_cast<size_t>(bins));
             calibration->fillPowerFactors(calibrationPower_.data(), bins, binHz);
         }

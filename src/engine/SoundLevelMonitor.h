@@ -42,8 +42,8 @@ public:
     explicit SoundLevelMonitor(AnalyzerDefaults& defaults);
 
     /// The per-bin tables for the document's rate and FFT size: loads the
-    /// device's calibration file (one that cannot be read is left out and
-    /// `calibrationError` says why) and the meter's weighting.
+    /// device's calibration file (one that has become unreadable since it was
+    /// chosen is left out, with a warning in the log) and the meter's weighting.
     void prepareSpectrumCorrection();
     /// For a new recording: the tables, the weighted meter from zero, and the
     /// level log when it is on (one that cannot be opened is left out and
@@ -69,15 +69,12 @@ public:
     bool logFailed() const { return logFailed_.load(std::memory_order_acquire); }
     const QString& logPath() const { return log_.path(); }
     /// Main thread, after `prepare`.
-    const QString& calibrationError() const { return calibrationError_; }
     const QString& logError() const { return logError_; }
-    bool calibrated() const { return !calibrationPower_.empty(); }
 
 private:
     AnalyzerDefaults& defaults_;
     SoundLevelMeter meter_;
     LevelLog log_;
-    QString calibrationError_;
     QString logError_;
     // Per-bin power factors: the calibration alone, the meter's weighting, and
     // what the displays get (empty: none).

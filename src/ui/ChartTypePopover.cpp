@@ -54,7 +54,7 @@ int ChartTypePopover::heightForHeaderInSection(int section) const {
     return isHiddenSection(section) ? 0 : kHeaderHeight;
 }
 
-QSize ChartTypePopover::preferredContentSize() const { return QSize(kWidth, heightForTableView()); }
+QSize ChartTypePopover::preferredContentSize() const { return QSize(kWidth, contentHeight()); }
 
 void ChartTypePopover::presentFrom(QWidget* anchor) {
     reloadData();

@@ -55,7 +55,6 @@ public:
     void sliderValueChanged(float valueDB);
 
     Meaning meaning() const;
-    bool sliderEnabled() const { return sliderEnabled_; }
     bool resetEnabled() const { return resetEnabled_; }
     /// The information popover is open.
     bool infoOpen() const;

@@ -143,14 +143,12 @@ void MainScreen::commonSetup() {
     transport_ = new TransportControls(
         defaults_, audio_, *analyzerController_,
         features.featureSpectrogramEnabled() && features.featurePlayback(),
+        [this] { return !panelOpen() && !buttonsBlocked_; },
         [this] {
-            if (panelOpen() || buttonsBlocked_)
-                return false;
             // The recording measures with the calibration of the input it opens.
             const AudioDevice input = audio_.currentInput();
             if (!input.isNull())
                 defaults_.soundLevels().setDevice(QString::fromUtf8(input.id));
-            return true;
         },
         this);
     connect(transport_, &TransportControls::stateChanged, this, [this] { refreshTransport(true); });

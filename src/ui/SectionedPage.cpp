@@ -202,7 +202,7 @@ int SectionedPage::heightForRowAtIndexPath(int section, int row) const {
     return r.hidden ? 0 : contentRowHeight(r);
 }
 
-int SectionedPage::heightForTableView() const {
+int SectionedPage::contentHeight() const {
     int sum = 0;
     for (int s = 0; s < numberOfSections(); ++s) {
         if (bigLastSectionHeader_ && s == numberOfSections() - 1)
@@ -252,9 +252,7 @@ void SectionedPage::setScrollEnabled(bool enabled) {
     scroll_->setVerticalScrollBarPolicy(enabled ? Qt::ScrollBarAsNeeded : Qt::ScrollBarAlwaysOff);
 }
 
-QSize SectionedPage::preferredContentSize() const {
-    return QSize(kPopoverWidth, heightForTableView());
-}
+QSize SectionedPage::preferredContentSize() const { return QSize(kPopoverWidth, contentHeight()); }
 
 bool SectionedPage::eventFilter(QObject* watched, QEvent* event) {
     // Rows of wrapped text change height with the column's width.

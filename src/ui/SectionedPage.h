@@ -23,7 +23,7 @@ namespace widmo {
 /// and answers `isHiddenSection` by product switch: a hidden section, and a
 /// hidden row, take no space at all, so one layout serves every product. Every
 /// header, row and footer has the height the measuring functions report, so
-/// `heightForTableView` is the height of the content a popover must show.
+/// `contentHeight` is the height of the content a popover must show.
 ///
 /// Sizes are in device-independent pixels (points).
 ///
@@ -53,7 +53,7 @@ public:
     int addRow(int section, const QString& title, QWidget* control);
     /// A row of `text` wrapped over as many lines as it needs.
     int addTextRow(int section, const QString& text);
-    /// Content shown above the first section, not counted by `heightForTableView`.
+    /// Content shown above the first section, not counted by `contentHeight`.
     void setTableHeaderView(QWidget* view);
 
     int numberOfSections() const { return int(sections_.size()); }
@@ -85,10 +85,10 @@ public:
     /// row's content needs at the table's width, at least `kStandardRowHeight`.
     int heightForRowAtIndexPath(int section, int row) const;
     /// Headers, footers and rows of every section except a big last one.
-    int heightForTableView() const;
+    int contentHeight() const;
 
     /// When set, the last section is a spacer with a 1000-point header, left
-    /// out of `heightForTableView` (lets a short table scroll its end out of view).
+    /// out of `contentHeight` (lets a short table scroll its end out of view).
     bool bigLastSectionHeader() const { return bigLastSectionHeader_; }
     void setBigLastSectionHeader(bool big);
 

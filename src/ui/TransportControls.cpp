@@ -30,9 +30,11 @@ QToolButton* makeButton(QWidget* window, const QString& toolTip) {
 
 TransportControls::TransportControls(AnalyzerDefaults& defaults, AudioSessionInterface& audio,
                                      AnalyzerController& engine, bool withPlayback,
-                                     std::function<bool()> mayStart, QWidget* window)
+                                     std::function<bool()> mayStart,
+                                     std::function<void()> beforeRecording, QWidget* window)
     : QObject(window), defaults_(defaults), audio_(audio), engine_(engine),
-      mayStart_(std::move(mayStart)), window_(window) {
+      mayStart_(std::move(mayStart)), beforeRecording_(std::move(beforeRecording)),
+      window_(window) {
     recordButton_ = makeButton(window, QStringLiteral("Start or pause the analyser (Space)"));
     recordButton_->setMinimumWidth(64);
     connect(recordButton_, &QToolButton::clicked, this, [this] { startStopRecorder(); });
@@ -59,6 +61,8 @@ void TransportControls::startStopRecorder() {
     }
     if (!mayStart_())
         return;
+    if (beforeRecording_)
+        beforeRecording_();
     engine_.startRecorder([this, alive = std::weak_ptr<int>(lifeToken_)](bool ok) {
         if (alive.expired())
             return;

@@ -28,11 +28,12 @@ class TransportControls final : public QObject {
     Q_OBJECT
 public:
     /// `withPlayback` adds the play/stop button. `mayStart` says whether a
-    /// start is allowed now (no panel open, buttons not blocked). The buttons
+    /// start is allowed now (no panel open, buttons not blocked);
+    /// `beforeRecording` runs just before a recording starts. The buttons
     /// are children of `window`; the owner places them.
     TransportControls(AnalyzerDefaults& defaults, AudioSessionInterface& audio,
                       AnalyzerController& engine, bool withPlayback, std::function<bool()> mayStart,
-                      QWidget* window);
+                      std::function<void()> beforeRecording, QWidget* window);
     ~TransportControls() override;
 
     QToolButton* recordButton() const { return recordButton_; }
@@ -66,6 +67,7 @@ private:
     AudioSessionInterface& audio_;
     AnalyzerController& engine_;
     std::function<bool()> mayStart_;
+    std::function<void()> beforeRecording_;
     QWidget* window_;
     QToolButton* recordButton_ = nullptr;
     QToolButton* playButton_ = nullptr;

@@ -42,18 +42,18 @@ TEST_F(TableScreensTest, hiddenSectionsAndRowsMeasureZero_bigLastHeaderIsNotCoun
     EXPECT_EQ(table.heightForRowAtIndexPath(1, 0), 0);
     EXPECT_EQ(table.heightForRowAtIndexPath(2, 1), 0);
     EXPECT_EQ(table.heightForRowAtIndexPath(2, 0), row);
-    EXPECT_EQ(table.heightForTableView(), 40 + 2 * row + 40 + row);
+    EXPECT_EQ(table.contentHeight(), 40 + 2 * row + 40 + row);
 
     table.setBigLastSectionHeader(true);
     EXPECT_EQ(table.heightForHeaderInSection(2), 1000);
-    EXPECT_EQ(table.heightForTableView(), 40 + 2 * row);
+    EXPECT_EQ(table.contentHeight(), 40 + 2 * row);
 
     // The measures are what is laid out: the column is as tall as reported.
     table.setBigLastSectionHeader(false);
     table.resize(SectionedPage::kPopoverWidth, 600);
     table.show();
     QWidget* content = table.cellForRow(0, 0)->parentWidget()->parentWidget()->parentWidget();
-    EXPECT_EQ(content->layout()->minimumSize().height(), table.heightForTableView());
+    EXPECT_EQ(content->layout()->minimumSize().height(), table.contentHeight());
 
     DeviceClass::setForcedIdiom(DeviceClass::Idiom::Phone);
     EXPECT_EQ(table.heightForHeaderInSection(0), 28);
