@@ -271,5 +271,52 @@ TEST_F(SoundLevelTest, calibrationFiles_badOneRefusedWithItsLine_goodOneSetsTheO
     closeSettings();
 }
 
+// A calibration file chosen for the input and A-weighted displays chosen on
+// the Sound level page lower the spectrum at a 100 Hz tone by the file's
+// correction (-6 dB, flat from 20 to 200 Hz) and the A weighting (-19.1 dB,
+// class 1 ±1.0), from the next recording on.
+TEST_F(SoundLevelTest, calibrationFileAndWeightedDisplays_lowerTheSpectrumAtTheTone) {
+    launch(AnalyzerFeatures::spectrumProduct());
+    QTemporaryDir dir;
+    const QString mic = dir.filePath("mic.txt");
+    {
+        QFile f(mic);
+        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+        f.write("* reads 6 dB high below 200 Hz\n20 6\n200 6\n1000 0\n");
+    }
+    const auto spectrumPeak = [&] {
+        double loudest = -1e9;
+        for (const QByteArray& line : screen()->chartView()->csvOfChart().split('\n').mid(1))
+            if (const auto fields = line.split(','); fields.size() == 2)
+                loudest = std::max(loudest, fields[1].toDouble());
+        return loudest;
+    };
+    test::SinkPlayer sound = tone(100.0, -20.0);
+    ASSERT_TRUE(sound.start());
+    ASSERT_TRUE(startPause(true));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return meter()->levelDB() > -30.0f; }, 5000));
+    QTest::qWait(500);
+    const double plain = spectrumPeak();
+    ASSERT_TRUE(startPause(false));
+
+    auto* input = static_cast<AudioInputPage*>(openPage(SettingsPanel::kPageAudioInput));
+    ASSERT_TRUE(input != nullptr);
+    ASSERT_TRUE(input->calibrationPanel()->chooseFile(mic));
+    screen()->settingsPanel()->openPage(SettingsPanel::kPageSoundLevel);
+    auto* levels = static_cast<SoundLevelPage*>(
+        screen()->settingsPanel()->page(SettingsPanel::kPageSoundLevel));
+    levels->weightingControl()->buttonForSegment(1)->click();
+    levels->weightDisplaysSwitch()->click();
+    closeSettings();
+
+    ASSERT_TRUE(startPause(true));
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] { return screen()->analyzerController().levelMonitor().levels().seconds > 1.0; },
+        5000));
+    const double corrected = spectrumPeak();
+    ASSERT_TRUE(startPause(false));
+    EXPECT_NEAR(corrected - plain, -6.0 - 19.1, 1.0) << plain << " then " << corrected;
+}
+
 } // namespace
 } // namespace widmo
