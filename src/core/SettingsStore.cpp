@@ -1,5 +1,7 @@
 #include "core/SettingsStore.h"
 
+#include "core/SharedStateAccess.h"
+
 #include <QCoreApplication>
 #include <QVariant>
 
@@ -87,23 +89,36 @@ QString SettingsStore::readString(const QString& key) const {
     return v.typeId() == QMetaType::QString ? v.toString() : QString();
 }
 
-void SettingsStore::writeInt(const QString& key, int value) { settings_.setValue(key, value); }
+void SettingsStore::writeInt(const QString& key, int value) {
+    if (SharedStateAccess::writable())
+        settings_.setValue(key, value);
+}
 
 void SettingsStore::writeFloat(const QString& key, float value) {
     // Stored as the double of the float: the shortest text of that double reads
     // back to the very same float.
-    settings_.setValue(key, static_cast<double>(value));
+    if (SharedStateAccess::writable())
+        settings_.setValue(key, static_cast<double>(value));
 }
 
-void SettingsStore::writeBool(const QString& key, bool value) { settings_.setValue(key, value); }
+void SettingsStore::writeBool(const QString& key, bool value) {
+    if (SharedStateAccess::writable())
+        settings_.setValue(key, value);
+}
 
 void SettingsStore::writeString(const QString& key, const QString& value) {
-    settings_.setValue(key, value);
+    if (SharedStateAccess::writable())
+        settings_.setValue(key, value);
 }
 
-void SettingsStore::remove(const QString& key) { settings_.remove(key); }
+void SettingsStore::remove(const QString& key) {
+    if (SharedStateAccess::writable())
+        settings_.remove(key);
+}
 
 bool SettingsStore::sync() {
+    if (!SharedStateAccess::writable())
+        return false;
     settings_.sync();
     return settings_.status() != QSettings::AccessError;
 }

@@ -14,6 +14,9 @@ namespace widmo {
 /// file was edited by hand, or written by another build). The typed readers turn
 /// such a value into 0, false or 0.0 instead of guessing.
 ///
+/// While the shared state is read-only (`SharedStateAccess`), writes are
+/// ignored and `sync` answers false: the values read stay those on disk.
+///
 /// Threading: main thread only.
 class SettingsStore {
 public:

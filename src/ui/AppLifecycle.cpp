@@ -6,6 +6,7 @@
 #include "core/AnalyzerFeatures.h"
 #include "core/ProgramCommandLine.h"
 #include "core/SettingsStore.h"
+#include "core/SharedStateAccess.h"
 #include "dsp/FFTManager.h"
 #include "engine/AnalyzerController.h"
 #include "engine/MainQueue.h"
@@ -80,7 +81,8 @@ std::unique_ptr<QSettings> AppLifecycle::restorationStore() {
 
 bool AppLifecycle::showMainWindow() {
     window_ = std::make_unique<QMainWindow>();
-    window_->setWindowTitle(QGuiApplication::applicationDisplayName());
+    window_->setWindowTitle(QGuiApplication::applicationDisplayName() +
+                            SharedStateAccess::titleSuffix());
     window_->setWindowIcon(ToolbarImages::applicationIcon());
     auto* screen = new MainScreen(defaults_, audio_, fftManager_, window_.get());
     mainScreen_ = screen;
@@ -104,6 +106,12 @@ bool AppLifecycle::showMainWindow() {
                     leaveForeground();
             });
     window_->show();
+    if (!SharedStateAccess::writable()) {
+        const QString why = SharedStateAccess::explanation();
+        std::fprintf(stderr, "%s: %s\n", qPrintable(QCoreApplication::applicationName()),
+                     qPrintable(why));
+        MainQueue::async([why] { MessageDialogs::showMessage(why, QStringLiteral("OK")); }, this);
+    }
     // The first activation: a bare X server without a window manager never
     // reports the window as active.
     MainQueue::async([this] { enterForeground(); }, this);
@@ -126,6 +134,10 @@ void AppLifecycle::enterForeground() {
 }
 
 void AppLifecycle::prepareToQuit() {
+    if (mainScreen_ && !SharedStateAccess::writable()) {
+        mainScreen_->stopAnalyzerWithRefreshButtonsEnable(false);
+        return; // the settings, the screen's state and the temporary files are another copy's
+    }
     if (mainScreen_) {
         mainScreen_->stopAnalyzerWithRefreshButtonsEnable(false);
         const std::unique_ptr<QSettings> store = restorationStore();
@@ -190,6 +202,7 @@ int AppLifecycle::run(int argc, char** argv, const AnalyzerFeatures& features,
     QGuiApplication::setDesktopFileName(applicationName);
     QApplication::setWindowIcon(ToolbarImages::applicationIcon());
     quitOnTerminationSignals(&app);
+    SharedStateAccess::acquire(applicationName);
 
     // Every FFT size planned (and the large ones refined) on a thread of its
     // own, the current size first: the analysis never stops to plan, and a
@@ -246,6 +259,7 @@ int AppLifecycle::run(int argc, char** argv, const AnalyzerFeatures& features,
     // gone, and the settings and the screen's state are written and synced.
     // The process ends here without the destructors of static objects, which
     // hold nothing that still needs releasing.
+    SharedStateAccess::release(); // the lock file goes: the next start needs no stale-lock check
     std::fflush(nullptr);
     std::_Exit(status);
 }
