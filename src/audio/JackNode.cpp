@@ -1,6 +1,7 @@
 #include "audio/JackNode.h"
 
 #include "engine/JackNodeDelegate.h"
+#include "engine/MainQueue.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
@@ -341,8 +342,7 @@ void JackNode::audioUnitPropertyChanged() {
 }
 
 void JackNode::postUpdateStateNotification() {
-    QMetaObject::invokeMethod(
-        this, [this] { emit transportStateChangedNotification(); }, Qt::QueuedConnection);
+    MainQueue::async([this] { emit transportStateChangedNotification(); }, this);
 }
 
 void JackNode::appHasGoneInBackground() {

@@ -10,7 +10,9 @@
 #include <QStandardPaths>
 #include <QtGlobal>
 
+#include <cerrno>
 #include <cmath>
+#include <cstring>
 #include <functional>
 #include <limits>
 
@@ -82,22 +84,35 @@ QString LastSessionFile::defaultPath() {
     return QDir(folder).filePath(QLatin1String(kFileName));
 }
 
-bool LastSessionFile::write(const QString& path, const float* samples, int64_t count) {
+bool LastSessionFile::write(const QString& path, const float* samples, int64_t count,
+                            QString* error) {
     // QSaveFile writes a temporary file beside `path` and renames it over
     // `path` on commit; until then the old file stays as it was.
     QSaveFile file(path);
     if (!file.open(QIODevice::WriteOnly)) {
         qWarning("error %d from %s", static_cast<int>(file.error()), "QSaveFile::open");
+        if (error)
+            *error = file.errorString();
         return false;
     }
     const auto bytes = count * static_cast<int64_t>(sizeof(float));
     if (file.write(reinterpret_cast<const char*>(samples), bytes) != bytes) {
-        qWarning("error %d from %s", static_cast<int>(file.error()), "QSaveFile::write");
+        // A short write on a full disk may leave no error on the device; the
+        // system's errno still names the cause.
+        const int cause = errno;
+        const QString reason = file.error() != QFileDevice::NoError
+                                   ? file.errorString()
+                                   : QString::fromLocal8Bit(std::strerror(cause));
+        qWarning("%s could not be written: %s", qPrintable(path), qPrintable(reason));
+        if (error)
+            *error = reason;
         file.cancelWriting();
         return false;
     }
     if (!file.commit()) {
         qWarning("error %d from %s", static_cast<int>(file.error()), "QSaveFile::commit");
+        if (error)
+            *error = file.errorString();
         return false;
     }
     return true;

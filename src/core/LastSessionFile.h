@@ -61,9 +61,10 @@ public:
     static QString defaultPath();
 
     /// Writes `count` samples to `path` through a temporary file renamed over
-    /// it. False, with an "error %d from %s" log, when anything fails; the old
-    /// file is then untouched.
-    static bool write(const QString& path, const float* samples, int64_t count);
+    /// it. False, with an "error %d from %s" log and the reason in `error`
+    /// (when given), when anything fails; the old file is then untouched.
+    static bool write(const QString& path, const float* samples, int64_t count,
+                      QString* error = nullptr);
 
     enum class ReadResult {
         Ok,

@@ -14,6 +14,7 @@
 #include "engine/SpectrogramViewInterface.h"
 
 #include <QDir>
+#include <QPointer>
 #include <QStandardPaths>
 #include <QtGlobal>
 
@@ -598,6 +599,20 @@ void AnalyzerController::stopRecorder() {
     if (chartView_ != nullptr) {
         chartView_->setNeedsDisplayWithSubviews();
     }
+}
+
+void AnalyzerController::afterQueuedAnalysis(std::function<void()> block, QObject* context) {
+    Q_ASSERT(MainQueue::isMainThread());
+    // The queue is serial: this task runs after every earlier one has ended.
+    QPointer<QObject> guard(context);
+    mAnalyzerQueue1->async([block = std::move(block), guard]() mutable {
+        MainQueue::async(
+            [block = std::move(block), guard] {
+                if (guard)
+                    block();
+            },
+            nullptr);
+    });
 }
 
 void AnalyzerController::startPlayer(std::function<void(bool)> completion) {

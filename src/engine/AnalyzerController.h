@@ -169,6 +169,11 @@ public:
     void startRecorder(std::function<void(bool)> completion);
     /// Stops recording (only while recording).
     void stopRecorder();
+    /// Runs `block` on the main thread once analysis queue 1 has finished
+    /// every task queued before this call (a processing task of the intervals
+    /// that arrived before a stop reads the geometry to its end). Dropped with
+    /// `context`. Main thread.
+    void afterQueuedAnalysis(std::function<void()> block, QObject* context);
     /// Plays the document (`DocumentPlayer::start`).
     void startPlayer(std::function<void(bool)> completion);
     /// Stops playback (only while playing).

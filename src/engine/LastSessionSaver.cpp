@@ -15,9 +15,11 @@
 namespace widmo {
 
 LastSessionSaver::LastSessionSaver(AnalyzerDefaults& defaults, AnalyzerController& engine,
-                                   QString path, StoreFactory storeFactory, WrittenHook written)
+                                   QString path, StoreFactory storeFactory, WrittenHook written,
+                                   FailedHook failed)
     : defaults_(defaults), engine_(engine), path_(std::move(path)),
       storeFactory_(std::move(storeFactory)), written_(std::move(written)),
+      failed_(std::move(failed)),
       queue_(std::make_unique<DispatchQueue>("org.widmo.lastSessionSaver")) {
     timer_.setInterval(kPeriod);
     QObject::connect(&timer_, &QTimer::timeout, [this] { saveInBackground(); });
@@ -88,9 +90,14 @@ void LastSessionSaver::save(const Request& r) {
         QFile::remove(path_);
         return;
     }
-    if (!LastSessionFile::write(path_, mirror_.data(), r.capacity)) {
+    QString reason;
+    if (!LastSessionFile::write(path_, mirror_.data(), r.capacity, &reason)) {
+        if (!failing_ && failed_)
+            failed_(path_, reason);
+        failing_ = true;
         return;
     }
+    failing_ = false;
     if (written_) {
         written_(path_);
     }

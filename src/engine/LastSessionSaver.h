@@ -48,13 +48,18 @@ public:
     /// Called on the saver's thread after each successful write of the file
     /// (the application marks it as excluded from backups).
     using WrittenHook = std::function<void(const QString& path)>;
+    /// Called on the saver's thread when a periodic save could not write the
+    /// file (a full disk), once until a save succeeds again; `reason` is the
+    /// system's. The previous file stays as it was.
+    using FailedHook = std::function<void(const QString& path, const QString& reason)>;
 
     /// Time between two saves while recording.
     static constexpr std::chrono::milliseconds kPeriod{5000};
 
     /// `defaults` and `engine` must outlive the saver. Main thread.
     LastSessionSaver(AnalyzerDefaults& defaults, AnalyzerController& engine, QString path,
-                     StoreFactory storeFactory, WrittenHook written = nullptr);
+                     StoreFactory storeFactory, WrittenHook written = nullptr,
+                     FailedHook failed = nullptr);
     /// Finishes a running save.
     ~LastSessionSaver();
     LastSessionSaver(const LastSessionSaver&) = delete;
@@ -101,6 +106,7 @@ private:
     const QString path_;
     StoreFactory storeFactory_;
     WrittenHook written_;
+    FailedHook failed_;
     QTimer timer_;
     std::atomic<bool> pending_{false};
     std::atomic<int64_t> savesCompleted_{0};
@@ -110,6 +116,7 @@ private:
     std::vector<float> mirror_;
     int64_t mirrorGeneration_ = -1;
     int64_t copiedUpTo_ = 0;
+    bool failing_ = false; // the newest save failed and was reported
     std::unique_ptr<DispatchQueue> queue_;
 };
 

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <thread>
 
 // The column loops are compiled for AVX-512, AVX2 and the baseline, the
 // loader picking the widest the processor has, as in the vector helpers of
@@ -196,10 +197,18 @@ void SpectrogramScrollViewSegment::clearImageData() {
 }
 
 void SpectrogramScrollViewSegment::resetWrite() {
-    writeIndex_.store(0, std::memory_order_release);
+    // The pixels are not cleared: every column is written whole (all rows but
+    // the top one, which keeps the clear colour) before `writeIndex` publishes
+    // it, and nothing past `writeIndex` is uploaded or drawn.
+    writeIndex_.store(0, std::memory_order_seq_cst);
     // The texture still holds the old picture: none of it is shown any more.
     uploadedColumns_.store(0, std::memory_order_release);
-    clearImageData();
+    // An upload that read the old `writeIndex` may still be copying the old
+    // lap's columns; column 0 is rewritten only after it (a few
+    // milliseconds, and only when the main thread fell a whole turn of the
+    // ring behind). Paired with the readers' count taken before their load.
+    while (uploadReaders_.load(std::memory_order_seq_cst) != 0)
+        std::this_thread::yield();
 }
 
 const FFTSpectrumParameters& SpectrogramScrollViewSegment::parametersAtIndex(int32_t column) const {
@@ -309,7 +318,8 @@ void SpectrogramScrollViewSegment::addFFTdata(const float* values, int64_t inter
 
 void SpectrogramScrollViewSegment::createGLTexture() {
     Q_ASSERT(MainQueue::isMainThread());
-    // What the upload holds: every column written before this point.
+    // The whole image is read: only while nothing writes (a new or cleared
+    // segment; see the class comment).
     const int32_t columns = writeIndex_.load(std::memory_order_acquire);
     uploadCount_.fetch_add(1, std::memory_order_acq_rel);
     uploadedColumns_.store(columns, std::memory_order_release);
@@ -329,27 +339,44 @@ void SpectrogramScrollViewSegment::createGLTexture() {
 
 void SpectrogramScrollViewSegment::uploadNewColumns() {
     Q_ASSERT(MainQueue::isMainThread());
-    // OpenGL ES 2 cannot unpack a part of each row: the whole image goes.
-    if (!context_.isNull() && context_->isOpenGLES() && context_->format().majorVersion() < 3) {
-        createGLTexture();
-        return;
-    }
-    const int32_t to = writeIndex_.load(std::memory_order_acquire);
+    // Counted before `writeIndex` is read, so that a reset of this segment
+    // waits until the columns read here are no longer being read.
+    uploadReaders_.fetch_add(1, std::memory_order_seq_cst);
+    const int32_t to = writeIndex_.load(std::memory_order_seq_cst);
     int32_t from = uploadedColumns_.load(std::memory_order_acquire);
     if (from > to)
         from = 0; // reset since the last upload
     uploadCount_.fetch_add(1, std::memory_order_acq_rel);
     uploadedColumns_.store(to, std::memory_order_release);
-    if (from == to || textureName_ == 0 || context_.isNull() ||
-        GLView::makeSharedContextCurrent() == nullptr)
-        return;
+    if (from != to && textureName_ != 0 && !context_.isNull() &&
+        GLView::makeSharedContextCurrent() != nullptr)
+        uploadColumns(from, to);
+    uploadReaders_.fetch_sub(1, std::memory_order_seq_cst);
+}
+
+void SpectrogramScrollViewSegment::uploadColumns(int32_t from, int32_t to) {
     QOpenGLFunctions* f = context_->functions();
+    const auto width = static_cast<size_t>(to - from);
     f->glBindTexture(GL_TEXTURE_2D, textureName_);
     f->glPixelStorei(GL_UNPACK_ALIGNMENT, 4);
-    f->glPixelStorei(GL_UNPACK_ROW_LENGTH, segmentSize_);
-    f->glTexSubImage2D(GL_TEXTURE_2D, 0, from, 0, to - from, rows_, GL_RGBA, GL_UNSIGNED_BYTE,
-                       mImageData.data() + static_cast<size_t>(from) * 4);
-    f->glPixelStorei(GL_UNPACK_ROW_LENGTH, 0);
+    if (context_->isOpenGLES() && context_->format().majorVersion() < 3) {
+        // OpenGL ES 2 cannot unpack a part of each row: the published columns
+        // are gathered first (never the one being written).
+        uploadScratch_.resize(width * static_cast<size_t>(rows_) * 4);
+        const size_t stride = static_cast<size_t>(segmentSize_) * 4;
+        for (int32_t r = 0; r < rows_; ++r)
+            std::memcpy(uploadScratch_.data() + static_cast<size_t>(r) * width * 4,
+                        mImageData.data() + static_cast<size_t>(r) * stride +
+                            static_cast<size_t>(from) * 4,
+                        width * 4);
+        f->glTexSubImage2D(GL_TEXTURE_2D, 0, from, 0, to - from, rows_, GL_RGBA, GL_UNSIGNED_BYTE,
+                           uploadScratch_.data());
+    } else {
+        f->glPixelStorei(GL_UNPACK_ROW_LENGTH, segmentSize_);
+        f->glTexSubImage2D(GL_TEXTURE_2D, 0, from, 0, to - from, rows_, GL_RGBA, GL_UNSIGNED_BYTE,
+                           mImageData.data() + static_cast<size_t>(from) * 4);
+        f->glPixelStorei(GL_UNPACK_ROW_LENGTH, 0);
+    }
     f->glBindTexture(GL_TEXTURE_2D, 0);
 }
 

@@ -57,14 +57,18 @@ struct SpectrogramColorRamp {
 /// means new segments.
 ///
 /// Threading: `addFFTdata` and `resetWrite` run on the analysis queue (one
-/// writer); they write only the pixels and records of the columns being
+/// writer); they write only the pixels and records of the column being
 /// written and post the upload to the main thread. Everything else, and every
 /// GL call, runs on the main thread. `writeIndex`, `position`, the upload
 /// counters are atomics (release on write, acquire on read): a record or a
 /// column is complete when `writeIndex` has passed it. An upload reads only
-/// complete columns, never the one being written. A reset clears the image
-/// while no upload of the segment can be queued in practice (the segment has
-/// been full and shown for a whole turn of the ring).
+/// complete columns, never the one being written. A reset does not touch the
+/// pixels; it publishes `writeIndex` 0 and then waits until no upload that
+/// may have read the old index is still copying (the readers' count is taken
+/// before the index is read, both sequentially consistent), so that the next
+/// lap never writes a column an upload reads. `clearData` and
+/// `createGLTexture` read or write the whole image: only while nothing writes
+/// (the engine stopped, or a segment not yet in the ring).
 class SpectrogramScrollViewSegment {
 public:
     /// Columns between two throttled uploads.
@@ -144,6 +148,8 @@ public:
 
 private:
     void writeColumn(const float* values, uint8_t* pixels);
+    /// Copies columns from .. to - 1 into the bound texture. Main thread.
+    void uploadColumns(int32_t from, int32_t to);
 
     const AnalyzerDefaults& defaults_;
     const SpectrogramColorRamp& ramp_;
@@ -158,6 +164,8 @@ private:
     std::atomic<int64_t> firstInterval_{-1};
     std::atomic<int32_t> uploadedColumns_{0};
     std::atomic<int64_t> uploadCount_{0};
+    std::atomic<int32_t> uploadReaders_{0}; // uploads between reading writeIndex and the copy's end
+    std::vector<uint8_t> uploadScratch_;    // OpenGL ES 2: the columns of one upload, packed
     QPointer<QOpenGLContext> context_;
     // Scratch for one column, allocated once: levels, then packed colours.
     std::vector<float> levels_;

@@ -6,15 +6,19 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QStandardPaths>
+#include <QTemporaryFile>
 
 #include <sndfile.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstring>
 #include <vector>
 
+#include <sys/stat.h>
 #include <sys/xattr.h>
+#include <unistd.h>
 
 namespace widmo {
 
@@ -66,33 +70,60 @@ void AppFolders::excludeFromBackupURL(const QUrl& url) {
 }
 
 bool AppFolders::writeAudioDataToFileURL(const AnalyzerDefaults& defaults, const QUrl& url,
-                                         bool overwrite) {
+                                         bool overwrite, QString* error) {
     const QString path = url.toLocalFile();
     if (!overwrite && QFileInfo::exists(path))
         return false;
+    const auto fail = [&](const QString& reason) {
+        qWarning("%s could not be written: %s", qPrintable(path), qPrintable(reason));
+        if (error)
+            *error = reason;
+        return false;
+    };
+    // Written under a temporary name beside the target and renamed over it at
+    // the end: a full disk leaves the previous file, never half a new one.
+    QTemporaryFile part(path + QStringLiteral(".XXXXXX.part"));
+    if (!part.open())
+        return fail(part.errorString());
+    // The permissions a newly created file gets (a temporary file is private).
+    const mode_t mask = ::umask(0);
+    ::umask(mask);
+    ::fchmod(part.handle(), 0666 & ~mask);
     SF_INFO info{};
     info.samplerate = int(std::lround(defaults.sampleRate()));
     info.channels = 1;
     info.format = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
-    SNDFILE* file = sf_open(QFile::encodeName(path).constData(), SFM_WRITE, &info);
-    if (file == nullptr) {
-        qWarning("error %d from %s", sf_error(nullptr), "sf_open");
-        return true;
-    }
+    // libsndfile writes through its own descriptor; QTemporaryFile keeps the
+    // name and removes the file unless it is renamed.
+    SNDFILE* file = sf_open_fd(part.handle(), SFM_WRITE, &info, SF_FALSE);
+    if (file == nullptr)
+        return fail(QString::fromUtf8(sf_strerror(nullptr)));
     const std::vector<float>& store = defaults.audioBuffersData();
     const int64_t frames = defaults.intervalSizeInFrames();
     const int64_t ringFrames = frames * defaults.audioBuffersIntervalsCount();
     const int64_t last = defaults.actualInterval();
+    QString writeError;
     if (frames > 0 && ringFrames > 0 && int64_t(store.size()) >= ringFrames) {
         for (int64_t k = std::max<int64_t>(last - defaults.spectrogramWidth(), 0); k < last; ++k) {
             const int64_t start = (k * frames) % ringFrames;
             if (sf_writef_float(file, store.data() + start, frames) != frames) {
-                qWarning("error %d from %s", sf_error(file), "sf_writef_float");
+                writeError = QString::fromUtf8(sf_strerror(file));
                 break;
             }
         }
     }
-    sf_close(file);
+    // The header's sizes are written at close; a full disk shows there too.
+    sf_write_sync(file);
+    if (sf_close(file) != 0 && writeError.isEmpty())
+        writeError = QStringLiteral("the file could not be completed");
+    if (writeError.isEmpty() && ::fsync(part.handle()) != 0)
+        writeError = QString::fromLocal8Bit(std::strerror(errno));
+    if (!writeError.isEmpty())
+        return fail(writeError);
+    QFile::remove(path);
+    if (!part.rename(path))
+        return fail(part.errorString());
+    part.setAutoRemove(false);
     return true;
 }
 

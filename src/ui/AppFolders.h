@@ -36,11 +36,13 @@ public:
     /// Writes the samples the spectrogram shows as a WAV file (mono, 32-bit
     /// float, at the document's rate): the intervals max(actualInterval -
     /// spectrogramWidth, 0) .. actualInterval - 1 of the ring store, oldest
-    /// first. False only when the file exists and `overwrite` is false; any
-    /// other failure is logged and still answers true. Main thread, engine
-    /// stopped (the store must not change while it is written).
+    /// first, through a temporary file renamed over the target. False when the
+    /// file exists and `overwrite` is false (`error` untouched), or when the
+    /// file could not be written (a full disk: `error` says why, and an older
+    /// file of that name is kept). Main thread, engine stopped (the store must
+    /// not change while it is written).
     static bool writeAudioDataToFileURL(const AnalyzerDefaults& defaults, const QUrl& url,
-                                        bool overwrite);
+                                        bool overwrite, QString* error = nullptr);
     /// Where an import of `source` is staged: "imported_recording" in the
     /// cache folder, with the source's suffix (libsndfile falls back on the
     /// suffix for formats without a header of their own, such as MP3).

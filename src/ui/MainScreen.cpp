@@ -7,6 +7,7 @@
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
 #include "core/LastSessionFile.h"
+#include "core/SharedStateAccess.h"
 #include "engine/AnalyzerController.h"
 #include "engine/LastSessionSaver.h"
 #include "engine/MainQueue.h"
@@ -26,6 +27,7 @@
 #include "ui/ViewArrangement.h"
 
 #include <QApplication>
+#include <QDir>
 #include <QDragEnterEvent>
 #include <QDropEvent>
 #include <QGuiApplication>
@@ -84,12 +86,23 @@ void MainScreen::setupEnvironment() {
     audio_.setMainScreen(this);
     audio_.setMessages(&messages_);
     MessageDialogs::setMainScreen(this);
-    if (defaults_.features().featureSpectrogramEnabled()) {
+    // A copy that may not write the shared state keeps no last-session file:
+    // the file and its keys belong to the copy that owns them.
+    if (defaults_.features().featureSpectrogramEnabled() && SharedStateAccess::writable()) {
         sessionSaver_ = std::make_unique<LastSessionSaver>(
             defaults_, *analyzerController_, LastSessionFile::defaultPath(),
             [] { return AppLifecycle::restorationStore(); },
             [](const QString& path) {
                 AppFolders::excludeFromBackupURL(QUrl::fromLocalFile(path));
+            },
+            [this](const QString& path, const QString& reason) {
+                const QString text =
+                    QStringLiteral("The recording cannot be kept for recovery: %1 could not be "
+                                   "written (%2). The recording goes on; the previous copy is "
+                                   "kept.")
+                        .arg(QDir::toNativeSeparators(path), reason);
+                MainQueue::async(
+                    [this, text] { messages_.showMessage(text, QStringLiteral("OK")); }, this);
             });
         analyzerController_->setSessionSaver(sessionSaver_.get());
     }
@@ -356,14 +369,26 @@ void MainScreen::stopAnalyzerAndRunBlock(std::function<void()> block) {
     defaults_.setDataValid(false);
     blockButtonsForRebuild();
     stopAnalyzerWithRefreshButtonsEnable(false);
-    MainQueue::asyncAfter(std::chrono::milliseconds(wait), std::move(block), &delayedContext_);
+    whenStopped(wait, std::move(block));
 }
 
 void MainScreen::stopAnalyzerWithoutBlockButtonsAndRunBlock(std::function<void()> block) {
     const bool running = audio_.isPlaying() || audio_.isRecording();
     const int wait = running ? kStopWaitRunningMs : kStopWaitIdleMs;
     stopAnalyzerWithRefreshButtonsEnable(true);
-    MainQueue::asyncAfter(std::chrono::milliseconds(wait), std::move(block), &delayedContext_);
+    whenStopped(wait, std::move(block));
+}
+
+void MainScreen::whenStopped(int waitMs, std::function<void()> block) {
+    // The pause lets the sound server's last callbacks end; the analysis of
+    // the intervals they brought may still run and is waited for too, since
+    // the block may change the geometry it reads.
+    MainQueue::asyncAfter(
+        std::chrono::milliseconds(waitMs),
+        [this, block = std::move(block)]() mutable {
+            analyzerController_->afterQueuedAnalysis(std::move(block), &delayedContext_);
+        },
+        &delayedContext_);
 }
 
 void MainScreen::blockButtonsForRebuild() {
@@ -622,7 +647,7 @@ void MainScreen::restoreScreenState(const QSettings& store) {
         QLatin1String(AnalyzerDefaults::kVersionTag))
         return;
     const AnalyzerFeatures& features = defaults_.features();
-    if (features.featureSpectrogramEnabled())
+    if (features.featureSpectrogramEnabled() && SharedStateAccess::writable())
         LastSessionFile::restore(store, LastSessionFile::defaultPath(), defaults_);
     if (features.featureSecondChartEnabled() && store.contains(QLatin1String(kTypeOfChartKey))) {
         bool ok = false;

@@ -201,6 +201,8 @@ protected:
     void dropEvent(QDropEvent* event) override;
 
 private:
+    /// Runs `block` after `waitMs` and once the analysis queued before has ended.
+    void whenStopped(int waitMs, std::function<void()> block);
     void commonSetup();
     void setupEnvironment();
     void addShortcuts();

@@ -11,6 +11,7 @@
 
 #include <QClipboard>
 #include <QDesktopServices>
+#include <QDir>
 #include <QFile>
 #include <QFileDialog>
 #include <QGuiApplication>
@@ -194,11 +195,21 @@ bool ShareSheet::writeExportFile(const QString& path) {
         if (!file.open(QIODevice::WriteOnly) ||
             !arrangement_.imageOfViewOnScreen().save(&file, "PNG") || !file.commit()) {
             qWarning("error %d from %s", int(file.error()), "QSaveFile");
+            MessageDialogs::showMessage(
+                QStringLiteral("The picture could not be exported to %1: %2.")
+                    .arg(QDir::toNativeSeparators(path), file.errorString()),
+                QStringLiteral("OK"));
             return false;
         }
         return true;
     }
-    AppFolders::writeAudioDataToFileURL(defaults_, QUrl::fromLocalFile(path), true);
+    QString error;
+    if (!AppFolders::writeAudioDataToFileURL(defaults_, QUrl::fromLocalFile(path), true, &error)) {
+        MessageDialogs::showMessage(QStringLiteral("The recording could not be exported to %1: %2.")
+                                        .arg(QDir::toNativeSeparators(path), error),
+                                    QStringLiteral("OK"));
+        return false;
+    }
     return true;
 }
 
@@ -253,7 +264,10 @@ void ShareSheet::openInAnotherApp() {
     const bool image = defaults_.typeOfExportImport() == 1;
     const QUrl url = AppFolders::urlInTempWithFileName(image ? QStringLiteral("chart.png")
                                                              : QStringLiteral("recording.wav"));
-    writeExportFile(url.toLocalFile());
+    if (!writeExportFile(url.toLocalFile())) {
+        host_.refreshTransport(true);
+        return;
+    }
     AppFolders::excludeFromBackupURL(url);
     if (!QDesktopServices::openUrl(url)) {
         MessageDialogs::showMessage(
@@ -340,13 +354,12 @@ void ShareSheet::importAudioFile(const QString& stagedPath, double timeLength,
                     if (percent == shown)
                         return;
                     shown = percent;
-                    QMetaObject::invokeMethod(
-                        this,
+                    MainQueue::async(
                         [this, percent] {
                             arrangement_.setWaitText(
                                 QStringLiteral("Please wait... %1%").arg(percent));
                         },
-                        Qt::QueuedConnection);
+                        this);
                 },
                 &importCancel_);
             MainQueue::async(

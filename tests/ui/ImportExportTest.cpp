@@ -17,7 +17,10 @@
 #include <QToolButton>
 
 #include <sndfile.h>
+#include <sys/resource.h>
 #include <unistd.h>
+
+#include <csignal>
 
 #include <cmath>
 #include <cstring>
@@ -98,6 +101,36 @@ TEST(ImportExportFiles, wavExportHoldsTheShownIntervalsBitForBit) {
                       0)
                 << "interval " << k;
     }
+
+    // A disk that fills up during the export (a file-size limit makes the
+    // writes fail the same way): false with the system's reason, the file
+    // exported before is kept whole, and no temporary file is left.
+    const QString path = dir.filePath(QStringLiteral("out.wav"));
+    const QByteArray before = [&] {
+        QFile f(path);
+        return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+    }();
+    ASSERT_GT(before.size(), 1 << 16);
+    struct rlimit saved {};
+    getrlimit(RLIMIT_FSIZE, &saved);
+    struct sigaction ignore {
+    }, previous{};
+    ignore.sa_handler = SIG_IGN;
+    sigaction(SIGXFSZ, &ignore, &previous);
+    struct rlimit small = saved;
+    small.rlim_cur = 1 << 16;
+    setrlimit(RLIMIT_FSIZE, &small);
+    QString error;
+    const bool written =
+        AppFolders::writeAudioDataToFileURL(defaults, QUrl::fromLocalFile(path), true, &error);
+    setrlimit(RLIMIT_FSIZE, &saved);
+    sigaction(SIGXFSZ, &previous, nullptr);
+    EXPECT_FALSE(written);
+    EXPECT_FALSE(error.isEmpty());
+    QFile kept(path);
+    ASSERT_TRUE(kept.open(QIODevice::ReadOnly));
+    EXPECT_TRUE(kept.readAll() == before);
+    EXPECT_EQ(QDir(dir.path()).entryList(QDir::Files), QStringList{QStringLiteral("out.wav")});
 }
 
 // The studio on the test servers, with a folder of files to import.
