@@ -137,6 +137,7 @@ void AudioSession::finishStart(bool recording, std::function<void(bool)> complet
             // The first cycles after a start are dropped while the device settles:
             // 7 at 44.1 and 48 kHz, 15 at 96 kHz.
             renderCycles_.store(0, std::memory_order_release);
+            droppedBlocks_.store(0, std::memory_order_release);
             skipThreshold_.store(int32_t(double(defaults_.sampleRate()) * 7.0 / 44100.0),
                                  std::memory_order_release);
             isRecording_.store(true, std::memory_order_release);
@@ -167,6 +168,10 @@ void AudioSession::stop() {
     mWillPlay_.store(false, std::memory_order_release);
     tooSlowTimer_.stop();
     stopAudioUnits();
+    if (const int64_t dropped = droppedBlocks(); dropped > 0)
+        qWarning("recording: %lld capture blocks dropped (the analysis fell a whole capture ring "
+                 "behind)",
+                 static_cast<long long>(dropped));
     if (playing)
         setPreferredInput(lastPortBeforePlaying_);
 }
@@ -344,8 +349,10 @@ void AudioSession::inputAvailable(int32_t frames) {
     // over data not yet delivered.
     const int32_t next = (ring_.actualBuffer() + 1) % kCaptureBufferCount;
     DeliveryTask& task = deliveries_[size_t(next)];
-    if (task.queued.load(std::memory_order_acquire))
+    if (task.queued.load(std::memory_order_acquire)) {
+        droppedBlocks_.fetch_add(1, std::memory_order_acq_rel);
         return;
+    }
     // Render before moving the ring on: a cycle whose stream delivered nothing
     // leaves no empty slot behind, so blocks stay in consecutive slots.
     float* buffer = ring_.buffer(next);

@@ -188,6 +188,10 @@ public:
     /// first cycles whose input is dropped: trunc(sampleRate * 7 / 44100).
     int64_t renderCycleCounter() const { return renderCycles_.load(std::memory_order_acquire); }
     int32_t startupSkipThreshold() const { return skipThreshold_.load(std::memory_order_acquire); }
+    /// Capture blocks of the running (or last) recording that were dropped
+    /// because the delivery queue was a whole ring behind (the analysis could
+    /// not keep up); logged when the recording stops. Any thread.
+    int64_t droppedBlocks() const { return droppedBlocks_.load(std::memory_order_acquire); }
 
     /// Where failures are reported: the main screen stops the analyser, the
     /// alert helper tells the user. Either may be null; without a main screen
@@ -261,6 +265,7 @@ private:
 
     // Shared with the audio thread's callbacks.
     std::atomic<int64_t> renderCycles_{0};
+    std::atomic<int64_t> droppedBlocks_{0};
     std::atomic<int32_t> skipThreshold_{0};
     std::atomic<bool> outputRunning_{false};
     std::array<DeliveryTask, CaptureBufferRing::kBufferCount> deliveries_;
