@@ -5,9 +5,10 @@
 #
 #   scripts/test.sh           release build in build/, every test
 #   scripts/test.sh --asan    AddressSanitizer + UBSan build in build-asan/, every test
-#   scripts/test.sh --tsan    ThreadSanitizer build in build-tsan/, the headless
-#                             subsystems, audio and the batch command (labels core,
-#                             dsp, engine, audio, batch)
+#   scripts/test.sh --tsan    ThreadSanitizer build in build-tsan/: the subsystems'
+#                             tests, drawing included (labels core, dsp, engine,
+#                             audio, batch, render, charts), and the main screen's
+#                             tests that record, play and rebuild (ui)
 #   scripts/test.sh --pipewire  release build in build/, the tests that use the
 #                             sound server (labels audio and app) against PipeWire
 #                             with pipewire-pulse and WirePlumber instead of PulseAudio
@@ -19,6 +20,7 @@ root="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 cd "$root"
 
 mode=release
+tsan_ui=
 if [ $# -gt 0 ]; then
     case "$1" in
         --asan) mode=asan; shift ;;
@@ -55,7 +57,12 @@ case "$mode" in
         dir=build-tsan
         cmake_args+=(-DCMAKE_BUILD_TYPE=RelWithDebInfo -DWIDMO_TSAN=ON -DWIDMO_BUILD_BENCHMARKS=OFF)
         export TSAN_OPTIONS="halt_on_error=1:second_deadlock_stack=1:suppressions=$root/scripts/tsan.supp"
-        ctest_args+=(-L '^(core|dsp|engine|audio|batch)$') ;;
+        ctest_args+=(-L '^(core|dsp|engine|audio|batch|render|charts)$')
+        # Of the screens' tests, those whose threads meet: recording into the
+        # chart and the spectrogram, playback and recalculation, and stops
+        # followed by a rebuild. The others are single-threaded widget tests
+        # whose waits are sized for an uninstrumented build.
+        tsan_ui='MainScreenTest\.(startWithTone|studioSpectrogram|settingsCloseWithNewFftSizeOrRate|leavingForeground)' ;;
 esac
 
 cmake -S . -B "$dir" "${cmake_args[@]}"
@@ -67,3 +74,6 @@ trap services_stop EXIT
 services_start
 
 ctest --test-dir "$dir" -j2 "${ctest_args[@]}" "$@"
+if [ -n "${tsan_ui:-}" ]; then
+    ctest --test-dir "$dir" --output-on-failure --timeout 600 -L '^ui$' -R "$tsan_ui" "$@"
+fi

@@ -161,7 +161,7 @@ TEST_F(ChartViewTest, oneBinPeak_amongBinsOfOneColumn_drawnAtFullHeight) {
 // given and none while no new interval comes.
 TEST_F(ChartViewTest, runningSpectrum_drawsOnlyWhenDataComes) {
     view_->setAnalyzerRunning(true);
-    ASSERT_TRUE(QTest::qWaitFor([&] { return chart()->isFrameDriverPaused(); }, 3000));
+    ASSERT_TRUE(QTest::qWaitFor([&] { return chart()->isFrameDriverPaused(); }, 10000));
     const int64_t settled = chart()->drawnFrameCount();
     QTest::qWait(300);
     EXPECT_EQ(chart()->drawnFrameCount(), settled) << "frames without new data";
