@@ -11,10 +11,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstring>
 #include <memory>
 #include <numbers>
+#include <thread>
 #include <vector>
 
 using widmo::FFTManager;
@@ -164,6 +166,48 @@ TEST(SpectrogramSegment, uploadThrottle) {
     segment.resetWrite();
     EXPECT_EQ(segment.uploadedColumns(), 0);
     EXPECT_EQ(segment.writeIndex(), 0);
+}
+
+// The analysis writes lap after lap into one segment (reset when full, as the
+// ring does) while the main thread uploads what it publishes: every column a
+// lap published holds that lap's colour, whole, and the thread checker sees
+// no upload read a column being written or reset.
+TEST(SpectrogramSegment, lapsWrittenWhileUploadsRun_columnsStayWhole) {
+    auto d = spectrogramDocument();
+    SpectrogramColorRamp ramp;
+    ASSERT_TRUE(SpectrogramColorRamp::forColorType(0, &ramp));
+    SpectrogramScrollViewSegment segment(*d, ramp);
+    const int32_t size = segment.segmentSize();
+    const auto rows = static_cast<size_t>(d->fftDisplaySize());
+    constexpr int kLaps = 40;
+    // Lap k writes -k * 3 dB in every row: a colour of its own per lap.
+    std::atomic<int> lapsDone{0};
+    std::thread writer([&] {
+        std::vector<float> column(rows);
+        for (int lap = 0; lap < kLaps; ++lap) {
+            std::fill(column.begin(), column.end(), -3.0f * static_cast<float>(lap));
+            for (int32_t c = 0; c < size; ++c)
+                segment.addFFTdata(column.data(), int64_t{lap} * size + c);
+            lapsDone.store(lap + 1, std::memory_order_release);
+            if (lap + 1 < kLaps)
+                segment.resetWrite();
+        }
+    });
+    while (lapsDone.load(std::memory_order_acquire) < kLaps)
+        QCoreApplication::processEvents();
+    writer.join();
+    drainMainQueue();
+    EXPECT_EQ(segment.uploadedColumns(), size);
+    EXPECT_GT(segment.uploadCount(), kLaps);
+    std::vector<float> last(rows, -3.0f * (kLaps - 1));
+    std::vector<float> scratch(rows);
+    std::vector<uint32_t> colors(rows);
+    SpectrogramScrollViewSegment::columnColors(*d, ramp, last.data(), scratch.data(),
+                                               colors.data());
+    for (int32_t c = 0; c < size; ++c)
+        for (int32_t r = 0; r + 1 < d->fftDisplaySize(); r += 97)
+            ASSERT_EQ(std::memcmp(pixel(segment, c, r).data(), &colors[size_t(r)], 4), 0)
+                << "column " << c << " row " << r;
 }
 
 // The ring: the oldest segment is reset, moves to the front and continues the
