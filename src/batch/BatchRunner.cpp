@@ -54,12 +54,16 @@ QString writeFile(const QString& path, const std::function<bool(QFile&)>& write)
     QFile file(part);
     if (!file.open(QIODevice::WriteOnly))
         return file.errorString();
-    const bool written = write(file);
-    const QString why = file.errorString();
+    // The buffer is flushed here, not in close, so that errno still holds the
+    // cause of a failed write (a full disk).
+    errno = 0;
+    const bool written = write(file) && file.flush();
+    const int cause = errno;
     file.close();
     if (!written || file.error() != QFileDevice::NoError) {
         file.remove();
-        return why.isEmpty() ? file.errorString() : why;
+        // The system's reason: Qt's text for a short write is "Unknown error".
+        return cause != 0 ? QString::fromLocal8Bit(std::strerror(cause)) : file.errorString();
     }
     if (std::rename(QFile::encodeName(part).constData(), QFile::encodeName(path).constData()) !=
         0) {
