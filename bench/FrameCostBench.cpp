@@ -12,6 +12,13 @@
 // Also the resident memory at the end of the run and whether the engine found
 // itself too slow (the spectrogram products' "too slow" message).
 //
+// The X server's CPU over the same stretch is reported beside the program's
+// (a program that draws with X requests makes the server do its work), and
+// their sum. The peer runs first: jaaa (Debian's JACK spectrum analyser,
+// drawing with Xlib) on the test JACK server at its defaults, fed by
+// jack_simple_client's tone, measured the same way; every Widmo case then
+// reports its total as a multiple of the peer's (ratio_to_jaaa).
+//
 // Arguments: product (0 widmo, 1 widmo-studio, 2 widmo-voice), case (0 the
 // defaults, 1 96 kHz with a 65,536-point FFT, 2 the spectrogram's worst case:
 // 384 kHz, 256-sample intervals, a 65,536-point FFT, 4,096 rows, 1,500 columns
@@ -118,6 +125,72 @@ std::map<std::string, double> secondsUsed(const std::map<QString, ThreadTime>& b
         used["total"] += seconds;
     }
     return used;
+}
+
+/// CPU time (user + system) of process `pid` in seconds; -1 when unreadable.
+double processSeconds(int pid) {
+    QFile statFile(QStringLiteral("/proc/%1/stat").arg(pid));
+    if (pid <= 0 || !statFile.open(QIODevice::ReadOnly))
+        return -1.0;
+    const QByteArray stat = statFile.readAll();
+    const QList<QByteArray> fields = stat.mid(stat.lastIndexOf(')') + 2).split(' ');
+    if (fields.size() < 13)
+        return -1.0;
+    return (fields[11].toDouble() + fields[12].toDouble()) /
+           static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+/// The process id of the test services' X server (Xvfb); -1 without it.
+int xServerPid() {
+    QFile file(qEnvironmentVariable("WIDMO_SERVICES_DIR") + QStringLiteral("/xvfb.pid"));
+    if (!file.open(QIODevice::ReadOnly))
+        return -1;
+    bool ok = false;
+    const int pid = file.readAll().trimmed().toInt(&ok);
+    return ok ? pid : -1;
+}
+
+/// The peer's total (program plus X server, per cent of one core), once measured.
+double gPeerTotalPct = -1.0;
+
+void BM_peerJaaa(benchmark::State& state) {
+    const int xServer = xServerPid();
+    if (xServer < 0 || !qEnvironmentVariableIsSet("JACK_DEFAULT_SERVER")) {
+        state.SkipWithError("needs the test services' X server and JACK server");
+        return;
+    }
+    const QString server = qEnvironmentVariable("JACK_DEFAULT_SERVER");
+    test::ChildProcess analyser;
+    test::ChildProcess toneClient;
+    if (!analyser.start(QStringLiteral("jaaa"),
+                        {QStringLiteral("-J"), QStringLiteral("-s"), server})) {
+        state.SkipWithError("jaaa did not start (Debian package jaaa)");
+        return;
+    }
+    QTest::qWait(2000);
+    toneClient.start(QStringLiteral("jack_simple_client"), {});
+    QTest::qWait(1000);
+    if (test::runTool(QStringLiteral("jack_connect"), {QStringLiteral("jack_simple_client:output1"),
+                                                       QStringLiteral("jaaa:in_1")}) != 0) {
+        state.SkipWithError("the tone could not be connected to jaaa");
+        return;
+    }
+    QTest::qWait(3000);
+    for (auto _ : state) {
+        const double programBefore = processSeconds(analyser.pid());
+        const double serverBefore = processSeconds(xServer);
+        QElapsedTimer wall;
+        wall.start();
+        QTest::qWait(static_cast<int>(kMeasureSeconds * 1000));
+        const double seconds = static_cast<double>(wall.nsecsElapsed()) / 1e9;
+        const double program = 100.0 * (processSeconds(analyser.pid()) - programBefore) / seconds;
+        const double xPct = 100.0 * (processSeconds(xServer) - serverBefore) / seconds;
+        state.SetIterationTime(seconds);
+        state.counters["cpu_program_pct"] = program;
+        state.counters["cpu_xserver_pct"] = xPct;
+        state.counters["cpu_with_xserver_pct"] = program + xPct;
+        gPeerTotalPct = program + xPct;
+    }
 }
 
 double percentile(std::vector<double> values, double p) {
@@ -234,16 +307,24 @@ void BM_mainScreenRecording(benchmark::State& state) {
     CompositionCounter compositions;
     window->installEventFilter(&compositions);
 
+    const int xServer = xServerPid();
     for (auto _ : state) {
         const auto before = threadSeconds();
+        const double serverBefore = processSeconds(xServer);
         QElapsedTimer wall;
         wall.start();
         QTest::qWait(static_cast<int>(measureSeconds * 1000));
         const double seconds = static_cast<double>(wall.nsecsElapsed()) / 1e9;
         const auto after = threadSeconds();
+        const double xPct = 100.0 * (processSeconds(xServer) - serverBefore) / seconds;
         state.SetIterationTime(seconds);
         for (const auto& [group, used] : secondsUsed(before, after))
             state.counters["cpu_" + group + "_pct"] = 100.0 * used / seconds;
+        const double total = state.counters["cpu_total_pct"] + xPct;
+        state.counters["cpu_xserver_pct"] = xPct;
+        state.counters["cpu_with_xserver_pct"] = total;
+        if (gPeerTotalPct > 0.0)
+            state.counters["ratio_to_jaaa"] = total / gPeerTotalPct;
         state.counters["compositions_per_s"] = compositions.count / seconds;
         state.counters["columns_per_s"] =
             static_cast<double>(defaults->sampleRate()) / defaults->intervalSizeInFrames();
@@ -274,6 +355,7 @@ void BM_mainScreenRecording(benchmark::State& state) {
 
 } // namespace
 
+BENCHMARK(BM_peerJaaa)->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
 BENCHMARK(BM_mainScreenRecording)
     ->ArgNames({"product", "size", "hidden"})
     ->ArgsProduct({{0, 1, 2}, {0, 1}, {1, 0}})

@@ -17,7 +17,7 @@
 # "restart MS" restarts the server), PULSE_SERVER, WIDMO_TEST_SINK, WIDMO_TEST_SOURCE,
 # WIDMO_TEST_SINK_192, WIDMO_TEST_SINK_384, DISPLAY, JACK_DEFAULT_SERVER,
 # WIDMO_SERVICES_DIR. The JACK server's process id is in
-# $WIDMO_SERVICES_DIR/jack.pid.
+# $WIDMO_SERVICES_DIR/jack.pid, the X server's in $WIDMO_SERVICES_DIR/xvfb.pid.
 
 WIDMO_SERVICES_DIR=""
 _widmo_pids=()
@@ -71,6 +71,7 @@ _start_xvfb() {
     Xvfb -displayfd 3 -screen 0 1280x800x24 -nolisten tcp -noreset +extension GLX \
         3>"$fdfile" >"$WIDMO_SERVICES_DIR/xvfb.log" 2>&1 &
     _widmo_pids+=($!)
+    echo $! >"$WIDMO_SERVICES_DIR/xvfb.pid" # the frame benchmark counts the server's CPU
     if ! _wait_for 10 test -s "$fdfile"; then
         _services_log "Xvfb did not start:"; cat "$WIDMO_SERVICES_DIR/xvfb.log" >&2
         return 1

@@ -126,6 +126,8 @@ public:
                const QString& inputFile = QString());
     /// Terminates the child and waits for it.
     void stop();
+    /// The child's process id; -1 when none runs.
+    int pid() const { return pid_; }
 
 private:
     int pid_ = -1;
