@@ -1,13 +1,13 @@
 #pragma once
 
-#include <QImage>
-
 #include <cstdint>
 #include <vector>
 
 class QIODevice;
 
 namespace widmo {
+
+class SpectrogramCanvas;
 
 /// Encodes a large image as an RGB PNG with its compression spread over
 /// threads: the rows are cut into stripes of `kStripeRows`, each stripe is
@@ -26,10 +26,8 @@ class PngStripeEncoder {
 public:
     static constexpr int kStripeRows = 32;
 
-    /// `image` must stay alive and unchanged until `write`. Any 32-bit
-    /// format whose bytes are r, g, b, x in memory (RGBX8888, RGBA8888); the
-    /// fourth byte is left out.
-    explicit PngStripeEncoder(const QImage& image);
+    /// `canvas` (its frame drawn) must stay alive and unchanged until `write`.
+    explicit PngStripeEncoder(const SpectrogramCanvas& canvas);
 
     int stripeCount() const { return static_cast<int>(stripes_.size()); }
     /// Filters and compresses stripe `stripe` (0 .. stripeCount - 1).
@@ -44,7 +42,7 @@ private:
         uint64_t bytes = 0; ///< filtered bytes in, for the checksum's combination
     };
 
-    const QImage& image_;
+    const SpectrogramCanvas& image_;
     std::vector<Stripe> stripes_;
 };
 
