@@ -27,6 +27,8 @@ TEST_PACKAGES=(
     pipewire pipewire-pulse wireplumber dbus-daemon
     xvfb xauth mesa-utils x11-utils
     jackd2 xdotool python3
+    # tests/batch: widmo-analyze run by GNU parallel over a folder
+    parallel
     # tests/package: the package's checks and the completion's test
     lintian desktop-file-utils appstream bash-completion man-db debootstrap
     # scripts/fuzz.sh: clang with its libFuzzer and sanitizer runtimes
