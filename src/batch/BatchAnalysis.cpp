@@ -627,8 +627,6 @@ void BatchAnalysis::endTilesBefore(int64_t interval, bool all) {
                                 static_cast<double>(tile->firstInterval) * perColumn, perColumn},
                                *defaults_);
         PngStripeEncoder png(tile->canvas);
-        for (int s = 0; s < png.stripeCount(); ++s)
-            png.encodeStripe(s);
         OutputFile out(tilePath(stem_, tile->index));
         if (!out.open() || !png.write(&out.file()) || !out.commit()) {
             const std::lock_guard<std::mutex> lock(mergeMutex_);

@@ -54,6 +54,7 @@ struct BatchRunner::Job {
     std::unique_ptr<SoundStream> stream;
     std::unique_ptr<BatchAnalysis> analysis;
     std::unique_ptr<PngStripeEncoder> png; ///< set once the analysis is finished
+    std::unique_ptr<OutputFile> image;     ///< the picture's file, written by `png`
     bool reading = false;
     bool readDone = false;
     QString failure; ///< why the file fails (read error), reported at its end
@@ -315,6 +316,7 @@ void BatchRunner::failJob(const std::shared_ptr<Job>& job, const QString& reason
     Result r;
     r.err = errorLine(job->index, reason).toLocal8Bit();
     job->png.reset();
+    job->image.reset();
     job->analysis.reset();
     job->stream.reset();
     const std::lock_guard<std::mutex> lock(mutex_);
@@ -334,8 +336,14 @@ void BatchRunner::finishAnalysis(const std::shared_ptr<Job>& job) {
     if (!failure.isEmpty())
         return failJob(job, failure);
     if (SpectrogramCanvas* picture = job->analysis->picture()) {
-        // The image's stripes become tasks any thread may take.
+        // The image's stripes become tasks any thread may take; they are
+        // written as they are done, in order.
         job->png = std::make_unique<PngStripeEncoder>(*picture);
+        job->image = std::make_unique<OutputFile>(
+            outputStem(options_.outputDirectory, options_.files[job->index], options_.stdinName) +
+            QStringLiteral(".png"));
+        if (!job->image->open() || !job->png->begin(&job->image->file()))
+            return failJob(job, QStringLiteral("cannot write output: ") + job->image->error());
         const std::lock_guard<std::mutex> lock(mutex_);
         job->stripesLeft = job->png->stripeCount();
         for (int32_t s = 0; s < job->stripesLeft; ++s)
@@ -352,11 +360,8 @@ void BatchRunner::finishJob(const std::shared_ptr<Job>& job) {
     Result result;
     QString why;
     const QString stem = outputStem(options_.outputDirectory, path, options_.stdinName);
-    if (job->png) {
-        OutputFile image(stem + QStringLiteral(".png"));
-        if (!image.open() || !job->png->write(&image.file()) || !image.commit())
-            why = image.error();
-    }
+    if (job->png && (!job->png->finish() || !job->image->commit()))
+        why = job->image->error();
     if (settings_.spectrum && why.isEmpty())
         why = OutputFile::writeWhole(stem + QStringLiteral(".spectrum.csv"), a.spectrumCsv());
     if (settings_.bandsPerOctave > 0 && why.isEmpty())
@@ -383,6 +388,7 @@ void BatchRunner::finishJob(const std::shared_ptr<Job>& job) {
         result.out = line;
     }
     job->png.reset();
+    job->image.reset();
     job->analysis.reset();
     job->stream.reset();
     const std::lock_guard<std::mutex> lock(mutex_);

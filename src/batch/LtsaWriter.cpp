@@ -76,8 +76,6 @@ bool LtsaWriter::finish(const SpectrogramCanvas::Frame& frame, const AnalyzerDef
 
     canvas_.drawFrame(frame, defaults);
     PngStripeEncoder png(canvas_);
-    for (int s = 0; s < png.stripeCount(); ++s)
-        png.encodeStripe(s);
     OutputFile image(stem_ + QStringLiteral(".ltsa.png"));
     if (!image.open() || !png.write(&image.file()) || !image.commit())
         return fail(image);

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <array>
+#include <mutex>
 
 namespace widmo {
 
@@ -80,9 +81,11 @@ void PngStripeEncoder::encodeStripe(int stripe) {
     deflateEnd(&z);
     s.adler = static_cast<uint32_t>(adler);
     s.bytes = rows.size();
+    writeReady(stripe);
 }
 
-bool PngStripeEncoder::write(QIODevice* device) const {
+bool PngStripeEncoder::begin(QIODevice* device) {
+    device_ = device;
     static const uint8_t signature[8] = {0x89, 'P', 'N', 'G', '\r', '\n', 0x1A, '\n'};
     if (device->write(reinterpret_cast<const char*>(signature), 8) != 8)
         return false;
@@ -93,22 +96,39 @@ bool PngStripeEncoder::write(QIODevice* device) const {
     header[9] = 2; // RGB
     if (!writeChunk(device, "IHDR", header, sizeof header))
         return false;
-
     // One zlib stream: header (deflate, 32 K window, fastest), the stripes'
     // raw deflate data in order, the Adler-32 of everything they hold.
     static const uint8_t zlibHeader[2] = {0x78, 0x01};
-    if (!writeChunk(device, "IDAT", zlibHeader, 2))
-        return false;
-    uLong adler = adler32(0L, nullptr, 0);
-    for (const Stripe& s : stripes_) {
+    return writeChunk(device, "IDAT", zlibHeader, 2);
+}
+
+void PngStripeEncoder::writeReady(int stripe) {
+    const std::lock_guard<std::mutex> lock(writeMutex_);
+    stripes_[static_cast<size_t>(stripe)].done = true;
+    // In stripe order: a stripe done early waits for those before it.
+    while (nextToWrite_ < stripes_.size() && stripes_[nextToWrite_].done) {
+        Stripe& s = stripes_[nextToWrite_++];
         if (!s.deflated.empty() &&
-            !writeChunk(device, "IDAT", s.deflated.data(), s.deflated.size()))
-            return false;
-        adler = adler32_combine64(adler, s.adler, static_cast<z_off64_t>(s.bytes));
+            !writeChunk(device_, "IDAT", s.deflated.data(), s.deflated.size()))
+            failed_ = true;
+        adler_ = adler32_combine64(adler_, s.adler, static_cast<z_off64_t>(s.bytes));
+        std::vector<uint8_t>().swap(s.deflated);
     }
+}
+
+bool PngStripeEncoder::finish() {
     uint8_t checksum[4];
-    putBigEndian(checksum, static_cast<uint32_t>(adler));
-    return writeChunk(device, "IDAT", checksum, 4) && writeChunk(device, "IEND", nullptr, 0);
+    putBigEndian(checksum, static_cast<uint32_t>(adler_));
+    return !failed_ && nextToWrite_ == stripes_.size() &&
+           writeChunk(device_, "IDAT", checksum, 4) && writeChunk(device_, "IEND", nullptr, 0);
+}
+
+bool PngStripeEncoder::write(QIODevice* device) {
+    if (!begin(device))
+        return false;
+    for (int s = 0; s < stripeCount(); ++s)
+        encodeStripe(s);
+    return finish();
 }
 
 } // namespace widmo
