@@ -15,6 +15,7 @@ PACKAGES=(
     qt6-base-dev qt6-base-dev-tools libqt6opengl6-dev
     libgl-dev libgles-dev libgl1-mesa-dri
     libfftw3-dev libsndfile1-dev libsoxr-dev libjack-jackd2-dev libpulse-dev zlib1g-dev
+    libdeflate-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     fonts-liberation
     # the package: icons rendered from the SVG, dpkg-shlibdeps and file for CPack's Depends

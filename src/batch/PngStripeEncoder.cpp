@@ -4,6 +4,7 @@
 
 #include <QIODevice>
 
+#include <libdeflate.h>
 #include <zlib.h>
 
 #include <algorithm>
@@ -26,9 +27,9 @@ bool writeChunk(QIODevice* device, const char type[4], const uint8_t* data, size
     uint8_t head[8];
     putBigEndian(head, static_cast<uint32_t>(size));
     std::copy(type, type + 4, head + 4);
-    uLong crc = crc32(0L, head + 4, 4);
+    uint32_t crc = libdeflate_crc32(0, head + 4, 4);
     if (size > 0)
-        crc = crc32_z(crc, data, size);
+        crc = libdeflate_crc32(crc, data, size);
     uint8_t tail[4];
     putBigEndian(tail, static_cast<uint32_t>(crc));
     return device->write(reinterpret_cast<const char*>(head), 8) == 8 &&
@@ -76,7 +77,8 @@ void PngStripeEncoder::encodeStripe(int stripe) {
     z.avail_in = static_cast<uInt>(rows.size());
     // The stripe ends on a byte boundary (or ends the stream).
     deflate(&z, final ? Z_FINISH : Z_SYNC_FLUSH);
-    const uLong adler = adler32_z(adler32(0L, nullptr, 0), rows.data(), rows.size());
+    // libdeflate's checksums run about ten times faster than zlib's.
+    const uint32_t adler = libdeflate_adler32(1, rows.data(), rows.size());
     s.deflated.resize(s.deflated.size() - z.avail_out);
     deflateEnd(&z);
     s.adler = static_cast<uint32_t>(adler);
