@@ -152,8 +152,14 @@ bool SoundStream::open(const QString& path, int32_t channel) {
     if (standardInput) {
         const double bytes =
             static_cast<double>(info.frames) * info.channels * bytesPerSample(info.format);
+        // Placeholders near the 32-bit limits (a WAV writer that cannot
+        // seek back), or a length libsndfile derived from the endless size
+        // this reader reports for standard input (FLAC without a total).
+        const double endless = static_cast<double>(StandardInput::length(nullptr)) / 8.0;
+        if (info.frames == SF_COUNT_MAX || bytes >= endless)
+            declaredFrames_ = -1;
         for (const double limit : {0x40000000 * 1.0, 0x80000000 * 1.0, 0x100000000 * 1.0}) {
-            if (info.frames == SF_COUNT_MAX || (bytes > limit - 65536.0 && bytes <= limit))
+            if (bytes > limit - 65536.0 && bytes <= limit)
                 declaredFrames_ = -1;
         }
     }

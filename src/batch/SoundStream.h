@@ -14,10 +14,11 @@ namespace widmo {
 /// samples: a file of any format libsndfile reads, or (for the name "-") a
 /// WAV, AIFF, FLAC, ... stream on standard input, which is never seeked.
 ///
-/// A stream's header may not give its length: a FLAC stream never does, and
-/// a WAV writer that cannot seek back (sox into a pipe) writes a placeholder
-/// near the 32-bit limit. A stream whose declared data size is within 64 KiB
-/// of 1, 2 or 4 GiB counts as one of unknown length (`declaredFrames` -1).
+/// A stream's header may not give its length: a FLAC stream may leave it
+/// out, and a WAV writer that cannot seek back (sox into a pipe) writes a
+/// placeholder near the 32-bit limit. A stream whose declared data size is
+/// within 64 KiB of 1, 2 or 4 GiB, or beyond 128 GiB, counts as one of
+/// unknown length (`declaredFrames` -1).
 /// A known length is a promise: a stream or file that ends before it fails
 /// as truncated.
 ///
