@@ -339,10 +339,10 @@ int32_t BatchAnalysis::commitBlock(const std::shared_ptr<Block>& b, int64_t fram
             block.tiles.push_back(it->second);
         }
     }
+    const std::lock_guard<std::mutex> lock(mergeMutex_);
     frames_ += frames;
     ++blocksCommitted_;
     chunksCommitted_ += block.chunks;
-    const std::lock_guard<std::mutex> lock(mergeMutex_);
     if (tooWide)
         setError(QStringLiteral("a spectrogram of more than %1 columns is too wide for one "
                                 "image; use --width PX to draw it into a fixed width (with a "
