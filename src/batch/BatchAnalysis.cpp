@@ -1,5 +1,6 @@
 #include "batch/BatchAnalysis.h"
 
+#include "batch/LevelRecorder.h"
 #include "batch/LtsaWriter.h"
 #include "batch/OutputFile.h"
 #include "batch/PngStripeEncoder.h"
@@ -37,10 +38,6 @@ double amplitudeDB(double amplitude) {
 }
 
 QByteArray number(double v, int decimals) { return QByteArray::number(v, 'f', decimals); }
-
-char weightingLetter(Weighting w) {
-    return w == Weighting::A ? 'a' : w == Weighting::C ? 'c' : 'z';
-}
 
 int64_t ceilDiv(int64_t a, int64_t b) { return a >= 0 ? (a + b - 1) / b : -((-a) / b); }
 
@@ -187,14 +184,8 @@ BatchAnalysis::BatchAnalysis(const BatchSettings& settings, float sampleRate, in
     bandMax_.assign(ChartData::kBands, -std::numeric_limits<float>::infinity());
 
     levelsWanted_ = settings.levelsPeriod > 0.0 || (settings.summary && settings.levelOptionGiven);
-    if (levelsWanted_) {
-        meter_ = std::make_unique<SoundLevelMeter>();
-        meter_->prepare(static_cast<double>(sampleRate), settings.weighting);
-        periodFrames_ = settings.levelsPeriod > 0.0
-                            ? std::max<int64_t>(1, std::llround(settings.levelsPeriod * sampleRate))
-                            : std::numeric_limits<int64_t>::max();
-        periodEnd_ = periodFrames_;
-    }
+    if (levelsWanted_)
+        levels_ = std::make_unique<LevelRecorder>(settings, static_cast<double>(sampleRate));
     if (settings.calibration) {
         const double binHz = static_cast<double>(sampleRate) / d.fftSize();
         calibrationFactors_.resize(static_cast<size_t>(d.fftOutSize()));
@@ -566,27 +557,23 @@ void BatchAnalysis::merge(ChunkResult& r) {
     averaged_ += r.averaged;
 
     const Block& block = *r.block;
-    if (meter_) {
+    if (levels_) {
         // The chunk's samples in order, each interval's with its correction.
         const int64_t end = block.firstFrame + block.frames;
-        int64_t pos = std::min(end, r.firstInterval * hop_);
-        const int64_t stop = std::min(end, r.lastInterval * hop_);
-        while (pos < stop) {
+        for (int64_t pos = std::min(end, r.firstInterval * hop_),
+                     stop = std::min(end, r.lastInterval * hop_);
+             pos < stop;) {
             const int64_t interval = pos / hop_;
-            const int64_t to = std::min({(interval + 1) * hop_, periodEnd_, stop});
-            if (!block.corrections.empty())
-                meter_->setPowerCorrection(
-                    block.corrections[static_cast<size_t>(interval - block.firstInterval)]);
-            meter_->process(block.samples.data() + (pos - block.firstFrame) +
-                                static_cast<std::ptrdiff_t>(block.history),
-                            to - pos);
+            const int64_t to = std::min((interval + 1) * hop_, stop);
+            levels_->process(
+                block.samples.data() + (pos - block.firstFrame) +
+                    static_cast<std::ptrdiff_t>(block.history),
+                to - pos,
+                block.corrections.empty()
+                    ? 1.0
+                    : block.corrections[static_cast<size_t>(interval - block.firstInterval)]);
             pos = to;
-            if (pos == periodEnd_) {
-                periods_.push_back(meter_->takePeriod());
-                periodEnd_ += periodFrames_;
-            }
         }
-        meterPosition_ = pos;
     }
     const auto mergeParts = [&](Pool& pool, std::vector<Pool::Row>& parts, auto endRow) {
         for (const Pool::Row& part : parts) {
@@ -686,11 +673,8 @@ bool BatchAnalysis::finish() {
         v /= count;
     for (double& v : bandSum_)
         v /= count;
-    if (meter_) {
-        if (settings_.levelsPeriod > 0.0 && meterPosition_ > periodEnd_ - periodFrames_)
-            periods_.push_back(meter_->takePeriod());
-        levels_ = meter_->levels();
-    }
+    if (levels_)
+        levels_->finish();
     return valid();
 }
 
@@ -728,33 +712,9 @@ void BatchAnalysis::endLtsaRow(PoolRow& row, Worker& w) {
     colourColumn(w.reduced.data(), w, c.column(column), c.columnStride());
 }
 
-QByteArray BatchAnalysis::levelsCsv() const {
-    const char w = weightingLetter(settings_.weighting);
-    const bool spl = settings_.splOffsetDB.has_value();
-    const double offset = settings_.splOffsetDB.value_or(0.0);
-    const QByteArray unit = spl ? QByteArray("db") + w : QByteArray("dbfs_") + w;
-    const QByteArray peakUnit = spl ? "dbc" : "dbfs_c";
-    QByteArray out = "start_s,leq_" + unit + ",max_fast_" + unit + ",max_slow_" + unit + ",peak_" +
-                     peakUnit + "\n";
-    const auto level = [&](double v) { return number(std::max(kFloorDB, v) + offset, 3); };
-    double start = 0.0;
-    for (const PeriodLevels& p : periods_) {
-        out += number(start, 3) + ',' + level(p.leq) + ',' + level(p.maxFast) + ',' +
-               level(p.maxSlow) + ',' + level(p.peak) + '\n';
-        start += p.seconds;
-    }
-    return out;
-}
+QByteArray BatchAnalysis::levelsCsv() const { return levels_ ? levels_->csv() : QByteArray(); }
 
-QByteArray BatchAnalysis::levelsJson() const {
-    const QByteArray w(1, weightingLetter(settings_.weighting));
-    const QByteArray unit = settings_.splOffsetDB ? "_db_spl" : "_dbfs";
-    const double offset = settings_.splOffsetDB.value_or(0.0);
-    const auto level = [&](double v) { return number(std::max(kFloorDB, v) + offset, 3); };
-    return ",\"l" + w + "eq" + unit + "\":" + level(levels_.leq) + ",\"l" + w + "fmax" + unit +
-           "\":" + level(levels_.maxFast) + ",\"l" + w + "smax" + unit +
-           "\":" + level(levels_.maxSlow) + ",\"lcpeak" + unit + "\":" + level(levels_.peak);
-}
+QByteArray BatchAnalysis::levelsJson() const { return levels_ ? levels_->json() : QByteArray(); }
 
 QByteArray BatchAnalysis::spectrumCsv() const {
     const bool spl = settings_.splOffsetDB.has_value();

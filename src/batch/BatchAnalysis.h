@@ -1,7 +1,6 @@
 #pragma once
 
 #include "batch/BatchSettings.h"
-#include "dsp/SoundLevelMeter.h"
 #include "render/SpectrogramScrollViewSegment.h"
 
 #include <QByteArray>
@@ -16,6 +15,7 @@
 namespace widmo {
 
 class AnalyzerDefaults;
+class LevelRecorder;
 class LtsaWriter;
 class SpectrogramCanvas;
 
@@ -195,12 +195,7 @@ private:
     bool levelsWanted_ = false;
     std::vector<float> calibrationFactors_; ///< per bin; empty without a calibration
     std::vector<float> weightingPower_;     ///< per bin, with calibrated levels only
-    std::unique_ptr<SoundLevelMeter> meter_;
-    int64_t meterPosition_ = 0;
-    int64_t periodFrames_ = 0;
-    int64_t periodEnd_ = 0;
-    std::vector<PeriodLevels> periods_;
-    SoundLevels levels_;
+    std::unique_ptr<LevelRecorder> levels_;
 };
 
 } // namespace widmo
