@@ -416,3 +416,70 @@ TEST(LongRecordingTest, gnuParallelOverAFolder_sameOutputsAsOneProcess) {
                   readAll(dir.filePath(QStringLiteral("many/") + name)))
             << name.toStdString();
 }
+
+// sox piping FLAC whose header gives no length, as a recorder's stream does:
+// --width, which needs the length, is refused with a message that offers
+// --tile; --tile draws the stream, and --summary reads all of it.
+TEST(LongRecordingTest, soxFlacPipeOfUnknownLength_widthRefusedTileDrawn) {
+    QTemporaryDir dir;
+    const auto pipeline = [&](const QStringList& options) {
+        QProcess sox, analyzer;
+        sox.setStandardOutputProcess(&analyzer);
+        analyzer.start(QStringLiteral(WIDMO_ANALYZE_PATH),
+                       options +
+                           QStringList{QStringLiteral("-o"), dir.path(), QStringLiteral("-")});
+        sox.start(QStringLiteral("sox"),
+                  {QStringLiteral("-V1"), QStringLiteral("-n"), QStringLiteral("-r"),
+                   QStringLiteral("48000"), QStringLiteral("-b"), QStringLiteral("16"),
+                   QStringLiteral("-t"), QStringLiteral("flac"), QStringLiteral("-"),
+                   QStringLiteral("synth"), QStringLiteral("25"), QStringLiteral("sine"),
+                   QStringLiteral("3000")});
+        sox.waitForFinished(60000);
+        analyzer.waitForFinished(60000);
+        return CommandRun{analyzer.exitCode(), analyzer.readAllStandardOutput(),
+                          analyzer.readAllStandardError(), 0};
+    };
+    const CommandRun width = pipeline({QStringLiteral("--width"), QStringLiteral("100")});
+    EXPECT_EQ(width.status, 1);
+    EXPECT_EQ(width.err, "widmo-analyze: -: its length is not known beforehand, which --width "
+                         "needs; use --tile SECONDS instead\n");
+    const CommandRun tiles =
+        pipeline({QStringLiteral("--tile"), QStringLiteral("10"), QStringLiteral("--summary")});
+    ASSERT_EQ(tiles.status, 0) << tiles.err.constData();
+    EXPECT_TRUE(tiles.out.contains("\"duration_s\":25.000000,")) << tiles.out.constData();
+    // 25 s in tiles of 10 s: the last one holds 5 s (469 columns of 512 samples).
+    const QImage last(dir.filePath(QStringLiteral("stdin.0003.png")));
+    ASSERT_FALSE(last.isNull());
+    EXPECT_EQ(last.width(), 469 + SpectrogramCanvas::kLeftMargin + SpectrogramCanvas::kRightMargin);
+    EXPECT_EQ(brightestRow(last, 200, 2048),
+              static_cast<int>(std::lround(3000 / (48000 / 4096.0))));
+    EXPECT_FALSE(QFile::exists(dir.filePath(QStringLiteral("stdin.0004.png"))));
+}
+
+// An interrupted run resumed with --skip-existing: a file whose outputs
+// (first tile, LTSA files) all exist is left alone; one missing any output
+// is done again.
+TEST(LongRecordingTest, skipExistingWithTilesAndLtsa_redoesOnlyIncompleteFiles) {
+    QTemporaryDir dir;
+    const QString a = dir.filePath(QStringLiteral("a.wav"));
+    const QString b = dir.filePath(QStringLiteral("b.wav"));
+    writeFloatWav(a, 48000, tones({{1000.0, 3.0, 0.5}}));
+    writeFloatWav(b, 48000, tones({{2000.0, 3.0, 0.5}}));
+    const QString out = dir.filePath(QStringLiteral("out"));
+    const QStringList options = {QStringLiteral("--tile"), QStringLiteral("2"),
+                                 QStringLiteral("--ltsa"), QStringLiteral("1"),
+                                 QStringLiteral("-o"),     out};
+    ASSERT_EQ(analyze(options + QStringList{a, b}).status, 0);
+    const QStringList made = QDir(out).entryList(QDir::Files, QDir::Name);
+    EXPECT_EQ(made.size(), 2 * (2 + 4)); // two tiles and four LTSA files each
+    for (const char* kept : {"a.wav.0001.png", "b.wav.ltsa.csv"}) {
+        QFile f(out + QLatin1Char('/') + QLatin1String(kept));
+        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+        f.write("kept");
+    }
+    QFile::remove(out + QStringLiteral("/b.wav.ltsa.json"));
+    ASSERT_EQ(analyze(options + QStringList{QStringLiteral("--skip-existing"), a, b}).status, 0);
+    EXPECT_EQ(readAll(out + QStringLiteral("/a.wav.0001.png")), QByteArray("kept"));
+    EXPECT_TRUE(readAll(out + QStringLiteral("/b.wav.ltsa.csv")).startsWith("start_s,"));
+    EXPECT_EQ(QDir(out).entryList(QDir::Files, QDir::Name), made);
+}
