@@ -323,10 +323,13 @@ int32_t BatchAnalysis::commitBlock(const std::shared_ptr<Block>& b, int64_t fram
             if (it == tiles_.end()) {
                 const int64_t first = tileFirstInterval(t);
                 const int64_t columns = tileFirstInterval(t + 1) - first;
-                auto tile = std::make_shared<Tile>(t, first, rows, columns);
-                tile->canvas.ensureColumns(columns, clear_);
-                it = tiles_.emplace(t, std::move(tile)).first;
+                it = tiles_.emplace(t, std::make_shared<Tile>(t, first, rows, columns)).first;
             }
+            // Pages only as far as this block reaches: a long tile does not
+            // hold memory for the part not read yet.
+            Tile& tile = *it->second;
+            tile.canvas.ensureColumns(
+                std::min(endInterval, tileFirstInterval(t + 1)) - tile.firstInterval, clear_);
             block.tiles.push_back(it->second);
         }
     }
