@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <mutex>
 
 namespace widmo {
@@ -52,19 +53,23 @@ void PngStripeEncoder::encodeStripe(int stripe) {
     const bool final = last == image_.height();
     const size_t rowBytes = 1 + static_cast<size_t>(width) * 3;
     const auto count = static_cast<size_t>(last - first);
-    // The stripe's rows, each after its filter-type byte, then filtered in
-    // place; the buffer is the thread's own, kept from stripe to stripe (a
-    // fresh one would cost a page fault every 4 KiB).
+    // The stripe's rows as they are, then filtered into the buffer deflate
+    // reads, each row after its filter-type byte; both buffers are the
+    // thread's own, kept from stripe to stripe (fresh ones would cost a page
+    // fault every 4 KiB).
+    thread_local std::vector<uint8_t> plain;
     thread_local std::vector<uint8_t> rows;
+    plain.resize(rowBytes * count);
     rows.resize(rowBytes * count);
-    image_.rgbRows(first, last - first, rows.data() + 1, rowBytes);
+    image_.rgbRows(first, last - first, plain.data(), rowBytes);
     for (size_t y = 0; y < count; ++y) {
-        uint8_t* row = rows.data() + y * rowBytes;
-        // "Sub": each byte minus the same channel of the pixel to its left,
-        // from the right so that the left neighbour is still unfiltered.
-        for (size_t k = rowBytes - 1; k > 3; --k)
-            row[k] = static_cast<uint8_t>(row[k] - row[k - 3]);
-        row[0] = 1;
+        const uint8_t* __restrict in = plain.data() + y * rowBytes;
+        uint8_t* __restrict out = rows.data() + y * rowBytes;
+        // "Sub": each byte minus the same channel of the pixel to its left.
+        out[0] = 1;
+        std::memcpy(out + 1, in, 3);
+        for (size_t k = 3; k + 1 < rowBytes; ++k)
+            out[k + 1] = static_cast<uint8_t>(in[k] - in[k - 3]);
     }
 
     z_stream z{};

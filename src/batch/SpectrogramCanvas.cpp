@@ -44,8 +44,10 @@ bool SpectrogramCanvas::ensureColumns(int64_t columns, const uint8_t clear[3]) {
         return false;
     while (static_cast<int64_t>(pages_.size()) * pageColumns_ < columns) {
         const size_t bytes = static_cast<size_t>(pageColumns_) * static_cast<size_t>(rows_) * 3;
-        auto page = std::make_unique_for_overwrite<uint8_t[]>(bytes);
-        for (size_t k = 0; k < bytes; k += 3)
+        // Zeros, then the clear colour in the top row: every other pixel of a
+        // column is written by whoever draws it, and no column is left undrawn.
+        auto page = std::make_unique<uint8_t[]>(bytes);
+        for (size_t k = 0; k < columnStride(); k += 3)
             std::memcpy(page.get() + k, clear, 3);
         pages_.push_back(std::move(page));
     }

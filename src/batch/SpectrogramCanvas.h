@@ -52,8 +52,9 @@ public:
     /// The most columns a picture of `rows` rows may have.
     static int64_t columnLimit(int32_t rows) { return kMaxPlotPixels / rows; }
 
-    /// Makes room for columns 0 .. `columns` - 1, each cleared to `clear`
-    /// (RGB). False when that is more than the canvas may hold.
+    /// Makes room for columns 0 .. `columns` - 1, their top pixel `clear`
+    /// (RGB), the rest black until drawn (every column must be drawn). False
+    /// when that is more than the canvas may hold.
     bool ensureColumns(int64_t columns, const uint8_t clear[3]);
     /// Column `x`'s top pixel (3 bytes); the pixel below lies `columnStride` bytes on.
     uint8_t* column(int64_t x) {
