@@ -15,6 +15,7 @@ PACKAGES=(
     qt6-base-dev qt6-base-dev-tools libqt6opengl6-dev
     libgl-dev libgles-dev libgl1-mesa-dri
     libfftw3-dev libsndfile1-dev libsoxr-dev libjack-jackd2-dev libpulse-dev zlib1g-dev
+    libdeflate-dev
     libgtest-dev libgmock-dev libbenchmark-dev
     fonts-liberation
     # the package: icons rendered from the SVG, dpkg-shlibdeps and file for CPack's Depends
@@ -29,6 +30,8 @@ TEST_PACKAGES=(
     jackd2 xdotool python3
     # bench/FrameCostBench.cpp: the peer analyser measured beside Widmo
     jaaa
+    # tests/batch: widmo-analyze run by GNU parallel over a folder
+    parallel
     # tests/package: the package's checks and the completion's test
     lintian desktop-file-utils appstream bash-completion man-db debootstrap
     # scripts/fuzz.sh: clang with its libFuzzer and sanitizer runtimes

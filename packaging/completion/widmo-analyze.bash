@@ -29,6 +29,9 @@ _widmo_analyze() {
         --colors)
             mapfile -t COMPREPLY < <(compgen -W '0 1 2' -- "$cur")
             return ;;
+        --pool)
+            mapfile -t COMPREPLY < <(compgen -W 'max mean' -- "$cur")
+            return ;;
         --weighting)
             mapfile -t COMPREPLY < <(compgen -W 'A C Z' -- "$cur")
             return ;;
@@ -38,7 +41,7 @@ _widmo_analyze() {
         -o | --output)
             _filedir -d
             return ;;
-        --min-db | --channel | --jobs | --levels | --spl-offset)
+        --min-db | --channel | --jobs | --levels | --spl-offset | --width | --tile | --ltsa | --name)
             # A number of the user's choosing: nothing to offer.
             return ;;
     esac
@@ -54,9 +57,9 @@ _widmo_analyze() {
     done
 
     if [[ $cur == -* ]]; then
-        mapfile -t COMPREPLY < <(compgen -W '--spectrogram --spectrum --bands --summary
+        mapfile -t COMPREPLY < <(compgen -W '--spectrogram --width --pool --tile --ltsa --spectrum --bands --summary
             --levels --weighting --calibration --spl-offset --fft-size --window --interval --rows --min-db --colors --log --channel
-            -o --output --jobs --skip-existing --no-progress -h --help -V --version' -- "$cur")
+            -o --output --jobs --name --skip-existing --no-progress -h --help -V --version' -- "$cur")
         return
     fi
     _filedir "$_widmo_analyze_audio"

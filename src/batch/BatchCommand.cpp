@@ -47,11 +47,28 @@ QString BatchCommand::helpText() {
     return QStringLiteral(
                "Usage: widmo-analyze [options] FILE...\n"
                "Analyses audio files (any format libsndfile reads) without a window and writes,\n"
-               "per file, what the options ask for.\n"
+               "per file, what the options ask for. A file is read in blocks and analysed as it\n"
+               "is read, so memory does not grow with its length. FILE - reads a WAV, AIFF or\n"
+               "FLAC stream from standard input (once), named 'stdin' in the outputs.\n"
                "\n"
                "Outputs (at least one):\n"
                "  --spectrogram      PNG of the spectrogram, one column per interval, with\n"
                "                     labelled time and frequency axes: NAME.png\n"
+               "  --width PX         with --spectrogram: the whole file in PX columns\n"
+               "                     (16..65536), each the maximum of the FFTs that fall in\n"
+               "                     it (a file, or a stream whose header gives its length)\n"
+               "  --pool P           max or mean: with --width, a column is the maximum or the\n"
+               "                     mean power of its FFTs [max]\n"
+               "  --tile SECONDS     with --spectrogram: one image per stretch of SECONDS,\n"
+               "                     NAME.0001.png, NAME.0002.png, ..., the time axis in the\n"
+               "                     file's own time (h:mm:ss from 10 minutes on)\n"
+               "  --ltsa SECONDS     long-term spectral average: the mean power spectrum of\n"
+               "                     every stretch of SECONDS (0.1..86400) as an image\n"
+               "                     (NAME.ltsa.png, one column per stretch), as CSV\n"
+               "                     (NAME.ltsa.csv: start_s and one level in dB per FFT bin)\n"
+               "                     and as NumPy float32 array (NAME.ltsa.npy, one row per\n"
+               "                     stretch) with NAME.ltsa.json naming its frequencies_hz\n"
+               "                     and start_s\n"
                "  --spectrum         average power spectrum as CSV (frequency_hz,level_db):\n"
                "                     NAME.spectrum.csv\n"
                "  --bands B          octave-band levels as CSV for B = 1, 3, 6 or 12 bands per\n"
@@ -101,10 +118,11 @@ QString BatchCommand::helpText() {
                "                     suffixes above\n"
                "  --jobs N           threads, across files and within a long file; the\n"
                "                     outputs do not depend on N [the number of cores]\n"
+               "  --name NAME        the name of standard input's outputs [stdin]\n"
                "  --skip-existing    leave out a file whose outputs all exist (resumes an\n"
                "                     interrupted run)\n"
-               "  --no-progress      no progress bar (it is drawn only when standard error\n"
-               "                     is a terminal)\n"
+               "  --no-progress      no progress bar (it is drawn, with the time left, only\n"
+               "                     when standard error is a terminal)\n"
                "  -h, --help         this text\n"
                "  -V, --version      the program's name and version\n"
                "\n"
@@ -115,7 +133,9 @@ QString BatchCommand::helpText() {
                "\n"
                "Examples:\n"
                "  widmo-analyze --spectrogram --log --colors 2 night.flac\n"
-               "  widmo-analyze --spectrum --bands 3 --summary -o out/ *.wav > summary.jsonl\n")
+               "  widmo-analyze --spectrum --bands 3 --summary -o out/ *.wav > summary.jsonl\n"
+               "  widmo-analyze --spectrogram --width 4000 --ltsa 60 overnight.flac\n"
+               "  sox in.flac -t wav - | widmo-analyze --summary --name in -\n")
         .arg(d.fftSize)
         .arg(QLatin1String(kWindowOptionNames[std::clamp(d.fftWindowType, 0, 3)]))
         .arg(d.intervalSizePower)
@@ -130,6 +150,7 @@ int BatchCommand::run(const QStringList& arguments, FILE* out, FILE* err) {
     options.jobs = static_cast<int32_t>(std::max(1u, std::thread::hardware_concurrency()));
     bool progress = isatty(fileno(err)) != 0;
     bool onlyFiles = false;
+    bool poolGiven = false;
 
     const auto usage = [&](const QString& message) {
         std::fprintf(err, "widmo-analyze: %s\nTry 'widmo-analyze --help'.\n",
@@ -258,6 +279,30 @@ int BatchCommand::run(const QStringList& arguments, FILE* out, FILE* err) {
             settings.calibration =
                 std::make_shared<const MicrophoneCalibration>(std::move(*calibration));
             settings.levelOptionGiven = true;
+        } else if (takeValue(arguments, &i, QStringLiteral("--width"), &v)) {
+            if (!intValue(v, 16, 65536, {}, &settings.width))
+                return usage(QStringLiteral("--width takes 16 to 65536 pixels, not '%1'").arg(v));
+        } else if (takeValue(arguments, &i, QStringLiteral("--pool"), &v)) {
+            if (v != QLatin1String("max") && v != QLatin1String("mean"))
+                return usage(QStringLiteral("--pool takes max or mean, not '%1'").arg(v));
+            settings.poolMean = v == QLatin1String("mean");
+            poolGiven = true;
+        } else if (takeValue(arguments, &i, QStringLiteral("--tile"), &v)) {
+            bool ok = false;
+            const double seconds = v.toDouble(&ok);
+            if (!ok || !(seconds >= 0.1 && seconds <= 86400.0))
+                return usage(QStringLiteral("--tile takes 0.1 to 86400 seconds, not '%1'").arg(v));
+            settings.tileSeconds = seconds;
+        } else if (takeValue(arguments, &i, QStringLiteral("--ltsa"), &v)) {
+            bool ok = false;
+            const double seconds = v.toDouble(&ok);
+            if (!ok || !(seconds >= 0.1 && seconds <= 86400.0))
+                return usage(QStringLiteral("--ltsa takes 0.1 to 86400 seconds, not '%1'").arg(v));
+            settings.ltsaSeconds = seconds;
+        } else if (takeValue(arguments, &i, QStringLiteral("--name"), &v)) {
+            if (v.isEmpty() || v.contains(QLatin1Char('/')))
+                return usage(QStringLiteral("--name takes a file name without a folder"));
+            options.stdinName = v;
         } else if (takeValue(arguments, &i, QStringLiteral("--jobs"), &v)) {
             if (!intValue(v, 1, 1024, {}, &options.jobs))
                 return usage(
@@ -271,10 +316,16 @@ int BatchCommand::run(const QStringList& arguments, FILE* out, FILE* err) {
             return usage(QStringLiteral("unknown option or missing value: '%1'").arg(a));
         }
     }
+    if ((settings.width > 0 || settings.tileSeconds > 0.0) && !settings.spectrogram)
+        settings.spectrogram = true;
+    if (settings.width > 0 && settings.tileSeconds > 0.0)
+        return usage(QStringLiteral("--width and --tile exclude each other"));
+    if (poolGiven && settings.width == 0)
+        return usage(QStringLiteral("--pool goes with --width"));
     if (!settings.spectrogram && !settings.spectrum && settings.bandsPerOctave == 0 &&
-        !settings.summary && settings.levelsPeriod <= 0.0)
+        !settings.summary && settings.levelsPeriod <= 0.0 && settings.ltsaSeconds <= 0.0)
         return usage(QStringLiteral("nothing to do: choose --spectrogram, --spectrum, --bands, "
-                                    "--levels or --summary"));
+                                    "--levels, --ltsa or --summary"));
     if (options.files.isEmpty())
         return usage(QStringLiteral("no file given"));
     options.progress = progress;

@@ -1,24 +1,21 @@
 #include "batch/BatchRunner.h"
 
-#include "audio/AudioFileReader.h"
 #include "batch/BatchAnalysis.h"
+#include "batch/LtsaWriter.h"
+#include "batch/OutputFile.h"
 #include "batch/PngStripeEncoder.h"
+#include "batch/SoundStream.h"
+#include "batch/SpectrogramCanvas.h"
 
-#include <QCoreApplication>
 #include <QDir>
 #include <QElapsedTimer>
-#include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 
 #include <algorithm>
-#include <atomic>
-#include <cerrno>
 #include <cmath>
 #include <cstdio>
-#include <cstring>
-#include <functional>
 #include <map>
 #include <string>
 #include <thread>
@@ -39,64 +36,39 @@ QByteArray jsonNumber(double v, int decimals) {
     return std::isfinite(v) ? QByteArray::number(v, 'f', decimals) : QByteArray("null");
 }
 
-// Writes through `write` into a hidden file beside `path`, renamed to `path`
-// when complete: no partial file ever carries the final name. Not synced to
-// disk (QSaveFile would be): on a run over thousands of files each sync
-// costs more than the analysis, and a file lost in a crash is made again by
-// the next run.
-QString writeFile(const QString& path, const std::function<bool(QFile&)>& write) {
-    static std::atomic<int> counter{0};
-    const QFileInfo info(path);
-    const QString part = info.dir().filePath(QStringLiteral(".%1.%2-%3.part")
-                                                 .arg(info.fileName())
-                                                 .arg(QCoreApplication::applicationPid())
-                                                 .arg(counter.fetch_add(1)));
-    QFile file(part);
-    if (!file.open(QIODevice::WriteOnly))
-        return file.errorString();
-    // The buffer is flushed here, not in close, so that errno still holds the
-    // cause of a failed write (a full disk).
-    errno = 0;
-    const bool written = write(file) && file.flush();
-    const int cause = errno;
-    file.close();
-    if (!written || file.error() != QFileDevice::NoError) {
-        file.remove();
-        // The system's reason: Qt's text for a short write is "Unknown error".
-        return cause != 0 ? QString::fromLocal8Bit(std::strerror(cause)) : file.errorString();
-    }
-    if (std::rename(QFile::encodeName(part).constData(), QFile::encodeName(path).constData()) !=
-        0) {
-        const QString reason = QString::fromLocal8Bit(std::strerror(errno));
-        file.remove();
-        return reason;
-    }
-    return {};
-}
-
-QString writeFile(const QString& path, const QByteArray& bytes) {
-    return writeFile(path, [&](QFile& f) { return f.write(bytes) == bytes.size(); });
-}
-
-QString writeImage(const QString& path, const PngStripeEncoder& png) {
-    return writeFile(path, [&](QFile& f) { return png.write(&f); });
+QString clockText(double seconds) {
+    const auto s = static_cast<int64_t>(std::max(0.0, seconds));
+    return s >= 3600 ? QStringLiteral("%1:%2:%3")
+                           .arg(s / 3600)
+                           .arg((s / 60) % 60, 2, 10, QLatin1Char('0'))
+                           .arg(s % 60, 2, 10, QLatin1Char('0'))
+                     : QStringLiteral("%1:%2").arg(s / 60).arg(s % 60, 2, 10, QLatin1Char('0'));
 }
 
 } // namespace
 
-// A file in two phases, each a list of tasks any thread may take: the
-// analysis chunks, then (with a spectrogram) the image's PNG stripes. The
-// counters are under the runner's mutex.
+// A file being read and analysed, then (with one picture) encoded. Its
+// flags and counters are under the runner's mutex.
 struct BatchRunner::Job {
     int32_t index = 0;
+    std::unique_ptr<SoundStream> stream;
     std::unique_ptr<BatchAnalysis> analysis;
-    QImage image;
-    std::unique_ptr<PngStripeEncoder> png; ///< set for the second phase
-    int32_t tasks = 0;                     ///< tasks of the current phase
-    int32_t nextTask = 0;                  ///< next one to hand out
-    int32_t remaining = 0;                 ///< not yet done
-    int32_t done = 0;                      ///< tasks done in both phases (progress)
-    int32_t total = 1;                     ///< tasks of both phases (progress)
+    std::unique_ptr<PngStripeEncoder> png; ///< set once the analysis is finished
+    std::unique_ptr<OutputFile> image;     ///< the picture's file, written by `png`
+    bool reading = false;
+    bool readDone = false;
+    QString failure; ///< why the file fails (read error), reported at its end
+    int64_t framesRead = 0;
+    int64_t declaredFrames = -1;
+    double sampleRate = 1.0;
+    int32_t stripesLeft = 0;
+};
+
+struct BatchRunner::Task {
+    std::shared_ptr<Job> job;
+    std::shared_ptr<BatchAnalysis::Block> block;
+    int32_t chunk = 0;
+    int32_t stripe = -1; ///< >= 0: a PNG stripe instead of a chunk
 };
 
 BatchRunner::BatchRunner(const BatchSettings& settings, const Options& options, FILE* out,
@@ -107,14 +79,22 @@ BatchRunner::BatchRunner(const BatchSettings& settings, const Options& options, 
     results_.resize(count);
     preErrors_.resize(count);
     // Two inputs with the same name into one folder would overwrite each
-    // other's outputs: the second one is refused.
+    // other's outputs: the second one is refused. Standard input is read once.
     std::map<QString, int32_t> taken;
+    int32_t standardInput = -1;
     for (size_t i = 0; i < count; ++i) {
-        const QStringList outputs = outputPaths(settings_, options_.outputDirectory,
-                                                options_.files[static_cast<qsizetype>(i)]);
-        if (outputs.isEmpty())
-            continue;
-        const QString key = QFileInfo(outputs.front()).absoluteFilePath();
+        const QString& file = options_.files[static_cast<qsizetype>(i)];
+        if (file == QLatin1String(SoundStream::kStandardInput)) {
+            if (standardInput >= 0) {
+                preErrors_[i] = QStringLiteral("standard input is read once, and an earlier "
+                                               "'-' reads it");
+                continue;
+            }
+            standardInput = static_cast<int32_t>(i);
+        }
+        const QString key =
+            QFileInfo(outputStem(options_.outputDirectory, file, options_.stdinName))
+                .absoluteFilePath();
         const auto [it, fresh] = taken.emplace(key, static_cast<int32_t>(i));
         if (!fresh)
             preErrors_[i] = QStringLiteral("its outputs would overwrite those of %1")
@@ -124,20 +104,31 @@ BatchRunner::BatchRunner(const BatchSettings& settings, const Options& options, 
 
 BatchRunner::~BatchRunner() = default;
 
-QStringList BatchRunner::outputPaths(const BatchSettings& settings, const QString& outputDirectory,
-                                     const QString& file) {
+QString BatchRunner::outputStem(const QString& outputDirectory, const QString& file,
+                                const QString& stdinName) {
+    const bool standardInput = file == QLatin1String(SoundStream::kStandardInput);
     const QFileInfo info(file);
-    const QString folder = outputDirectory.isEmpty() ? info.path() : outputDirectory;
-    const QString stem = QDir(folder).filePath(info.fileName());
+    const QString folder = !outputDirectory.isEmpty() ? outputDirectory
+                           : standardInput            ? QStringLiteral(".")
+                                                      : info.path();
+    return QDir(folder).filePath(standardInput ? stdinName : info.fileName());
+}
+
+QStringList BatchRunner::outputPaths(const BatchSettings& settings, const QString& outputDirectory,
+                                     const QString& file, const QString& stdinName) {
+    const QString stem = outputStem(outputDirectory, file, stdinName);
     QStringList paths;
     if (settings.spectrogram)
-        paths << stem + QStringLiteral(".png");
+        paths << (settings.tileSeconds > 0.0 ? BatchAnalysis::tilePath(stem, 0)
+                                             : stem + QStringLiteral(".png"));
     if (settings.spectrum)
         paths << stem + QStringLiteral(".spectrum.csv");
     if (settings.bandsPerOctave > 0)
         paths << stem + QStringLiteral(".bands%1.csv").arg(settings.bandsPerOctave);
     if (settings.levelsPeriod > 0.0)
         paths << stem + QStringLiteral(".levels.csv");
+    if (settings.ltsaSeconds > 0.0)
+        paths << LtsaWriter::outputPaths(stem);
     return paths;
 }
 
@@ -161,53 +152,72 @@ int BatchRunner::run() {
 
 void BatchRunner::workerLoop() {
     // This thread's FFT engine and buffers, for the job it worked on last.
-    // Held, so that a new job can never take a finished one's place.
     std::shared_ptr<Job> workerJob;
     std::shared_ptr<BatchAnalysis::Worker> worker;
     const auto fileCount = static_cast<int32_t>(options_.files.size());
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
-        if (!jobs_.empty()) {
-            std::shared_ptr<Job> job = jobs_.front();
-            const int32_t task = job->nextTask++;
-            if (job->nextTask == job->tasks)
-                jobs_.pop_front();
+        if (!tasks_.empty()) {
+            Task task = std::move(tasks_.front());
+            tasks_.pop_front();
             lock.unlock();
-            if (job->png) {
-                job->png->encodeStripe(task);
-            } else {
-                if (workerJob != job) {
-                    worker.reset();
-                    worker = job->analysis->makeWorker();
-                    workerJob = job;
+            const std::shared_ptr<Job> job = task.job;
+            if (task.stripe >= 0) {
+                job->png->encodeStripe(task.stripe);
+                lock.lock();
+                if (--job->stripesLeft == 0) {
+                    lock.unlock();
+                    finishJob(job);
+                    lock.lock();
                 }
-                job->analysis->analyseChunk(task, *worker);
+                continue;
             }
-            lock.lock();
-            ++job->done;
-            drawProgressLocked(false);
-            if (--job->remaining == 0) {
-                lock.unlock();
+            if (workerJob != job) {
+                worker.reset();
+                worker = job->analysis->makeWorker();
+                workerJob = job;
+            }
+            const bool complete = job->analysis->analyseChunk(task.block, task.chunk, *worker);
+            task.block.reset();
+            if (complete) {
                 worker.reset();
                 workerJob.reset();
-                finishPhase(job);
-                lock.lock();
+                finishAnalysis(job);
             }
-            continue;
-        }
-        if (nextFile_ < fileCount) {
-            const int32_t index = nextFile_++;
-            ++reading_;
-            lock.unlock();
-            startFile(index);
             lock.lock();
-            --reading_;
+            drawProgressLocked(false);
             wake_.notify_all();
             continue;
         }
-        // A file being read brings chunks, and a job whose last tasks are still
-        // running brings the stripes of its image: only then is the work over.
-        if (reading_ == 0 && active_.empty())
+        std::shared_ptr<Job> reader;
+        for (const std::shared_ptr<Job>& job : active_) {
+            if (!job->reading && !job->readDone && !job->png &&
+                job->analysis->blocksInFlight() < kBlocksInFlight) {
+                reader = job;
+                break;
+            }
+        }
+        if (reader) {
+            reader->reading = true;
+            lock.unlock();
+            readBlock(reader);
+            lock.lock();
+            reader->reading = false;
+            drawProgressLocked(false);
+            wake_.notify_all();
+            continue;
+        }
+        if (nextFile_ < fileCount && static_cast<int32_t>(active_.size()) < options_.jobs) {
+            const int32_t index = nextFile_++;
+            ++opening_;
+            lock.unlock();
+            startFile(index);
+            lock.lock();
+            --opening_;
+            wake_.notify_all();
+            continue;
+        }
+        if (nextFile_ >= fileCount && opening_ == 0 && active_.empty())
             break;
         wake_.wait(lock);
     }
@@ -215,7 +225,10 @@ void BatchRunner::workerLoop() {
 }
 
 QString BatchRunner::errorLine(int32_t index, const QString& reason) const {
-    return QStringLiteral("widmo-analyze: %1: %2\n").arg(options_.files[index], reason);
+    const QString& file = options_.files[index];
+    return QStringLiteral("widmo-analyze: %1: %2\n")
+        .arg(file == QLatin1String(SoundStream::kStandardInput) ? QStringLiteral("-") : file,
+             reason);
 }
 
 void BatchRunner::startFile(int32_t index) {
@@ -229,7 +242,8 @@ void BatchRunner::startFile(int32_t index) {
     if (!preErrors_[static_cast<size_t>(index)].isEmpty())
         return fail(preErrors_[static_cast<size_t>(index)]);
 
-    const QStringList outputs = outputPaths(settings_, options_.outputDirectory, path);
+    const QStringList outputs =
+        outputPaths(settings_, options_.outputDirectory, path, options_.stdinName);
     if (options_.skipExisting && !outputs.isEmpty() &&
         std::all_of(outputs.begin(), outputs.end(),
                     [](const QString& p) { return QFileInfo::exists(p); })) {
@@ -238,92 +252,128 @@ void BatchRunner::startFile(int32_t index) {
         return;
     }
 
-    AudioFileReader reader;
-    if (!reader.open(path.toStdString()))
-        return fail(QString::fromStdString(reader.errorText()));
-    if (settings_.channel > reader.channels())
-        return fail(QStringLiteral("has %1 channel(s), channel %2 was asked for")
-                        .arg(reader.channels())
-                        .arg(settings_.channel));
-    std::vector<float> samples;
-    const int32_t channel =
-        settings_.channel > 0 ? settings_.channel - 1 : AudioFileReader::kMixAllChannels;
-    if (!reader.readMono(samples, 0.0, channel))
-        return fail(QString::fromStdString(reader.errorText()));
-    if (samples.empty())
-        return fail(QStringLiteral("holds no audio samples"));
-
     auto job = std::make_shared<Job>();
     job->index = index;
+    job->stream = std::make_unique<SoundStream>();
+    if (!job->stream->open(path, settings_.channel))
+        return fail(job->stream->errorText());
+    const SoundStream& s = *job->stream;
+    const bool standardInput = path == QLatin1String(SoundStream::kStandardInput);
+    const QString title =
+        QStringLiteral("%1   %2 Hz   FFT %3 %4")
+            .arg(standardInput ? options_.stdinName : QFileInfo(path).fileName())
+            .arg(s.sampleRate())
+            .arg(settings_.fftSize)
+            .arg(QString::fromLatin1(kWindowNames[std::clamp(settings_.fftWindowType, 0, 3)]));
     job->analysis = std::make_unique<BatchAnalysis>(
-        settings_, std::move(samples), static_cast<float>(reader.sampleRate()), reader.channels());
+        settings_, static_cast<float>(s.sampleRate()), s.channels(), s.declaredFrames(), title,
+        outputStem(options_.outputDirectory, path, options_.stdinName));
     if (!job->analysis->valid())
         return fail(job->analysis->error());
-    job->tasks = job->remaining = job->analysis->chunkCount();
-    job->total = job->tasks;
-    if (settings_.spectrogram)
-        job->total += (settings_.rows + BatchAnalysis::kTopMargin + BatchAnalysis::kBottomMargin +
-                       PngStripeEncoder::kStripeRows - 1) /
-                      PngStripeEncoder::kStripeRows;
+    job->declaredFrames = s.declaredFrames();
+    job->sampleRate = s.sampleRate();
     const std::lock_guard<std::mutex> lock(mutex_);
-    jobs_.push_back(job);
     active_.push_back(job);
     wake_.notify_all();
 }
 
-void BatchRunner::finishPhase(const std::shared_ptr<Job>& job) {
-    if (!job->png) {
-        job->analysis->finish();
-        if (settings_.spectrogram) {
-            // The image's stripes become the job's next tasks.
-            const QString& path = options_.files[job->index];
-            const BatchAnalysis& a = *job->analysis;
-            const QString title = QStringLiteral("%1   %2 Hz   FFT %3 %4   hop %5")
-                                      .arg(QFileInfo(path).fileName())
-                                      .arg(static_cast<double>(a.sampleRate()))
-                                      .arg(settings_.fftSize)
-                                      .arg(QString::fromLatin1(
-                                          kWindowNames[std::clamp(settings_.fftWindowType, 0, 3)]))
-                                      .arg(a.intervalSizeInFrames());
-            job->image = job->analysis->takeSpectrogramImage(title);
-            job->png = std::make_unique<PngStripeEncoder>(job->image);
-            const std::lock_guard<std::mutex> lock(mutex_);
-            job->tasks = job->remaining = job->png->stripeCount();
-            job->nextTask = 0;
-            job->total = job->done + job->tasks;
-            jobs_.push_back(job);
-            wake_.notify_all();
-            return;
-        }
+void BatchRunner::readBlock(const std::shared_ptr<Job>& job) {
+    BatchAnalysis& a = *job->analysis;
+    std::shared_ptr<BatchAnalysis::Block> block = a.newBlock();
+    const int64_t n = job->stream->read(BatchAnalysis::input(*block), a.blockFrames());
+    int32_t chunks = -1;
+    QString failure;
+    if (n < 0) {
+        failure = job->stream->errorText();
+    } else {
+        chunks = a.commitBlock(block, n, n < a.blockFrames());
+        if (chunks < 0)
+            failure = a.error();
+        else if (n < a.blockFrames() && a.frames() == 0)
+            failure = QStringLiteral("holds no audio samples");
     }
+    if (!failure.isEmpty())
+        a.abandon();
     {
         const std::lock_guard<std::mutex> lock(mutex_);
-        active_.erase(std::find(active_.begin(), active_.end(), job));
+        job->framesRead = job->stream->framesRead();
+        if (!failure.isEmpty()) {
+            job->failure = failure;
+            job->readDone = true;
+        } else {
+            job->readDone = n < a.blockFrames();
+            for (int32_t c = 0; c < chunks; ++c)
+                tasks_.push_back(Task{job, block, c, -1});
+        }
         wake_.notify_all();
     }
-    finishJob(*job);
+    // No chunk left to report the end (an empty last block, or a failure).
+    if ((chunks <= 0) && a.takeCompletion())
+        finishAnalysis(job);
 }
 
-void BatchRunner::finishJob(Job& job) {
-    BatchAnalysis& a = *job.analysis;
-    const QString& path = options_.files[job.index];
+void BatchRunner::failJob(const std::shared_ptr<Job>& job, const QString& reason) {
+    Result r;
+    r.err = errorLine(job->index, reason).toLocal8Bit();
+    job->png.reset();
+    job->image.reset();
+    job->analysis.reset();
+    job->stream.reset();
+    const std::lock_guard<std::mutex> lock(mutex_);
+    active_.erase(std::find(active_.begin(), active_.end(), job));
+    setResultLocked(job->index, std::move(r));
+    wake_.notify_all();
+}
+
+void BatchRunner::finishAnalysis(const std::shared_ptr<Job>& job) {
+    QString failure;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        failure = job->failure;
+    }
+    if (failure.isEmpty() && !job->analysis->finish())
+        failure = job->analysis->error();
+    if (!failure.isEmpty())
+        return failJob(job, failure);
+    if (SpectrogramCanvas* picture = job->analysis->picture()) {
+        // The image's stripes become tasks any thread may take; they are
+        // written as they are done, in order.
+        job->png = std::make_unique<PngStripeEncoder>(*picture);
+        job->image = std::make_unique<OutputFile>(
+            outputStem(options_.outputDirectory, options_.files[job->index], options_.stdinName) +
+            QStringLiteral(".png"));
+        if (!job->image->open() || !job->png->begin(&job->image->file()))
+            return failJob(job, QStringLiteral("cannot write output: ") + job->image->error());
+        const std::lock_guard<std::mutex> lock(mutex_);
+        job->stripesLeft = job->png->stripeCount();
+        for (int32_t s = 0; s < job->stripesLeft; ++s)
+            tasks_.push_back(Task{job, nullptr, 0, s});
+        wake_.notify_all();
+        return;
+    }
+    finishJob(job);
+}
+
+void BatchRunner::finishJob(const std::shared_ptr<Job>& job) {
+    BatchAnalysis& a = *job->analysis;
+    const QString& path = options_.files[job->index];
     Result result;
     QString why;
-    const QStringList outputs = outputPaths(settings_, options_.outputDirectory, path);
-    qsizetype next = 0;
-    if (settings_.spectrogram && why.isEmpty())
-        why = writeImage(outputs[next++], *job.png);
+    const QString stem = outputStem(options_.outputDirectory, path, options_.stdinName);
+    if (job->png && (!job->png->finish() || !job->image->commit()))
+        why = job->image->error();
     if (settings_.spectrum && why.isEmpty())
-        why = writeFile(outputs[next++], a.spectrumCsv());
+        why = OutputFile::writeWhole(stem + QStringLiteral(".spectrum.csv"), a.spectrumCsv());
     if (settings_.bandsPerOctave > 0 && why.isEmpty())
-        why = writeFile(outputs[next++], a.bandsCsv());
+        why = OutputFile::writeWhole(
+            stem + QStringLiteral(".bands%1.csv").arg(settings_.bandsPerOctave), a.bandsCsv());
     if (settings_.levelsPeriod > 0.0 && why.isEmpty())
-        why = writeFile(outputs[next++], a.levelsCsv());
-    if (!why.isEmpty()) {
-        result.err =
-            errorLine(job.index, QStringLiteral("cannot write output: ") + why).toLocal8Bit();
-    } else if (settings_.summary) {
-        QByteArray line = "{\"path\":" + jsonString(path);
+        why = OutputFile::writeWhole(stem + QStringLiteral(".levels.csv"), a.levelsCsv());
+    if (!why.isEmpty())
+        return failJob(job, QStringLiteral("cannot write output: ") + why);
+    if (settings_.summary) {
+        const bool standardInput = path == QLatin1String(SoundStream::kStandardInput);
+        QByteArray line = "{\"path\":" + jsonString(standardInput ? options_.stdinName : path);
         line += ",\"sample_rate\":" + jsonNumber(a.sampleRate(), 0);
         line += ",\"channels\":" + QByteArray::number(a.channels());
         line += ",\"duration_s\":" + jsonNumber(a.durationSeconds(), 6);
@@ -337,11 +387,14 @@ void BatchRunner::finishJob(Job& job) {
         line += "}\n";
         result.out = line;
     }
-    job.png.reset();
-    job.image = QImage();
-    job.analysis.reset();
+    job->png.reset();
+    job->image.reset();
+    job->analysis.reset();
+    job->stream.reset();
     const std::lock_guard<std::mutex> lock(mutex_);
-    setResultLocked(job.index, std::move(result));
+    active_.erase(std::find(active_.begin(), active_.end(), job));
+    setResultLocked(job->index, std::move(result));
+    wake_.notify_all();
 }
 
 void BatchRunner::setResultLocked(int32_t index, Result result) {
@@ -378,17 +431,35 @@ void BatchRunner::drawProgressLocked(bool force) {
     if (!force && lastProgressMs_ >= 0 && now - lastProgressMs_ < 100)
         return;
     lastProgressMs_ = now;
+    // Files done count whole; a file being read counts by the frames read
+    // against the frames its header promises.
     const auto total = static_cast<double>(std::max<qsizetype>(1, options_.files.size()));
     double done = filesDone_;
-    for (const std::shared_ptr<Job>& job : active_)
-        done += static_cast<double>(job->done) / std::max(1, job->total);
+    bool unknown = false;
+    double audioSeconds = 0.0;
+    for (const std::shared_ptr<Job>& job : active_) {
+        audioSeconds += static_cast<double>(job->framesRead) / job->sampleRate;
+        if (job->declaredFrames > 0)
+            done += std::min(1.0, static_cast<double>(job->framesRead) /
+                                      static_cast<double>(job->declaredFrames));
+        else
+            unknown = true;
+    }
     const double fraction = std::clamp(done / total, 0.0, 1.0);
     constexpr int kWidth = 30;
     const auto filled = static_cast<int>(fraction * kWidth);
-    std::fprintf(
-        err_, "\r[%s%s] %3d%%  %d/%d files", std::string(static_cast<size_t>(filled), '#').c_str(),
-        std::string(static_cast<size_t>(kWidth - filled), '.').c_str(),
-        static_cast<int>(fraction * 100.0), filesDone_, static_cast<int>(options_.files.size()));
+    QString left;
+    const double elapsed = static_cast<double>(now) / 1000.0;
+    if (unknown)
+        left =
+            QStringLiteral("  %1 of audio in %2").arg(clockText(audioSeconds), clockText(elapsed));
+    else if (fraction > 0.005 && fraction < 1.0 && elapsed > 1.0)
+        left = QStringLiteral("  %1 left").arg(clockText(elapsed * (1.0 - fraction) / fraction));
+    std::fprintf(err_, "\r[%s%s] %3d%%  %d/%d files%s\033[K",
+                 std::string(static_cast<size_t>(filled), '#').c_str(),
+                 std::string(static_cast<size_t>(kWidth - filled), '.').c_str(),
+                 static_cast<int>(fraction * 100.0), filesDone_,
+                 static_cast<int>(options_.files.size()), left.toLocal8Bit().constData());
     std::fflush(err_);
     progressShown_ = true;
 }

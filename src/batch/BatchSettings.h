@@ -29,6 +29,13 @@ struct BatchSettings {
     int32_t bandsPerOctave = 0; ///< band CSV with 1, 3, 6 or 12 bands per octave; 0: none
     bool summary = false;       ///< JSON line on standard output
     double levelsPeriod = 0.0;  ///< levels CSV with one line per this many seconds; 0: none
+    /// Long spectrograms (with `spectrogram`): the whole recording in this
+    /// many pixel columns, each the maximum (or with `poolMean` the mean
+    /// power) of its FFTs; 0: one column per FFT.
+    int32_t width = 0;
+    bool poolMean = false;
+    double tileSeconds = 0.0; ///< one image per stretch of this many seconds; 0: one image
+    double ltsaSeconds = 0.0; ///< long-term spectral average per this many seconds; 0: none
 
     // Sound levels.
     Weighting weighting = Weighting::Z; ///< of Leq, Fast and Slow (the peak is always C)

@@ -1,13 +1,14 @@
 #pragma once
 
-#include <QImage>
-
 #include <cstdint>
+#include <mutex>
 #include <vector>
 
 class QIODevice;
 
 namespace widmo {
+
+class SpectrogramCanvas;
 
 /// Encodes a large image as an RGB PNG with its compression spread over
 /// threads: the rows are cut into stripes of `kStripeRows`, each stripe is
@@ -20,32 +21,45 @@ namespace widmo {
 /// strategy compresses a 10-minute spectrogram about 10 times faster than the
 /// default level of the usual PNG writers, for files about a third larger.
 ///
-/// Threading: `encodeStripe` may run on any threads at once, each stripe
-/// once, while the image is not changed. `write` runs after every stripe.
+/// Threading: `begin` first; then `encodeStripe` may run on any threads at
+/// once, each stripe once, while the image is not changed (the device is
+/// written under the encoder's mutex); `finish` after every stripe.
 class PngStripeEncoder {
 public:
     static constexpr int kStripeRows = 32;
 
-    /// `image` must stay alive and unchanged until `write`. Any 32-bit
-    /// format whose bytes are r, g, b, x in memory (RGBX8888, RGBA8888); the
-    /// fourth byte is left out.
-    explicit PngStripeEncoder(const QImage& image);
+    /// `canvas` (its frame drawn) must stay alive and unchanged until `write`.
+    explicit PngStripeEncoder(const SpectrogramCanvas& canvas);
 
     int stripeCount() const { return static_cast<int>(stripes_.size()); }
-    /// Filters and compresses stripe `stripe` (0 .. stripeCount - 1).
+    /// Writes the PNG's start to `device`, which must stay open until `finish`.
+    bool begin(QIODevice* device);
+    /// Filters and compresses stripe `stripe` (0 .. stripeCount - 1), then
+    /// writes every stripe that is done and follows those written, and frees
+    /// them: only stripes finished out of order wait in memory.
     void encodeStripe(int stripe);
-    /// Writes the PNG; false when the device fails (its error string says why).
-    bool write(QIODevice* device) const;
+    /// After every stripe: the checksum and the end. False when the device
+    /// failed (its error string says why).
+    bool finish();
+    /// `begin`, every stripe and `finish` on the calling thread.
+    bool write(QIODevice* device);
 
 private:
     struct Stripe {
         std::vector<uint8_t> deflated;
         uint32_t adler = 1;
         uint64_t bytes = 0; ///< filtered bytes in, for the checksum's combination
+        bool done = false;
     };
+    void writeReady(int stripe);
 
-    const QImage& image_;
+    const SpectrogramCanvas& image_;
     std::vector<Stripe> stripes_;
+    std::mutex writeMutex_; ///< the device and the fields below
+    QIODevice* device_ = nullptr;
+    size_t nextToWrite_ = 0;
+    unsigned long adler_ = 1;
+    bool failed_ = false;
 };
 
 } // namespace widmo

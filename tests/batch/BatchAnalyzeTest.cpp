@@ -1,5 +1,6 @@
 #include "batch/BatchAnalysis.h"
 #include "batch/BatchSettings.h"
+#include "batch/SpectrogramCanvas.h"
 #include "charts/ChartData.h"
 #include "core/AnalyzerDefaults.h"
 #include "dsp/FFTManager.h"
@@ -99,17 +100,36 @@ QByteArray readAll(const QString& path) {
 
 // Spectrum peaks at the tones with their levels; every band as the RTA chart
 // shows it for the same sound (no averaging, so one frame is the steady level).
+// The signal is given in blocks, as the command reads it, and each block's
+// chunks are analysed last to first: the merge still adds them in order.
 TEST(BatchAnalysisTest, twoBinCentredTones_spectrumPeaksAtTones_bandsAsTheRtaChart) {
     BatchSettings s = BatchSettings::systemDefaults();
     s.spectrum = true;
     s.bandsPerOctave = 3;
     FFTPlanCache::shared();
-    BatchAnalysis a(s, twoTones(3.0), kRate, 1);
+    const std::vector<float> sound = twoTones(50.0); // more than two blocks
+    BatchAnalysis a(s, kRate, 1, static_cast<int64_t>(sound.size()), QStringLiteral("t"),
+                    QStringLiteral("t"));
     ASSERT_TRUE(a.valid());
     const auto worker = a.makeWorker();
-    for (int32_t c = a.chunkCount() - 1; c >= 0; --c) // any order gives the same sums
-        a.analyseChunk(c, *worker);
-    a.finish();
+    size_t at = 0;
+    bool complete = false;
+    int blocks = 0;
+    for (bool end = false; !end; ++blocks) {
+        const auto block = a.newBlock();
+        const auto n = std::min<size_t>(sound.size() - at, static_cast<size_t>(a.blockFrames()));
+        std::copy_n(sound.begin() + static_cast<std::ptrdiff_t>(at), n,
+                    BatchAnalysis::input(*block));
+        at += n;
+        end = n < static_cast<size_t>(a.blockFrames());
+        const int32_t chunks = a.commitBlock(block, static_cast<int64_t>(n), end);
+        ASSERT_GE(chunks, 0);
+        for (int32_t c = chunks - 1; c >= 0; --c)
+            complete = a.analyseChunk(block, c, *worker) || complete;
+    }
+    EXPECT_GE(blocks, 3);
+    ASSERT_TRUE(complete || a.takeCompletion());
+    ASSERT_TRUE(a.finish());
 
     const auto spectrum = csvRows(a.spectrumCsv());
     ASSERT_EQ(spectrum.size(), 2048u);
@@ -138,7 +158,6 @@ TEST(BatchAnalysisTest, twoBinCentredTones_spectrumPeaksAtTones_bandsAsTheRtaCha
     d.setOctaveRTAValid(true);
     FFTManager fft(d, FFTPlanCache::shared());
     ChartData chart(d);
-    const std::vector<float> sound = twoTones(1.0);
     std::vector<float> power(2048 + 2, 0.0f);
     fft.powerSpectrumOfWindow(sound.data() + 10000, power.data());
     chart.addFFTdata(power.data(), sound.data() + 10000, nullptr);
@@ -202,8 +221,8 @@ TEST(BatchCommandTest, toneAndSweepFiles_pngRowsAtTheirFrequencies_sameBytesForO
         for (int r = 0; r < kRows - 1; ++r) {
             if (skipNear >= 0 && std::abs(r - skipNear) < 20)
                 continue;
-            const int y = BatchAnalysis::kTopMargin + kRows - 1 - r;
-            const int red = qRed(image.pixel(BatchAnalysis::kLeftMargin + column, y));
+            const int y = SpectrogramCanvas::kTopMargin + kRows - 1 - r;
+            const int red = qRed(image.pixel(SpectrogramCanvas::kLeftMargin + column, y));
             if (red > bestRed) {
                 bestRed = red;
                 best = r;
@@ -215,7 +234,7 @@ TEST(BatchCommandTest, toneAndSweepFiles_pngRowsAtTheirFrequencies_sameBytesForO
     ASSERT_FALSE(tonesImage.isNull());
     const int columns = (6 * kRate + 511) / 512; // the last, partial interval too
     EXPECT_EQ(tonesImage.width(),
-              columns + BatchAnalysis::kLeftMargin + BatchAnalysis::kRightMargin);
+              columns + SpectrogramCanvas::kLeftMargin + SpectrogramCanvas::kRightMargin);
     const int loud = brightestRow(tonesImage, columns / 2, -1);
     EXPECT_EQ(loud, 85);
     EXPECT_EQ(brightestRow(tonesImage, columns / 2, loud), 427);
