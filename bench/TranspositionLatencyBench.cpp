@@ -102,7 +102,6 @@ public:
 void BM_transposedLatency(benchmark::State& state) {
     const int rate = int(state.range(0));
     const int octaves = int(state.range(1));
-    const int factor = 1 << octaves; // for the frame length reported
     const QString sink = rate == 384000 ? qEnvironmentVariable("WIDMO_TEST_SINK_384")
                                         : qEnvironmentVariable("WIDMO_TEST_SINK_192");
     const QString micName = "widmo_bench_mic";
@@ -198,7 +197,7 @@ void BM_transposedLatency(benchmark::State& state) {
         state.SetIterationTime(transposed.empty() ? 0.0
                                                   : transposed[i++ % transposed.size()] / 1e3);
     state.counters["bursts"] = double(transposed.size());
-    state.counters["frame_ms"] = 1000.0 * widmo::bench::transposerFrame(factor) / rate;
+    state.counters["frame_ms"] = 1000.0 * widmo::bench::transposerFrame(rate) / rate;
     state.counters["input_median_ms"] = median(input);
     state.counters["transposed_median_ms"] = median(transposed);
     state.counters["transposed_p90_ms"] = percentile(transposed, 0.9);
