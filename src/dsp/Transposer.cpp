@@ -173,6 +173,8 @@ void Transposer::setFilter20kHzOn(bool filterOn, int32_t factor, int32_t sampleR
         return;
     }
     pendingFactor_ = clamped;
+    pendingJump_ = false;
+    fadeIn_ = 0;
     fadeDone_ = 0;
 }
 
@@ -221,6 +223,7 @@ void Transposer::restartAt(int64_t position) {
     outputSampleID_ = position;
     startSampleID_ = position;
     framesDone_ = 0;
+    pendingJump_ = false;
     std::memset(compressed_, 0, size_t(kCompressedRing) * sizeof(float));
     phasesValid_ = false;
 }
@@ -383,15 +386,30 @@ void Transposer::interpolate(float* out, int32_t count) {
 }
 
 void Transposer::fade(float* out, int32_t count) {
-    if (pendingFactor_ < 0)
-        return;
     const int32_t length = std::max(1, int32_t(kFadeSeconds * sampleRate_));
+    if (fadeIn_ > 0) {
+        for (int32_t i = 0; i < count && fadeIn_ > 0; ++i, --fadeIn_)
+            out[i] *= 1.0f - float(fadeIn_) / float(length);
+        return;
+    }
+    if (pendingFactor_ < 0 && !pendingJump_)
+        return;
     for (int32_t i = 0; i < count; ++i) {
         const int32_t done = fadeDone_ + i;
         out[i] *= done >= length ? 0.0f : 1.0f - float(done) / float(length);
     }
     fadeDone_ += count;
     if (fadeDone_ < length)
+        return;
+    fadeIn_ = length;
+    if (pendingJump_) {
+        // Faded out: the output moves on to one block and one request behind
+        // what the input allows, the delay it settled at when it started.
+        pendingJump_ = false;
+        const int64_t behind = lastDataInCount_.load(std::memory_order_relaxed) + count;
+        outputSampleID_ = std::max(outputSampleID_, readyUntil() - behind);
+    }
+    if (pendingFactor_ < 0)
         return;
     // Faded out: the new factor starts on the input of the last frame, so
     // that its first output is ready at once.
@@ -452,6 +470,15 @@ bool Transposer::getTransposedData(float* out, int32_t count) {
         heterodyne_.process(out, out, count);
     }
     outputSampleID_ += count;
+    // A late block makes the requests before it silent and the output fall
+    // behind; once it lies more than three blocks and two requests behind
+    // what the input allows, it fades out and moves up (see `fade`).
+    const int32_t block = lastDataInCount_.load(std::memory_order_relaxed);
+    if (pendingFactor_ < 0 && !pendingJump_ && fadeIn_ == 0 &&
+        ready - outputSampleID_ > 3 * int64_t(block) + 2 * int64_t(count)) {
+        pendingJump_ = true;
+        fadeDone_ = 0;
+    }
     fade(out, count);
     if (++mRegionTooSlowCounter_ >= kRegionRequests) {
         mRegionTooSlowCounter_ = 0;

@@ -50,9 +50,12 @@ class FFTPlanCache;
 /// Output follows input: a request that would come closer than one input
 /// block to the newest input the stream can give gets silence (and leaves the
 /// output position where it was, so that the delay settles at what the blocks'
-/// timing needs). Past the start-up (more than 32,768 input samples), ten such
-/// requests in a row mean the transposer cannot keep up: `getTransposedData`
-/// answers false once, and the caller stops the recording with
+/// timing needs). A late block can leave the output further behind than
+/// that; more than three blocks and two requests behind, it fades out over 4
+/// ms, moves up to one block and one request behind, and fades in again, so
+/// the delay does not grow with every hiccup of a loaded machine. Past the start-up (more than
+/// 32,768 input samples), ten such requests in a row mean the transposer cannot keep up:
+/// `getTransposedData` answers false once, and the caller stops the recording with
 /// `kTooSlowMessage`.
 ///
 /// Transforms run on the plans of the FFTW plan cache (real forward and
@@ -164,8 +167,8 @@ private:
     void interpolate(float* out, int32_t count);
     /// The newest output position (exclusive) that the frames so far complete.
     int64_t readyUntil() const;
-    /// Fades the `count` samples of `out` while a change of factor waits;
-    /// applies the change once the fade is over.
+    /// Fades the `count` samples of `out` while a change of factor or a move
+    /// of the output waits, applies it once faded out, then fades in.
     void fade(float* out, int32_t count);
 
     FFTPlanCache& plans_;
@@ -173,7 +176,9 @@ private:
     Mode mode_ = Mode::Transpose;
     int32_t factor_ = 0;
     int32_t pendingFactor_ = -1; ///< a factor waiting for the fade to end (-1: none)
-    int32_t fadeDone_ = 0;       ///< samples of the fade played
+    int32_t fadeDone_ = 0;       ///< samples of the fade-out played
+    int32_t fadeIn_ = 0;         ///< samples of the fade-in still to play
+    bool pendingJump_ = false;   ///< the output moves up after the fade-out
     bool filterOn_ = false;
     int32_t sampleRate_ = 0;
     int32_t frame_ = 0;             ///< M

@@ -212,6 +212,42 @@ TEST(TransposerTest, heterodyneMode_givesTheDifferenceWithinABlock) {
     EXPECT_LE(t.inputSampleID() - t.outputSampleID(), 2 * kBlock);
 }
 
+// Requests that find no input (a stalled delivery) leave the output behind;
+// once the input comes in a burst, the delay returns to what it was within
+// a few requests, instead of staying 30 requests longer for good.
+TEST(TransposerTest, stalledInputThenBurst_delayReturnsToWhatItWas) {
+    const int32_t rate = 192000;
+    for (auto mode : {Transposer::Mode::Transpose, Transposer::Mode::Heterodyne}) {
+        Transposer t(plans());
+        t.setupTransposition();
+        t.setFilter20kHzOn(false, 8, rate);
+        t.setMode(mode);
+        const std::vector<float> in = sine(40000.0, rate, 2.0);
+        std::vector<float> out(kBlock);
+        size_t at = 0;
+        const auto feed = [&](int32_t blocks) {
+            for (int32_t i = 0; i < blocks; ++i, at += kBlock)
+                t.addNewData(in.data() + at, kBlock);
+        };
+        const auto drain = [&](int32_t requests) {
+            for (int32_t i = 0; i < requests; ++i)
+                t.getTransposedData(out.data(), kBlock);
+        };
+        for (int32_t i = 0; i < 200; ++i) {
+            feed(1);
+            drain(1);
+        }
+        const int64_t settled = t.inputSampleID() - t.outputSampleID();
+        drain(30); // stalled: silence, the output stays where it was
+        feed(30);  // the late blocks at once
+        for (int32_t i = 0; i < 20; ++i) {
+            feed(1);
+            drain(1);
+        }
+        EXPECT_LE(t.inputSampleID() - t.outputSampleID(), settled + 2 * kBlock);
+    }
+}
+
 TEST(TransposerTest, startUpSilence_factorLimits_andOneTooSlowAnswer) {
     const int32_t rate = 192000;
     Transposer t(plans());
