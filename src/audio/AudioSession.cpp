@@ -239,7 +239,7 @@ void AudioSession::setupAndStartAudioUnit(std::function<void(bool)> completion) 
         if (transposing) {
             // Listening: short blocks in and a short queue out.
             config.ioBufferFrames = Transposer::frameSize(sampleRate);
-            config.outputBufferFrames = 2 * Transposer::frameSize(sampleRate);
+            config.outputBufferFrames = 3 * Transposer::frameSize(sampleRate);
         }
         config.inputVolume = inputGain_;
         outputRunning_.store(config.enableOutput, std::memory_order_release);

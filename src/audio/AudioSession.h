@@ -58,7 +58,7 @@ class MessageInterface;
 /// changed listening settings to a running recording without a restart.
 /// While listening, the capture and playback buffers are short (one
 /// transposer frame each way, 5.3 ms at 192 and 384 kHz; the playback stream
-/// queues two), so that the sound follows the input closely. When the
+/// queues three), so that the sound follows the input closely. When the
 /// transposer cannot keep up, the analyser is stopped and the user told
 /// (`Transposer::kTooSlowMessage`), once per recording.
 /// Slowed-down playback (`playbackTranspType` 1) opens the output at the

@@ -20,10 +20,18 @@ using namespace test;
 /// Bins of the spectra of what the default sink played (48 kHz): 2.93 Hz each.
 constexpr size_t kSpectrumSize = 16384;
 
+/// Bins on either side of the wanted line that the search for other
+/// components leaves out: 200 Hz. A render request that finds no input on a
+/// loaded test machine (a short gap, faded) widens the line's skirt to about
+/// -30 dB within 50 Hz; a mirror image, a mixing product or a leak of the
+/// input lies kHz away. (The transposer's own spectrum is checked to 12 bins
+/// in its unit test.)
+constexpr size_t kSkirt = 68;
+
 struct Heard {
     double hz;       ///< the strongest component
     double level;    ///< its amplitude
-    double othersDb; ///< the strongest component 12 bins or more away, against it
+    double othersDb; ///< the strongest component 200 Hz or more away, against it
 };
 
 /// The last 16,384 frames of the left channel of what the sink played.
@@ -36,7 +44,7 @@ Heard analyse(const std::vector<float>& stereo) {
     const auto peak = size_t(std::max_element(s.begin() + 1, s.end()) - s.begin());
     double other = 0.0;
     for (size_t k = 1; k < s.size(); ++k)
-        if (k + 12 <= peak || k >= peak + 12)
+        if (k + kSkirt <= peak || k >= peak + kSkirt)
             other = std::max(other, s[k]);
     return {double(peak) * 48000.0 / kSpectrumSize, s[peak], toDb(other / s[peak])};
 }
@@ -185,8 +193,10 @@ TEST_F(ListeningTest, transpositionAt192kHz_noMirror_evenLoudness_neverClips) {
     for (float v : loud)
         peak = std::max(peak, std::fabs(v));
     EXPECT_GT(peak, 0.5f);
-    // The limiter's ceiling plus what the sink's resampler may overshoot.
-    EXPECT_LT(peak, 0.95f);
+    // Below full scale: the limiter's ceiling (-2 dBFS) and what the sink's
+    // resampler adds to it.
+    EXPECT_LT(peak, 1.0f);
+    EXPECT_LT(peak, OutputLimiter::kCeiling * 1.1f);
     engine->stopRecorder();
 }
 

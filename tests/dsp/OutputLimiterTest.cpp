@@ -29,7 +29,7 @@ TEST(OutputLimiterTest, loudChirpStaysBelowCeiling_quietPassesAtLevel_gainRecove
     for (float v : x)
         peak = std::max(peak, std::fabs(v));
     EXPECT_LE(peak, OutputLimiter::kCeiling);
-    EXPECT_GT(peak, 0.85f); // limited, not silenced
+    EXPECT_GT(peak, 0.75f); // limited, not silenced
 
     std::vector<float> quiet(size_t(rate / 2), 0.0f);
     limiter.process(quiet.data(), int32_t(quiet.size()), level); // recovery time
