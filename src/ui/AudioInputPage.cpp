@@ -219,6 +219,11 @@ void AudioInputPage::changeOutputSetting(const std::function<void()>& change) {
 }
 
 void AudioInputPage::changeListeningSetting(const std::function<void()>& change) {
+    // A recording takes them at once (the audio object copies them into
+    // atomics); playback reads the settings themselves on its real-time
+    // thread, so it stops first, and the next playback uses them.
+    if (audio_.isPlaying())
+        delegate_.settingsNeedStopAnalyzer();
     change();
     audio_.refreshListening();
     refreshOutputControls();

@@ -99,10 +99,10 @@ public:
     /// switch, the mode (0 transposition, 1 heterodyne), the octaves down
     /// (segment k = k + 1 octaves, 1..6), the 20 kHz filter, the heterodyne's
     /// tuning in kHz and band (2.5, 5, 10 kHz). All but the switch take effect
-    /// while recording. Playback (products with playback; else null): how the
-    /// document plays (0 as recorded, 1 slowed down, 2 transposed, 3
-    /// heterodyne; 2 and 3 only with transposition), the octaves of slowed-down
-    /// playback, and the listening level in dB (also while running).
+    /// while recording (a playback stops first). Playback (products with playback; else null): how
+    /// the document plays (0 as recorded, 1 slowed down, 2 transposed, 3 heterodyne; 2 and 3 only
+    /// with transposition), the octaves of slowed-down playback, and the listening level in dB
+    /// (also while recording).
     QCheckBox* transpositionSwitch() const { return transpositionSwitch_; }
     SegmentedControl* listeningModeControl() const { return listeningMode_; }
     SegmentedControl* transpositionOctavesControl() const { return transpositionOctaves_; }
@@ -130,7 +130,7 @@ private:
     /// Shows the transposition and playback settings as they are.
     void refreshOutputControls();
     /// Runs `change` on the listening settings and hands them to a running
-    /// recording at once.
+    /// recording at once; stops a playback first.
     void changeListeningSetting(const std::function<void()>& change);
     /// Runs `change` on the settings with nothing recording or playing: the
     /// audio threads read these settings, so a running analysis stops first.
