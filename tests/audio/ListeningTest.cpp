@@ -131,11 +131,9 @@ TEST_F(ListeningTest, heterodyneAt384kHz_tunedCallIsHeardAtTheDifference_farCall
     ASSERT_TRUE(call);
     change([](AnalyzerDefaults& d) { d.setHeterodyneTuningHz(40000.0f); });
     QTest::qWait(500);
-    const std::vector<float> far = listen(800);
-    float peak = 0.0f;
-    for (float v : far)
-        peak = std::max(peak, std::fabs(v));
-    EXPECT_LT(toDb(double(peak) / tuned.level), -60.0);
+    // Its strongest component (a click of the loaded machine spreads over
+    // every bin, a heard tone does not).
+    EXPECT_LT(toDb(analyse(listen(800)).level / tuned.level), -60.0);
     engine->stopRecorder();
 }
 
