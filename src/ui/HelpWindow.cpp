@@ -306,7 +306,7 @@ void HelpWindow::buildCatalogue() {
           "at a lower pitch.");
     topic("Real-time transposition",
           "While recording at an ultrasonic sample rate, the program can play what the "
-          "microphone hears through the output, about 20 ms behind, so you can listen to bats "
+          "microphone hears through the output, about 25 ms behind, so you can listen to bats "
           "and other ultrasound. Settings > Audio input > Listening to ultrasound: "
           "Transposition plays everything 1 to 6 octaves lower at the same pace and the same "
           "loudness; Heterodyne plays only the band around the frequency it is tuned to (2.5, "
