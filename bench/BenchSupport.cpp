@@ -104,11 +104,9 @@ double RecordingReporter::fastestTime(const std::string& name,
     return find(fastestTimes_, name, args);
 }
 
-int32_t transposerFrame(int32_t factor) { return Transposer::kOutputFrame / factor; }
+int32_t transposerFrame(int32_t rate) { return Transposer::frameSize(rate); }
 
-int32_t transposerHop(int32_t factor) {
-    return std::min(transposerFrame(factor), Transposer::kMaxHop);
-}
+int32_t transposerHop(int32_t rate) { return transposerFrame(rate) / 4; }
 
 bool startPlayback(QProcess& process, const QString& sink, int rate, int latencyMs) {
     process.start("pacat",

@@ -81,9 +81,9 @@ private:
     std::map<std::string, double> fastestTimes_;
 };
 
-/// Samples in one output frame of the transposer at `factor`, and its hop.
-int32_t transposerFrame(int32_t factor);
-int32_t transposerHop(int32_t factor);
+/// Samples in one analysis frame of the transposer at `rate` Hz, and its hop.
+int32_t transposerFrame(int32_t rate);
+int32_t transposerHop(int32_t rate);
 
 /// An audio object that is always recording: the benchmark delivers the blocks.
 class AlwaysRecording final : public AudioSessionInterface {

@@ -241,6 +241,11 @@ void AudioSession::setupAndStartAudioUnit(std::function<void(bool)> completion) 
                 int(sampleRate / std::pow(2.0, defaults_.playbackSlowDownOctaves()));
         }
         config.ioBufferFrames = ioBufferFrames();
+        if (transposing) {
+            // Listening: short blocks in and a short queue out.
+            config.ioBufferFrames = Transposer::frameSize(sampleRate);
+            config.outputBufferFrames = 3 * Transposer::frameSize(sampleRate);
+        }
         config.inputVolume = inputGain_;
         outputRunning_.store(config.enableOutput, std::memory_order_release);
         ring_.reset();
@@ -274,15 +279,33 @@ void AudioSession::prepareTransposition(bool transposing, int sampleRate) {
     // The streams are closed: once the blocks of an earlier recording have
     // been delivered, nothing else touches the transposer until they open.
     audioDispatchQueue_.waitUntilEmpty();
-    const int32_t octaves = std::clamp(defaults_.realTimeTransposeOctavesDown(), 0, 30);
-    transposeFilter_.store(defaults_.realTimeTranspFilterBelow20kHz(), std::memory_order_release);
-    transposeFactor_.store(int32_t{1} << octaves, std::memory_order_release);
     transposeRate_.store(sampleRate, std::memory_order_release);
-    outputGainFactor_.store(float(std::pow(10.0, double(defaults_.outputGainValue()) / 20.0)),
-                            std::memory_order_release);
+    refreshListening();
+    limiter_.prepare(sampleRate);
     transposer_->setupTransposition();
     transposer_->setFilter20kHzOn(transposeFilter_.load(std::memory_order_acquire),
                                   transposeFactor_.load(std::memory_order_acquire), sampleRate);
+    transposer_->setMode(listeningMode_.load(std::memory_order_acquire) == 1
+                             ? Transposer::Mode::Heterodyne
+                             : Transposer::Mode::Transpose);
+}
+
+void AudioSession::refreshListening() {
+    if (transposer_ == nullptr)
+        return;
+    const int32_t octaves = std::clamp(defaults_.realTimeTransposeOctavesDown(), 0, 6);
+    transposeFilter_.store(defaults_.realTimeTranspFilterBelow20kHz(), std::memory_order_release);
+    transposeFactor_.store(int32_t{1} << octaves, std::memory_order_release);
+    outputGainFactor_.store(float(std::pow(10.0, double(defaults_.outputGainValue()) / 20.0)),
+                            std::memory_order_release);
+    listeningMode_.store(defaults_.listeningMode(), std::memory_order_release);
+    // The heterodyne's tuning and band are atomics of their own.
+    transposer_->heterodyne().setTuning(defaults_.heterodyneTuningHz());
+    transposer_->heterodyne().setBandwidth(defaults_.heterodyneBandHz());
+}
+
+int64_t AudioSession::outputUnderruns() const {
+    return unit_ != nullptr ? unit_->outputUnderruns() : 0;
 }
 
 void AudioSession::stopAudioUnits() {
@@ -400,11 +423,12 @@ void AudioSession::renderOutput(int32_t frames, float* out) {
         transposer_->setFilter20kHzOn(transposeFilter_.load(std::memory_order_acquire),
                                       transposeFactor_.load(std::memory_order_acquire),
                                       transposeRate_.load(std::memory_order_acquire));
+        transposer_->setMode(listeningMode_.load(std::memory_order_acquire) == 1
+                                 ? Transposer::Mode::Heterodyne
+                                 : Transposer::Mode::Transpose);
         if (!transposer_->getTransposedData(out, frames))
             transpositionTooSlow_.store(true, std::memory_order_release);
-        const float gain = outputGainFactor_.load(std::memory_order_acquire);
-        for (int32_t i = 0; i < frames; ++i)
-            out[i] *= gain;
+        limiter_.process(out, frames, outputGainFactor_.load(std::memory_order_acquire));
     }
     renderCycles_.fetch_add(1, std::memory_order_acq_rel);
 }

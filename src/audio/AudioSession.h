@@ -7,6 +7,7 @@
 #include "audio/CallMailbox.h"
 #include "audio/CaptureBufferRing.h"
 #include "audio/SoundServer.h"
+#include "dsp/OutputLimiter.h"
 #include "dsp/Transposer.h"
 #include "engine/AudioSessionInterface.h"
 #include "engine/DispatchQueue.h"
@@ -51,8 +52,15 @@ class MessageInterface;
 /// the start-up skip drains it: the input comes out of the default output
 /// 2^`realTimeTransposeOctavesDown` times lower (with
 /// `realTimeTranspFilterBelow20kHz`, only what lies above 20 kHz), times the
-/// output gain. When the transposer cannot keep up, the analyser is stopped
-/// and the user told (`Transposer::kTooSlowMessage`), once per recording.
+/// output gain (the listening level), through the output limiter. With
+/// `listeningMode` 1 the transposer heterodynes instead (tuned to
+/// `heterodyneTuningHz`, band `heterodyneBandHz`). `refreshListening` hands
+/// changed listening settings to a running recording without a restart.
+/// While listening, the capture and playback buffers are short (one
+/// transposer frame each way, 5.3 ms at 192 and 384 kHz; the playback stream
+/// queues three), so that the sound follows the input closely. When the
+/// transposer cannot keep up, the analyser is stopped and the user told
+/// (`Transposer::kTooSlowMessage`), once per recording.
 /// Slowed-down playback (`playbackTranspType` 1) opens the output at the
 /// document's rate / 2^`playbackSlowDownOctaves`, so that the device plays
 /// the same samples slower and lower.
@@ -183,6 +191,11 @@ public:
     const Transposer* transposer() const { return transposer_.get(); }
     /// The running (or last) recording feeds the transposer and plays its output.
     bool isTransposing() const { return transposing_.load(std::memory_order_acquire); }
+    /// Main thread: the listening settings of now (octaves, filter, mode,
+    /// tuning, band, level) take effect at the next render cycle.
+    void refreshListening();
+    /// Times the playback stream ran dry since it started (any thread).
+    int64_t outputUnderruns() const;
 
     /// Render cycles counted since the recording started, and the number of
     /// first cycles whose input is dropped: trunc(sampleRate * 7 / 44100).
@@ -278,6 +291,8 @@ private:
     std::atomic<int32_t> transposeFactor_{0};
     std::atomic<int32_t> transposeRate_{0};
     std::atomic<float> outputGainFactor_{1.0f};
+    std::atomic<int32_t> listeningMode_{0};
+    OutputLimiter limiter_;                         ///< render thread
     std::atomic<bool> transpositionTooSlow_{false}; ///< set by the render cycle
     QTimer tooSlowTimer_;                           ///< main thread
 

@@ -113,14 +113,23 @@ pa_stream* AudioStreams::openStream(const Config& config, bool capture, Result& 
                                                             PA_STREAM_START_CORKED |
                                                             PA_STREAM_DONT_MOVE));
     } else {
-        const uint32_t queued =
+        uint32_t queued =
             std::max(ioBytes * kOutputBuffers,
                      uint32_t(config.outputSampleRate * kMinOutputBufferSeconds) * frameBytes);
+        uint32_t request = ioBytes;
+        if (config.outputBufferFrames > 0) {
+            // Listening: what the stream holds is heard that much later; the
+            // server asks for a quarter of it at a time.
+            queued = uint32_t(config.outputBufferFrames) * frameBytes;
+            request = std::max(frameBytes, queued / 4);
+        }
         attr.tlength = queued;
-        attr.minreq = ioBytes;
+        attr.minreq = request;
         attr.fragsize = uint32_t(-1);
         pa_stream_set_state_callback(stream, &AudioStreams::onSinkState, this);
         pa_stream_set_write_callback(stream, &AudioStreams::onWrite, this);
+        pa_stream_set_underflow_callback(stream, &AudioStreams::onUnderflow, this);
+        underruns_.store(0, std::memory_order_release);
         status = pa_stream_connect_playback(stream, device.id.constData(), &attr,
                                             PA_STREAM_ADJUST_LATENCY, nullptr, nullptr);
     }
@@ -144,6 +153,7 @@ void AudioStreams::closeStream(pa_stream*& stream) {
     pa_stream_set_state_callback(stream, nullptr, nullptr);
     pa_stream_set_read_callback(stream, nullptr, nullptr);
     pa_stream_set_write_callback(stream, nullptr, nullptr);
+    pa_stream_set_underflow_callback(stream, nullptr, nullptr);
     if (pa_stream_get_state(stream) == PA_STREAM_READY)
         pa_stream_disconnect(stream);
     pa_stream_unref(stream);
@@ -247,6 +257,10 @@ void AudioStreams::onWrite(pa_stream* stream, size_t bytes, void* self) {
             return;
         bytes -= std::min(bytes, written);
     }
+}
+
+void AudioStreams::onUnderflow(pa_stream*, void* self) {
+    static_cast<AudioStreams*>(self)->underruns_.fetch_add(1, std::memory_order_acq_rel);
 }
 
 void AudioStreams::onSourceState(pa_stream* stream, void* self) {

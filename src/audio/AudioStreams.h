@@ -50,7 +50,10 @@ public:
         int sampleRate = 44100;       ///< capture rate, Hz
         int outputSampleRate = 44100; ///< playback rate, Hz
         int ioBufferFrames = 512;     ///< device buffer in frames (latency of one cycle)
-        float inputVolume = 1.0f;     ///< capture volume 0..1
+        /// Frames the playback stream keeps queued; 0: four device buffers, at
+        /// least 80 ms (safe for playback). Listening to the input asks less.
+        int outputBufferFrames = 0;
+        float inputVolume = 1.0f; ///< capture volume 0..1
     };
 
     struct Result {
@@ -83,6 +86,9 @@ public:
     /// Any thread.
     float inputVolume() const { return inputVolume_.load(std::memory_order_acquire); }
 
+    /// Times the playback stream ran dry since the last start (any thread).
+    int64_t outputUnderruns() const { return underruns_.load(std::memory_order_acquire); }
+
     /// The device the running capture stream reads (null when none runs).
     const AudioDevice& runningInput() const { return runningInput_; }
 
@@ -91,6 +97,7 @@ private:
     static void onSinkState(pa_stream* stream, void* self);
     static void onRead(pa_stream* stream, size_t bytes, void* self);
     static void onWrite(pa_stream* stream, size_t bytes, void* self);
+    static void onUnderflow(pa_stream* stream, void* self);
     pa_stream* openStream(const Config& config, bool capture, Result& result);
     void closeStream(pa_stream*& stream);
     void applyInputVolume();
@@ -112,6 +119,7 @@ private:
     int32_t fragmentPos_ = 0;
     int32_t framesTaken_ = 0;
     std::atomic<float> inputVolume_{1.0f};
+    std::atomic<int64_t> underruns_{0};
 };
 
 } // namespace widmo

@@ -98,6 +98,16 @@ constexpr Offered kBands = [](double v, const AnalyzerFeatures&) {
 constexpr Offered kSegment3 = [](double v, const AnalyzerFeatures&) { return inRange(v, 0, 2); };
 constexpr Offered kDecay = [](double v, const AnalyzerFeatures&) { return inRange(v, 0, 5); };
 constexpr Offered kOctaves = [](double v, const AnalyzerFeatures&) { return inRange(v, 1, 4); };
+constexpr Offered kListeningOctaves = [](double v, const AnalyzerFeatures&) {
+    return inRange(v, 1, 6);
+};
+constexpr Offered kPlaybackType = [](double v, const AnalyzerFeatures&) {
+    return inRange(v, 0, 3);
+};
+constexpr Offered kTuning = [](double v, const AnalyzerFeatures&) { return inRange(v, 0, 200000); };
+constexpr Offered kListeningBand = [](double v, const AnalyzerFeatures&) {
+    return v == 2500 || v == 5000 || v == 10000;
+};
 constexpr Offered kWidthDivisor = [](double v, const AnalyzerFeatures&) {
     return inRange(v, 1, 5);
 };
@@ -136,12 +146,15 @@ const std::vector<AnalyzerDefaults::PersistedField>& AnalyzerDefaults::persisted
         {"analyzerDefaults.octaveRTAMinValuesEnabled", &D::octaveRTAMinValuesEnabled_},
         {"analyzerDefaults.octaveRTAMaxValuesEnabled", &D::octaveRTAMaxValuesEnabled_},
         {"analyzerDefaults.octaveRTAMinMaxDecayTime", &D::octaveRTAMinMaxDecayTime_, kDecay},
-        {"analyzerDefaults.playbackTranspType", &D::playbackTranspType_, kSegment3},
+        {"analyzerDefaults.playbackTranspType", &D::playbackTranspType_, kPlaybackType},
         {"analyzerDefaults.recordingTranspositionOn", &D::recordingTranspositionOn_},
         {"analyzerDefaults.playbackSlowDownOctaves", &D::playbackSlowDownOctaves_, kOctaves},
         {"analyzerDefaults.realTimeTranspFilterBelow20kHz", &D::realTimeTranspFilterBelow20kHz_},
         {"analyzerDefaults.realTimeTransposeOctavesDown", &D::realTimeTransposeOctavesDown_,
-         kOctaves},
+         kListeningOctaves},
+        {"analyzerDefaults.listeningMode", &D::listeningMode_, kOnOff},
+        {"analyzerDefaults.heterodyneTuningHz", &D::heterodyneTuningHz_, kTuning},
+        {"analyzerDefaults.heterodyneBandHz", &D::heterodyneBandHz_, kListeningBand},
         {"analyzerDefaults.spectrogramWidthMianownik", &D::spectrogramWidthDivisor_, kWidthDivisor},
         {"analyzerDefaults.audioDefaultToSpeaker", &D::audioDefaultToSpeaker_},
     };

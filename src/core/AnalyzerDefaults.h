@@ -207,6 +207,14 @@ public:
     void setPlaybackSlowDownOctaves(int32_t v) { playbackSlowDownOctaves_ = v; }
     int32_t realTimeTransposeOctavesDown() const { return realTimeTransposeOctavesDown_; }
     void setRealTimeTransposeOctavesDown(int32_t v) { realTimeTransposeOctavesDown_ = v; }
+    /// Listening to the input and to transposed playback: 0 transposition, 1 heterodyne.
+    int32_t listeningMode() const { return listeningMode_; }
+    void setListeningMode(int32_t v) { listeningMode_ = v; }
+    /// The heterodyne's tuned frequency and audio band, Hz.
+    float heterodyneTuningHz() const { return heterodyneTuningHz_; }
+    void setHeterodyneTuningHz(float v) { heterodyneTuningHz_ = v; }
+    float heterodyneBandHz() const { return heterodyneBandHz_; }
+    void setHeterodyneBandHz(float v) { heterodyneBandHz_ = v; }
     int32_t blockGoToTheAppStore() const { return blockGoToTheAppStore_; }
     void setBlockGoToTheAppStore(int32_t v) { blockGoToTheAppStore_ = v; }
 
@@ -388,6 +396,9 @@ private:
     int32_t playbackTranspType_ = 0;
     int32_t playbackSlowDownOctaves_ = 1;
     int32_t realTimeTransposeOctavesDown_ = 1;
+    int32_t listeningMode_ = 0;
+    float heterodyneTuningHz_ = 40000.0f;
+    float heterodyneBandHz_ = 5000.0f;
     int32_t octaveRTAMinIndex_ = 0;
     int32_t octaveRTAMaxIndex_ = 0;
     int32_t spectrogramLogIndexesCount_ = 0;

@@ -72,6 +72,7 @@ void DocumentPlayer::start(std::function<void(bool)> completion) {
         transposer_->setupTransposition();
         setTransposerParameters();
     }
+    limiter_.prepare(static_cast<int32_t>(defaults_.sampleRate()));
     const int64_t n = defaults_.intervalSizeInFrames();
     const int64_t first = firstIntervalToPlay();
     playedFrame_.store(first * n, std::memory_order_release);
@@ -89,9 +90,13 @@ void DocumentPlayer::start(std::function<void(bool)> completion) {
 }
 
 void DocumentPlayer::setTransposerParameters() {
-    const int32_t octaves = std::clamp(defaults_.realTimeTransposeOctavesDown(), 0, 30);
+    const int32_t octaves = std::clamp(defaults_.realTimeTransposeOctavesDown(), 0, 6);
     transposer_->setFilter20kHzOn(defaults_.realTimeTranspFilterBelow20kHz(), int32_t{1} << octaves,
                                   static_cast<int32_t>(defaults_.sampleRate()));
+    transposer_->setMode(defaults_.playbackTranspType() == 3 ? Transposer::Mode::Heterodyne
+                                                             : Transposer::Mode::Transpose);
+    transposer_->heterodyne().setTuning(defaults_.heterodyneTuningHz());
+    transposer_->heterodyne().setBandwidth(defaults_.heterodyneBandHz());
 }
 
 void DocumentPlayer::stop() {
@@ -121,7 +126,7 @@ void DocumentPlayer::render(AudioBlock* data) {
     if (storeReady && remaining > data->count) {
         if (SpectrogramScrollViewInterface* scroll = spectrogramScrollView())
             scroll->setPlayLinePosition(static_cast<float>(remaining / n));
-        const auto gain = static_cast<float>(
+        const auto level = static_cast<float>(
             std::pow(10.0, static_cast<double>(defaults_.outputGainValue()) / 20.0));
         int64_t position = played % capacity;
         int64_t left = data->count;
@@ -129,19 +134,21 @@ void DocumentPlayer::render(AudioBlock* data) {
         while (left > 0) {
             const int64_t chunk = std::min(left, capacity - position);
             const float* src = store.data() + position;
-            for (int64_t k = 0; k < chunk; ++k)
-                out[k] = gain * src[k];
+            std::copy(src, src + chunk, out);
             out += chunk;
             left -= chunk;
             position = 0;
         }
-        // Transposed playback: the block goes through the transposer and is
-        // replaced by its output (silent for the first frame and block).
-        if (transposer_ != nullptr && defaults_.playbackTranspType() == 2) {
+        // Transposed or heterodyne playback: the block goes through the
+        // transposer and is replaced by its output (silent for the first
+        // frame and block).
+        const int32_t type = defaults_.playbackTranspType();
+        if (transposer_ != nullptr && (type == 2 || type == 3)) {
             transposer_->addNewData(data->data, data->count);
             setTransposerParameters();
             transposer_->getTransposedData(data->data, data->count);
         }
+        limiter_.process(data->data, data->count, level);
         playedFrame_.store(played + data->count, std::memory_order_release);
     } else if (!stopPosted_.exchange(true, std::memory_order_acq_rel)) {
         // The render thread keeps calling until the main thread has stopped the

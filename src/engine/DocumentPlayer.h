@@ -1,5 +1,6 @@
 #pragma once
 
+#include "dsp/OutputLimiter.h"
 #include "dsp/Transposer.h"
 #include "engine/AudioBlock.h"
 
@@ -19,10 +20,11 @@ class SpectrogramScrollViewInterface;
 class SpectrogramViewInterface;
 
 /// Playback of the document: from the interval under the spectrogram's
-/// measuring cursor (or the oldest one on screen) to the newest, with the
-/// output gain, optionally through a transposer that plays it
-/// 2^`realTimeTransposeOctavesDown` times lower at its own pace. The play
-/// line on the spectrogram follows.
+/// measuring cursor (or the oldest one on screen) to the newest, optionally
+/// through a transposer that plays it 2^`realTimeTransposeOctavesDown` times
+/// lower at its own pace (`playbackTranspType` 2) or heterodyned to the tuned
+/// band (3), then at the listening level through the output limiter. The
+/// play line on the spectrogram follows.
 ///
 /// Threading: `start`, `stop` and `firstIntervalToPlay` on the main thread;
 /// `render` on the audio object's real-time playback thread. `render` reads
@@ -51,11 +53,11 @@ public:
     /// The interval where playback starts: the one under the spectrogram's
     /// measuring cursor, or with measuring off the oldest one on screen.
     int64_t firstIntervalToPlay();
-    /// Fills `data->count` mono samples from the store with the output gain,
-    /// or, when fewer samples than the block remain before the newest one,
-    /// leaves the block as it is and stops playback through the main thread
-    /// (once). With transposition and `playbackTranspType` 2 the block is then
-    /// replaced by the transposer's output. Real-time thread.
+    /// Fills `data->count` mono samples from the store, or, when fewer
+    /// samples than the block remain before the newest one, leaves the block
+    /// as it is and stops playback through the main thread (once). With
+    /// `playbackTranspType` 2 or 3 the block is then replaced by the
+    /// transposer's output; last the level and the limiter. Real-time thread.
     void render(AudioBlock* data);
     /// The document frame playback has reached. Any thread.
     int64_t playedFrame() const { return playedFrame_.load(std::memory_order_acquire); }
@@ -72,6 +74,7 @@ private:
     SpectrogramViewInterface* spectrogramView_ = nullptr;
     /// Transposed playback (`featureTranspositionEnabled`); null otherwise.
     std::unique_ptr<Transposer> transposer_;
+    OutputLimiter limiter_; ///< render thread, prepared by `start`
     std::atomic<int64_t> playedFrame_{0};
     // Set when playback ran out, so the render thread posts the stop only once.
     std::atomic<bool> stopPosted_{false};

@@ -6,6 +6,7 @@
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
 #include "core/SettingsStore.h"
+#include "dsp/Heterodyne.h"
 #include "render/DeviceClass.h"
 #include "ui/FloatSlider.h"
 #include "ui/MessageDialogs.h"
@@ -14,6 +15,7 @@
 #include "ui/SettingsDelegate.h"
 
 #include <QCheckBox>
+#include <QDoubleSpinBox>
 #include <QGridLayout>
 #include <QHBoxLayout>
 #include <QLabel>
@@ -139,27 +141,51 @@ void AudioInputPage::addOutputSections() {
     const AnalyzerFeatures& features = defaults_.features();
     const QStringList octaves{"1", "2", "3", "4"};
     if (features.featureTranspositionEnabled()) {
-        const int section = addSection("Real-time transposition");
-        transpositionSwitch_ = new QCheckBox("Play the input transposed down while recording");
+        const int section = addSection("Listening to ultrasound");
+        transpositionSwitch_ = new QCheckBox("Listen to the input while recording");
         addRow(section, transpositionSwitch_);
-        transpositionOctaves_ = new SegmentedControl(octaves);
+        listeningMode_ = new SegmentedControl({"Transposition", "Heterodyne"});
+        addRow(section, "Mode", listeningMode_);
+        transpositionOctaves_ = new SegmentedControl({"1", "2", "3", "4", "5", "6"});
         addRow(section, "Octaves down", transpositionOctaves_);
         transpositionFilter_ = new QCheckBox("Remove everything below 20 kHz first");
         addRow(section, transpositionFilter_);
+        tuningField_ = new QDoubleSpinBox;
+        tuningField_->setDecimals(1);
+        tuningField_->setSingleStep(0.5);
+        tuningField_->setSuffix(" kHz");
+        tuningField_->setKeyboardTracking(false);
+        addRow(section, "Tuned to", tuningField_);
+        bandControl_ = new SegmentedControl({"2.5 kHz", "5 kHz", "10 kHz"});
+        addRow(section, "Band", bandControl_);
         connect(transpositionSwitch_, &QCheckBox::toggled, this, [this](bool on) {
             changeOutputSetting([this, on] { defaults_.setRecordingTranspositionOn(on); });
         });
+        connect(listeningMode_, &SegmentedControl::valueChanged, this, [this](int mode) {
+            changeListeningSetting([this, mode] { defaults_.setListeningMode(mode); });
+        });
         connect(transpositionOctaves_, &SegmentedControl::valueChanged, this, [this](int k) {
-            changeOutputSetting([this, k] { defaults_.setRealTimeTransposeOctavesDown(k + 1); });
+            changeListeningSetting([this, k] { defaults_.setRealTimeTransposeOctavesDown(k + 1); });
         });
         connect(transpositionFilter_, &QCheckBox::toggled, this, [this](bool on) {
-            changeOutputSetting([this, on] { defaults_.setRealTimeTranspFilterBelow20kHz(on); });
+            changeListeningSetting([this, on] { defaults_.setRealTimeTranspFilterBelow20kHz(on); });
+        });
+        connect(tuningField_, &QDoubleSpinBox::valueChanged, this, [this](double kHz) {
+            changeListeningSetting(
+                [this, kHz] { defaults_.setHeterodyneTuningHz(float(kHz * 1000.0)); });
+        });
+        connect(bandControl_, &SegmentedControl::valueChanged, this, [this](int k) {
+            changeListeningSetting([this, k] {
+                defaults_.setHeterodyneBandHz(
+                    float(Heterodyne::kBands[size_t(std::clamp(k, 0, 2))]));
+            });
         });
     }
     if (features.featurePlayback()) {
         const int section = addSection("Playback");
         if (features.featureTranspositionEnabled()) {
-            playbackType_ = new SegmentedControl({"As recorded", "Slowed down", "Transposed"});
+            playbackType_ =
+                new SegmentedControl({"As recorded", "Slowed down", "Transposed", "Heterodyne"});
             addRow(section, "Play", playbackType_);
             playbackOctaves_ = new SegmentedControl(octaves);
             addRow(section, "Octaves", playbackOctaves_);
@@ -173,9 +199,9 @@ void AudioInputPage::addOutputSections() {
         outputSlider_ =
             new FloatSlider(kMinOutputGain, kMaxOutputGain, int(kMaxOutputGain - kMinOutputGain));
         outputValue_ = new QLabel;
-        addRow(section, gainCell(new QLabel("Output gain"), outputSlider_, outputValue_));
+        addRow(section, gainCell(new QLabel("Listening level"), outputSlider_, outputValue_));
         connect(outputSlider_, &FloatSlider::floatValueChanged, this, [this](float dB) {
-            changeOutputSetting([this, dB] { defaults_.setOutputGainValue(dB); });
+            changeListeningSetting([this, dB] { defaults_.setOutputGainValue(dB); });
         });
     }
     refreshOutputControls();
@@ -192,22 +218,50 @@ void AudioInputPage::changeOutputSetting(const std::function<void()>& change) {
     refreshOutputControls();
 }
 
+void AudioInputPage::changeListeningSetting(const std::function<void()>& change) {
+    // A recording takes them at once (the audio object copies them into
+    // atomics); playback reads the settings themselves on its real-time
+    // thread, so it stops first, and the next playback uses them.
+    if (audio_.isPlaying())
+        delegate_.settingsNeedStopAnalyzer();
+    change();
+    audio_.refreshListening();
+    refreshOutputControls();
+}
+
 void AudioInputPage::refreshOutputControls() {
     const auto octaveSegment = [](int32_t octaves) { return std::clamp(octaves, 1, 4) - 1; };
     if (transpositionSwitch_) {
         const QSignalBlocker a(transpositionSwitch_);
         const QSignalBlocker b(transpositionFilter_);
+        const QSignalBlocker c(tuningField_);
         transpositionSwitch_->setChecked(defaults_.recordingTranspositionOn());
+        const bool heterodyne = defaults_.listeningMode() == 1;
+        listeningMode_->setSelectedSegmentIndex(heterodyne ? 1 : 0);
         transpositionOctaves_->setSelectedSegmentIndex(
-            octaveSegment(defaults_.realTimeTransposeOctavesDown()));
+            std::clamp(defaults_.realTimeTransposeOctavesDown(), 1, 6) - 1);
         transpositionFilter_->setChecked(defaults_.realTimeTranspFilterBelow20kHz());
+        // The tuning reaches up to where the band still fits below half the rate.
+        const double band = defaults_.heterodyneBandHz();
+        const auto rate = int32_t(defaults_.sampleRate());
+        tuningField_->setRange(0.0, Heterodyne::highestTuning(rate, band) / 1000.0);
+        tuningField_->setValue(double(defaults_.heterodyneTuningHz()) / 1000.0);
+        const auto bandIndex =
+            std::find(Heterodyne::kBands.begin(), Heterodyne::kBands.end(), band);
+        bandControl_->setSelectedSegmentIndex(bandIndex == Heterodyne::kBands.end()
+                                                  ? 1
+                                                  : int(bandIndex - Heterodyne::kBands.begin()));
+        transpositionOctaves_->setEnabled(!heterodyne);
+        transpositionFilter_->setEnabled(!heterodyne);
+        tuningField_->setEnabled(heterodyne);
+        bandControl_->setEnabled(heterodyne);
     }
     if (playbackType_) {
         const int32_t type = defaults_.playbackTranspType();
-        playbackType_->setSelectedSegmentIndex(type >= 0 && type <= 2 ? type : 0);
+        playbackType_->setSelectedSegmentIndex(type >= 0 && type <= 3 ? type : 0);
         playbackOctaves_->setSelectedSegmentIndex(
             octaveSegment(defaults_.playbackSlowDownOctaves()));
-        playbackOctaves_->setEnabled(type == 1 || type == 2);
+        playbackOctaves_->setEnabled(type == 1);
     }
     if (outputSlider_) {
         const QSignalBlocker quiet(outputSlider_);

@@ -6,6 +6,7 @@
 #include <functional>
 
 class QCheckBox;
+class QDoubleSpinBox;
 class QSlider;
 class QLabel;
 class QListWidget;
@@ -94,14 +95,20 @@ public:
     QLabel* deviceSampleRateLabel() const { return deviceRate_; }
     /// Shown when the document's rate is above the device's own rate.
     QLabel* sampleRateWarningLabel() const { return rateWarning_; }
-    /// Real-time transposition (products with transposition; else null):
-    /// the switch, the octaves down (segment k = k + 1 octaves) and the
-    /// 20 kHz filter. Playback (products with playback; else null): how the
-    /// document plays (0 as recorded, 1 slowed down, 2 transposed; only with
-    /// transposition), the octaves of either, and the output gain in dB.
+    /// Listening to ultrasound (products with transposition; else null): the
+    /// switch, the mode (0 transposition, 1 heterodyne), the octaves down
+    /// (segment k = k + 1 octaves, 1..6), the 20 kHz filter, the heterodyne's
+    /// tuning in kHz and band (2.5, 5, 10 kHz). All but the switch take effect
+    /// while recording (a playback stops first). Playback (products with playback; else null): how
+    /// the document plays (0 as recorded, 1 slowed down, 2 transposed, 3 heterodyne; 2 and 3 only
+    /// with transposition), the octaves of slowed-down playback, and the listening level in dB
+    /// (also while recording).
     QCheckBox* transpositionSwitch() const { return transpositionSwitch_; }
+    SegmentedControl* listeningModeControl() const { return listeningMode_; }
     SegmentedControl* transpositionOctavesControl() const { return transpositionOctaves_; }
     QCheckBox* transpositionFilterSwitch() const { return transpositionFilter_; }
+    QDoubleSpinBox* heterodyneTuningField() const { return tuningField_; }
+    SegmentedControl* heterodyneBandControl() const { return bandControl_; }
     SegmentedControl* playbackTypeControl() const { return playbackType_; }
     SegmentedControl* playbackOctavesControl() const { return playbackOctaves_; }
     FloatSlider* outputGainSlider() const { return outputSlider_; }
@@ -122,6 +129,9 @@ private:
     void addOutputSections();
     /// Shows the transposition and playback settings as they are.
     void refreshOutputControls();
+    /// Runs `change` on the listening settings and hands them to a running
+    /// recording at once; stops a playback first.
+    void changeListeningSetting(const std::function<void()>& change);
     /// Runs `change` on the settings with nothing recording or playing: the
     /// audio threads read these settings, so a running analysis stops first.
     void changeOutputSetting(const std::function<void()>& change);
@@ -153,6 +163,9 @@ private:
     QCheckBox* effectSwitch_ = nullptr;
     QLabel* effectStatus_ = nullptr;
     QCheckBox* transpositionSwitch_ = nullptr;
+    SegmentedControl* listeningMode_ = nullptr;
+    QDoubleSpinBox* tuningField_ = nullptr;
+    SegmentedControl* bandControl_ = nullptr;
     SegmentedControl* transpositionOctaves_ = nullptr;
     QCheckBox* transpositionFilter_ = nullptr;
     SegmentedControl* playbackType_ = nullptr;

@@ -305,9 +305,14 @@ void HelpWindow::buildCatalogue() {
           "Playback can be slowed down by one or more octaves, which makes ultrasound audible "
           "at a lower pitch.");
     topic("Real-time transposition",
-          "While recording at an ultrasonic sample rate, the program can transpose the sound "
-          "down by octaves in real time and play it through the output, so you can listen to "
-          "bats and other ultrasound.");
+          "While recording at an ultrasonic sample rate, the program can play what the "
+          "microphone hears through the output, about 25 ms behind, so you can listen to bats "
+          "and other ultrasound. Settings > Audio input > Listening to ultrasound: "
+          "Transposition plays everything 1 to 6 octaves lower at the same pace and the same "
+          "loudness; Heterodyne plays only the band around the frequency it is tuned to (2.5, "
+          "5 or 10 kHz wide), as clicks and chirps, like a bat detector. Both can be changed "
+          "while recording, and both apply to playing back a recording too. The listening "
+          "level sets how loud it plays; very loud sound is limited, never clipped.");
     topic(QStringList{"Import and export", "Open audio from another application", "Sharing"},
           QStringList{"Open an audio file (WAV, AIFF, FLAC, Ogg, Opus, MP3) from the import "
                       "menu, or give its name on the command line, or drop it on the window; "

@@ -162,9 +162,12 @@ TEST_F(AnalyzerDefaultsTest, valuesNoScreenOffers_keepTheirDefaults_everyKey) {
         {"octaveRTABandAverageType", {"3"}},
         {"spectrogramColorType", {"3"}},
         {"octaveRTAMinMaxDecayTime", {"6", "-1"}},
-        {"playbackTranspType", {"3"}},
+        {"playbackTranspType", {"4"}},
         {"playbackSlowDownOctaves", {"0", "5"}},
-        {"realTimeTransposeOctavesDown", {"0", "99"}},
+        {"realTimeTransposeOctavesDown", {"0", "7", "99"}},
+        {"listeningMode", {"2"}},
+        {"heterodyneTuningHz", {"-1", "300000"}},
+        {"heterodyneBandHz", {"3000"}},
         {"spectrogramWidthMianownik", {"0", "6"}},
         {"audioDefaultToSpeaker", flags}};
     QRandomGenerator rng(20);

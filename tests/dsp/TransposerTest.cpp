@@ -3,22 +3,20 @@
 #include "dsp/FFTPlanCache.h"
 
 #include "HannSpectrum.h"
-#include "TestSignals.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cmath>
-#include <complex>
+#include <functional>
 #include <numbers>
 #include <vector>
 
 namespace widmo {
 namespace {
 
-constexpr int32_t kRate = 192000;
 constexpr int32_t kBlock = 512;
-constexpr int32_t kSpectrumSize = 65536;
+constexpr size_t kSpectrumSize = 65536;
 
 FFTPlanCache& plans() {
     static FFTPlanCache cache(QString(), FFTW_ESTIMATE);
@@ -27,91 +25,234 @@ FFTPlanCache& plans() {
     return cache;
 }
 
-/// What `seconds` of a 0.5 sine at `frequency` give, fed and drained in
-/// 512-sample blocks as the audio path does.
-std::vector<float> transpose(double frequency, int32_t factor, bool filter, double seconds) {
-    Transposer t(plans());
-    t.setupTransposition();
-    t.setFilter20kHzOn(filter, factor, kRate);
-    const std::vector<float> in =
-        test::sine(size_t(seconds * kRate) / kBlock * kBlock, frequency / kRate, 0.5);
+/// Feeds `in` in 512-sample blocks and drains as many, as the audio path
+/// does; `between(at)` runs before the block at sample `at`.
+std::vector<float> run(Transposer& t, const std::vector<float>& in,
+                       const std::function<void(size_t)>& between = {}) {
     std::vector<float> out(in.size());
-    for (size_t at = 0; at < in.size(); at += kBlock) {
+    for (size_t at = 0; at + kBlock <= in.size(); at += kBlock) {
+        if (between)
+            between(at);
         t.addNewData(in.data() + at, kBlock);
         EXPECT_TRUE(t.getTransposedData(out.data() + at, kBlock));
     }
     return out;
 }
 
-/// The spectrum of the last 65,536 samples (2.93 Hz a bin at 192 kHz).
-std::vector<double> spectrumOfTail(const std::vector<float>& y) {
-    return test::hannSpectrum(y.data() + y.size() - kSpectrumSize, kSpectrumSize);
+std::vector<float> sine(double hz, int32_t rate, double seconds, double amplitude = 0.5) {
+    std::vector<float> x(size_t(seconds * rate) / kBlock * kBlock);
+    for (size_t i = 0; i < x.size(); ++i)
+        x[i] = float(amplitude * std::sin(2.0 * std::numbers::pi * hz * double(i) / rate));
+    return x;
 }
 
-/// Bin of the strongest component below a quarter of the rate (the audible
-/// side of the image that the unpacking mirrors about rate/4).
-int32_t peakBin(const std::vector<double>& magnitude) {
-    const auto end = magnitude.begin() + kSpectrumSize / 4;
-    return int32_t(std::max_element(magnitude.begin() + 1, end) - magnitude.begin());
+struct Components {
+    double wantedHz; ///< the strongest component's frequency
+    double wantedDb; ///< the level (peak of a sine of the same power) against the input's
+    double othersDb; ///< the strongest component 12 bins or more away, against it
+};
+
+/// The last 65,536 samples' Hann spectrum: the strongest component and the
+/// strongest other (outside the window's main lobe and its first sidelobes:
+/// a Hann sidelobe 12 bins away is below -70 dB); the level is the tail's
+/// power, free of the spectrum's scalloping.
+Components components(const std::vector<float>& y, int32_t rate, double amplitude = 0.5) {
+    const std::vector<double> s =
+        test::hannSpectrum(y.data() + y.size() - kSpectrumSize, kSpectrumSize);
+    const auto peak = size_t(std::max_element(s.begin() + 1, s.end()) - s.begin());
+    double other = 0.0;
+    for (size_t k = 1; k < s.size(); ++k)
+        if (k + 12 <= peak || k >= peak + 12)
+            other = std::max(other, s[k]);
+    double power = 0.0;
+    for (size_t i = y.size() - kSpectrumSize; i < y.size(); ++i)
+        power += double(y[i]) * double(y[i]);
+    const double level = std::sqrt(2.0 * power / double(kSpectrumSize));
+    return {double(peak) * rate / double(kSpectrumSize), 20.0 * std::log10(level / amplitude),
+            20.0 * std::log10(other / s[peak])};
 }
 
-int32_t binOf(double frequency) { return int32_t(std::lround(frequency * kSpectrumSize / kRate)); }
-
-// The unpacked output's even samples are the real parts of the inverse
-// transform, a plain sine at twice the output frequency; a frame added at the
-// wrong place, or a ring not cleared before the frames that follow, shows as
-// a step far above the sine's own.
-TEST(TransposerTest, ultrasonicTone_comesOutDividedByTheFactorWithoutASeam_filterRemovesOnlyAudio) {
-    const double ultrasonic = 40000.0;
-    std::vector<double> high; // at 8 (3 octaves)
-    for (int32_t factor : {2, 4, 8, 16}) {
-        SCOPED_TRACE(factor);
-        const std::vector<float> y = transpose(ultrasonic, factor, false, 1.0);
-        const std::vector<double> s = spectrumOfTail(y);
-        EXPECT_NEAR(peakBin(s), binOf(ultrasonic / factor), 1);
-        if (factor == 8)
-            high = s;
-        if (factor == 2)
-            continue;
-        float peak = 0.0f;
-        float step = 0.0f;
-        for (size_t i = y.size() - kSpectrumSize; i + 2 < y.size(); i += 2) {
-            peak = std::max(peak, std::fabs(y[i]));
-            step = std::max(step, std::fabs(y[i + 2] - y[i]));
+// Every rate and factor: the tone comes out at f / T, at the input's level
+// (within 1 dB: loudness does not depend on the factor), and nothing else
+// above -60 dB (no mirror image about rate / 2T, the fault of unpacking
+// complex values as samples, and no images of the stretch).
+TEST(TransposerTest, toneAtEveryRateAndFactor_comesOutAloneAtTheInputLevel) {
+    const std::vector<std::pair<int32_t, double>> cases{
+        {48000, 10000.0}, {96000, 20000.0}, {192000, 40000.0}, {384000, 40000.0}};
+    for (const auto& [rate, tone] : cases) {
+        for (int32_t factor = 2; factor <= Transposer::kMaxFactor; factor *= 2) {
+            SCOPED_TRACE(testing::Message() << rate << " Hz, factor " << factor);
+            Transposer t(plans());
+            t.setupTransposition();
+            t.setFilter20kHzOn(false, factor, rate);
+            const double seconds = double(kSpectrumSize) / rate + 0.1;
+            const Components c = components(run(t, sine(tone, rate, seconds)), rate);
+            EXPECT_NEAR(c.wantedHz, tone / factor, double(rate) / kSpectrumSize);
+            EXPECT_NEAR(c.wantedDb, 0.0, 1.0);
+            EXPECT_LT(c.othersDb, -60.0);
         }
-        ASSERT_GT(peak, 0.05f);
-        // The steepest step of a sine of that peak, plus 2 % for the slow
-        // ripple of the window sum at the start of the tail.
-        EXPECT_LT(step, 1.02 * 2.0 * peak *
-                            std::sin(2.0 * std::numbers::pi * ultrasonic / factor / kRate));
     }
+}
 
-    // At 8: an audible tone passes without the filter and is gone with it; the
-    // ultrasonic tone passes the filter at the same level.
-    const double audible = 10000.0;
-    const std::vector<double> open = spectrumOfTail(transpose(audible, 8, false, 1.0));
-    const std::vector<double> filtered = spectrumOfTail(transpose(audible, 8, true, 1.0));
-    const std::vector<double> highFiltered = spectrumOfTail(transpose(ultrasonic, 8, true, 1.0));
-    EXPECT_EQ(peakBin(open), binOf(audible / 8));
-    // -40 dB: the input frames are transformed unwindowed, and the leakage of
-    // a tone 10 kHz below the cut (107 bins of 94 Hz) is about -50 dB.
-    EXPECT_LT(*std::max_element(filtered.begin(), filtered.end()),
-              open[size_t(binOf(audible / 8))] * 1e-2);
-    const size_t highBin = size_t(binOf(ultrasonic / 8));
-    EXPECT_EQ(peakBin(highFiltered), int32_t(highBin));
-    EXPECT_NEAR(highFiltered[highBin] / high[highBin], 1.0, 0.01);
+// The 20 kHz filter takes an audible tone away and leaves an ultrasonic one at
+// its level.
+TEST(TransposerTest, filter_removesAudibleInput_keepsUltrasound) {
+    const int32_t rate = 192000;
+    Transposer t(plans());
+    t.setupTransposition();
+    t.setFilter20kHzOn(true, 8, rate);
+    const std::vector<float> audible = run(t, sine(10000.0, rate, 0.5));
+    float peak = 0.0f;
+    for (size_t i = audible.size() / 2; i < audible.size(); ++i)
+        peak = std::max(peak, std::fabs(audible[i]));
+    EXPECT_LT(20.0 * std::log10(double(peak) / 0.5), -60.0);
+    t.setupTransposition();
+    EXPECT_NEAR(components(run(t, sine(40000.0, rate, 0.5)), rate).wantedDb, 0.0, 1.0);
+}
 
-    // The 512 kept bins of a 1,024-sample frame span a quarter of the rate:
-    // at 192 kHz 213 lie below 20 kHz, at 48 kHz all of them.
-    EXPECT_EQ(Transposer::filteredBins(1024, 192000), 213);
-    EXPECT_EQ(Transposer::filteredBins(1024, 48000), 512);
+// A sweep from 30 to 60 kHz in a second, three octaves down: in every 20 ms
+// the strongest component follows the sweep divided by 8, and nothing else
+// comes within 40 dB of it (one line, not several).
+TEST(TransposerTest, sweptTone_givesOneSweptLine) {
+    const int32_t rate = 192000;
+    const size_t n = size_t(rate);
+    std::vector<float> in(n);
+    for (size_t i = 0; i < n; ++i) {
+        const double t = double(i) / rate;
+        in[i] = float(0.5 * std::sin(2.0 * std::numbers::pi * (30000.0 * t + 15000.0 * t * t)));
+    }
+    Transposer t(plans());
+    t.setupTransposition();
+    t.setFilter20kHzOn(false, 8, rate);
+    const std::vector<float> out = run(t, in);
+    const size_t window = 4096; // 46.9 Hz a bin; the output sweeps 3.75 Hz a window
+    const double delay = Transposer::latencySamples(rate, 8) + kBlock;
+    for (size_t at = n / 10; at + window <= n; at += window * 4) {
+        const std::vector<double> s = test::hannSpectrum(out.data() + at, window);
+        const auto peak = size_t(std::max_element(s.begin() + 1, s.end()) - s.begin());
+        const double time = (double(at + window / 2) - delay) / rate;
+        EXPECT_NEAR(double(peak) * rate / window, (30000.0 + 30000.0 * time) / 8.0, 2.5 * 46.9);
+        double other = 0.0;
+        for (size_t k = 1; k < s.size(); ++k)
+            if (k + 6 <= peak || k >= peak + 6)
+                other = std::max(other, s[k]);
+        EXPECT_LT(20.0 * std::log10(other / s[peak]), -40.0) << at;
+    }
+}
+
+// A change of the factor while running: the output never rises above the
+// tone's steady peak (no click), and the new factor's tone is as loud as the
+// old one's.
+TEST(TransposerTest, factorChangedWhileRunning_fadesWithoutClick_keepsLevel) {
+    const int32_t rate = 192000;
+    Transposer t(plans());
+    t.setupTransposition();
+    t.setFilter20kHzOn(false, 8, rate);
+    const std::vector<float> in = sine(40000.0, rate, 1.5);
+    const size_t change = size_t(rate * 3 / 4) / kBlock * kBlock;
+    const std::vector<float> out = run(t, in, [&](size_t at) {
+        if (at == change)
+            t.setFilter20kHzOn(false, 2, rate);
+    });
+    EXPECT_EQ(t.factor(), 2);
+    const auto peakOf = [&](size_t from, size_t to) {
+        float p = 0.0f;
+        for (size_t i = from; i < to; ++i)
+            p = std::max(p, std::fabs(out[i]));
+        return double(p);
+    };
+    const double before = peakOf(change - size_t(rate / 10), change);
+    const double after = peakOf(change + size_t(rate / 10), change + size_t(rate / 5));
+    EXPECT_NEAR(20.0 * std::log10(after / before), 0.0, 1.0);
+    EXPECT_LE(peakOf(change - kBlock, change + size_t(rate / 10)), 1.02 * before);
+    const Components c = components(out, rate);
+    EXPECT_NEAR(c.wantedHz, 20000.0, 3.0);
+    EXPECT_LT(c.othersDb, -60.0);
+}
+
+// The delay from input to output is what the frame, hop and interpolator
+// make it (M - H + 24 T), plus at most the blocks' own granularity.
+TEST(TransposerTest, onsetArrivesAfterTheStatedLatency) {
+    for (const auto& [rate, factor] : {std::pair{192000, 8}, std::pair{384000, 8}}) {
+        SCOPED_TRACE(rate);
+        Transposer t(plans());
+        t.setupTransposition();
+        t.setFilter20kHzOn(false, factor, rate);
+        std::vector<float> in = sine(40000.0, rate, 0.4);
+        const size_t onset = size_t(rate / 5) + 100;
+        std::fill(in.begin(), in.begin() + long(onset), 0.0f);
+        const std::vector<float> out = run(t, in);
+        // Output sample i leaves with the block that brought input up to
+        // i rounded up to a block (the request after that block).
+        size_t heard = 0;
+        for (size_t i = 0; i < out.size() && heard == 0; ++i)
+            if (std::fabs(out[i]) > 0.05f)
+                heard = (i / kBlock + 1) * kBlock;
+        ASSERT_GT(heard, onset);
+        const double latency = double(heard - onset);
+        // One block for the request's granularity, one for the first
+        // request's wait (10.3 ms at 192 kHz, 5.8 ms at 384 kHz).
+        EXPECT_LE(latency, Transposer::latencySamples(rate, factor) + 2 * kBlock);
+    }
+}
+
+// Heterodyne mode through the same stream: 42 kHz tuned at 40 kHz gives
+// 2 kHz at the input's level, one block behind the input.
+TEST(TransposerTest, heterodyneMode_givesTheDifferenceWithinABlock) {
+    const int32_t rate = 384000;
+    Transposer t(plans());
+    t.setupTransposition();
+    t.setFilter20kHzOn(false, 8, rate);
+    t.setMode(Transposer::Mode::Heterodyne);
+    t.heterodyne().setTuning(40000.0);
+    const Components c = components(run(t, sine(42000.0, rate, 0.3)), rate);
+    EXPECT_NEAR(c.wantedHz, 2000.0, double(rate) / kSpectrumSize);
+    EXPECT_NEAR(c.wantedDb, 0.0, 0.3);
+    EXPECT_LT(c.othersDb, -60.0);
+    EXPECT_LE(t.inputSampleID() - t.outputSampleID(), 2 * kBlock);
+}
+
+// Requests that find no input (a stalled delivery) leave the output behind;
+// once the input comes in a burst, the delay returns to what it was within
+// a few requests, instead of staying 30 requests longer for good.
+TEST(TransposerTest, stalledInputThenBurst_delayReturnsToWhatItWas) {
+    const int32_t rate = 192000;
+    for (auto mode : {Transposer::Mode::Transpose, Transposer::Mode::Heterodyne}) {
+        Transposer t(plans());
+        t.setupTransposition();
+        t.setFilter20kHzOn(false, 8, rate);
+        t.setMode(mode);
+        const std::vector<float> in = sine(40000.0, rate, 2.0);
+        std::vector<float> out(kBlock);
+        size_t at = 0;
+        const auto feed = [&](int32_t blocks) {
+            for (int32_t i = 0; i < blocks; ++i, at += kBlock)
+                t.addNewData(in.data() + at, kBlock);
+        };
+        const auto drain = [&](int32_t requests) {
+            for (int32_t i = 0; i < requests; ++i)
+                t.getTransposedData(out.data(), kBlock);
+        };
+        for (int32_t i = 0; i < 200; ++i) {
+            feed(1);
+            drain(1);
+        }
+        const int64_t settled = t.inputSampleID() - t.outputSampleID();
+        drain(30); // stalled: silence, the output stays where it was
+        feed(30);  // the late blocks at once
+        for (int32_t i = 0; i < 20; ++i) {
+            feed(1);
+            drain(1);
+        }
+        EXPECT_LE(t.inputSampleID() - t.outputSampleID(), settled + 2 * kBlock);
+    }
 }
 
 TEST(TransposerTest, startUpSilence_factorLimits_andOneTooSlowAnswer) {
+    const int32_t rate = 192000;
     Transposer t(plans());
     t.setupTransposition();
     std::vector<float> in(kBlock, 0.25f), out(kBlock, 1.0f);
-    // Blocks in and out, as the audio path does; the count of false answers.
     const auto feed = [&](int32_t blocks) {
         int32_t falses = 0;
         for (int32_t i = 0; i < blocks; ++i) {
@@ -122,25 +263,21 @@ TEST(TransposerTest, startUpSilence_factorLimits_andOneTooSlowAnswer) {
     };
 
     // Factor 0: nothing is transformed, silence, never "too slow".
-    t.setFilter20kHzOn(false, 0, kRate);
+    t.setFilter20kHzOn(false, 0, rate);
     EXPECT_EQ(feed(200), 0);
     EXPECT_EQ(t.transpSampleID(), 0);
     EXPECT_TRUE(std::all_of(out.begin(), out.end(), [](float v) { return v == 0.0f; }));
 
-    // Above 16 counts as 16 (512-sample frames, hop 512); the output stays
-    // silent until the transformed frames lead it by more than a block.
-    t.setFilter20kHzOn(false, 40, kRate);
-    EXPECT_EQ(t.factor(), 16);
+    // Above 64 counts as 64; nothing is heard before the first frame (1,024
+    // samples at 192 kHz) and one block more are in.
+    t.setFilter20kHzOn(false, 100, rate);
+    EXPECT_EQ(t.factor(), 64);
     const int64_t start = t.inputSampleID();
     EXPECT_EQ(t.transpSampleID(), start);
-    feed(1);
-    EXPECT_EQ(t.outputSampleID(), start); // one frame (512 + 1 samples) not complete
-    feed(3);
+    feed(2);
+    EXPECT_EQ(t.outputSampleID(), start);
+    feed(4);
     EXPECT_GT(t.outputSampleID(), start);
-    // The same factor again resets nothing.
-    const int64_t position = t.transpSampleID();
-    t.setFilter20kHzOn(true, 16, kRate);
-    EXPECT_EQ(t.transpSampleID(), position);
 
     // Past the start-up, requests without input: the tenth empty one in a row
     // answers false, once; later ones and a recovery answer true.

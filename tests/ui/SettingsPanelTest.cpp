@@ -13,6 +13,7 @@
 #include "ui/SegmentedControl.h"
 
 #include <QCheckBox>
+#include <QDoubleSpinBox>
 #include <QLabel>
 #include <QListWidget>
 #include <QPushButton>
@@ -162,9 +163,9 @@ TEST_F(SettingsPanelTest, audioInputPage_jackNodeSwitch_publishesOnTheServer_orS
     box->close();
 }
 
-// The studio's transposition and playback rows write their settings; one
-// changed while the document plays stops it first (the audio threads read
-// these settings), and during playback no input can be chosen. A product
+// The studio's listening and playback rows write their settings; one changed
+// while the document plays stops it first (its real-time thread reads these
+// settings), and during playback no input can be chosen. A product
 // without these rows shows none.
 TEST_F(SettingsPanelTest, audioInputPage_transpositionAndPlayback_writeTheirSettings) {
     const AnalyzerFeatures studio = AnalyzerFeatures::studioProduct();
@@ -190,6 +191,21 @@ TEST_F(SettingsPanelTest, audioInputPage_transpositionAndPlayback_writeTheirSett
     EXPECT_EQ(page.outputGainValueLabel()->text(), "-6 dB");
     EXPECT_EQ(delegate.stopAnalyzer, 0);
 
+    // Heterodyne: its tuning and band take over from the octaves and the
+    // filter; the tuning reaches up to half the rate less the band.
+    EXPECT_FALSE(page.heterodyneTuningField()->isEnabled());
+    page.listeningModeControl()->buttonForSegment(1)->click();
+    EXPECT_EQ(defaults.listeningMode(), 1);
+    EXPECT_TRUE(page.heterodyneTuningField()->isEnabled());
+    EXPECT_FALSE(page.transpositionOctavesControl()->isEnabled());
+    page.heterodyneBandControl()->buttonForSegment(2)->click();
+    EXPECT_EQ(defaults.heterodyneBandHz(), 10000.0f);
+    // (To the field's 0.1 kHz.)
+    EXPECT_NEAR(page.heterodyneTuningField()->maximum(),
+                (double(defaults.sampleRate()) / 2.0 - 10000.0) / 1000.0, 0.05);
+    page.heterodyneTuningField()->setValue(10.5);
+    EXPECT_EQ(defaults.heterodyneTuningHz(), 10500.0f);
+
     // During playback the page offers no input selection.
     bool started = false;
     audio.startPlayer([&](bool ok) { started = ok; });
@@ -203,6 +219,9 @@ TEST_F(SettingsPanelTest, audioInputPage_transpositionAndPlayback_writeTheirSett
     EXPECT_FALSE(page.audioInputModel()->observingInputChanges());
     page.playbackTypeControl()->buttonForSegment(2)->click();
     EXPECT_EQ(delegate.stopAnalyzer, 1);
+    page.outputGainSlider()->setValue(page.outputGainSlider()->value() - 6);
+    EXPECT_EQ(delegate.stopAnalyzer, 2); // playback reads the level itself: it stops first
+    EXPECT_EQ(defaults.outputGainValue(), -12.0f);
     EXPECT_EQ(defaults.playbackTranspType(), 2);
     audio.stop();
     page.viewWillAppear();
