@@ -17,6 +17,7 @@ player=
 cleanup() {
     [ -n "$player" ] && kill "$player" 2>/dev/null
     [ -n "$pid" ] && kill -KILL "$pid" 2>/dev/null
+    [ -n "${KEEP_LOG:-}" ] && cp "$home/log" "$KEEP_LOG"
     rm -rf "$home"
 }
 trap cleanup EXIT

@@ -72,6 +72,16 @@ std::optional<CaptureGaps::Gap> CaptureGaps::gapAt(int64_t frame) const {
     return std::nullopt;
 }
 
+std::optional<CaptureGaps::Gap> CaptureGaps::newest() const {
+    const int64_t added = added_.load(std::memory_order_acquire);
+    if (added == 0)
+        return std::nullopt;
+    Gap gap;
+    while (!readEntry(entries_[static_cast<size_t>((added - 1) % kCapacity)], gap)) {
+    }
+    return gap;
+}
+
 QString CaptureGaps::encode(const std::vector<Gap>& gaps) {
     QStringList parts;
     for (const Gap& g : gaps)

@@ -58,6 +58,8 @@ public:
     std::vector<Gap> gaps() const;
     /// The gap that holds document frame `frame`, if any. Any thread, no allocation.
     std::optional<Gap> gapAt(int64_t frame) const;
+    /// The newest gap, if any. Any thread, no allocation.
+    std::optional<Gap> newest() const;
     /// Gaps added since the document began (also those no longer kept).
     int64_t count() const { return added_.load(std::memory_order_acquire); }
 

@@ -352,9 +352,11 @@ void AnalyzerController::processIntervals() {
         while (interval * n + n <= written) {
             // Only a product with a spectrogram tells the user; without one a
             // lagging engine falls behind silently, by design. A capture gap
-            // arrives all at once and is no lag.
+            // arrives all at once and is no lag: the check waits until the
+            // analysis has passed the newest one.
+            const std::optional<CaptureGaps::Gap> gap = defaults_.captureGaps().newest();
             if (spectrogramOn && written / n - interval > maxLag &&
-                !defaults_.captureGaps().gapAt(interval * n + n / 2) &&
+                !(gap && gap->endFrame() > interval * n) &&
                 !mTooSlow.load(std::memory_order_acquire) &&
                 interval - mStartIntervalMem.load(std::memory_order_acquire) > maxLag) {
                 mTooSlow.store(true, std::memory_order_release);
