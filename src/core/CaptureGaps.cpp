@@ -9,18 +9,19 @@ namespace widmo {
 void CaptureGaps::add(const Gap& gap) {
     if (gap.frames <= 0)
         return;
-    const int64_t index = added_.load(std::memory_order_relaxed);
+    // Every access of an entry is sequentially consistent (no fences, which
+    // the thread sanitizer cannot follow): a reader that sees any field of
+    // this write reads the odd count after it, and tries again.
+    const int64_t index = added_.load();
     Entry& entry = entries_[static_cast<size_t>(index % kCapacity)];
-    const uint32_t sequence = entry.sequence.load(std::memory_order_relaxed);
-    entry.sequence.store(sequence + 1, std::memory_order_relaxed);
-    // The odd count is visible before any field changes.
-    std::atomic_thread_fence(std::memory_order_release);
-    entry.startFrame.store(gap.startFrame, std::memory_order_relaxed);
-    entry.frames.store(gap.frames, std::memory_order_relaxed);
-    entry.lostAtMs.store(gap.lostAtMs, std::memory_order_relaxed);
-    entry.cause.store(static_cast<int32_t>(gap.cause), std::memory_order_relaxed);
-    entry.sequence.store(sequence + 2, std::memory_order_release);
-    added_.store(index + 1, std::memory_order_release);
+    const uint32_t sequence = entry.sequence.load();
+    entry.sequence.store(sequence + 1);
+    entry.startFrame.store(gap.startFrame);
+    entry.frames.store(gap.frames);
+    entry.lostAtMs.store(gap.lostAtMs);
+    entry.cause.store(static_cast<int32_t>(gap.cause));
+    entry.sequence.store(sequence + 2);
+    added_.store(index + 1);
 }
 
 void CaptureGaps::clear() { added_.store(0, std::memory_order_release); }
@@ -33,16 +34,14 @@ void CaptureGaps::restore(const std::vector<Gap>& gaps) {
 }
 
 bool CaptureGaps::readEntry(const Entry& entry, Gap& out) {
-    const uint32_t before = entry.sequence.load(std::memory_order_acquire);
+    const uint32_t before = entry.sequence.load();
     if (before % 2 != 0)
         return false;
-    out.startFrame = entry.startFrame.load(std::memory_order_relaxed);
-    out.frames = entry.frames.load(std::memory_order_relaxed);
-    out.lostAtMs = entry.lostAtMs.load(std::memory_order_relaxed);
-    out.cause = static_cast<Cause>(entry.cause.load(std::memory_order_relaxed));
-    // The fields are read before the count is read again.
-    std::atomic_thread_fence(std::memory_order_acquire);
-    return entry.sequence.load(std::memory_order_relaxed) == before;
+    out.startFrame = entry.startFrame.load();
+    out.frames = entry.frames.load();
+    out.lostAtMs = entry.lostAtMs.load();
+    out.cause = static_cast<Cause>(entry.cause.load());
+    return entry.sequence.load() == before;
 }
 
 std::vector<CaptureGaps::Gap> CaptureGaps::gaps() const {
