@@ -4,16 +4,19 @@
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
 #include "core/RealTimeScope.h"
+#include "core/SoundLevelSettings.h"
 #include "engine/AudioSessionDelegate.h"
 #include "engine/MainQueue.h"
 #include "engine/MainScreenInterface.h"
 #include "engine/MessageInterface.h"
 
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QMetaObject>
 #include <QtGlobal>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <utility>
@@ -55,6 +58,10 @@ AudioSession::AudioSession(AnalyzerDefaults& defaults, const AnalyzerFeatures& f
         task.owner = this;
     knownInputIds_ = inputIds(server_);
     connect(&server_, &SoundServer::devicesChanged, this, &AudioSession::checkInputs);
+    // While waiting, a start that failed (the device listed before it takes
+    // streams) is tried again; the lists' changes try at once.
+    resumeTimer_.setInterval(250);
+    connect(&resumeTimer_, &QTimer::timeout, this, &AudioSession::tryResume);
     if (features_.featureTranspositionEnabled()) {
         transposer_ = std::make_unique<Transposer>();
         transposerFeed_.assign(size_t(AudioStreams::kMaxInputFrames), 0.0f);
@@ -138,6 +145,9 @@ void AudioSession::finishStart(bool recording, std::function<void(bool)> complet
             // 7 at 44.1 and 48 kHz, 15 at 96 kHz.
             renderCycles_.store(0, std::memory_order_release);
             droppedBlocks_.store(0, std::memory_order_release);
+            lastBlockEndNs_.store(0, std::memory_order_release);
+            gapPending_.store(false, std::memory_order_release);
+            captureRate_.store(runningConfig_.sampleRate, std::memory_order_release);
             skipThreshold_.store(int32_t(double(defaults_.sampleRate()) * 7.0 / 44100.0),
                                  std::memory_order_release);
             isRecording_.store(true, std::memory_order_release);
@@ -167,6 +177,7 @@ void AudioSession::stop() {
     mWillRecord_.store(false, std::memory_order_release);
     mWillPlay_.store(false, std::memory_order_release);
     tooSlowTimer_.stop();
+    endWaiting();
     stopAudioUnits();
     if (const int64_t dropped = droppedBlocks(); dropped > 0)
         qWarning("recording: %lld capture blocks dropped (the analysis fell a whole capture ring "
@@ -383,6 +394,20 @@ void AudioSession::inputAvailable(int32_t frames) {
     if (rendered <= 0)
         return;
     ring_.advance();
+    // The block's end, and for the first block after a loss its start: the
+    // frames missed in between, at the capture rate.
+    const int64_t now = std::chrono::duration_cast<std::chrono::nanoseconds>(
+                            std::chrono::steady_clock::now().time_since_epoch())
+                            .count();
+    const double rate = double(captureRate_.load(std::memory_order_acquire));
+    task.gapFrames = 0;
+    if (gapPending_.exchange(false, std::memory_order_acq_rel)) {
+        const int64_t lastEnd = lastBlockEndNs_.load(std::memory_order_acquire);
+        const int64_t from = lastEnd > 0 ? lastEnd : lostAtNs_.load(std::memory_order_acquire);
+        const double start = double(now) - double(rendered) * 1e9 / rate;
+        task.gapFrames = std::max<int64_t>(1, std::llround((start - double(from)) * rate / 1e9));
+    }
+    lastBlockEndNs_.store(now, std::memory_order_release);
     task.data = buffer;
     task.frames = rendered;
     task.queued.store(true, std::memory_order_release);
@@ -394,6 +419,10 @@ void AudioSession::DeliveryTask::run() {
     if (owner->isTransposing())
         owner->feedTransposer(data, frames);
     AudioSessionDelegate* delegate = owner->delegate();
+    if (delegate != nullptr && gapFrames > 0)
+        delegate->didMissAudio(
+            gapFrames, owner->lostAtMs_.load(std::memory_order_acquire),
+            static_cast<CaptureGaps::Cause>(owner->gapCause_.load(std::memory_order_acquire)));
     if (delegate != nullptr)
         delegate->didGetNewAudioData(AudioBlock{frames, data});
     queued.store(false, std::memory_order_release);
@@ -457,10 +486,17 @@ void AudioSession::unitFailed(AudioIOFailure failure, const QString& deviceName)
 
 void AudioSession::checkInputs() {
     const QList<QByteArray> ids = inputIds(server_);
-    if (ids == knownInputIds_)
+    if (ids == knownInputIds_) {
+        if (waiting_)
+            tryResume();
         return;
+    }
     knownInputIds_ = ids;
     emit availableInputsChanged();
+    if (waiting_) {
+        tryResume();
+        return;
+    }
     // A capture device that is no longer listed has gone away (its stream
     // fails too; whichever is seen first stops the analyser). A server that
     // went away lists nothing: its own failure says so.
@@ -500,6 +536,14 @@ void AudioSession::handleRunningFailure(AudioIOFailure failure, const QString& d
     const bool playing = isPlaying();
     if (!playing && !isRecording())
         return; // already stopped (for example by the user meanwhile)
+    if (waiting_)
+        return; // the streams are closed already; a failed resume is tried again
+    if (!playing && keepsRecording() &&
+        (failure == AudioIOFailure::ServerLost || failure == AudioIOFailure::InputDeviceLost ||
+         failure == AudioIOFailure::InputOpenFailed || failure == AudioIOFailure::NoInputDevice)) {
+        startWaiting(failure, deviceName);
+        return;
+    }
     if (mainScreen_ == nullptr)
         stop();
     reportFailure(failure, deviceName, playing, false);
@@ -527,6 +571,102 @@ void AudioSession::reportFailure(AudioIOFailure failure, const QString& deviceNa
     } else {
         mainScreen_->stopAnalyzerWithoutBlockButtonsAndRunBlock(show);
     }
+}
+
+// --- Keep recording (main thread) -------------------------------------------------------
+
+bool AudioSession::keepsRecording() const {
+    const SoundLevelSettings& levels = defaults_.soundLevels();
+    return defaults_.keepRecording().activeFor(levels.logEnabled() && !levels.logPath().isEmpty());
+}
+
+QString AudioSession::waitingText() const {
+    if (!waiting_)
+        return QString();
+    if (!server_.isConnected() || lostInput_.isNull())
+        return QStringLiteral("Waiting for the sound server…");
+    return QStringLiteral("Waiting for %1…").arg(lostInput_.description);
+}
+
+void AudioSession::startWaiting(AudioIOFailure failure, const QString& deviceName) {
+    const CaptureGaps::Cause cause = failure == AudioIOFailure::ServerLost
+                                         ? CaptureGaps::Cause::SoundServer
+                                         : CaptureGaps::Cause::InputDevice;
+    // The device to wait for: the one that ran (or was about to).
+    lostInput_ = runningInput_.isNull() ? runningConfig_.input : runningInput_;
+    const int64_t lostAtMs = QDateTime::currentMSecsSinceEpoch();
+    lostAtMs_.store(lostAtMs, std::memory_order_release);
+    lostAtNs_.store(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                        std::chrono::steady_clock::now().time_since_epoch())
+                        .count(),
+                    std::memory_order_release);
+    gapCause_.store(static_cast<int32_t>(cause), std::memory_order_release);
+    lostClock_.start();
+    backClock_.invalidate();
+    waiting_ = true;
+    qInfo("Capture lost (%s); the recording waits for its input",
+          qUtf8Printable(deviceName.isEmpty() ? QStringLiteral("sound server") : deviceName));
+    stopAudioUnits();
+    if (AudioSessionDelegate* d = delegate())
+        d->captureStopped(lostAtMs, cause);
+    resumeTimer_.start();
+    emit waitingChanged();
+}
+
+void AudioSession::tryResume() {
+    if (!waiting_ || resumeInFlight_ || !server_.isConnected())
+        return;
+    const QList<AudioDevice> inputs = availableInputs();
+    AudioDevice target = lostInput_.isNull() ? AudioDevice() : findDevice(inputs, lostInput_);
+    const bool fallback =
+        lostClock_.elapsed() >= int64_t{defaults_.keepRecording().fallbackSeconds()} * 1000;
+    if (target.isNull() && (lostInput_.isNull() || fallback) && !inputs.isEmpty()) {
+        target = server_.defaultInput();
+        if (target.isNull())
+            target = inputs.first();
+    }
+    if (target.isNull())
+        return;
+    if (!backClock_.isValid())
+        backClock_.start();
+    AudioStreams::Config config = runningConfig_;
+    config.input = target;
+    config.inputVolume = inputGain_;
+    if (config.enableOutput)
+        config.output = server_.defaultOutput();
+    resumeInFlight_ = true;
+    gapPending_.store(true, std::memory_order_release);
+    AudioStreams* unit = unit_;
+    audioCalls_->post([this, unit, config] {
+        const AudioStreams::Result result = unit->start(config);
+        mainCalls_.post([this, config, result] {
+            resumeInFlight_ = false;
+            if (!waiting_)
+                return; // stopped meanwhile; the stop closed the streams after this start
+            if (!result.ok())
+                return; // tried again on the next change or tick
+            runningInput_ = config.input;
+            runningConfig_ = config;
+            ++resumeCount_;
+            lastResumeDelayMs_ = backClock_.elapsed();
+            qInfo("Capture resumed on %s after %lld ms, %lld ms after the input was back",
+                  qUtf8Printable(config.input.description),
+                  static_cast<long long>(lostClock_.elapsed()),
+                  static_cast<long long>(lastResumeDelayMs_));
+            waiting_ = false;
+            resumeTimer_.stop();
+            emit waitingChanged();
+        });
+    });
+}
+
+void AudioSession::endWaiting() {
+    gapPending_.store(false, std::memory_order_release);
+    if (!waiting_)
+        return;
+    waiting_ = false;
+    resumeTimer_.stop();
+    emit waitingChanged();
 }
 
 AudioSession::Alert AudioSession::alertForFailure(AudioIOFailure failure, const QString& deviceName,

@@ -12,6 +12,7 @@
 #include "engine/AudioSessionInterface.h"
 #include "engine/DispatchQueue.h"
 
+#include <QElapsedTimer>
 #include <QList>
 #include <QObject>
 #include <QThread>
@@ -74,7 +75,17 @@ class MessageInterface;
 /// Failures: a start that cannot open its device completes with false and then
 /// tells the user ("Recording disabled."); a device or sound server that goes
 /// away while running stops the analyser and tells the user what happened and
-/// what to do. A sound server that comes back is reconnected to by itself
+/// what to do. A recording that keeps going (`KeepRecordingSettings`, or a
+/// running level log) does not stop instead: it waits for its input, which
+/// `isWaitingForInput` and `waitingText` show, and resumes by itself as soon
+/// as the same device is back (after the settings' fallback time, any default
+/// input). Its delegate hears of the loss (`captureStopped`) and, before the
+/// first block after it, of the frames missed (`didMissAudio`): the time
+/// between the end of the last block before the loss and the start of the
+/// first one after it, on the monotonic clock of the audio thread. A device
+/// that comes back at another rate or with fewer channels is converted by the
+/// sound server to the recording's rate and stereo (a mono input feeds both
+/// channels). A sound server that comes back is reconnected to by itself
 /// (`SoundServer`): the next start works again. Platform errors are logged as
 /// "error %d from %s".
 ///
@@ -212,6 +223,18 @@ public:
     void setMainScreen(MainScreenInterface* mainScreen) { mainScreen_ = mainScreen; }
     void setMessages(MessageInterface* messages) { messages_ = messages; }
 
+    /// A recording that keeps going lost its input and waits for it.
+    bool isWaitingForInput() const { return waiting_; }
+    /// "Waiting for the sound server…" or "Waiting for <device>…"; empty when
+    /// not waiting.
+    QString waitingText() const;
+    /// Milliseconds since the input was lost; 0 when not waiting.
+    int64_t waitingMs() const { return waiting_ ? lostClock_.elapsed() : 0; }
+    /// Times capture resumed by itself since the object was made, and the
+    /// newest resume's delay after the input was back in the server's lists, ms.
+    int64_t resumeCount() const { return resumeCount_; }
+    int64_t lastResumeDelayMs() const { return lastResumeDelayMs_; }
+
     /// The title and text users see for `failure` of `deviceName` at
     /// `sampleRate` Hz while recording (or playing).
     struct Alert {
@@ -226,6 +249,8 @@ signals:
     /// device arrived or went away, the default was set, the server went away
     /// or came back), as the server announces it.
     void availableInputsChanged();
+    /// Capture began or ended waiting for its input (`isWaitingForInput`).
+    void waitingChanged();
 
 private:
     /// One captured block on its way to the delegate; one per capture buffer,
@@ -236,6 +261,7 @@ private:
         AudioSession* owner = nullptr;
         float* data = nullptr;
         int32_t frames = 0;
+        int64_t gapFrames = 0; ///< frames missed before this block (0: none)
         std::atomic<bool> queued{false};
     };
 
@@ -257,6 +283,13 @@ private:
     /// once the render cycle has found the transposer too slow.
     void checkTranspositionTooSlow();
     void checkInputs();
+    /// The running recording keeps going when its input goes away.
+    bool keepsRecording() const;
+    /// Main thread: closes the streams and waits for the input (see the class comment).
+    void startWaiting(AudioIOFailure failure, const QString& deviceName);
+    /// Main thread: opens the streams again when the input is back.
+    void tryResume();
+    void endWaiting();
     void followDefaultInput();
     int ioBufferFrames() const;
 
@@ -295,6 +328,14 @@ private:
     OutputLimiter limiter_;                         ///< render thread
     std::atomic<bool> transpositionTooSlow_{false}; ///< set by the render cycle
     QTimer tooSlowTimer_;                           ///< main thread
+    // The capture gap: set up on the main thread before the streams reopen,
+    // measured by the first capture cycle after them.
+    std::atomic<bool> gapPending_{false};
+    std::atomic<int64_t> lastBlockEndNs_{0}; ///< audio thread, monotonic clock
+    std::atomic<int64_t> lostAtNs_{0};       ///< monotonic time of the loss
+    std::atomic<int64_t> lostAtMs_{0};       ///< wall-clock time of the loss
+    std::atomic<int32_t> gapCause_{0};       ///< CaptureGaps::Cause
+    std::atomic<int32_t> captureRate_{48000};
 
     // Session state, main thread.
     AudioDevice preferredInput_;
@@ -307,6 +348,15 @@ private:
     MainScreenInterface* mainScreen_ = nullptr;
     MessageInterface* messages_ = nullptr;
     QList<QByteArray> knownInputIds_; ///< ids of the inputs, then the default input's
+    // Waiting for the input of a recording that keeps going.
+    bool waiting_ = false;
+    bool resumeInFlight_ = false;
+    AudioDevice lostInput_;   ///< the device waited for (null: any default input)
+    QElapsedTimer lostClock_; ///< since the loss
+    QElapsedTimer backClock_; ///< since the input was first seen back
+    QTimer resumeTimer_;      ///< retries while waiting
+    int64_t resumeCount_ = 0;
+    int64_t lastResumeDelayMs_ = 0;
 
     CallMailbox mainCalls_;             // runs on the main thread
     QThread audioThread_;               // the control thread: opens and closes streams

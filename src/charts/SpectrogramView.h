@@ -60,7 +60,8 @@ public:
 
     // SpectrogramViewInterface
     SpectrogramScrollViewInterface* spectrogramScrollView() override;
-    /// One column of interval `intervalIndex` (`fftOutSize` power values).
+    /// One column of interval `intervalIndex` (`fftOutSize` power values;
+    /// null: a capture gap).
     /// Analysis queue; does nothing without the spectrogram product switch.
     void addFFTdata(const float* fftData, int64_t intervalIndex) override;
     /// From the first column: segments placed from time 0; scrolling follows

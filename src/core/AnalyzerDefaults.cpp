@@ -163,6 +163,7 @@ const std::vector<AnalyzerDefaults::PersistedField>& AnalyzerDefaults::persisted
 
 AnalyzerDefaults::AnalyzerDefaults(const AnalyzerFeatures& features, const QString& storeName)
     : features_(features), storeName_(storeName), soundLevels_(storeName),
+      keepRecording_(storeName, features.featureRecordTrig()),
       mConvertBuffersOut_(static_cast<float*>(std::calloc(
           static_cast<size_t>(kConvertBuffersCount) * kConvertBufferCapacity, sizeof(float)))),
       logPoints_(kLogTablesCapacity, 0.0f), octaveRTAIndexesFloor_(kOctaveRTACapacity, 0),

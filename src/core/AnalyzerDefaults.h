@@ -1,6 +1,8 @@
 #pragma once
 
 #include "core/AnalyzerFeatures.h"
+#include "core/CaptureGaps.h"
+#include "core/KeepRecordingSettings.h"
 #include "core/SoundLevelSettings.h"
 
 #include <QString>
@@ -304,11 +306,17 @@ public:
     /// The second input channel's store, same layout; only with the EGG product.
     std::vector<float>& eggBuffersData() { return eggBuffersData_; }
     const std::vector<float>& eggBuffersData() const { return eggBuffersData_; }
+    /// Where the document's capture stopped and resumed (see `CaptureGaps`).
+    CaptureGaps& captureGaps() { return captureGaps_; }
+    const CaptureGaps& captureGaps() const { return captureGaps_; }
 
     const AnalyzerFeatures& features() const { return features_; }
     /// Sound-level measurement: weighting, calibration, level log.
     SoundLevelSettings& soundLevels() { return soundLevels_; }
     const SoundLevelSettings& soundLevels() const { return soundLevels_; }
+    /// What a recording does when its input goes away.
+    KeepRecordingSettings& keepRecording() { return keepRecording_; }
+    const KeepRecordingSettings& keepRecording() const { return keepRecording_; }
 
 private:
     struct PersistedField;
@@ -319,6 +327,7 @@ private:
     const AnalyzerFeatures features_; // a copy: records are small and fixed
     QString storeName_;
     SoundLevelSettings soundLevels_;
+    KeepRecordingSettings keepRecording_;
 
     // One zero-filled block for the 128 conversion buffers, from calloc so that
     // buffers never used (most of them, without a spectrogram) cost no memory.
@@ -405,6 +414,7 @@ private:
     int32_t blockGoToTheAppStore_ = 0;
     std::vector<float> audioBuffersData_;
     std::vector<float> eggBuffersData_;
+    CaptureGaps captureGaps_;
     std::atomic<int64_t> actualInterval_{0};
     int64_t lastPositionSettingsRoot_ = 0;
     int64_t lastPositionSettingsGeneral_ = 0;

@@ -67,6 +67,7 @@ LastSessionFile::Session LastSessionFile::Session::of(const AnalyzerDefaults& de
     s.fftSize = defaults.fftSize();
     s.intervalSizeInFrames = defaults.intervalSizeInFrames();
     s.byteSize = defaults.audioBufferByteSize();
+    s.gaps = defaults.captureGaps().gaps();
     return s;
 }
 
@@ -147,6 +148,7 @@ void LastSessionFile::encode(QSettings& coder, const Session& session) {
     coder.setValue(QLatin1String(kFftSizeKey), session.fftSize);
     coder.setValue(QLatin1String(kIntervalSizeKey), session.intervalSizeInFrames);
     coder.setValue(QLatin1String(kByteSizeKey), static_cast<qlonglong>(session.byteSize));
+    coder.setValue(QLatin1String(kGapsKey), CaptureGaps::encode(session.gaps));
     coder.setValue(QLatin1String(AnalyzerDefaults::kVersionKey),
                    QLatin1String(AnalyzerDefaults::kVersionTag));
 }
@@ -177,6 +179,8 @@ std::optional<LastSessionFile::Session> LastSessionFile::decode(const QSettings&
     s.fftSize = static_cast<int32_t>(*fft);
     s.intervalSizeInFrames = static_cast<int32_t>(*size);
     s.byteSize = *bytes;
+    // Written since capture gaps are kept; older stores have none.
+    s.gaps = CaptureGaps::decode(coder.value(QLatin1String(kGapsKey)).toString());
     return s;
 }
 
@@ -192,6 +196,7 @@ bool LastSessionFile::restore(const QSettings& coder, const QString& path,
             defaults.setActualInterval(session->actualInterval);
             defaults.setReadOnly(session->readOnly);
             defaults.setTimeOfDocument(session->timeOfDocument);
+            defaults.captureGaps().restore(session->gaps);
             restored = true;
         } else if (result != ReadResult::Missing) {
             qWarning("The last session's samples (%s) were not recovered: %s", qUtf8Printable(path),

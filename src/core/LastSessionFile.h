@@ -1,5 +1,7 @@
 #pragma once
 
+#include "core/CaptureGaps.h"
+
 #include <QString>
 
 #include <cstdint>
@@ -22,7 +24,8 @@ class AnalyzerDefaults;
 /// geometry the file was written with ("lastSession.sampleRate",
 /// "lastSession.fftSize", "lastSession.intervalSizeInFrames",
 /// "lastSession.audioBufferByteSize"), so that a file from other settings is
-/// never taken for this document.
+/// never taken for this document. "lastSession.gaps" lists where capture
+/// stopped and resumed (`CaptureGaps::encode`; absent or empty: no gap).
 ///
 /// Every write goes to a temporary file in the same folder that is then renamed
 /// over the old one: a crash or a kill during a write leaves the previous file
@@ -40,6 +43,7 @@ public:
     static constexpr const char* kFftSizeKey = "lastSession.fftSize";
     static constexpr const char* kIntervalSizeKey = "lastSession.intervalSizeInFrames";
     static constexpr const char* kByteSizeKey = "lastSession.audioBufferByteSize";
+    static constexpr const char* kGapsKey = "lastSession.gaps";
 
     /// What the file holds.
     struct Session {
@@ -49,7 +53,8 @@ public:
         float sampleRate = 0.0f;     ///< Hz
         int32_t fftSize = 0;
         int32_t intervalSizeInFrames = 0;
-        int64_t byteSize = 0; ///< the file's length
+        int64_t byteSize = 0;               ///< the file's length
+        std::vector<CaptureGaps::Gap> gaps; ///< where capture stopped, in document frames
 
         /// The current document of `defaults` with `intervals` intervals.
         static Session of(const AnalyzerDefaults& defaults, int64_t intervals);
@@ -85,7 +90,7 @@ public:
     /// Restores the last session into `defaults`: when `coder` describes a
     /// session with the current geometry and at least one interval, and the
     /// file at `path` has exactly its length, the store becomes the file's
-    /// samples and actualInterval, readOnly and timeOfDocument take the keys'
+    /// samples and actualInterval, readOnly, timeOfDocument and the capture gaps take the keys'
     /// values. Otherwise `defaults` is untouched. The file is deleted in every
     /// case: it serves once. True when restored. Main thread, engine stopped.
     static bool restore(const QSettings& coder, const QString& path, AnalyzerDefaults& defaults);

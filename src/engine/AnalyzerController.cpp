@@ -23,6 +23,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdlib>
+#include <optional>
 #include <thread>
 #include <utility>
 
@@ -220,6 +221,56 @@ void AnalyzerController::audioEffectDidGetAudioData(AudioBlock data) {
     }
 }
 
+void AnalyzerController::captureStopped(int64_t lostAtMs, CaptureGaps::Cause cause) {
+    Q_ASSERT(MainQueue::isMainThread());
+    // Behind the intervals captured before the loss.
+    mAnalyzerQueue1->async(
+        [this, lostAtMs, cause] { levelMonitor_.captureStopped(lostAtMs, cause); });
+}
+
+void AnalyzerController::didMissAudio(int64_t frames, int64_t lostAtMs, CaptureGaps::Cause cause) {
+    const bool withTrig = workingWithTrig_.load(std::memory_order_acquire);
+    // Nothing enters the document while the trigger waits or the node feeds it.
+    if (frames <= 0 || !defaults_.dataValid() || !audio_.isRecording() || audioEffectFeeds() ||
+        (withTrig && !trigIsStarted_.load(std::memory_order_seq_cst)) ||
+        mIntakeBusy.exchange(true, std::memory_order_acquire)) {
+        return;
+    }
+    std::vector<float>& store = defaults_.audioBuffersData();
+    const int64_t n = intervalSize();
+    const int64_t capacity = static_cast<int64_t>(defaults_.audioBuffersIntervalsCount()) * n;
+    const int64_t written = mFramesWriteCount.load(std::memory_order_relaxed);
+    if (withTrig && trigAutomaticStop_.load(std::memory_order_relaxed)) {
+        frames = std::min<int64_t>(frames, int64_t{defaults_.spectrogramWidth()} * n - written);
+    }
+    if (capacity > 0 && static_cast<int64_t>(store.size()) >= capacity && frames > 0) {
+        // As in didGetNewAudioDataStandard: the analysis and the saver's reads
+        // are ordered before these writes.
+        const int64_t analysed = defaults_.actualInterval() * n;
+        (void)mStoreCopyMark.load(std::memory_order_acquire);
+        // The samples from the oldest window the analysis has yet to read up
+        // to the loss stay; silence goes over the newest frames of the gap.
+        const int64_t keep = written - std::max<int64_t>(0, analysed - defaults_.fftSize());
+        const int64_t silent = std::clamp<int64_t>(capacity - keep, 0, frames);
+        std::fill_n(mAudioData.data, mAudioData.count, 0.0f);
+        std::vector<float>& eggStore = defaults_.eggBuffersData();
+        const bool egg = static_cast<int64_t>(eggStore.size()) >= capacity;
+        for (int64_t done = 0; done < silent;) {
+            const int64_t count = std::min<int64_t>(silent - done, mAudioData.count);
+            const int64_t position = (written + frames - silent + done) % capacity;
+            writeToRing(store.data(), capacity, position, mAudioData.data, count);
+            if (egg) {
+                writeToRing(eggStore.data(), capacity, position, mAudioData.data, count);
+            }
+            done += count;
+        }
+        // The gap is known before its frames are published.
+        defaults_.captureGaps().add({written, frames, lostAtMs, cause});
+        mFramesWriteCount.store(written + frames, std::memory_order_release);
+    }
+    mIntakeBusy.store(false, std::memory_order_release);
+}
+
 void AnalyzerController::createMDataBufferIfNeededWithSize(int32_t count) {
     if (count > mAudioData.count) {
         // Free first, then a fresh zero-filled block: the old contents are scratch.
@@ -301,8 +352,12 @@ void AnalyzerController::processIntervals() {
         int64_t written = mFramesWriteCount.load(std::memory_order_acquire);
         while (interval * n + n <= written) {
             // Only a product with a spectrogram tells the user; without one a
-            // lagging engine falls behind silently, by design.
+            // lagging engine falls behind silently, by design. A capture gap
+            // arrives all at once and is no lag: the check waits until the
+            // analysis has passed the newest one.
+            const std::optional<CaptureGaps::Gap> gap = defaults_.captureGaps().newest();
             if (spectrogramOn && written / n - interval > maxLag &&
+                !(gap && gap->endFrame() > interval * n) &&
                 !mTooSlow.load(std::memory_order_acquire) &&
                 interval - mStartIntervalMem.load(std::memory_order_acquire) > maxLag) {
                 mTooSlow.store(true, std::memory_order_release);
@@ -334,6 +389,19 @@ void AnalyzerController::computeInterval(int64_t intervalIndex, bool live) {
     // Announce the slot, then wait while the display timer reads an interval
     // that shares it (only possible 256 intervals apart; it reads for a few
     // microseconds). See the Threading paragraph of the header.
+    const int64_t n = intervalSize();
+    // An interval whose middle lies in a capture gap holds no sound: it is
+    // drawn as a gap, and the level meter's time moves on over it.
+    if (const std::optional<CaptureGaps::Gap> gap =
+            defaults_.captureGaps().gapAt(intervalIndex * n + n / 2)) {
+        if (live) {
+            levelMonitor_.skipGap(n, *gap);
+        }
+        if (spectrogramView_ != nullptr) {
+            spectrogramView_->addFFTdata(nullptr, intervalIndex);
+        }
+        return;
+    }
     mSlotWriteState.store(slotWriteBusy(intervalIndex), std::memory_order_seq_cst);
     while (isSlotOf(mChartReadIntervalIndex.load(std::memory_order_seq_cst), intervalIndex)) {
         std::this_thread::yield();
@@ -344,7 +412,6 @@ void AnalyzerController::computeInterval(int64_t intervalIndex, bool live) {
     if (dataOut != nullptr) {
         const int32_t bins = defaults_.fftOutSize();
         if (live) {
-            const int64_t n = intervalSize();
             const int64_t capacity = int64_t{defaults_.audioBuffersIntervalsCount()} * n;
             const std::vector<float>& store = defaults_.audioBuffersData();
             if (capacity > 0 && static_cast<int64_t>(store.size()) >= capacity) {
@@ -672,6 +739,7 @@ void AnalyzerController::prepareAudioBuffersData() {
     // Release before allocating, so the old and the new store never coexist.
     std::vector<float>().swap(store);
     std::vector<float>().swap(defaults_.eggBuffersData());
+    defaults_.captureGaps().clear();
     store.assign(samples, 0.0f);
     if (defaults_.features().featureVoiceEGG()) {
         defaults_.eggBuffersData().assign(samples, 0.0f);

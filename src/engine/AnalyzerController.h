@@ -90,6 +90,8 @@ class MessageInterface;
 /// timer's reading of a trigger measurement pairs with); the display timer
 /// acts on them on the main thread (scrolling starts, the recording stops),
 /// so the intake never posts or allocates for them.
+/// The intervals of a capture gap are not transformed: the spectrogram gets
+/// a gap column for each, and the level meter skips them.
 /// Settings and geometry change only while the engine is stopped.
 class AnalyzerController final : public AudioSessionDelegate, public JackNodeDelegate {
 public:
@@ -151,6 +153,15 @@ public:
     /// interleaved stereo, or with `fromTrig` mono samples already gained.
     /// Intake context; a count of 0 or less does nothing.
     void didGetNewAudioDataStandard(int32_t count, const float* data, bool fromTrig);
+    /// Capture lost its input and waits for it (a recording that keeps
+    /// going): the level log says when. Main thread.
+    void captureStopped(int64_t lostAtMs, CaptureGaps::Cause cause) override;
+    /// Capture resumes after `frames` missed frames: the document moves on by
+    /// as many frames of silence, marked as a gap (`CaptureGaps`), so that
+    /// what follows is at its true time. The newest frames of a gap longer
+    /// than the store are written; frames the analysis still needs are not
+    /// written over. Delivery queue.
+    void didMissAudio(int64_t frames, int64_t lostAtMs, CaptureGaps::Cause cause) override;
     /// Grows the scratch blocks to hold `count` samples (zero-filled; only when
     /// `count` exceeds their size). Intake context.
     void createMDataBufferIfNeededWithSize(int32_t count);

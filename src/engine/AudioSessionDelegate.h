@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/CaptureGaps.h"
 #include "engine/AudioBlock.h"
 
 namespace widmo {
@@ -18,6 +19,21 @@ public:
     /// Called once per render cycle while playing, on the real-time audio
     /// thread: the implementation must not lock, wait or allocate.
     virtual void giveNewAudioData(AudioBlock* data) = 0;
+    /// A recording that keeps going lost its input at wall-clock time
+    /// `lostAtMs` (ms since the epoch) because of `cause`; capture waits for
+    /// it to come back. Main thread. A delegate that keeps no document ignores it.
+    virtual void captureStopped(int64_t lostAtMs, CaptureGaps::Cause cause) {
+        (void)lostAtMs;
+        (void)cause;
+    }
+    /// Capture resumes after `frames` frames (at the capture rate) were
+    /// missed since `lostAtMs`; the next block is the first one after the gap.
+    /// Delivery queue, like the blocks.
+    virtual void didMissAudio(int64_t frames, int64_t lostAtMs, CaptureGaps::Cause cause) {
+        (void)frames;
+        (void)lostAtMs;
+        (void)cause;
+    }
 };
 
 } // namespace widmo

@@ -66,6 +66,22 @@ bool LevelLog::write(double startSeconds, const PeriodLevels& levels, double off
     appendLevel(line, levels.maxSlow, offset);
     appendLevel(line, levels.peak, offset);
     line += '\n';
+    return writeLine(line);
+}
+
+bool LevelLog::writeEvent(int64_t atMs, double startSeconds, const QString& text) {
+    if (file_ == nullptr || failed_)
+        return false;
+    QByteArray line = QDateTime::fromMSecsSinceEpoch(atMs).toString(Qt::ISODateWithMs).toUtf8();
+    line += ',';
+    line += QByteArray::number(startSeconds, 'f', 3);
+    line += ",,,,,";
+    line += text.toUtf8();
+    line += '\n';
+    return writeLine(line);
+}
+
+bool LevelLog::writeLine(const QByteArray& line) {
     // Flushed per line: a kill loses at most the period under way.
     if (std::fwrite(line.constData(), 1, size_t(line.size()), file_) != size_t(line.size()) ||
         std::fflush(file_) != 0) {

@@ -13,7 +13,9 @@ struct PeriodLevels;
 /// wall-clock time, its start in seconds since the recording began, Leq,
 /// the Fast and Slow maxima and the C-weighted peak). Each line is flushed
 /// as it is written, so a killed program loses at most the period under
-/// way. A file that exists already is appended to.
+/// way. A file that exists already is appended to. Events of the capture
+/// (it stopped because the input went away, it resumed) are lines of their
+/// own: the time and start, empty levels, and the event's text last.
 ///
 /// A failed write (a full disk, a removed folder) ends the log: `failed`
 /// says so and nothing more is written; the recording is not affected.
@@ -38,6 +40,10 @@ public:
     /// One period starting `startSeconds` after the recording began, its
     /// levels raised by `offset` dB. False once a write has failed.
     bool write(double startSeconds, const PeriodLevels& levels, double offset);
+    /// An event line at wall-clock time `atMs` (ms since the epoch), at
+    /// `startSeconds` after the recording began; `text` holds no comma. False
+    /// once a write has failed.
+    bool writeEvent(int64_t atMs, double startSeconds, const QString& text);
     void close();
 
     bool isOpen() const { return file_ != nullptr; }
@@ -45,6 +51,8 @@ public:
     const QString& path() const { return path_; }
 
 private:
+    bool writeLine(const QByteArray& line);
+
     std::FILE* file_ = nullptr;
     QString path_;
     bool failed_ = false;

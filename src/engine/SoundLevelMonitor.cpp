@@ -52,6 +52,8 @@ void SoundLevelMonitor::prepare() {
     weighting_.store(settings.weighting(), std::memory_order_relaxed);
     samplesFed_ = 0;
     periodStartSample_ = 0;
+    stoppedAtSeconds_ = -1.0;
+    loggedGapStart_ = -1;
     resetRequested_.store(false, std::memory_order_release);
     published_.store(false, std::memory_order_release);
     logFailed_.store(false, std::memory_order_release);
@@ -77,6 +79,47 @@ void SoundLevelMonitor::prepare() {
 }
 
 void SoundLevelMonitor::finish() { log_.close(); }
+
+void SoundLevelMonitor::captureStopped(int64_t lostAtMs, CaptureGaps::Cause cause) {
+    if (!log_.isOpen())
+        return;
+    // The period under way ends here: what was measured of it is kept.
+    const double start = static_cast<double>(periodStartSample_) / sampleRate_;
+    bool ok =
+        samplesFed_ <= periodStartSample_ || log_.write(start, meter_.takePeriod(), logOffset_);
+    stoppedAtSeconds_ = static_cast<double>(samplesFed_) / sampleRate_;
+    ok = ok && log_.writeEvent(lostAtMs, stoppedAtSeconds_,
+                               cause == CaptureGaps::Cause::SoundServer
+                                   ? QStringLiteral("capture stopped: the sound server went away")
+                                   : QStringLiteral("capture stopped: the input device went away"));
+    periodStartSample_ = samplesFed_;
+    nextLogSample_ = samplesFed_ + std::llround(logPeriodSeconds_ * sampleRate_);
+    if (!ok) {
+        logFailed_.store(true, std::memory_order_release);
+        log_.close();
+    }
+}
+
+void SoundLevelMonitor::skipGap(int64_t count, const CaptureGaps::Gap& gap) {
+    if (gap.startFrame != loggedGapStart_) {
+        loggedGapStart_ = gap.startFrame;
+        const double seconds = static_cast<double>(gap.frames) / sampleRate_;
+        const double stoppedAt = stoppedAtSeconds_ >= 0.0
+                                     ? stoppedAtSeconds_
+                                     : static_cast<double>(samplesFed_) / sampleRate_;
+        stoppedAtSeconds_ = -1.0;
+        if (log_.isOpen() &&
+            !log_.writeEvent(
+                gap.lostAtMs + std::llround(seconds * 1000.0), stoppedAt + seconds,
+                QStringLiteral("capture resumed after %1 s").arg(seconds, 0, 'f', 3))) {
+            logFailed_.store(true, std::memory_order_release);
+            log_.close();
+        }
+    }
+    samplesFed_ += count;
+    periodStartSample_ = samplesFed_;
+    nextLogSample_ = samplesFed_ + std::llround(logPeriodSeconds_ * sampleRate_);
+}
 
 void SoundLevelMonitor::measure(const float* samples, int64_t count, const float* power,
                                 int32_t bins) {

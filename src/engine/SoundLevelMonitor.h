@@ -1,5 +1,6 @@
 #pragma once
 
+#include "core/CaptureGaps.h"
 #include "dsp/SoundLevelMeter.h"
 #include "engine/LevelLog.h"
 
@@ -25,7 +26,8 @@ class AnalyzerDefaults;
 ///
 /// Threading: `prepare`, `prepareSpectrumCorrection` and `requestReset` on
 /// the main thread (the first two while the analysis queue is idle);
-/// `measure`, `correctSpectrum` and `finish` on the analysis queue; `levels`,
+/// `measure`, `correctSpectrum`, `captureStopped`, `skipGap` and `finish` on
+/// the analysis queue; `levels`,
 /// `energy`, `hasLevels` and `logFailed` from any thread (atomics, each
 /// figure read on its own: a display may mix figures of two neighbouring
 /// intervals).
@@ -57,6 +59,13 @@ public:
     /// Feeds the `count` new samples of one live interval, whose power
     /// spectrum (`bins` values, before correction) is `power`. Analysis queue.
     void measure(const float* samples, int64_t count, const float* power, int32_t bins);
+    /// Capture stopped at wall-clock `lostAtMs`: the period under way is
+    /// written as it is, then a "capture stopped" line. Analysis queue.
+    void captureStopped(int64_t lostAtMs, CaptureGaps::Cause cause);
+    /// `count` samples of the gap `gap` stand where live samples would: they
+    /// are not measured, but the log's time moves on over them; the first
+    /// interval of a gap writes the "capture resumed" line. Analysis queue.
+    void skipGap(int64_t count, const CaptureGaps::Gap& gap);
     /// Applies the per-bin display correction to `power` in place. Analysis queue.
     void correctSpectrum(float* power, int32_t bins) const;
 
@@ -86,6 +95,8 @@ private:
     int64_t samplesFed_ = 0;
     int64_t nextLogSample_ = 0;
     int64_t periodStartSample_ = 0;
+    double stoppedAtSeconds_ = -1.0; ///< of the newest "capture stopped" line; -1: none
+    int64_t loggedGapStart_ = -1;    ///< the gap whose "capture resumed" line is written
     double sampleRate_ = 48000.0;
     std::atomic<bool> resetRequested_{false};
     std::atomic<bool> published_{false};

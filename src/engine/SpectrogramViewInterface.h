@@ -21,7 +21,8 @@ public:
     virtual SpectrogramScrollViewInterface* spectrogramScrollView() = 0;
 
     /// One column: `fftOutSize` power values of interval `intervalIndex`. The
-    /// data stays valid until the interval 256 later has been computed.
+    /// data stays valid until the interval 256 later has been computed. Null
+    /// data: the interval lies in a capture gap and is drawn as one.
     virtual void addFFTdata(const float* fftData, int64_t intervalIndex) = 0;
 
     virtual void startScrolling() = 0;

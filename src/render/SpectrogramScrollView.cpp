@@ -156,11 +156,16 @@ void SpectrogramScrollView::clearData() {
 // --- Columns (analysis queue) ---------------------------------------------------------------
 
 void SpectrogramScrollView::addFFTdata(const float* fftData, int64_t intervalIndex) {
-    if (!mDefaults.features().featureSpectrogramEnabled() || fftData == nullptr)
+    if (!mDefaults.features().featureSpectrogramEnabled())
         return;
     SpectrogramScrollViewSegment* segment = currentToWrite_.load(std::memory_order_acquire);
     if (segment == nullptr || columnScratch_.empty())
         return;
+    if (fftData == nullptr) {
+        segment->addFFTdata(nullptr, intervalIndex); // a capture gap
+        setCurrentSegmentToWrite();
+        return;
+    }
     const bool linear = mDefaults.linearFrequency();
     const float* reduced = linear ? mDefaults.interlaceToSpectrogramFFTData(fftData)
                                   : mDefaults.convertToLogarithmicScaleFFTData(fftData);

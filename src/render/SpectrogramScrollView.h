@@ -115,7 +115,8 @@ public:
     /// display rows or logarithmic points, scaled to dB (floor added) or to
     /// magnitudes, written as one column; then the ring moves on if the
     /// segment is full. Nothing without the spectrogram product switch or
-    /// before `prepareData`. No allocation.
+    /// before `prepareData`. Null `fftData`: a capture gap's column (see
+    /// `SpectrogramScrollViewSegment::addFFTdata`). No allocation.
     void addFFTdata(const float* fftData, int64_t intervalIndex);
     /// When the current segment is full: the oldest one is reset, moved to the
     /// front and made current, placed after the one just filled.

@@ -280,9 +280,26 @@ void SpectrogramScrollViewSegment::columnColors(const AnalyzerDefaults& defaults
     }
 }
 
-void SpectrogramScrollViewSegment::writeColumn(const float* values, uint8_t* pixels) {
+uint32_t SpectrogramScrollViewSegment::gapColor(int64_t intervalIndex, int32_t row) {
+    // Mid and dark grey with a blue cast: no ramp has a grey that is not on
+    // its black-to-white or colour path, and stripes never occur in spectra.
+    const bool light = ((intervalIndex + row) / 4) % 2 == 0;
+    const std::array<uint8_t, 4> rgba = light ? std::array<uint8_t, 4>{110, 110, 128, 255}
+                                              : std::array<uint8_t, 4>{60, 60, 72, 255};
+    uint32_t packed = 0;
+    std::memcpy(&packed, rgba.data(), 4);
+    return packed;
+}
+
+void SpectrogramScrollViewSegment::writeColumn(const float* values, uint8_t* pixels,
+                                               int64_t intervalIndex) {
     const int32_t count = rows_ - 1;
-    columnColors(defaults_, ramp_, values, levels_.data(), colors_.data());
+    if (values == nullptr) {
+        for (int32_t r = 0; r < count; ++r)
+            colors_[static_cast<size_t>(r)] = gapColor(intervalIndex, r);
+    } else {
+        columnColors(defaults_, ramp_, values, levels_.data(), colors_.data());
+    }
     // Rows are segmentSize pixels apart: one 4-byte store per row.
     const size_t stride = static_cast<size_t>(segmentSize_) * 4;
     for (int32_t r = 0; r < count; ++r)
@@ -291,13 +308,13 @@ void SpectrogramScrollViewSegment::writeColumn(const float* values, uint8_t* pix
 
 void SpectrogramScrollViewSegment::addFFTdata(const float* values, int64_t intervalIndex) {
     const int32_t column = writeIndex_.load(std::memory_order_relaxed);
-    if (column >= segmentSize_ || values == nullptr)
+    if (column >= segmentSize_)
         return;
     FFTSpectrumParameters& record = mParameters[static_cast<size_t>(column)];
     record.intervalIndex = intervalIndex;
     record.linearGainDB = defaults_.spectrogramLinearValuesGainDB();
     record.valuesInDBMinimumLevelDB = defaults_.spectrogramValuesInDBMinimumLevelDB();
-    writeColumn(values, mImageData.data() + static_cast<size_t>(column) * 4);
+    writeColumn(values, mImageData.data() + static_cast<size_t>(column) * 4, intervalIndex);
     if (column == 0)
         firstInterval_.store(intervalIndex, std::memory_order_release);
     const int32_t written = column + 1;

@@ -104,8 +104,13 @@ public:
     /// Writes one column at `writeIndex` from `values` (see the class comment;
     /// count: `fftDisplaySize` values with linear frequency, else
     /// `spectrogramLogIndexesCount - 1`), then advances and maybe posts an
-    /// upload. Does nothing when full. Analysis queue; no allocation.
+    /// upload. Null `values`: the interval lies in a capture gap, and the
+    /// column is hatched in two greys (`gapColor`), unlike any colour of the
+    /// ramps. Does nothing when full. Analysis queue; no allocation.
     void addFFTdata(const float* values, int64_t intervalIndex);
+    /// The gap hatching's pixel (packed RGBA as `columnColors`) at `row` of
+    /// the column whose interval is `intervalIndex`: diagonal stripes 4 pixels wide.
+    static uint32_t gapColor(int64_t intervalIndex, int32_t row);
 
     /// Uploads the whole image into the texture. Main thread; nothing without OpenGL.
     void createGLTexture();
@@ -147,7 +152,7 @@ public:
     const uint8_t* imageData() const { return mImageData.data(); }
 
 private:
-    void writeColumn(const float* values, uint8_t* pixels);
+    void writeColumn(const float* values, uint8_t* pixels, int64_t intervalIndex);
     /// Copies columns from .. to - 1 into the bound texture. Main thread.
     void uploadColumns(int32_t from, int32_t to);
 

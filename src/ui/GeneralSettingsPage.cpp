@@ -9,6 +9,7 @@
 #include <QCheckBox>
 #include <QLabel>
 #include <QSignalBlocker>
+#include <QSpinBox>
 
 #include <algorithm>
 #include <cmath>
@@ -40,7 +41,8 @@ GeneralSettingsPage::GeneralSettingsPage(AnalyzerDefaults& defaults,
       octaveMin_(new QCheckBox),
       octaveDecay_(new SegmentedControl({"Hold", "1 s", "2 s", "3 s", "4 s", "5 s"})),
       amplitudeScale_(new SegmentedControl({"Linear", "dB"})),
-      frequencyScale_(new SegmentedControl({"Linear", "Logarithmic"})) {
+      frequencyScale_(new SegmentedControl({"Linear", "Logarithmic"})),
+      keepRecording_(new QCheckBox), fallbackSeconds_(new QSpinBox) {
     setTitle("General");
 
     // Sections in the order of `Section`.
@@ -69,6 +71,16 @@ GeneralSettingsPage::GeneralSettingsPage(AnalyzerDefaults& defaults,
     addRow(kSectionOctave, "Hold maximum values", octaveMax_);
     addRow(kSectionOctave, "Hold minimum values", octaveMin_);
     addRow(kSectionOctave, "Hold decay time", octaveDecay_);
+    addSection("When the input goes away");
+    addRow(kSectionRecording, "Keep recording", keepRecording_);
+    fallbackSeconds_->setRange(KeepRecordingSettings::kMinFallbackSeconds,
+                               KeepRecordingSettings::kMaxFallbackSeconds);
+    fallbackSeconds_->setSuffix(" s");
+    addRow(kSectionRecording, "Take the default input after", fallbackSeconds_);
+    addTextRow(kSectionRecording,
+               "A recording waits for the sound server or the input device and resumes by "
+               "itself; the missing time is marked. While the level log runs, recording always "
+               "keeps going.");
     addSection("About");
     addTextRow(kSectionAbout, "Widmo " + AnalyzerDefaults::versionBuild());
 
@@ -125,6 +137,10 @@ GeneralSettingsPage::GeneralSettingsPage(AnalyzerDefaults& defaults,
     });
     connect(octaveDecay_, &SegmentedControl::valueChanged, this,
             [this](int s) { defaults_.setOctaveRTAMinMaxDecayTime(s); });
+    connect(keepRecording_, &QCheckBox::clicked, this,
+            [this](bool on) { defaults_.keepRecording().setEnabled(on); });
+    connect(fallbackSeconds_, &QSpinBox::valueChanged, this,
+            [this](int seconds) { defaults_.keepRecording().setFallbackSeconds(seconds); });
     connect(amplitudeScale_, &SegmentedControl::valueChanged, this,
             [this](int s) { defaults_.setPreferredValuesInDB(s == 1); });
     connect(frequencyScale_, &SegmentedControl::valueChanged, this,
@@ -248,6 +264,11 @@ void GeneralSettingsPage::refreshSelection() {
     octaveMin_->setChecked(defaults_.octaveRTAMinValuesEnabled());
     amplitudeScale_->setSelectedSegmentIndex(defaults_.preferredValuesInDB() ? 1 : 0);
     frequencyScale_->setSelectedSegmentIndex(defaults_.preferredLinearFrequency() ? 0 : 1);
+    keepRecording_->setChecked(defaults_.keepRecording().enabled());
+    {
+        const QSignalBlocker block(fallbackSeconds_);
+        fallbackSeconds_->setValue(defaults_.keepRecording().fallbackSeconds());
+    }
 
     refreshTimeLabel();
 }

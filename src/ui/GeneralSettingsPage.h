@@ -4,6 +4,7 @@
 
 class QCheckBox;
 class QLabel;
+class QSpinBox;
 
 namespace widmo {
 
@@ -13,7 +14,7 @@ class SegmentedControl;
 class SettingsDelegate;
 
 /// The "General" settings page: FFT window and size, sample rate, interval and
-/// display size, spectrogram length, and (for products without a spectrogram,
+/// display size, spectrogram length, keep recording, and (for products without a spectrogram,
 /// whose display page does not exist) the spectrum scales and the octave RTA.
 ///
 /// Controls that change the document write the preferred copies of the
@@ -32,6 +33,7 @@ public:
         kSectionSpectrogram, ///< spectrogram width and length, with featureSpectrogramEnabled
         kSectionSpectrum,    ///< scales; on the display page when there is a spectrogram
         kSectionOctave,      ///< octave RTA; on the display page when there is a spectrogram
+        kSectionRecording,   ///< keep recording when the input goes away
         kSectionAbout,       ///< version
     };
     /// Value of `lastSettingsPage` while this page is shown.
@@ -89,6 +91,8 @@ public:
     SegmentedControl* octaveAverageSegmentedControl() const { return octaveAverage_; }
     QCheckBox* octaveMaxValuesSwitch() const { return octaveMax_; }
     QCheckBox* octaveMinValuesSwitch() const { return octaveMin_; }
+    QCheckBox* keepRecordingSwitch() const { return keepRecording_; }
+    QSpinBox* fallbackSecondsBox() const { return fallbackSeconds_; }
     SegmentedControl* octaveDecayTimeSegmentedControl() const { return octaveDecay_; }
     SegmentedControl* amplitudeScaleSegmentedControl() const { return amplitudeScale_; }
     SegmentedControl* frequencyScaleSegmentedControl() const { return frequencyScale_; }
@@ -116,6 +120,8 @@ private:
     SegmentedControl* octaveDecay_;
     SegmentedControl* amplitudeScale_;
     SegmentedControl* frequencyScale_;
+    QCheckBox* keepRecording_;
+    QSpinBox* fallbackSeconds_;
 };
 
 } // namespace widmo

@@ -16,6 +16,7 @@
 #include "render/SpectrogramScrollView.h"
 #include "ui/AppFolders.h"
 #include "ui/AppLifecycle.h"
+#include "ui/CaptureWaitBanner.h"
 #include "ui/ChartTypePopover.h"
 #include "ui/GainPanel.h"
 #include "ui/HelpWindow.h"
@@ -147,6 +148,9 @@ void MainScreen::commonSetup() {
         syncArrangementControls();
         refreshGain();
     });
+
+    // A recording that waits for its input says so above the toolbar.
+    layout->addWidget(new CaptureWaitBanner(audio_, this));
 
     toolBar_ = new QToolBar(this);
     toolBar_->setMovable(false);

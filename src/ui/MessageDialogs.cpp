@@ -155,6 +155,11 @@ void MessageDialogs::present(MessageDialogs* holder, const QString& message, QWi
         // while it is up.
         box->setWindowModality(Qt::NonModal);
         box->setAttribute(Qt::WA_ShowWithoutActivating);
+        // Nor later: the window system never gives it the keyboard (a window
+        // manager would on a click, or a key to the newest window), so a Space
+        // meant for the window can never press its button. It closes with a
+        // click.
+        box->setWindowFlag(Qt::WindowDoesNotAcceptFocus);
         box->show();
     } else {
         box->open();

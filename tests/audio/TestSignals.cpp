@@ -121,9 +121,12 @@ double toneAmplitude(const float* data, size_t count, size_t stride, double freq
     return 2.0 * std::sqrt(re * re + im * im) / windowSum;
 }
 
-int loadMicrophone(const QString& sink, const QString& name, const QString& description, int rate) {
+int loadMicrophone(const QString& sink, const QString& name, const QString& description, int rate,
+                   int channels) {
     QStringList arguments{"load-module", "module-remap-source", "master=" + sink + ".monitor",
                           "source_name=" + name};
+    if (channels > 0)
+        arguments << "channels=" + QString::number(channels);
     if (rate > 0) {
         // PulseAudio takes the rate argument; pipewire-pulse ignores it and
         // needs the node property (PulseAudio keeps that as a plain property).

@@ -161,9 +161,9 @@ std::unique_ptr<SinkPlayer> playTone(double frequency, int sampleRate = 48000,
 /// Loads a virtual microphone `name`, described as `description`, on the
 /// monitor of `sink` at `rate` Hz (0: the server's choice, which is the sink's
 /// rate under PulseAudio but 48 kHz under PipeWire); `description` without
-/// spaces. The module's index, or -1.
+/// spaces; `channels` > 0 sets its channel count. The module's index, or -1.
 int loadMicrophone(const QString& sink, const QString& name, const QString& description,
-                   int rate = 0);
+                   int rate = 0, int channels = 0);
 /// The test sink's virtual microphone (the default input), unloaded and loaded again.
 int loadVirtualMicrophone();
 bool unloadModule(int module);

@@ -64,7 +64,12 @@ protected:
 };
 
 TEST_F(LastSessionFileTest, writtenSession_restoresSamplesAndKeys_fileServesOnce) {
+    const std::vector<CaptureGaps::Gap> gaps{
+        {4410, 88200, 1795610665022, CaptureGaps::Cause::SoundServer},
+        {200000, 7, 1795610700000, CaptureGaps::Cause::InputDevice}};
+    session_.gaps = gaps;
     ASSERT_TRUE(restoreAfter(nullptr));
+    EXPECT_EQ(defaults_->captureGaps().gaps(), gaps) << "a recovered document keeps its gaps";
     EXPECT_EQ(defaults_->audioBuffersData(), samples_);
     EXPECT_EQ(defaults_->actualInterval(), 40);
     EXPECT_TRUE(defaults_->readOnly());

@@ -131,18 +131,18 @@ TEST_F(GeneralSettingsTest, hiddenSectionsFollowTheProduct) {
     struct Case {
         const char* name;
         AnalyzerFeatures features;
-        std::vector<bool> hidden; // sections 0..6
+        std::vector<bool> hidden; // sections 0..7
     };
     const Case cases[] = {
         {"widmo",
          AnalyzerFeatures::spectrumProduct(),
-         {false, false, true, true, false, true, false}},
+         {false, false, true, true, false, true, false, false}},
         {"widmo-studio",
          AnalyzerFeatures::studioProduct(),
-         {false, false, false, false, true, true, false}},
+         {false, false, false, false, true, true, false, false}},
         {"widmo-voice",
          AnalyzerFeatures::voiceProduct(),
-         {false, false, true, true, false, true, false}},
+         {false, false, true, true, false, true, false, false}},
     };
     for (const Case& c : cases) {
         AnalyzerDefaults defaults(c.features, QString("general-hidden-") + c.name);
