@@ -383,7 +383,9 @@ void AudioSession::inputAvailable(int32_t frames) {
     // over data not yet delivered.
     const int32_t next = (ring_.actualBuffer() + 1) % kCaptureBufferCount;
     DeliveryTask& task = deliveries_[size_t(next)];
-    if (task.queued.load(std::memory_order_acquire)) {
+    // Claimed with an exchange: a task is queued at most once, even if a
+    // stream being replaced still calls in beside the new one.
+    if (task.queued.exchange(true, std::memory_order_acq_rel)) {
         droppedBlocks_.fetch_add(1, std::memory_order_acq_rel);
         return;
     }
@@ -391,8 +393,10 @@ void AudioSession::inputAvailable(int32_t frames) {
     // leaves no empty slot behind, so blocks stay in consecutive slots.
     float* buffer = ring_.buffer(next);
     const int32_t rendered = unit_->renderInput(buffer, frames);
-    if (rendered <= 0)
+    if (rendered <= 0) {
+        task.queued.store(false, std::memory_order_release);
         return;
+    }
     ring_.advance();
     // The block's end, and for the first block after a loss its start: the
     // frames missed in between, at the capture rate.
@@ -410,7 +414,6 @@ void AudioSession::inputAvailable(int32_t frames) {
     lastBlockEndNs_.store(now, std::memory_order_release);
     task.data = buffer;
     task.frames = rendered;
-    task.queued.store(true, std::memory_order_release);
     audioDispatchQueue_.async(task);
 }
 
