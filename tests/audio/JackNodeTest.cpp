@@ -326,7 +326,8 @@ TEST_F(JackNodeTest, serverReplacedBeforeTheNodeNoticed_closesTheOldClientFirstA
     ASSERT_TRUE(runEventsUntil([&] { return effect->connected(); }));
     peer.reset();
     const QString replace = QStringLiteral(
-        "kill -9 $(cat \"$WIDMO_SERVICES_DIR/jack.pid\"); "
+        "old=$(cat \"$WIDMO_SERVICES_DIR/jack.pid\"); kill -9 $old; "
+        "for i in $(seq 100); do kill -0 $old 2>/dev/null || break; sleep 0.02; done; "
         "setsid sh -c 'jackd --no-realtime -n \"$JACK_DEFAULT_SERVER\" -d dummy -r 48000 -p 512 "
         ">>\"$WIDMO_SERVICES_DIR/jack.log\" 2>&1 & echo $! >\"$WIDMO_SERVICES_DIR/jack.pid\"; "
         "wait' "
@@ -350,7 +351,8 @@ TEST(JackLibrary, closingAClientOfAReplacedServerAfterJoiningTheNewOne) {
         "dir=$(mktemp -d) && mkfifo \"$dir/in\" && "
         "{ \"$0\" <\"$dir/in\" >\"$dir/out\" 2>&1 & pid=$!; exec 3>\"$dir/in\"; "
         "for i in $(seq 100); do grep -q open \"$dir/out\" && break; sleep 0.05; done; "
-        "kill -9 $(cat \"$WIDMO_SERVICES_DIR/jack.pid\"); "
+        "old=$(cat \"$WIDMO_SERVICES_DIR/jack.pid\"); kill -9 $old; "
+        "for i in $(seq 100); do kill -0 $old 2>/dev/null || break; sleep 0.02; done; "
         "setsid sh -c 'jackd --no-realtime -n \"$JACK_DEFAULT_SERVER\" -d dummy -r 48000 -p 512 "
         ">>\"$WIDMO_SERVICES_DIR/jack.log\" 2>&1 & echo $! >\"$WIDMO_SERVICES_DIR/jack.pid\"; "
         "wait' "
