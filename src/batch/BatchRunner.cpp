@@ -315,14 +315,7 @@ void BatchRunner::readBlock(const std::shared_ptr<Job>& job) {
 void BatchRunner::failJob(const std::shared_ptr<Job>& job, const QString& reason) {
     Result r;
     r.err = errorLine(job->index, reason).toLocal8Bit();
-    job->png.reset();
-    job->image.reset();
-    job->analysis.reset();
-    job->stream.reset();
-    const std::lock_guard<std::mutex> lock(mutex_);
-    active_.erase(std::find(active_.begin(), active_.end(), job));
-    setResultLocked(job->index, std::move(r));
-    wake_.notify_all();
+    retireJob(job, std::move(r));
 }
 
 void BatchRunner::finishAnalysis(const std::shared_ptr<Job>& job) {
@@ -387,6 +380,11 @@ void BatchRunner::finishJob(const std::shared_ptr<Job>& job) {
         line += "}\n";
         result.out = line;
     }
+    retireJob(job, std::move(result));
+}
+
+void BatchRunner::retireJob(const std::shared_ptr<Job>& job, Result result) {
+    // What the file held (reader, analysis, picture) goes before its result is published.
     job->png.reset();
     job->image.reset();
     job->analysis.reset();

@@ -92,6 +92,8 @@ private:
     /// Writes the outputs of a job whose tasks are all done.
     void finishJob(const std::shared_ptr<Job>& job);
     void failJob(const std::shared_ptr<Job>& job, const QString& reason);
+    /// Frees what the job held, takes it off the active list and publishes its result.
+    void retireJob(const std::shared_ptr<Job>& job, Result result);
     /// Records the result of file `index` and prints what is now in order. Locked.
     void setResultLocked(int32_t index, Result result);
     void drawProgressLocked(bool force);
