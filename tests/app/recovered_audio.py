@@ -14,12 +14,10 @@ The chirp's frequency rises linearly, so the frequency of the newest samples
 tells which moment of the playback they are; one alignment then has to hold
 over all of the last 5 s.
 """
-import array
-import configparser
 import math
-import struct
 import sys
-import wave
+
+from session_document import Document, write_mono_wav
 
 RATE = 44100
 F0 = 200.0  # Hz at the start
@@ -35,13 +33,7 @@ def chirp(t):
 
 
 def make(path):
-    frames = int(SECONDS * RATE)
-    data = array.array("h", (int(32767 * chirp(k / RATE)) for k in range(frames)))
-    with wave.open(path, "wb") as w:
-        w.setnchannels(1)
-        w.setsampwidth(2)
-        w.setframerate(RATE)
-        w.writeframes(data.tobytes())
+    write_mono_wav(path, RATE, SECONDS, chirp)
 
 
 def correlation(a, b):
@@ -52,24 +44,13 @@ def correlation(a, b):
 
 
 def check(samples_path, state_path, played):
-    state = configparser.ConfigParser()
-    state.read(state_path)
-    keys = state["General"]
-    intervals = int(keys["analyzerDefaults.actualInterval"])
-    size = int(keys["lastSession.intervalSizeInFrames"])
-    rate = float(keys["lastSession.sampleRate"])
-    store = array.array("f")
-    with open(samples_path, "rb") as f:
-        store.frombytes(f.read())
-    if sys.byteorder != "little":
-        store.byteswap()
-    capacity = len(store)
-    written = intervals * size
+    document = Document(samples_path, state_path)
+    rate, written, capacity = document.rate, document.written, document.capacity
     keep = int(5 * rate)
     if rate != RATE or written < keep or capacity < keep:
         sys.exit(f"recovered: {written} samples at {rate} Hz, not 5 s at {RATE} Hz")
     # The document's newest `keep` samples, oldest first (the file is a ring).
-    doc = [store[(written - keep + k) % capacity] for k in range(keep)]
+    doc = document.samples(written - keep, written)
 
     # Which moment of the chirp the newest samples are: their frequency.
     tail = doc[-4096:]

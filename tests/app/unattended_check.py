@@ -14,12 +14,11 @@ the level log kept of a recording whose sound server went away.
       and unless the level log says when capture stopped and when it
       resumed, after as long.
 """
-import array
-import configparser
 import datetime
 import math
 import sys
-import wave
+
+from session_document import Document, write_mono_wav
 
 RATE = 44100
 TONE = 1000.0
@@ -27,15 +26,7 @@ AMPLITUDE = 0.5
 
 
 def make(path):
-    frames = 60 * RATE
-    data = array.array(
-        "h", (int(32767 * AMPLITUDE * math.sin(2.0 * math.pi * TONE * k / RATE)) for k in range(frames))
-    )
-    with wave.open(path, "wb") as w:
-        w.setnchannels(1)
-        w.setsampwidth(2)
-        w.setframerate(RATE)
-        w.writeframes(data.tobytes())
+    write_mono_wav(path, RATE, 60, lambda t: AMPLITUDE * math.sin(2.0 * math.pi * TONE * t))
 
 
 def tone_found(samples, rate):
@@ -48,20 +39,9 @@ def tone_found(samples, rate):
 
 def check(samples_path, state_path, log_path, away, recorded):
     failures = []
-    state = configparser.ConfigParser()
-    state.read(state_path)
-    keys = state["General"]
-    intervals = int(keys["analyzerDefaults.actualInterval"])
-    size = int(keys["lastSession.intervalSizeInFrames"])
-    rate = float(keys["lastSession.sampleRate"])
-    gaps = [g for g in keys.get("lastSession.gaps", "").strip('"').split(";") if g]
-    store = array.array("f")
-    with open(samples_path, "rb") as f:
-        store.frombytes(f.read())
-    if sys.byteorder != "little":
-        store.byteswap()
-    capacity = len(store)
-    written = intervals * size
+    document = Document(samples_path, state_path)
+    rate, written, capacity = document.rate, document.written, document.capacity
+    gaps = [g for g in document.keys.get("lastSession.gaps", "").strip('"').split(";") if g]
     print(f"document: {written / rate:.3f} s, recording {recorded:.3f} s; gaps {gaps}; "
           f"capture away {away:.3f} s")
     # The input's first 7 cycles are dropped: up to 7 x 2048 frames, fewer
@@ -83,9 +63,7 @@ def check(samples_path, state_path, log_path, away, recorded):
         sys.exit(f"unattended_check: the document's ring ({capacity / rate:.1f} s) does not hold "
                  "the gap with 1.5 s before and 2.5 s after it")
 
-    def doc(a, b):
-        return [store[k % capacity] for k in range(a, b)]
-
+    doc = document.samples
     before = tone_found(doc(start - int(1.5 * rate), start - int(0.2 * rate)), rate)
     after = tone_found(doc(end + int(1.0 * rate), end + int(2.5 * rate)), rate)
     silent = doc(start, end)
