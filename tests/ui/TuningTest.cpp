@@ -5,6 +5,7 @@
 #include "ui/AudioInputPage.h"
 #include "ui/SegmentedControl.h"
 #include "ui/SettingsPanel.h"
+#include "ui/TransportControls.h"
 
 #include "ChartTestSupport.h"
 #include "TestSignals.h"
@@ -206,6 +207,59 @@ TEST_F(TuningTest, heterodyneBand_drawnWhereTuned_wheelAndCtrlClickTune_onlyWhil
     quit();
     AnalyzerDefaults again(AnalyzerFeatures::studioProduct(), kTag);
     EXPECT_EQ(again.heterodyneTuningHz(), zoomedTuning);
+}
+
+// Through the sound path: listening by heterodyne tuned to 40 kHz while the
+// studio records a 42 kHz call from a 192 kHz microphone, the call is heard
+// at 2 kHz; one notch of the wheel over the spectrogram while recording
+// retunes to 41 kHz and the call is heard at 1 kHz. (Each heard line against
+// the other: 40 dB apart at least; a heard line reads about -12 dBFS.)
+TEST_F(TuningTest, wheelWhileRecording_movesTheHeardCall) {
+    if (test::underPipeWire())
+        GTEST_SKIP() << "listening output not heard under PipeWire (open)";
+    test::UltrasonicMicrophone microphone;
+    ASSERT_TRUE(microphone.isLoaded());
+    launchLinear();
+    auto call = test::playTone(42000.0, 192000, test::UltrasonicMicrophone::sinkName());
+    ASSERT_TRUE(call);
+    ASSERT_TRUE(QTest::qWaitFor(
+        [&] {
+            for (const AudioDevice& d : audio_->availableInputs())
+                if (d.id == test::UltrasonicMicrophone::kSourceName)
+                    audio_->setPreferredInput(d);
+            return audio_->preferredInput().id == test::UltrasonicMicrophone::kSourceName;
+        },
+        5000));
+    setHeterodyneListening(true);
+    QTest::mouseClick(screen()->transport().recordButton(), Qt::LeftButton);
+    ASSERT_TRUE(QTest::qWaitFor([&] { return audio_->isRecording(); }, 5000));
+    QTest::qWait(1000);
+    // The last 16,384 frames (0.34 s) of the sink's left channel.
+    const auto heard = [&](double hz) {
+        test::SinkListener listener(audio_->soundServer());
+        EXPECT_TRUE(listener.started);
+        QTest::qWait(800);
+        const std::vector<float>& x = listener.stop();
+        constexpr size_t kFrames = 16384;
+        if (x.size() < 2 * kFrames)
+            return -200.0;
+        return test::toDb(
+            test::toneAmplitude(x.data() + x.size() - 2 * kFrames, kFrames, 2, hz, 48000.0));
+    };
+    const double at2k = heard(2000.0);
+    const double at1k = heard(1000.0);
+    EXPECT_GT(at2k, -20.0);
+    EXPECT_LT(at1k, at2k - 40.0);
+
+    wheel(120);
+    EXPECT_EQ(tuning(), 41000.0f);
+    QTest::qWait(300);
+    const double now1k = heard(1000.0);
+    const double now2k = heard(2000.0);
+    EXPECT_GT(now1k, -20.0);
+    EXPECT_LT(now2k, now1k - 40.0);
+    QTest::mouseClick(screen()->transport().recordButton(), Qt::LeftButton);
+    EXPECT_TRUE(QTest::qWaitFor([&] { return !audio_->isRecording(); }, 5000));
 }
 
 } // namespace
