@@ -20,8 +20,7 @@ class AnalyzerDefaults;
 /// the ear still tells apart. A click sets the tuning to the nearest 100 Hz for
 /// the same reason. Tunings stay between 0 and half the rate less the band,
 /// as the settings field allows, so the band never reaches past the Nyquist
-/// frequency: at 96 to 384 kHz that covers the bats' 20 to 120 kHz, below 96
-/// kHz it stops at rate / 2 - B.
+/// frequency (with B = 5 kHz: 91 kHz at 192 kHz, 43 kHz at 96 kHz).
 ///
 /// Threading: stateless; main thread (it reads the document's settings).
 class HeterodyneBand {
