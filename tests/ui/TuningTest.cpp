@@ -16,6 +16,7 @@
 #include <QToolButton>
 #include <QWheelEvent>
 
+#include <algorithm>
 #include <cmath>
 #include <vector>
 
@@ -48,6 +49,9 @@ protected:
     /// The studio at 192 kHz with a linear frequency axis (as the display page sets it).
     void launchLinear() {
         launch(AnalyzerFeatures::studioProduct(), kRate);
+        switchToLinearAxis();
+    }
+    void switchToLinearAxis() {
         defaults_->copyCurrentToPreferred();
         defaults_->setPreferredLinearFrequency(true);
         screen()->settingsWillClose();
@@ -108,6 +112,26 @@ protected:
         EXPECT_EQ(int(rows.size()), rows.back() - rows.front() + 1) << "the band has gaps";
     }
 };
+
+// On the logarithmic axis (the default) Ctrl+click tunes to the frequency at
+// that height: the axis runs from its start frequency at the bottom to 96 kHz
+// at the top, evenly in log frequency (tolerance: the 100 Hz rounding and half
+// a pixel's worth of frequency at that height).
+TEST_F(TuningTest, logarithmicAxis_ctrlClickTunesToTheHeightsFrequency) {
+    launch(AnalyzerFeatures::studioProduct(), kRate);
+    ASSERT_FALSE(defaults_->linearFrequency());
+    show(0);
+    setHeterodyneListening(true);
+    const double start = defaults_->logStartFrequency();
+    for (const double share : {0.1, 0.25, 0.6}) {
+        const int y = int(scroll()->height() * share);
+        ctrlClick(QPoint(scroll()->width() / 2, y));
+        const double expected =
+            start * std::pow(kNyquist / start, 1.0 - double(y) / scroll()->height());
+        const double halfPixel = 0.5 * expected * std::log(kNyquist / start) / scroll()->height();
+        EXPECT_NEAR(tuning(), std::min(expected, 91000.0), 50.0 + halfPixel) << "at row " << y;
+    }
+}
 
 // Heterodyne listening at 192 kHz: the tuned band (f0 ± 5 kHz) is shaded on
 // the spectrogram and the spectrum exactly where their axes put those
