@@ -253,19 +253,9 @@ void AudioSession::setupAndStartAudioUnit(std::function<void(bool)> completion) 
         }
         config.ioBufferFrames = ioBufferFrames();
         if (transposing) {
-            // Listening: short blocks in and a short queue out. Transposition
-            // works in frames of 5.3 ms: one frame a block, three queued. The
-            // heterodyne works sample by sample, so a recording that starts
-            // with it takes blocks of a quarter frame (1.3 ms) and queues five
-            // of them (6.7 ms; measured: 8-10 ms from capture to sink, against
-            // 19 ms with the transposition's sizes, and a few more underruns;
-            // four queued gave 7 ms and about one underrun in two seconds).
-            // Switched to transposition while running it keeps them (a frame
-            // is then done at every block, one hop).
-            const int32_t frame = Transposer::frameSize(sampleRate);
-            const bool heterodyne = defaults_.listeningMode() == 1;
-            config.ioBufferFrames = heterodyne ? frame / 4 : frame;
-            config.outputBufferFrames = heterodyne ? frame * 5 / 4 : 3 * frame;
+            // Listening: short blocks in and a short queue out.
+            config.ioBufferFrames = Transposer::frameSize(sampleRate);
+            config.outputBufferFrames = 3 * Transposer::frameSize(sampleRate);
         }
         config.inputVolume = inputGain_;
         outputRunning_.store(config.enableOutput, std::memory_order_release);
