@@ -28,7 +28,6 @@ std::thread::id& mainThreadId() {
 }
 
 constexpr int kPollMs = 16;
-
 constexpr qint64 kPlayLineShownMs = 500;
 
 double intervalSeconds(const AnalyzerDefaults& d) {
