@@ -241,6 +241,22 @@ void ChartGeometry::octaveRTAGrid(int32_t bandsPerOctave, int32_t minIndex, int3
         horizontalLine(k / 18.0, 1.0f, out);
 }
 
+double ChartGeometry::frequencyToContent(double hz, bool linearFrequency, double maxFrequency,
+                                         double logStartFrequency, double logIntervalDelta) {
+    if (linearFrequency)
+        return maxFrequency > 0.0 ? hz / maxFrequency : 0.0;
+    if (logStartFrequency <= 0.0 || logIntervalDelta <= 0.0)
+        return 0.0;
+    return hz > 0.0 ? std::log2(hz / logStartFrequency) / logIntervalDelta : -1.0;
+}
+
+double ChartGeometry::contentToFrequency(double content, bool linearFrequency, double maxFrequency,
+                                         double logStartFrequency, double logIntervalDelta) {
+    if (linearFrequency)
+        return content * maxFrequency;
+    return logStartFrequency * std::exp2(content * logIntervalDelta);
+}
+
 MeasurePosition ChartGeometry::measureSpectrum(double x, bool linearFrequency, int32_t fftOutSize,
                                                double maxFrequency, double logStartFrequency,
                                                double logIntervalDelta) {

@@ -93,6 +93,15 @@ public:
     static void octaveRTAGrid(int32_t bandsPerOctave, int32_t minIndex, int32_t maxIndex,
                               std::vector<GridLine>& out);
 
+    /// Content coordinate along a frequency axis (spectrum x, spectrogram y)
+    /// of `hz`: hz / `maxFrequency` on a linear axis, log2(hz / start) / delta
+    /// on a logarithmic one (-1, below the axis, for hz <= 0). 0 without an axis.
+    static double frequencyToContent(double hz, bool linearFrequency, double maxFrequency,
+                                     double logStartFrequency, double logIntervalDelta);
+    /// The frequency at a content coordinate (the inverse of the above).
+    static double contentToFrequency(double content, bool linearFrequency, double maxFrequency,
+                                     double logStartFrequency, double logIntervalDelta);
+
     /// Snaps a cursor at content x to the nearest spectrum bin.
     static MeasurePosition measureSpectrum(double x, bool linearFrequency, int32_t fftOutSize,
                                            double maxFrequency, double logStartFrequency,

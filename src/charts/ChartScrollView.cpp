@@ -3,10 +3,13 @@
 #include "dsp/SoundLevelMeter.h"
 
 #include "charts/ChartView.h"
+#include "charts/HeterodyneBand.h"
 #include "core/AnalyzerDefaults.h"
 #include "dsp/MusicConverter.h"
 #include "render/DeviceClass.h"
+#include "render/GLTexture.h"
 #include "render/LevelMeterView.h"
+#include "render/SpectrogramScrollView.h"
 
 #include <QFontMetrics>
 #include <QGridLayout>
@@ -50,7 +53,12 @@ ChartScrollView::~ChartScrollView() {
     // watches it for destruction.
     setMeasuringView(nullptr);
     delete measuringPanel_;
+    makeCurrent();
+    bandLabel_.reset();
+    doneCurrent();
 }
+
+void ChartScrollView::releaseGLResources() { bandLabel_.reset(); }
 
 bool ChartScrollView::pad() const { return DeviceClass::isPad(this); }
 
@@ -431,6 +439,7 @@ void ChartScrollView::drawSpectrumPoints() {
     // In the small picture-in-picture size the curve stands alone.
     if (fullScreen())
         drawSpectrumGrid();
+    drawTunedBand();
     const float* out = data_.fftOutData();
     const int32_t n = std::min(mDefaults.fftOutSize(), ChartData::kSlotSize);
     if (out != nullptr && n >= 2) {
@@ -444,6 +453,40 @@ void ChartScrollView::drawSpectrumPoints() {
     }
     if (measuringActivated())
         drawMeasureLinesSpectrum();
+}
+
+void ChartScrollView::drawTunedBand() {
+    const auto band = HeterodyneBand::span(mDefaults);
+    if (!band)
+        return;
+    GLPainter* e = effect();
+    const AffineTransform& t = actualContentTransform();
+    const QPointF low = t.map(QPointF(band->low, 0.0));
+    const QPointF high = t.map(QPointF(band->high, 1.0));
+    const auto& c = SpectrogramScrollView::kBandColor;
+    gl()->glEnable(GL_BLEND);
+    gl()->glBlendFunc(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA);
+    e->prepareToDrawWithConstantColor(c[0], c[1], c[2], 0.25f);
+    e->drawRectangle(low, high);
+    e->prepareToDrawWithConstantColor(c[0], c[1], c[2], 0.8f);
+    gl()->glLineWidth(1.0f);
+    e->drawLine(low, QPointF(low.x(), high.y()));
+    e->drawLine(QPointF(high.x(), low.y()), high);
+    gl()->glDisable(GL_BLEND);
+    if (!fullScreen())
+        return; // the small picture-in-picture shows the band alone
+    if (!bandLabel_ || bandLabelText_ != band->label) {
+        QFont font(QStringLiteral("Arial"));
+        font.setPixelSize(pad() ? 15 : 12);
+        bandLabel_ = e->convertToTextureText(band->label, font, QColor::fromRgbF(c[0], c[1], c[2]));
+        bandLabelText_ = band->label;
+    }
+    // Unit space spans the frame less its margins (see drawGLRect).
+    const QSizeF unit(viewSize_.width() / (1.0 + 2.0 * marginX_),
+                      viewSize_.height() / (1.0 + 2.0 * marginY_));
+    e->drawTextTexture(bandLabel_.get(),
+                       QPointF((low.x() + high.x()) / 2.0, 1.0 - 4.0 / unit.height()), 1.0f, 3,
+                       unit, QRectF());
 }
 
 void ChartScrollView::drawOscilloscopePoints() {

@@ -9,6 +9,7 @@
 
 #include <array>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 class QLabel;
@@ -20,6 +21,7 @@ struct SoundLevels;
 
 class AnalyzerDefaults;
 class ChartView;
+class GLTexture;
 class LevelMeterView;
 
 /// The GL view of the second chart: the spectrum curve, the oscilloscope trace
@@ -31,7 +33,9 @@ class LevelMeterView;
 /// view feeds the level meter from it and draws it each frame in chart
 /// coordinates (x, y from 0 to 1) mapped through the pan and zoom of the
 /// content transform. The chart type, the linear axis's label step and the
-/// full-screen state come from the owning `ChartView`.
+/// full-screen state come from the owning `ChartView`. While heterodyne
+/// listening is on, the spectrum shades the tuned band (`HeterodyneBand`)
+/// with its frequency above it.
 ///
 /// Threading: main thread only.
 class ChartScrollView : public GLScrollView, public ScrollViewInterface {
@@ -105,6 +109,7 @@ public:
 
 protected:
     void drawGLRect(const QRectF& rect) override;
+    void releaseGLResources() override;
 
 private:
     bool pad() const;
@@ -114,6 +119,8 @@ private:
     void drawEGGPoints();
     void drawOctaveRTAPoints();
     void drawSpectrumGrid();
+    /// The heterodyne's band over the whole height, its label at the top.
+    void drawTunedBand();
     void drawOscilloscopeGrid();
     void drawOctaveRTAGrid();
     void drawGrid();
@@ -146,6 +153,8 @@ private:
     std::vector<float> columnSpans_;  // the curve's segments, one per pixel column
     std::vector<float> gridVertices_; // one run of grid lines of one width
     bool analyzerRunning_ = false;
+    std::shared_ptr<GLTexture> bandLabel_; // the texture of bandLabelText_
+    QString bandLabelText_;
 
     QWidget* measuringPanel_ = nullptr;
     std::array<QLabel*, kLabelCount> titleLabels_{};

@@ -2,13 +2,16 @@
 
 #include "charts/ChartLabels.h"
 #include "charts/ChartScrollView.h"
+#include "charts/HeterodyneBand.h"
 #include "core/AnalyzerDefaults.h"
 #include "render/DeviceClass.h"
 #include "render/GLTexture.h"
 #include "render/LevelMeterView.h"
 #include "render/SpectrogramScrollView.h"
 
+#include <QMouseEvent>
 #include <QPainter>
+#include <QWheelEvent>
 
 #include <algorithm>
 #include <cmath>
@@ -31,6 +34,13 @@ SpectrogramView::SpectrogramView(AnalyzerDefaults& defaults, QWidget* parent)
         if (auto* chart = dynamic_cast<ChartScrollView*>(scrollView_->scrollViewDelegate()))
             chart->updateMeasuringActualPositionWith(frequency);
     });
+    scrollView_->setShadedBandSource([this]() -> std::optional<SpectrogramScrollView::ShadedBand> {
+        const auto band = HeterodyneBand::span(mDefaults);
+        if (!band)
+            return std::nullopt;
+        return SpectrogramScrollView::ShadedBand{band->low, band->high, band->label};
+    });
+    scrollView_->installEventFilter(this);
     placeInnerView(scrollView_);
     setFullScreen(true);
 }
@@ -71,6 +81,65 @@ void SpectrogramView::prepareTextures() {
 }
 
 void SpectrogramView::contentWasChanged() { GLView::setNeedsDisplay(); }
+
+// --- Tuning ---------------------------------------------------------------------------------
+
+bool SpectrogramView::eventFilter(QObject* watched, QEvent* event) {
+    if (watched != scrollView_ || !HeterodyneBand::isOn(mDefaults)) {
+        tuningClick_ = false;
+        return ChartFrameView::eventFilter(watched, event);
+    }
+    switch (event->type()) {
+    case QEvent::Wheel: {
+        const auto* wheel = static_cast<QWheelEvent*>(event);
+        if (wheel->modifiers() & Qt::ControlModifier)
+            return false; // zooms both axes, as without listening
+        // Shift+wheel arrives as a horizontal turn on some systems.
+        const int delta =
+            wheel->angleDelta().y() != 0 ? wheel->angleDelta().y() : wheel->angleDelta().x();
+        // A fine-resolution wheel sends parts of a notch; they add up.
+        wheelRemainder_ += delta;
+        const int notches = wheelRemainder_ / QWheelEvent::DefaultDeltasPerStep;
+        wheelRemainder_ -= notches * QWheelEvent::DefaultDeltasPerStep;
+        if (notches != 0) {
+            const double step = (wheel->modifiers() & Qt::ShiftModifier)
+                                    ? HeterodyneBand::kFineStepHz
+                                    : HeterodyneBand::kCoarseStepHz;
+            tuneTo(double(mDefaults.heterodyneTuningHz()) + notches * step);
+        }
+        return true;
+    }
+    case QEvent::MouseButtonPress:
+    case QEvent::MouseButtonDblClick: {
+        const auto* mouse = static_cast<QMouseEvent*>(event);
+        if (mouse->button() != Qt::LeftButton || !(mouse->modifiers() & Qt::ControlModifier))
+            return false;
+        const QPointF content = scrollView_->convertPointToScrollContent(mouse->position());
+        tuneTo(HeterodyneBand::frequencyOfContent(mDefaults, content.y()));
+        tuningClick_ = true;
+        return true;
+    }
+    case QEvent::MouseMove:
+    case QEvent::MouseButtonRelease:
+        // The rest of a tuning click is no drag and no tap.
+        if (!tuningClick_)
+            return false;
+        if (event->type() == QEvent::MouseButtonRelease)
+            tuningClick_ = false;
+        return true;
+    default:
+        return false;
+    }
+}
+
+void SpectrogramView::tuneTo(double hz) {
+    if (tuningHandler_) {
+        tuningHandler_(hz);
+        return;
+    }
+    HeterodyneBand::setTuning(mDefaults, hz);
+    scrollView_->setNeedsDisplay();
+}
 
 // --- Labels ---------------------------------------------------------------------------------
 

@@ -9,6 +9,7 @@
 #include <QSize>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -36,6 +37,12 @@ class GLTexture;
 /// `clearData` and `prepareTextures` whenever the geometry changes. For the
 /// engine's `computeFFTInDelegateChart` (the second chart showing the interval
 /// under the spectrogram's cursor) hand the chart to `scroll()->setDelegateChart`.
+///
+/// While heterodyne listening is on (`HeterodyneBand::isOn`), the tuned band
+/// is shaded across the spectrogram with its frequency, and the mouse tunes
+/// it: the wheel by 1 kHz a notch, with Shift by 100 Hz (Ctrl+wheel still
+/// zooms both axes); Ctrl+click tunes to the frequency under the pointer. With
+/// listening off the wheel and the click do what they always do.
 ///
 /// Threading: main thread, except `addFFTdata` (analysis queue, in interval
 /// order; it writes only the column being filled) and `setNeedsDisplay`
@@ -82,10 +89,19 @@ public:
     /// GL context exists they are made when it does.
     void prepareTextures() override;
 
+    /// Takes a tuning asked for with the mouse (Hz, not yet clamped); the
+    /// owner stores it (`HeterodyneBand::setTuning`) and applies it to what
+    /// plays. Without a handler the view stores it and redraws itself.
+    void setTuningHandler(std::function<void(double hz)> handler) {
+        tuningHandler_ = std::move(handler);
+    }
+
     // ScrollObserver: the spectrogram's transform moved, the axes follow.
     void contentWasChanged() override;
 
 protected:
+    /// The spectrogram's wheel and Ctrl+click while heterodyne listening is on.
+    bool eventFilter(QObject* watched, QEvent* event) override;
     void drawGLRect(const QRectF& rect) override;
     void setupGLResources() override;
     void releaseGLResources() override;
@@ -100,7 +116,12 @@ private:
     /// Content heights of the frequency labels (and the grid's lines).
     std::vector<float> frequencyLabelHeights() const;
 
+    void tuneTo(double hz);
+
     SpectrogramScrollView* scrollView_ = nullptr;
+    std::function<void(double)> tuningHandler_;
+    int wheelRemainder_ = 0;        // wheel units short of a whole notch (120 a notch)
+    bool tuningClick_ = false;      // a Ctrl+click's press was taken; its release is too
     TextureList mTimeLabelTextures; // label k: k steps back from the newest column
     TextureList mFrequencyTextures; // at the heights of mFrequencyLabelHeights
     std::vector<float> mFrequencyLabelHeights;

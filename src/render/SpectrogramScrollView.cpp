@@ -7,6 +7,7 @@
 #include "engine/ChartViewInterface.h"
 #include "engine/MainQueue.h"
 #include "render/DeviceClass.h"
+#include "render/GLTexture.h"
 
 #include <QLabel>
 #include <QOpenGLFunctions>
@@ -62,7 +63,12 @@ SpectrogramScrollView::~SpectrogramScrollView() {
     segmentsToShow_.clear();
     currentToWrite_.store(nullptr, std::memory_order_release);
     segments_.clear();
+    makeCurrent();
+    bandLabel_.reset();
+    doneCurrent();
 }
+
+void SpectrogramScrollView::releaseGLResources() { bandLabel_.reset(); }
 
 // --- Colours ----------------------------------------------------------------------------------
 
@@ -426,11 +432,14 @@ void SpectrogramScrollView::drawGLRect(const QRectF& /*rect*/) {
     drawSegments(left, width);
     if (mDefaults.spectrogramGridOn())
         drawGrid(left, width);
+    const FrameKey key = frameKey();
+    if (key.band)
+        drawShadedBand(*key.band);
     if (playLineVisible() && !analyzerRunning_)
         drawPlayLine(left, width);
     if (measuringActivated())
         drawMeasureLines();
-    drawnKey_ = frameKey();
+    drawnKey_ = key;
 }
 
 SpectrogramScrollView::FrameKey SpectrogramScrollView::frameKey() const {
@@ -444,6 +453,8 @@ SpectrogramScrollView::FrameKey SpectrogramScrollView::frameKey() const {
     key.measuring = measuringActivated();
     key.measure = key.measuring ? measuringActualPosition() : QPointF();
     key.playLine = playLineUpdates_.load(std::memory_order_acquire);
+    if (shadedBandSource_)
+        key.band = shadedBandSource_();
     return key;
 }
 
@@ -452,6 +463,44 @@ bool SpectrogramScrollView::frameWouldChange() {
         return true;
     updateRightEdge();
     return !(frameKey() == drawnKey_);
+}
+
+void SpectrogramScrollView::drawShadedBand(const ShadedBand& band) {
+    GLPainter* e = effect();
+    const AffineTransform& t = actualContentTransform();
+    const QPointF low = t.map(QPointF(0.0, band.low));
+    const QPointF high = t.map(QPointF(1.0, band.high));
+    // Translucent, so that the calls inside the band stay visible; the edges
+    // stronger, so that a narrow band on a logarithmic axis still shows.
+    gl()->glEnable(GL_BLEND);
+    gl()->glBlendFunc(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA);
+    e->prepareToDrawWithConstantColor(kBandColor[0], kBandColor[1], kBandColor[2], 0.25f);
+    e->drawRectangle(low, high);
+    e->prepareToDrawWithConstantColor(kBandColor[0], kBandColor[1], kBandColor[2], 0.8f);
+    gl()->glLineWidth(1.0f);
+    e->drawLine(low, QPointF(high.x(), low.y()));
+    e->drawLine(QPointF(low.x(), high.y()), high);
+    gl()->glDisable(GL_BLEND);
+    if (band.label.isEmpty())
+        return;
+    if (!bandLabel_ || bandLabelText_ != band.label) {
+        QFont font(QStringLiteral("Arial"));
+        font.setPixelSize(DeviceClass::isPad(this) ? 15 : 12);
+        bandLabel_ = e->convertToTextureText(
+            band.label, font, QColor::fromRgbF(kBandColor[0], kBandColor[1], kBandColor[2]));
+        bandLabelText_ = band.label;
+    }
+    // Above the band at the right edge; inside it when that would leave the view.
+    const QSizeF frame(std::max(1, this->width()), std::max(1, this->height()));
+    const double right = std::min(high.x(), 1.0) - 4.0 / frame.width();
+    const double labelHeight =
+        bandLabel_->height() / double(e->contentScaleFactor()) / frame.height();
+    if (high.y() + 2.0 / frame.height() + labelHeight <= 1.0)
+        e->drawTextTexture(bandLabel_.get(), QPointF(right, high.y() + 2.0 / frame.height()), 1.0f,
+                           1, frame, QRectF());
+    else
+        e->drawTextTexture(bandLabel_.get(), QPointF(right, (std::max(low.y(), 0.0) + 1.0) / 2.0),
+                           1.0f, 2, frame, QRectF());
 }
 
 void SpectrogramScrollView::drawSegments(double left, double width) {

@@ -15,6 +15,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <vector>
 
 class QLabel;
@@ -24,6 +25,7 @@ namespace widmo {
 class AnalyzerDefaults;
 class ChartViewInterface;
 class FFTManager;
+class GLTexture;
 
 /// The scrolling spectrogram: a row of texture segments
 /// (`SpectrogramScrollViewSegment`) laid side by side along the time axis,
@@ -143,6 +145,26 @@ public:
     /// Whether the play line is drawn (it moved within the last half second).
     bool playLineVisible() const;
 
+    // --- Shaded band (main thread) ------------------------------------------------------
+
+    /// A band of frequencies shaded across the whole spectrogram, with a label
+    /// at its right end (the heterodyne's tuned band).
+    /// The band's colour (the spectrum chart's band too): cyan stands apart
+    /// from every colour scheme's ramp and from the spectrum's green curve.
+    static constexpr std::array<float, 3> kBandColor{0.35f, 0.95f, 1.0f};
+    struct ShadedBand {
+        double low = 0.0;  ///< content y of its lower edge (may lie off the content)
+        double high = 0.0; ///< content y of its upper edge
+        QString label;
+        bool operator==(const ShadedBand&) const = default;
+    };
+    using ShadedBandSource = std::function<std::optional<ShadedBand>()>;
+    /// Asked at every frame for the band to shade (none: nothing shaded); a
+    /// change of its answer draws a new frame. An empty function shades nothing.
+    void setShadedBandSource(ShadedBandSource source) { shadedBandSource_ = std::move(source); }
+    /// The band the last frame showed.
+    const std::optional<ShadedBand>& shadedBand() const { return drawnKey_.band; }
+
     // --- Measuring (main thread) ----------------------------------------------------------
 
     /// The reading at a content point; the level is recomputed from the sample
@@ -189,6 +211,7 @@ public:
 
 protected:
     void drawGLRect(const QRectF& rect) override;
+    void releaseGLResources() override;
     /// While the analyser runs, a frame is drawn when the columns have slid by
     /// a whole device pixel, or the view, the cursor or the play line moved;
     /// every other frame would repeat the last one. At the defaults the
@@ -205,6 +228,7 @@ private:
         bool measuring = false;
         QPointF measure;
         uint32_t playLine = 0;
+        std::optional<ShadedBand> band;
         bool operator==(const FrameKey&) const = default;
     };
     FrameKey frameKey() const;
@@ -214,6 +238,7 @@ private:
     void drawGrid(double left, double width);
     void drawPlayLine(double left, double width);
     void drawMeasureLines();
+    void drawShadedBand(const ShadedBand& band);
     void pollNeedsDisplay();
     /// Interval under content x (floor), from the last frame's right edge.
     int64_t intervalAtContentX(double x) const;
@@ -247,6 +272,10 @@ private:
     QElapsedTimer playLineClock_;
     std::atomic<bool> needsDisplayFlag_{false};
     QTimer needsDisplayPoll_;
+
+    ShadedBandSource shadedBandSource_;
+    std::shared_ptr<GLTexture> bandLabel_; // the texture of bandLabelText_
+    QString bandLabelText_;
 
     ChartViewInterface* delegateChart_ = nullptr;
     std::function<void(double)> measuredFrequencyObserver_;

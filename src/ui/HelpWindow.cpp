@@ -312,7 +312,11 @@ void HelpWindow::buildCatalogue() {
           "loudness; Heterodyne plays only the band around the frequency it is tuned to (2.5, "
           "5 or 10 kHz wide), as clicks and chirps, like a bat detector. Both can be changed "
           "while recording, and both apply to playing back a recording too. The listening "
-          "level sets how loud it plays; very loud sound is limited, never clipped.");
+          "level sets how loud it plays; very loud sound is limited, never clipped. While "
+          "heterodyne listening is on, the tuned band is shaded on the spectrogram and the "
+          "spectrum with its frequency; the mouse wheel over the spectrogram tunes it by 1 "
+          "kHz a notch (with Shift by 100 Hz; Ctrl+wheel still zooms), and Ctrl+click tunes "
+          "it to the frequency clicked.");
     topic(QStringList{"Import and export", "Open audio from another application", "Sharing"},
           QStringList{"Open an audio file (WAV, AIFF, FLAC, Ogg, Opus, MP3) from the import "
                       "menu, or give its name on the command line, or drop it on the window; "

@@ -3,6 +3,7 @@
 #include "audio/AudioSession.h"
 #include "charts/ChartScrollView.h"
 #include "charts/ChartView.h"
+#include "charts/HeterodyneBand.h"
 #include "charts/SpectrogramView.h"
 #include "core/AnalyzerDefaults.h"
 #include "core/AnalyzerFeatures.h"
@@ -140,6 +141,16 @@ void MainScreen::commonSetup() {
         chartView_->chart()->setSecondLevelMeterView(spectrogramView_->levelMeterView());
         // The chart shows the spectrum of the interval under the spectrogram's cursor.
         spectrogramView_->scroll()->setDelegateChart(chartView_);
+        // Tuned with the mouse: as the audio page's field does, playback (which
+        // reads the listening settings on its own thread) stops first, a
+        // recording takes the tuning at once.
+        spectrogramView_->setTuningHandler([this](double hz) {
+            if (audio_.isPlaying())
+                stopAnalyzerWithRefreshButtonsEnable(true);
+            HeterodyneBand::setTuning(defaults_, hz);
+            audio_.refreshListening();
+            refreshAllViews();
+        });
     }
     analyzerController_->setChartViews(chartView_, spectrogramView_);
     arrangement_ =

@@ -3,7 +3,8 @@
 // widmo-voice measuring a voice and EGG pair played into the test sink, and
 // widmo-studio's spectrogram of a sweep and a voice-like tone in each colour
 // scheme, logarithmic and linear, and with the spectrum as a picture-in-picture:
-//   widmo_ui_screenshots <folder>
+// and widmo-studio listening by heterodyne to bat-like calls, its tuned band shaded:
+//   widmo_ui_screenshots <folder> [heterodyne]
 // Needs a display and a sound server (the test services).
 
 #include "RecordingSettingsDelegate.h"
@@ -33,7 +34,9 @@
 #include <QTest>
 #include <QToolButton>
 
+#include <cmath>
 #include <cstdio>
+#include <numbers>
 
 namespace {
 
@@ -203,6 +206,67 @@ bool shootStudioSpectrogram(const QDir& out) {
     return ok;
 }
 
+/// widmo-studio at 192 kHz listening by heterodyne tuned to 45 kHz while a
+/// train of pipistrelle-like calls (70 to 46 kHz in 6 ms, ten a second) plays
+/// into the ultrasonic microphone: the tuned band shaded on the spectrogram.
+bool shootHeterodyneBand(const QDir& out) {
+    widmo::test::UltrasonicMicrophone microphone;
+    if (!microphone.isLoaded())
+        return false;
+    ProductWindow main(widmo::AnalyzerFeatures::studioProduct(), "screenshots-heterodyne");
+    if (!main.launch())
+        return false;
+    widmo::AppLifecycle& app = main.app;
+    widmo::AnalyzerDefaults& defaults = main.defaults;
+    widmo::MainScreen* screen = app.mainScreen();
+    defaults.copyCurrentToPreferred();
+    defaults.setPreferredSampleRate(192000.0f);
+    defaults.setPreferredLinearFrequency(true);
+    screen->settingsWillClose();
+    if (!QTest::qWaitFor([&] { return !screen->buttonsBlocked(); }, 10000))
+        return false;
+    screen->spectrogramVsChartChanged(0);
+    defaults.setRecordingTranspositionOn(true);
+    defaults.setListeningMode(1);
+    defaults.setHeterodyneTuningHz(45000.0f);
+    defaults.setHeterodyneBandHz(5000.0f);
+    main.audio.refreshListening();
+    const auto call = [](double t) {
+        const double period = 0.1;
+        const double length = 0.006;
+        const double u = std::fmod(t, period);
+        if (u >= length)
+            return 0.0f;
+        // Exponential sweep 70 -> 46 kHz under a Hann envelope.
+        const double k = std::log(46.0 / 70.0) / length;
+        const double phase = 2.0 * std::numbers::pi * 70000.0 * (std::exp(k * u) - 1.0) / k;
+        const double envelope = 0.5 - 0.5 * std::cos(2.0 * std::numbers::pi * u / length);
+        return float(0.5 * envelope * std::sin(phase));
+    };
+    widmo::test::SinkPlayer player(192000, 30.0, call, call,
+                                   widmo::test::UltrasonicMicrophone::sinkName());
+    if (!player.start())
+        return false;
+    if (!QTest::qWaitFor(
+            [&] {
+                for (const widmo::AudioDevice& d : main.audio.availableInputs())
+                    if (d.id == widmo::test::UltrasonicMicrophone::kSourceName)
+                        main.audio.setPreferredInput(d);
+                return main.audio.preferredInput().id ==
+                       widmo::test::UltrasonicMicrophone::kSourceName;
+            },
+            5000))
+        return false;
+    QTest::mouseClick(screen->transport().recordButton(), Qt::LeftButton);
+    QTest::qWait(8000);
+    const bool ok = save(app.window(), out.filePath("heterodyne-band-widmo-studio.png"));
+    QTest::mouseClick(screen->transport().recordButton(), Qt::LeftButton);
+    QTest::qWait(300);
+    player.stop();
+    app.prepareToQuit();
+    return ok;
+}
+
 /// widmo measuring a 1 kHz tone at -26 dBFS with a microphone calibrated to
 /// 0 dBFS = 120 dB SPL and A weighting: the meter in dBA with LAeq, LAFmax and
 /// LCpeak beside it.
@@ -246,10 +310,14 @@ int main(int argc, char** argv) {
     }
     const QDir out(QString::fromLocal8Bit(argv[1]));
     widmo::DeviceClass::setForcedIdiom(widmo::DeviceClass::Idiom::Tablet);
+    // A second argument "heterodyne" writes that picture only.
+    if (argc > 2 && QString::fromLocal8Bit(argv[2]) == QLatin1String("heterodyne"))
+        return shootHeterodyneBand(out) ? 0 : 1;
     bool ok = shoot("widmo", widmo::AnalyzerFeatures::spectrumProduct(), out);
     ok &= shoot("widmo-studio", widmo::AnalyzerFeatures::studioProduct(), out);
     ok &= shootVoiceMainScreen(out);
     ok &= shootStudioSpectrogram(out);
     ok &= shootSoundLevels(out);
+    ok &= shootHeterodyneBand(out);
     return ok ? 0 : 1;
 }
