@@ -62,9 +62,13 @@ case "$mode" in
         ctest_args+=(-L '^(core|dsp|engine|audio|batch|render|charts)$'
                      -E '^(GLViewTest\.(redrawRequestDrawsSixtyFramesThenStops|everyFrameAndLayoutAnimationKeepItRunning|viewsOfOneWindowDrawInTheSameTick)|KeepRecordingTest\.deviceNotBack.*)$')
         # KeepRecordingTest.deviceNotBack…: the checker reports the audio
-        # queue's worker completing waitUntilEmpty's promise after the main
-        # thread has left that frame; not explained yet (an open fault, not a
-        # suppression: the test runs in every other build).
+        # queue's worker touching waitUntilEmpty's frame against a write the
+        # main thread made in the test's SetUp. With a mutex and a condition
+        # variable instead of the promise it reports the same while saying
+        # the worker holds the mutex the waiting frame took after SetUp: the
+        # report contradicts the lock order it recorded, so it is taken as a
+        # false report. Left out here only; nothing is suppressed, and the
+        # test runs in every other build.
         # Of the screens' tests, those whose threads meet: recording into the
         # chart and its level meter, a stop while recording followed by a
         # rebuild of the document, and leaving and regaining the foreground.
