@@ -397,12 +397,12 @@ void ChartScrollView::drawGrid() {
         const bool runEnds = k + 1 == mGrid.size() || mGrid[k + 1].width > line.width ||
                              mGrid[k + 1].width < line.width;
         if (runEnds) {
-            gl()->glLineWidth(line.width);
+            effect()->setLineWidth(line.width);
             e->drawLines(gridVertices_.data(), static_cast<int>(gridVertices_.size() / 2));
             gridVertices_.clear();
         }
     }
-    gl()->glLineWidth(1.0f);
+    effect()->setLineWidth(1.0f);
 }
 
 void ChartScrollView::drawSpectrumGrid() {
@@ -439,7 +439,7 @@ void ChartScrollView::drawSpectrumPoints() {
                                       static_cast<float>(gainFactor(mDefaults.spectrumGainDB())),
                                       actualContentTransform(), mPointsOfChart.data());
         effect()->prepareToDrawWithConstantColor(0.0f, 1.0f, 0.0f, 1.0f);
-        gl()->glLineWidth(1.0f);
+        effect()->setLineWidth(1.0f);
         drawLineStrip(n);
     }
     if (measuringActivated())
@@ -455,7 +455,7 @@ void ChartScrollView::drawOscilloscopePoints() {
             samples, n, static_cast<float>(gainFactor(mDefaults.oscilloscopeGainDB())),
             actualContentTransform(), mPointsOfChart.data());
         effect()->prepareToDrawWithConstantColor(0.0f, 1.0f, 0.0f, 1.0f);
-        gl()->glLineWidth(1.0f);
+        effect()->setLineWidth(1.0f);
         drawLineStrip(n);
     }
     if (measuringActivated())
@@ -469,7 +469,7 @@ void ChartScrollView::drawEGGPoints() {
     if (cycle != nullptr && n >= 1) {
         ChartGeometry::eggPoints(cycle, n, actualContentTransform(), mPointsOfChart.data());
         effect()->prepareToDrawWithConstantColor(0.0f, 1.0f, 0.0f, 1.0f);
-        gl()->glLineWidth(1.0f);
+        effect()->setLineWidth(1.0f);
         drawLineStrip(n);
     }
     if (measuringActivated())
@@ -507,8 +507,7 @@ void ChartScrollView::drawOctaveRTAPoints() {
             e->drawRectangle(t.map(QPointF(x0, y0)), t.map(QPointF(x1, y1)));
         };
 
-        gl()->glEnable(GL_BLEND);
-        gl()->glBlendFunc(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA);
+        e->setBlending(true);
         for (int32_t b = 0; b < n; ++b) {
             const auto band = static_cast<size_t>(b + minIndex);
             const double x0 = static_cast<double>(b) / n + gap;
@@ -530,7 +529,7 @@ void ChartScrollView::drawOctaveRTAPoints() {
                 bar(x0, maximum - maxBarHeight, x1, maximum);
             }
         }
-        gl()->glDisable(GL_BLEND);
+        e->setBlending(false);
     }
     if (measuringActivated())
         drawMeasureLinesOctaveRTA();
@@ -539,12 +538,12 @@ void ChartScrollView::drawOctaveRTAPoints() {
 void ChartScrollView::drawMeasureLines(double position, double levelY) {
     GLPainter* e = effect();
     const AffineTransform& t = actualContentTransform();
-    gl()->glLineWidth(2.0f);
+    effect()->setLineWidth(2.0f);
     e->prepareToDrawWithConstantColor(0.8f, 0.3f, 0.3f, 1.0f);
     e->drawLine(t.map(QPointF(0.0, levelY)), t.map(QPointF(1.0, levelY)));
     e->prepareToDrawWithConstantColor(1.0f, 1.0f, 1.0f, 1.0f);
     e->drawLine(t.map(QPointF(position, 0.0)), t.map(QPointF(position, 1.0)));
-    gl()->glLineWidth(1.0f);
+    effect()->setLineWidth(1.0f);
 }
 
 void ChartScrollView::drawMeasureLinesSpectrum() {
@@ -618,13 +617,13 @@ void ChartScrollView::drawMeasureLinesOscilloscope() {
     const ClosedQuotientResult& cq = data_.closedQuotientPoints();
     const AffineTransform& transform = actualContentTransform();
     GLPainter* e = effect();
-    gl()->glLineWidth(2.0f);
+    effect()->setLineWidth(2.0f);
     e->prepareToDrawWithConstantColor(1.0f, 1.0f, 1.0f, 1.0f);
     for (const int32_t crossing : {cq.pkt1, cq.pkt2, cq.pkt3}) {
         const double x = crossing / points;
         e->drawLine(transform.map(QPointF(x, 0.0)), transform.map(QPointF(x, 1.0)));
     }
-    gl()->glLineWidth(1.0f);
+    effect()->setLineWidth(1.0f);
 }
 
 } // namespace widmo

@@ -55,6 +55,25 @@ SharedGL* sharedGL() {
 
 } // namespace
 
+bool GLView::drawsInSoftware() {
+    static const bool software = [] {
+        const QByteArray forced = qgetenv("WIDMO_RENDERER").trimmed().toLower();
+        if (forced == "software")
+            return true;
+        if (forced == "gl")
+            return false;
+        SharedGL* shared = sharedGL();
+        if (shared == nullptr)
+            return true;
+        const auto* name =
+            reinterpret_cast<const char*>(shared->context.functions()->glGetString(GL_RENDERER));
+        const QByteArray renderer = QByteArray(name != nullptr ? name : "").toLower();
+        return renderer.contains("llvmpipe") || renderer.contains("softpipe") ||
+               renderer.contains("swrast");
+    }();
+    return software;
+}
+
 void GLView::setFrameObserver(FrameObserver observer) { frameObserver() = std::move(observer); }
 
 GLView::GLView(QWidget* parent) : QWidget(parent) {
@@ -110,7 +129,35 @@ void GLView::requestFrame() {
     update();
 }
 
+bool GLView::renderSoftwareFrame() {
+    QElapsedTimer frameTime;
+    frameTime.start();
+    const qreal dpr = devicePixelRatioF();
+    const QSize pixels(std::max(1, qRound(width() * dpr)), std::max(1, qRound(height() * dpr)));
+    if (frame_.size() != pixels)
+        frame_ = QImage(pixels, QImage::Format_RGB32);
+    if (!effect_) {
+        effect_ = std::make_unique<GLPainter>(
+            frame_, static_cast<float>(DeviceClass::contentScaleFactor(this)));
+        effect_->setProjection(GLPainter::unitSpaceProjection());
+        effect_->setImageLayout(true);
+        setupGLResources();
+    }
+    effect_->beginFrame();
+    paintGL();
+    effect_->endFrame();
+    frame_.setDevicePixelRatio(dpr);
+    framePending_ = false;
+    if (const FrameObserver& observer = frameObserver()) {
+        const qint64 ns = frameTime.nsecsElapsed();
+        observer(*this, ns, ns);
+    }
+    return true;
+}
+
 bool GLView::renderFrame() {
+    if (drawsInSoftware())
+        return renderSoftwareFrame();
     SharedGL* shared = sharedGL();
     if (shared == nullptr)
         return false;

@@ -36,6 +36,13 @@ class FrameDriver;
 /// the widget (an overlapping panel, an expose) shows the last frame again.
 /// All views share one GL context of the process, created on first use.
 ///
+/// Where OpenGL is itself a software rasterizer (Mesa llvmpipe, softpipe,
+/// swrast), or there is no OpenGL, views draw with the software form of
+/// `GLPainter` straight into the image they show: there OpenGL adds a
+/// rasterizer's set-up, a read-back and a copy per frame to the same work.
+/// `WIDMO_RENDERER=gl` or `=software` forces either path (the pixel tests run
+/// both).
+///
 /// A redraw request (`setNeedsDisplay`) keeps the view drawing for the next 60
 /// frames so that smoothed values can settle. Subclasses draw in `drawGLRect`
 /// in unit space (x, y from 0 to 1, origin bottom left) with `effect`, make
@@ -63,6 +70,9 @@ public:
     /// use) on its offscreen surface, for GL objects that belong to no single
     /// view (textures shared by several frames). Null without OpenGL. Main thread.
     static QOpenGLContext* makeSharedContextCurrent();
+    /// True when views draw in software (see the class comment); decided once
+    /// per process, on first use. Main thread.
+    static bool drawsInSoftware();
     /// Makes the shared context current with this view's frame buffer bound;
     /// does nothing before the view's first frame.
     void makeCurrent();
@@ -139,6 +149,8 @@ private:
     /// Draws one frame into the frame buffer and reads it into `frame_`.
     /// False without OpenGL.
     bool renderFrame();
+    /// The software path of `renderFrame`: the effect draws into `frame_`.
+    bool renderSoftwareFrame();
     void paintGL();
     void setupGL();
     void tearDownGL();

@@ -468,7 +468,12 @@ void SpectrogramScrollView::drawSegments(double left, double width) {
         const double x1 = (static_cast<double>(first + size) - left) / width;
         if (x1 <= 0.0 || x0 >= 1.0)
             continue;
-        e->drawTexture(segment->textureName(), t.map(QPointF(x0, 0.0)), t.map(QPointF(x1, 1.0)));
+        if (e->isSoftware())
+            e->drawRgbaImage(segment->pixels(), size, segment->rows(), columns,
+                             t.map(QPointF(x0, 0.0)), t.map(QPointF(x1, 1.0)));
+        else
+            e->drawTexture(segment->textureName(), t.map(QPointF(x0, 0.0)),
+                           t.map(QPointF(x1, 1.0)));
         if (columns < size) {
             // Columns written after the last upload: the texture still holds
             // the segment's previous picture there.
@@ -525,11 +530,11 @@ void SpectrogramScrollView::drawPlayLine(double left, double width) {
     const double interval = static_cast<double>(mDefaults.actualInterval()) -
                             static_cast<double>(playLinePosition_.load(std::memory_order_acquire));
     const double x = (interval - left) / width;
-    gl()->glLineWidth(2.0f);
+    e->setLineWidth(2.0f);
     e->prepareToDrawWithConstantColor(measureLineColor_[0], measureLineColor_[1],
                                       measureLineColor_[2], measureLineColor_[3]);
     e->drawLine(t.map(QPointF(x, 0.0)), t.map(QPointF(x, 1.0)));
-    gl()->glLineWidth(1.0f);
+    e->setLineWidth(1.0f);
 }
 
 void SpectrogramScrollView::drawMeasureLines() {

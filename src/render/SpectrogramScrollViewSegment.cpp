@@ -160,7 +160,8 @@ SpectrogramScrollViewSegment::SpectrogramScrollViewSegment(const AnalyzerDefault
                                                            const SpectrogramColorRamp& ramp)
     : defaults_(defaults), ramp_(ramp), segmentSize_(std::max(1, defaults.segmentSize())),
       rows_(std::max(1, defaults.fftDisplaySize())) {
-    if (QOpenGLContext* ctx = GLView::makeSharedContextCurrent()) {
+    QOpenGLContext* ctx = GLView::drawsInSoftware() ? nullptr : GLView::makeSharedContextCurrent();
+    if (ctx != nullptr) {
         context_ = ctx;
         GLuint name = 0;
         ctx->functions()->glGenTextures(1, &name);
