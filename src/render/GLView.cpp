@@ -12,6 +12,7 @@
 #include <QPainter>
 
 #include <algorithm>
+#include <cstring>
 
 namespace widmo {
 
@@ -51,6 +52,27 @@ SharedGL* sharedGL() {
         sharedGLSlot() = nullptr;
     });
     return shared->ok ? shared : nullptr;
+}
+
+// The band of full rows in which two images of the same size differ; empty
+// when they are equal, the whole image when the sizes differ.
+QRect changedRows(const QImage& now, const QImage& before) {
+    if (now.size() != before.size() || now.format() != before.format())
+        return now.rect();
+    const int h = now.height();
+    const auto rowBytes = static_cast<size_t>(now.width()) * 4;
+    const auto same = [&](int y) {
+        return std::memcmp(now.constScanLine(y), before.constScanLine(y), rowBytes) == 0;
+    };
+    int top = 0;
+    while (top < h && same(top))
+        ++top;
+    if (top == h)
+        return {};
+    int bottom = h - 1;
+    while (bottom > top && same(bottom))
+        --bottom;
+    return QRect(0, top, now.width(), bottom - top + 1);
 }
 
 } // namespace
@@ -125,8 +147,18 @@ void GLView::doneCurrent() {
 }
 
 void GLView::requestFrame() {
-    framePending_ = true;
-    update();
+    if (!drawsInSoftware()) {
+        framePending_ = true;
+        update();
+        return;
+    }
+    // Drawn now, so that only what changed is repainted.
+    if (!renderSoftwareFrame() || changedPixels_.isEmpty())
+        return;
+    const qreal dpr = devicePixelRatioF();
+    const QRectF changed(changedPixels_.x() / dpr, changedPixels_.y() / dpr,
+                         changedPixels_.width() / dpr, changedPixels_.height() / dpr);
+    update(changed.toAlignedRect());
 }
 
 bool GLView::renderSoftwareFrame() {
@@ -134,11 +166,11 @@ bool GLView::renderSoftwareFrame() {
     frameTime.start();
     const qreal dpr = devicePixelRatioF();
     const QSize pixels(std::max(1, qRound(width() * dpr)), std::max(1, qRound(height() * dpr)));
-    if (frame_.size() != pixels)
-        frame_ = QImage(pixels, QImage::Format_RGB32);
+    if (drawingFrame_.size() != pixels)
+        drawingFrame_ = QImage(pixels, QImage::Format_RGB32);
     if (!effect_) {
         effect_ = std::make_unique<GLPainter>(
-            frame_, static_cast<float>(DeviceClass::contentScaleFactor(this)));
+            drawingFrame_, static_cast<float>(DeviceClass::contentScaleFactor(this)));
         effect_->setProjection(GLPainter::unitSpaceProjection());
         effect_->setImageLayout(true);
         setupGLResources();
@@ -146,7 +178,10 @@ bool GLView::renderSoftwareFrame() {
     effect_->beginFrame();
     paintGL();
     effect_->endFrame();
-    frame_.setDevicePixelRatio(dpr);
+    drawingFrame_.setDevicePixelRatio(dpr);
+    changedPixels_ = changedRows(drawingFrame_, frame_);
+    // The frame shown before is drawn over next time (every view clears first).
+    frame_.swap(drawingFrame_);
     framePending_ = false;
     if (const FrameObserver& observer = frameObserver()) {
         const qint64 ns = frameTime.nsecsElapsed();

@@ -41,7 +41,10 @@ class FrameDriver;
 /// `GLPainter` straight into the image they show: there OpenGL adds a
 /// rasterizer's set-up, a read-back and a copy per frame to the same work.
 /// `WIDMO_RENDERER=gl` or `=software` forces either path (the pixel tests run
-/// both).
+/// both). A software frame is drawn as soon as the frame driver asks for it,
+/// into a second image, and compared with the one shown: only the band of
+/// rows that changed is repainted (and so sent to the display), and a frame
+/// that changed nothing is not shown at all.
 ///
 /// A redraw request (`setNeedsDisplay`) keeps the view drawing for the next 60
 /// frames so that smoothed values can settle. Subclasses draw in `drawGLRect`
@@ -149,7 +152,9 @@ private:
     /// Draws one frame into the frame buffer and reads it into `frame_`.
     /// False without OpenGL.
     bool renderFrame();
-    /// The software path of `renderFrame`: the effect draws into `frame_`.
+    /// The software path of `renderFrame`: the effect draws into
+    /// `drawingFrame_`, which then becomes `frame_`; `changedPixels_` is set
+    /// to the band of rows that differ from the frame shown before.
     bool renderSoftwareFrame();
     void paintGL();
     void setupGL();
@@ -161,6 +166,8 @@ private:
     std::unique_ptr<GLPainter> effect_;
     std::unique_ptr<QOpenGLFramebufferObject> fbo_;
     QImage frame_;
+    QImage drawingFrame_; ///< software path: the image being drawn
+    QRect changedPixels_; ///< software path: what the last frame changed
     bool framePending_ = true;
     FrameDriver* frameDriver_ = nullptr;
     QElapsedTimer lastDraw_;
