@@ -152,6 +152,11 @@ void GLView::requestFrame() {
         update();
         return;
     }
+    // A hidden view draws when it is shown again (its paint event).
+    if (!isVisible()) {
+        framePending_ = true;
+        return;
+    }
     // Drawn now, so that only what changed is repainted.
     if (!renderSoftwareFrame() || changedPixels_.isEmpty())
         return;
