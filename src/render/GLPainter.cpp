@@ -120,6 +120,21 @@ void GLPainter::endFrame() {
         software_->end();
 }
 
+void GLPainter::setClipColumns(int first, int end) {
+    if (software_)
+        software_->setClipColumns(first, end);
+}
+
+void GLPainter::resetClip() {
+    if (software_)
+        software_->resetClip();
+}
+
+void GLPainter::copyShiftedFrom(const QImage& frame, int dx) {
+    if (software_)
+        software_->copyShifted(frame, dx);
+}
+
 void GLPainter::setLineWidth(float width) {
     lineWidth_ = width;
     if (gl_ != nullptr)

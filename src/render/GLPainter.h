@@ -68,6 +68,18 @@ public:
     void beginFrame();
     void endFrame();
 
+    /// Software form only (nothing for OpenGL): the following draws, clears
+    /// included, touch only pixel columns [first, end) until `resetClip` or
+    /// the next frame.
+    void setClipColumns(int first, int end);
+    void resetClip();
+    /// Software form only: starts the frame from `frame` (a picture of the
+    /// same size) moved `dx` pixels sideways, for a view whose content only
+    /// slid; the uncovered columns are left for the caller to draw.
+    void copyShiftedFrom(const QImage& frame, int dx);
+    /// The software target's size in pixels; empty for OpenGL.
+    QSize targetSize() const { return target_ != nullptr ? target_->size() : QSize(); }
+
     /// Width in pixels of the lines drawn next (`glLineWidth` for OpenGL).
     void setLineWidth(float width);
     /// Alpha blending (source over) of the constant-colour draws that follow.

@@ -304,6 +304,7 @@ void GLView::drawRect(const QRectF& rect) {
 void GLView::drawGLRect(const QRectF& /*rect*/) {}
 
 void GLView::setNeedsDisplay() {
+    ++redrawRequests_;
     mNeedsDisplay = kRedrawFrames;
     changeRefreshStateIfNeeded();
 }

@@ -129,6 +129,12 @@ protected:
     QOpenGLFunctions* gl() const { return context()->functions(); }
     /// The driver's frame: the next paint draws a new frame.
     void requestFrame();
+    /// Software path: the picture on screen (device pixels), which the frame
+    /// being drawn will replace; null before the first frame and for OpenGL.
+    const QImage& shownFrame() const { return frame_; }
+    /// Calls of `setNeedsDisplay` so far: a view that draws a frame from the
+    /// last one tells by it that something asked for a whole new picture.
+    uint64_t redrawRequests() const { return redrawRequests_; }
     /// Asked at each frame of the driver, before drawing: false when the frame
     /// would show the same picture as the last one, which is then not drawn
     /// (the frame still counts against the frames left to draw). Drawing on
@@ -173,6 +179,7 @@ private:
     QElapsedTimer lastDraw_;
     double timeSinceLastDraw_ = 0.0;
     int64_t drawnFrameCount_ = 0;
+    uint64_t redrawRequests_ = 0;
 };
 
 } // namespace widmo

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <vector>
 
 namespace widmo {
@@ -49,6 +50,33 @@ void SoftwareRasterizer::begin() {
     height_ = target_->height();
     stride_ = target_->bytesPerLine() / 4;
     blending_ = false;
+    resetClip();
+}
+
+void SoftwareRasterizer::setClipColumns(int first, int end) {
+    clipFirst_ = std::clamp(first, 0, width_);
+    clipEnd_ = std::clamp(end, clipFirst_, width_);
+    if (painter_)
+        painter_->setClipRect(QRect(clipFirst_, 0, clipEnd_ - clipFirst_, height_));
+}
+
+void SoftwareRasterizer::resetClip() {
+    clipFirst_ = 0;
+    clipEnd_ = width_;
+    if (painter_)
+        painter_->setClipping(false);
+}
+
+void SoftwareRasterizer::copyShifted(const QImage& source, int dx) {
+    if (bits_ == nullptr || source.size() != QSize(width_, height_) ||
+        source.format() != QImage::Format_RGB32 || std::abs(dx) >= width_)
+        return;
+    const int from = std::max(0, -dx);
+    const auto count = static_cast<size_t>(width_ - std::abs(dx));
+    for (int y = 0; y < height_; ++y) {
+        const auto* in = reinterpret_cast<const uint32_t*>(source.constScanLine(y));
+        std::memmove(bits_ + y * stride_ + from + dx, in + from, count * 4);
+    }
 }
 
 void SoftwareRasterizer::end() {
@@ -62,6 +90,8 @@ QPainter& SoftwareRasterizer::painter() {
     if (!painter_) {
         painter_ = std::make_unique<QPainter>(target_);
         painter_->setRenderHint(QPainter::Antialiasing, false);
+        if (clipFirst_ > 0 || clipEnd_ < width_)
+            painter_->setClipRect(QRect(clipFirst_, 0, clipEnd_ - clipFirst_, height_));
     }
     return *painter_;
 }
@@ -69,13 +99,15 @@ QPainter& SoftwareRasterizer::painter() {
 void SoftwareRasterizer::clear(uint32_t argb) {
     const uint32_t opaque = argb | 0xff000000u;
     for (int y = 0; y < height_; ++y)
-        std::fill_n(bits_ + y * stride_, width_, opaque);
+        std::fill(bits_ + y * stride_ + clipFirst_, bits_ + y * stride_ + clipEnd_, opaque);
 }
 
 void SoftwareRasterizer::fillRect(QPointF corner1, QPointF corner2, uint32_t argb) {
     if (bits_ == nullptr)
         return;
-    const auto [x0, x1] = centresWithin(corner1.x(), corner2.x(), width_);
+    auto [x0, x1] = centresWithin(corner1.x(), corner2.x(), width_);
+    x0 = std::max(x0, clipFirst_);
+    x1 = std::min(x1, clipEnd_);
     const auto [y0, y1] = centresWithin(corner1.y(), corner2.y(), height_);
     if (x0 >= x1 || y0 >= y1)
         return;
@@ -118,7 +150,11 @@ void SoftwareRasterizer::drawRgbaNearest(const uint8_t* image, int columns, int 
     if (bits_ == nullptr || image == nullptr || columns < 1 || rows < 1 || right <= left ||
         bottom <= top)
         return;
-    const auto [x0, x1] = centresWithin(left, right, width_);
+    auto [x0, x1] = centresWithin(left, right, width_);
+    x0 = std::max(x0, clipFirst_);
+    x1 = std::min(x1, clipEnd_);
+    if (x0 >= x1)
+        return;
     const auto [y0, y1] = centresWithin(top, bottom, height_);
     const double perColumn = columns / (right - left);
     const double perRow = rows / (bottom - top);

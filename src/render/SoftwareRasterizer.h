@@ -42,6 +42,15 @@ public:
     /// Finishes the frame (ends the QPainter if one was opened).
     void end();
 
+    /// Limits every following draw (and `clear`) to pixel columns
+    /// [first, end); `begin` and `resetClip` lift the limit.
+    void setClipColumns(int first, int end);
+    void resetClip();
+    /// Copies `source` (RGB32, the target's size) moved `dx` pixels to the
+    /// right (left when negative); the columns it does not cover keep their
+    /// pixels. Other sizes copy nothing.
+    void copyShifted(const QImage& source, int dx);
+
     /// Every pixel to `argb` (alpha ignored: the target is opaque).
     void clear(uint32_t argb);
     /// Source-over blending of every following fill and line (alpha from the
@@ -84,6 +93,8 @@ private:
     int height_ = 0;
     qsizetype stride_ = 0; ///< pixels per row
     bool blending_ = false;
+    int clipFirst_ = 0;
+    int clipEnd_ = 0;
     std::unique_ptr<QPainter> painter_;
 };
 

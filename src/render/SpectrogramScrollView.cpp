@@ -419,10 +419,30 @@ void SpectrogramScrollView::drawGLRect(const QRectF& /*rect*/) {
         playLineClock_.start();
     }
     e->setProjection(GLPainter::unitSpaceProjection());
+    const FrameKey key = frameKey();
+    // In software, a frame whose columns only slid starts from the last one
+    // moved by as many pixels; only the columns that came in are drawn.
+    const std::optional<int> shift = e->isSoftware() ? scrollShift(key) : std::nullopt;
+    if (shift) {
+        e->copyShiftedFrom(shownFrame(), *shift);
+        // One column more: the last frame's edge column may round the other way.
+        const int w = e->targetSize().width();
+        e->setClipColumns(w + *shift - 1, w);
+        ++scrolledFrames_;
+    } else {
+        scrolledFrames_ = 0;
+    }
     const std::array<float, 4>& c0 = ramp_.levelColors[0];
     e->clearColor(c0[0], c0[1], c0[2], 1.0f);
     const double width = std::max(1, mDefaults.spectrogramWidth());
-    const double left = rightEdge_ - width;
+    double left = rightEdge_ - width;
+    // In software the columns start on a whole pixel (less than a pixel from
+    // where they would be), so that a frame slid by whole pixels is the
+    // frame drawn whole.
+    const double pixels = this->width() * devicePixelRatioF();
+    if (e->isSoftware() && std::abs(key.transform.a) > 1e-12 && pixels > 0.0)
+        left = -(static_cast<double>(key.edgePixel) / pixels - key.transform.tx) / key.transform.a *
+               width;
     drawSegments(left, width);
     if (mDefaults.spectrogramGridOn())
         drawGrid(left, width);
@@ -430,7 +450,29 @@ void SpectrogramScrollView::drawGLRect(const QRectF& /*rect*/) {
         drawPlayLine(left, width);
     if (measuringActivated())
         drawMeasureLines();
-    drawnKey_ = frameKey();
+    e->resetClip();
+    drawnKey_ = key;
+    drawnRedrawRequests_ = redrawRequests();
+}
+
+std::optional<int> SpectrogramScrollView::scrollShift(const FrameKey& key) const {
+    // Every so many frames the picture is drawn whole, so that a change no
+    // request announced (a segment recoloured) does not stay on screen.
+    static constexpr int kFramesFromTheLast = 30;
+    FrameKey slid = key;
+    slid.edgePixel = drawnKey_.edgePixel;
+    const int64_t shift = key.edgePixel - drawnKey_.edgePixel;
+    const QImage& shown = shownFrame();
+    const int w = effect()->targetSize().width();
+    if (!analyzerRunning_ || contentIsPanningOrZooming() || !(slid == drawnKey_) || key.measuring ||
+        redrawRequests() != drawnRedrawRequests_ || scrolledFrames_ >= kFramesFromTheLast ||
+        shown.size() != effect()->targetSize() || shift > 0 || -shift >= w / 2)
+        return std::nullopt;
+    // Content narrower than the view leaves border columns that must stay put.
+    const AffineTransform& t = key.transform;
+    if (t.map(QPointF(0.0, 0.0)).x() > 0.0 || t.map(QPointF(1.0, 1.0)).x() < 1.0)
+        return std::nullopt;
+    return static_cast<int>(shift);
 }
 
 SpectrogramScrollView::FrameKey SpectrogramScrollView::frameKey() const {
@@ -469,7 +511,7 @@ void SpectrogramScrollView::drawSegments(double left, double width) {
         if (x1 <= 0.0 || x0 >= 1.0)
             continue;
         if (e->isSoftware())
-            e->drawRgbaImage(segment->pixels(), size, segment->rows(), columns,
+            e->drawRgbaImage(segment->imageData(), size, segment->rows(), columns,
                              t.map(QPointF(x0, 0.0)), t.map(QPointF(x1, 1.0)));
         else
             e->drawTexture(segment->textureName(), t.map(QPointF(x0, 0.0)),

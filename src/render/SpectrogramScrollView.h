@@ -15,6 +15,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <vector>
 
 class QLabel;
@@ -187,6 +188,10 @@ public:
     /// to the observer instead.
     void measuringActualPositionDidChanged() override;
 
+    /// Frames drawn in a row by sliding the last one (software path); 0 after
+    /// a frame drawn whole.
+    int framesDrawnFromTheLast() const { return scrolledFrames_; }
+
 protected:
     void drawGLRect(const QRectF& rect) override;
     /// While the analyser runs, a frame is drawn when the columns have slid by
@@ -208,6 +213,10 @@ private:
         bool operator==(const FrameKey&) const = default;
     };
     FrameKey frameKey() const;
+    /// Software path: how far (pixels, negative: to the left) the shown frame
+    /// can be moved to start the next one, when only the columns slid since
+    /// it was drawn; none when the frame must be drawn whole.
+    std::optional<int> scrollShift(const FrameKey& key) const;
 
     void updateRightEdge();
     void drawSegments(double left, double width);
@@ -233,6 +242,8 @@ private:
     std::vector<float> columnScratch_; // analysis queue: one scaled column
 
     FrameKey drawnKey_;
+    uint64_t drawnRedrawRequests_ = 0;
+    int scrolledFrames_ = 0; ///< frames drawn from the last one in a row
     bool following_ = false;
     bool analyzerRunning_ = false;
     double rightEdge_ = 0.0;

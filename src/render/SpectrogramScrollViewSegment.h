@@ -136,10 +136,6 @@ public:
     /// Place along the time axis in columns from the document's start.
     void setPosition(float columns) { position_.store(columns, std::memory_order_release); }
     uint32_t textureName() const { return textureName_; }
-    /// The segment's RGBA texels, `segmentSize` x `rows`, row 0 the lowest
-    /// frequency: what the software painter draws instead of the texture.
-    /// Main thread; only the first `uploadedColumns` columns are stable.
-    const uint8_t* pixels() const { return mImageData.data(); }
     /// Interval of column 0 (-1 before the first column since a reset); for
     /// drawing on the main thread while columns are written.
     int64_t firstIntervalIndex() const { return firstInterval_.load(std::memory_order_acquire); }
