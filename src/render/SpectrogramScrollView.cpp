@@ -420,20 +420,6 @@ void SpectrogramScrollView::drawGLRect(const QRectF& /*rect*/) {
     }
     e->setProjection(GLPainter::unitSpaceProjection());
     const FrameKey key = frameKey();
-    // In software, a frame whose columns only slid starts from the last one
-    // moved by as many pixels; only the columns that came in are drawn.
-    const std::optional<int> shift = e->isSoftware() ? scrollShift(key) : std::nullopt;
-    if (shift) {
-        e->copyShiftedFrom(shownFrame(), *shift);
-        // One column more: the last frame's edge column may round the other way.
-        const int w = e->targetSize().width();
-        e->setClipColumns(w + *shift - 1, w);
-        ++scrolledFrames_;
-    } else {
-        scrolledFrames_ = 0;
-    }
-    const std::array<float, 4>& c0 = ramp_.levelColors[0];
-    e->clearColor(c0[0], c0[1], c0[2], 1.0f);
     const double width = std::max(1, mDefaults.spectrogramWidth());
     double left = rightEdge_ - width;
     // In software the columns start on a whole pixel (less than a pixel from
@@ -443,6 +429,30 @@ void SpectrogramScrollView::drawGLRect(const QRectF& /*rect*/) {
     if (e->isSoftware() && std::abs(key.transform.a) > 1e-12 && pixels > 0.0)
         left = -(static_cast<double>(key.edgePixel) / pixels - key.transform.tx) / key.transform.a *
                width;
+    // In software, a frame whose columns only slid starts from the last one
+    // moved by as many pixels; only the columns that came in, or were
+    // uploaded, since are drawn.
+    const std::optional<int> shift = e->isSoftware() ? scrollShift(key) : std::nullopt;
+    if (shift) {
+        e->copyShiftedFrom(shownFrame(), *shift);
+        const int w = e->targetSize().width();
+        const double uploaded =
+            actualContentTransform()
+                .map(QPointF((static_cast<double>(drawnUploadedEnd_) - left) / width, 0.0))
+                .x() *
+            pixels;
+        // One column more: the last frame's edge column may round the other way.
+        const int first =
+            std::min(w + *shift, static_cast<int>(std::clamp(std::floor(uploaded), 0.0,
+                                                             static_cast<double>(w)))) -
+            1;
+        e->setClipColumns(first, w);
+        ++scrolledFrames_;
+    } else {
+        scrolledFrames_ = 0;
+    }
+    const std::array<float, 4>& c0 = ramp_.levelColors[0];
+    e->clearColor(c0[0], c0[1], c0[2], 1.0f);
     drawSegments(left, width);
     if (mDefaults.spectrogramGridOn())
         drawGrid(left, width);
@@ -453,6 +463,17 @@ void SpectrogramScrollView::drawGLRect(const QRectF& /*rect*/) {
     e->resetClip();
     drawnKey_ = key;
     drawnRedrawRequests_ = redrawRequests();
+    drawnUploadedEnd_ = uploadedEnd();
+}
+
+int64_t SpectrogramScrollView::uploadedEnd() const {
+    int64_t end = 0;
+    for (const SpectrogramScrollViewSegment* segment : segmentsToShow_) {
+        const int64_t first = segment->firstIntervalIndex();
+        if (first >= 0)
+            end = std::max(end, first + segment->uploadedColumns());
+    }
+    return end;
 }
 
 std::optional<int> SpectrogramScrollView::scrollShift(const FrameKey& key) const {

@@ -217,6 +217,10 @@ private:
     /// can be moved to start the next one, when only the columns slid since
     /// it was drawn; none when the frame must be drawn whole.
     std::optional<int> scrollShift(const FrameKey& key) const;
+    /// The interval after the newest uploaded column of the shown segments:
+    /// a frame slid from the last one redraws from there, since columns
+    /// uploaded after it was drawn may already lie left of the new edge.
+    int64_t uploadedEnd() const;
 
     void updateRightEdge();
     void drawSegments(double left, double width);
@@ -244,6 +248,7 @@ private:
     FrameKey drawnKey_;
     uint64_t drawnRedrawRequests_ = 0;
     int scrolledFrames_ = 0; ///< frames drawn from the last one in a row
+    int64_t drawnUploadedEnd_ = 0;
     bool following_ = false;
     bool analyzerRunning_ = false;
     double rightEdge_ = 0.0;
