@@ -532,8 +532,10 @@ void SpectrogramScrollView::drawSegments(double left, double width) {
         if (x1 <= 0.0 || x0 >= 1.0)
             continue;
         if (e->isSoftware())
-            e->drawRgbaImage(segment->imageData(), size, segment->rows(), columns,
-                             t.map(QPointF(x0, 0.0)), t.map(QPointF(x1, 1.0)));
+            segment->drawUploadedColumns([&](const uint8_t* pixels, int32_t whole) {
+                e->drawRgbaImage(pixels, size, segment->rows(), whole, t.map(QPointF(x0, 0.0)),
+                                 t.map(QPointF(x1, 1.0)));
+            });
         else
             e->drawTexture(segment->textureName(), t.map(QPointF(x0, 0.0)),
                            t.map(QPointF(x1, 1.0)));

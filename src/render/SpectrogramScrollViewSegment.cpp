@@ -372,6 +372,17 @@ void SpectrogramScrollViewSegment::uploadNewColumns() {
     uploadReaders_.fetch_sub(1, std::memory_order_seq_cst);
 }
 
+void SpectrogramScrollViewSegment::drawUploadedColumns(
+    const std::function<void(const uint8_t*, int32_t)>& draw) {
+    Q_ASSERT(MainQueue::isMainThread());
+    // Counted before `writeIndex` is read, as in `uploadNewColumns`: a reset
+    // after this point waits; one before it shows in `writeIndex`.
+    uploadReaders_.fetch_add(1, std::memory_order_seq_cst);
+    const int32_t whole = writeIndex_.load(std::memory_order_seq_cst);
+    draw(mImageData.data(), std::min(whole, uploadedColumns_.load(std::memory_order_acquire)));
+    uploadReaders_.fetch_sub(1, std::memory_order_seq_cst);
+}
+
 void SpectrogramScrollViewSegment::uploadColumns(int32_t from, int32_t to) {
     QOpenGLFunctions* f = context_->functions();
     const auto width = static_cast<size_t>(to - from);
