@@ -22,7 +22,8 @@
 // Arguments: product (0 widmo, 1 widmo-studio, 2 widmo-voice), case (0 the
 // defaults, 1 96 kHz with a 65,536-point FFT, 2 the spectrogram's worst case:
 // 384 kHz, 256-sample intervals, a 65,536-point FFT, 4,096 rows, 1,500 columns
-// a second, measured for 60 s), views hidden (0 or 1).
+// a second, measured for 60 s), views hidden (0 or 1), window (0 1280 x 800,
+// 1 1000 x 640).
 // Needs the test services: source scripts/services.sh && services_start.
 #include "audio/AudioSession.h"
 #include "charts/ChartView.h"
@@ -237,6 +238,7 @@ void BM_mainScreenRecording(benchmark::State& state) {
     const AnalyzerFeatures features = product(state.range(0));
     const int64_t sizeCase = state.range(1);
     const bool chartHidden = state.range(2) != 0;
+    const QSize windowSize = state.range(3) == 1 ? QSize(1000, 640) : QSize(1280, 800);
     if (sizeCase == 2 && !features.featureUltrasonicEnabled()) {
         state.SkipWithError("the worst case needs the ultrasonic rates");
         return;
@@ -266,7 +268,7 @@ void BM_mainScreenRecording(benchmark::State& state) {
         return;
     }
     QMainWindow* window = app->window();
-    window->setGeometry(0, 0, 1280, 800);
+    window->setGeometry(QRect(QPoint(0, 0), windowSize));
     MainScreen* screen = app->mainScreen();
     if (!QTest::qWaitForWindowExposed(window) ||
         !QTest::qWaitFor([&] { return app->dataPrepared() && !screen->buttonsBlocked(); }, 10000)) {
@@ -357,10 +359,10 @@ void BM_mainScreenRecording(benchmark::State& state) {
 
 BENCHMARK(BM_peerJaaa)->Iterations(1)->UseManualTime()->Unit(benchmark::kSecond);
 BENCHMARK(BM_mainScreenRecording)
-    ->ArgNames({"product", "size", "hidden"})
-    ->ArgsProduct({{0, 1, 2}, {0, 1}, {1, 0}})
-    ->Args({1, 2, 1})
-    ->Args({1, 2, 0})
+    ->ArgNames({"product", "size", "hidden", "window"})
+    ->ArgsProduct({{0, 1, 2}, {0, 1}, {1, 0}, {0, 1}})
+    ->Args({1, 2, 1, 0})
+    ->Args({1, 2, 0, 0})
     ->Iterations(1)
     ->UseManualTime()
     ->Unit(benchmark::kSecond);

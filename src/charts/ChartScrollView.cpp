@@ -405,12 +405,12 @@ void ChartScrollView::drawGrid() {
         const bool runEnds = k + 1 == mGrid.size() || mGrid[k + 1].width > line.width ||
                              mGrid[k + 1].width < line.width;
         if (runEnds) {
-            gl()->glLineWidth(line.width);
+            effect()->setLineWidth(line.width);
             e->drawLines(gridVertices_.data(), static_cast<int>(gridVertices_.size() / 2));
             gridVertices_.clear();
         }
     }
-    gl()->glLineWidth(1.0f);
+    effect()->setLineWidth(1.0f);
 }
 
 void ChartScrollView::drawSpectrumGrid() {
@@ -448,7 +448,7 @@ void ChartScrollView::drawSpectrumPoints() {
                                       static_cast<float>(gainFactor(mDefaults.spectrumGainDB())),
                                       actualContentTransform(), mPointsOfChart.data());
         effect()->prepareToDrawWithConstantColor(0.0f, 1.0f, 0.0f, 1.0f);
-        gl()->glLineWidth(1.0f);
+        effect()->setLineWidth(1.0f);
         drawLineStrip(n);
     }
     if (measuringActivated())
@@ -464,15 +464,14 @@ void ChartScrollView::drawTunedBand() {
     const QPointF low = t.map(QPointF(band->low, 0.0));
     const QPointF high = t.map(QPointF(band->high, 1.0));
     const auto& c = SpectrogramScrollView::kBandColor;
-    gl()->glEnable(GL_BLEND);
-    gl()->glBlendFunc(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA);
+    e->setBlending(true);
     e->prepareToDrawWithConstantColor(c[0], c[1], c[2], 0.25f);
     e->drawRectangle(low, high);
     e->prepareToDrawWithConstantColor(c[0], c[1], c[2], 0.8f);
-    gl()->glLineWidth(1.0f);
+    e->setLineWidth(1.0f);
     e->drawLine(low, QPointF(low.x(), high.y()));
     e->drawLine(QPointF(high.x(), low.y()), high);
-    gl()->glDisable(GL_BLEND);
+    e->setBlending(false);
     if (!fullScreen())
         return; // the small picture-in-picture shows the band alone
     if (!bandLabel_ || bandLabelText_ != band->label) {
@@ -498,7 +497,7 @@ void ChartScrollView::drawOscilloscopePoints() {
             samples, n, static_cast<float>(gainFactor(mDefaults.oscilloscopeGainDB())),
             actualContentTransform(), mPointsOfChart.data());
         effect()->prepareToDrawWithConstantColor(0.0f, 1.0f, 0.0f, 1.0f);
-        gl()->glLineWidth(1.0f);
+        effect()->setLineWidth(1.0f);
         drawLineStrip(n);
     }
     if (measuringActivated())
@@ -512,7 +511,7 @@ void ChartScrollView::drawEGGPoints() {
     if (cycle != nullptr && n >= 1) {
         ChartGeometry::eggPoints(cycle, n, actualContentTransform(), mPointsOfChart.data());
         effect()->prepareToDrawWithConstantColor(0.0f, 1.0f, 0.0f, 1.0f);
-        gl()->glLineWidth(1.0f);
+        effect()->setLineWidth(1.0f);
         drawLineStrip(n);
     }
     if (measuringActivated())
@@ -550,8 +549,7 @@ void ChartScrollView::drawOctaveRTAPoints() {
             e->drawRectangle(t.map(QPointF(x0, y0)), t.map(QPointF(x1, y1)));
         };
 
-        gl()->glEnable(GL_BLEND);
-        gl()->glBlendFunc(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA);
+        e->setBlending(true);
         for (int32_t b = 0; b < n; ++b) {
             const auto band = static_cast<size_t>(b + minIndex);
             const double x0 = static_cast<double>(b) / n + gap;
@@ -573,7 +571,7 @@ void ChartScrollView::drawOctaveRTAPoints() {
                 bar(x0, maximum - maxBarHeight, x1, maximum);
             }
         }
-        gl()->glDisable(GL_BLEND);
+        e->setBlending(false);
     }
     if (measuringActivated())
         drawMeasureLinesOctaveRTA();
@@ -582,12 +580,12 @@ void ChartScrollView::drawOctaveRTAPoints() {
 void ChartScrollView::drawMeasureLines(double position, double levelY) {
     GLPainter* e = effect();
     const AffineTransform& t = actualContentTransform();
-    gl()->glLineWidth(2.0f);
+    effect()->setLineWidth(2.0f);
     e->prepareToDrawWithConstantColor(0.8f, 0.3f, 0.3f, 1.0f);
     e->drawLine(t.map(QPointF(0.0, levelY)), t.map(QPointF(1.0, levelY)));
     e->prepareToDrawWithConstantColor(1.0f, 1.0f, 1.0f, 1.0f);
     e->drawLine(t.map(QPointF(position, 0.0)), t.map(QPointF(position, 1.0)));
-    gl()->glLineWidth(1.0f);
+    effect()->setLineWidth(1.0f);
 }
 
 void ChartScrollView::drawMeasureLinesSpectrum() {
@@ -661,13 +659,13 @@ void ChartScrollView::drawMeasureLinesOscilloscope() {
     const ClosedQuotientResult& cq = data_.closedQuotientPoints();
     const AffineTransform& transform = actualContentTransform();
     GLPainter* e = effect();
-    gl()->glLineWidth(2.0f);
+    effect()->setLineWidth(2.0f);
     e->prepareToDrawWithConstantColor(1.0f, 1.0f, 1.0f, 1.0f);
     for (const int32_t crossing : {cq.pkt1, cq.pkt2, cq.pkt3}) {
         const double x = crossing / points;
         e->drawLine(transform.map(QPointF(x, 0.0)), transform.map(QPointF(x, 1.0)));
     }
-    gl()->glLineWidth(1.0f);
+    effect()->setLineWidth(1.0f);
 }
 
 } // namespace widmo

@@ -103,7 +103,74 @@ GLPainter::GLPainter(QOpenGLContext* context, float contentScaleFactor)
     uTexture_ = program_->uniformLocation("u_texture0");
 }
 
+GLPainter::GLPainter(QImage& target, float contentScaleFactor)
+    : contentScaleFactor_(contentScaleFactor), projection_(unitSpaceProjection()),
+      software_(std::make_unique<SoftwareRasterizer>(&target)), target_(&target) {}
+
 GLPainter::~GLPainter() = default;
+
+void GLPainter::beginFrame() {
+    lineWidth_ = 1.0f;
+    if (software_)
+        software_->begin();
+}
+
+void GLPainter::endFrame() {
+    if (software_)
+        software_->end();
+}
+
+void GLPainter::setClipColumns(int first, int end) {
+    if (software_)
+        software_->setClipColumns(first, end);
+}
+
+void GLPainter::resetClip() {
+    if (software_)
+        software_->resetClip();
+}
+
+void GLPainter::copyShiftedFrom(const QImage& frame, int dx) {
+    if (software_)
+        software_->copyShifted(frame, dx);
+}
+
+void GLPainter::setLineWidth(float width) {
+    lineWidth_ = width;
+    if (gl_ != nullptr)
+        gl_->glLineWidth(width);
+}
+
+void GLPainter::setBlending(bool on) {
+    if (software_) {
+        software_->setBlending(on);
+        return;
+    }
+    if (gl_ == nullptr)
+        return;
+    if (on) {
+        gl_->glEnable(GL_BLEND);
+        gl_->glBlendFunc(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA);
+    } else {
+        gl_->glDisable(GL_BLEND);
+    }
+}
+
+QPointF GLPainter::toPixels(QPointF point) const {
+    const std::array<float, 16>& m = projection_;
+    const double cx = m[0] * point.x() + m[4] * point.y() + m[12];
+    const double cy = m[1] * point.x() + m[5] * point.y() + m[13];
+    // Clip space to the image: y = 1 is the top row.
+    return {(cx + 1.0) / 2.0 * target_->width(), (1.0 - cy) / 2.0 * target_->height()};
+}
+
+uint32_t GLPainter::colorArgb() const {
+    const auto unorm = [](float v) {
+        return static_cast<uint32_t>(std::lround(std::clamp(v, 0.0f, 1.0f) * 255.0f));
+    };
+    return unorm(color_[3]) << 24 | unorm(color_[0]) << 16 | unorm(color_[1]) << 8 |
+           unorm(color_[2]);
+}
 
 std::array<float, 16> GLPainter::unitSpaceProjection() {
     return {2, 0, 0, 0, 0, 2, 0, 0, 0, 0, -1, 0, -1, -1, 0, 1};
@@ -121,6 +188,8 @@ void GLPainter::prepareToDrawWithConstantColor(const QColor& color) {
 
 void GLPainter::prepareToDrawWithTexture(uint32_t name) {
     textured_ = true;
+    if (software_)
+        return;
     bindAndUpload();
     if (program_ == nullptr)
         return;
@@ -129,6 +198,11 @@ void GLPainter::prepareToDrawWithTexture(uint32_t name) {
 }
 
 void GLPainter::clearColor(float r, float g, float b, float a) {
+    if (software_) {
+        color_ = {r, g, b, a};
+        software_->clear(colorArgb());
+        return;
+    }
     if (imageLayout_)
         std::swap(r, b);
     gl_->glClearColor(r, g, b, a);
@@ -136,7 +210,7 @@ void GLPainter::clearColor(float r, float g, float b, float a) {
 }
 
 void GLPainter::bindAndUpload() {
-    if (program_ == nullptr)
+    if (program_ == nullptr || software_)
         return;
     program_->bind();
     std::array<float, 16> projection = projection_;
@@ -175,6 +249,10 @@ void GLPainter::drawStrip(const Quad& quad, bool textured) {
 }
 
 void GLPainter::drawLine(QPointF point1, QPointF point2) {
+    if (software_) {
+        software_->drawLine(toPixels(point1), toPixels(point2), lineWidth_, colorArgb());
+        return;
+    }
     if (program_ == nullptr)
         return;
     const std::array<GLfloat, 4> positions{
@@ -185,6 +263,13 @@ void GLPainter::drawLine(QPointF point1, QPointF point2) {
 }
 
 void GLPainter::drawLines(const float* xy, int count) {
+    if (software_) {
+        const uint32_t argb = colorArgb();
+        for (int i = 0; i + 1 < count; i += 2)
+            software_->drawLine(toPixels(QPointF(xy[2 * i], xy[2 * i + 1])),
+                                toPixels(QPointF(xy[2 * i + 2], xy[2 * i + 3])), lineWidth_, argb);
+        return;
+    }
     if (program_ == nullptr || count < 2)
         return;
     gl_->glVertexAttribPointer(kAttribPosition, 2, GL_FLOAT, GL_FALSE, 0, xy);
@@ -192,6 +277,10 @@ void GLPainter::drawLines(const float* xy, int count) {
 }
 
 void GLPainter::drawRectangle(QPointF point1, QPointF point2) {
+    if (software_) {
+        software_->fillRect(toPixels(point1), toPixels(point2), colorArgb());
+        return;
+    }
     if (program_ == nullptr)
         return;
     drawStrip(rectangleQuad(point1, point2), false);
@@ -209,6 +298,38 @@ void GLPainter::drawTexture(uint32_t name, QPointF point1, QPointF point2, QPoin
     prepareToDrawWithTexture(name);
     gl_->glDisable(GL_BLEND);
     drawStrip({{point1, point2, point3, point4}, kPlainTexCoords}, true);
+}
+
+void GLPainter::drawTexture(const GLTexture* texture, QPointF point1, QPointF point2) {
+    if (texture == nullptr || texture->isEmpty())
+        return;
+    if (!software_) {
+        drawTexture(texture->name(), point1, point2);
+        return;
+    }
+    software_->setBlending(false);
+    drawSoftwareQuad(*texture, rectangleQuad(point1, point2), false);
+}
+
+void GLPainter::drawRgbaImage(const uint8_t* rgba, int columns, int rows, int validColumns,
+                              QPointF point1, QPointF point2) {
+    if (!software_)
+        return;
+    software_->setBlending(false);
+    const QPointF p1 = toPixels(point1);
+    const QPointF p2 = toPixels(point2);
+    software_->drawRgbaNearest(rgba, columns, rows, 4 * columns, validColumns, p1.x(), p2.x(),
+                               p1.y(), p2.y());
+}
+
+void GLPainter::drawSoftwareQuad(const GLTexture& texture, const Quad& quad, bool blend) {
+    std::array<QPointF, 4> pixels;
+    for (size_t i = 0; i < 4; ++i)
+        pixels[i] = toPixels(quad.vertices[i]);
+    software_->drawImage(
+        texture.image(),
+        SoftwareRasterizer::textureTransform(pixels, quad.texCoords, texture.image().size()),
+        blend);
 }
 
 std::optional<GLPainter::Quad> GLPainter::textQuad(QSizeF texturePixels, QPointF anchor,
@@ -317,12 +438,17 @@ bool GLPainter::quadFitsBounds(const Quad& quad, const QRectF& bounds) {
 
 void GLPainter::drawTextTexture(const GLTexture* texture, QPointF inPoint, float scale,
                                 int textDrawOrientation, QSizeF frameSize, QRectF rectMaxBounds) {
-    if (program_ == nullptr || texture == nullptr || texture->name() == 0)
+    if ((program_ == nullptr && !software_) || texture == nullptr || texture->isEmpty())
         return;
     const auto quad = textQuad(QSizeF(texture->width(), texture->height()), inPoint, scale,
                                textDrawOrientation, frameSize, contentScaleFactor_);
     if (!quad || !quadFitsBounds(*quad, rectMaxBounds))
         return;
+    if (software_) {
+        drawSoftwareQuad(*texture, *quad, true);
+        software_->setBlending(false);
+        return;
+    }
     prepareToDrawWithTexture(texture->name());
     gl_->glEnable(GL_BLEND);
     gl_->glBlendFunc(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA);
@@ -343,7 +469,7 @@ std::shared_ptr<GLTexture> GLPainter::convertToTextureText(const QString& text, 
         painter.setPen(color);
         painter.drawText(QRectF(QPointF(0, 0), points), Qt::AlignLeft | Qt::AlignVCenter, text);
     });
-    return GLTexture::textureWithCGImage(canvas);
+    return software_ ? GLTexture::textureWithImage(canvas) : GLTexture::textureWithCGImage(canvas);
 }
 
 std::shared_ptr<GLTexture> GLPainter::convertToTextureImage(const QImage& image) {
@@ -351,7 +477,7 @@ std::shared_ptr<GLTexture> GLPainter::convertToTextureImage(const QImage& image)
         return std::make_shared<GLTexture>(0, 0, 0);
     const QImage canvas = flippedCanvas(image.size(), 1.0,
                                         [&](QPainter& painter) { painter.drawImage(0, 0, image); });
-    return GLTexture::textureWithCGImage(canvas);
+    return software_ ? GLTexture::textureWithImage(canvas) : GLTexture::textureWithCGImage(canvas);
 }
 
 int GLPainter::labelStepForTexture(const GLTexture& texture, int textureCount, QSizeF frameSize,

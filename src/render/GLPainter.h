@@ -2,6 +2,7 @@
 
 #include "render/AffineTransform.h"
 #include "render/GLTexture.h"
+#include "render/SoftwareRasterizer.h"
 
 #include <QColor>
 #include <QFont>
@@ -28,9 +29,16 @@ namespace widmo {
 /// Only the OpenGL ES 2.0 subset is used, through `QOpenGLFunctions`. Vertex
 /// positions go to attribute 0 and texture coordinates to attribute 3; vertex
 /// data live on the stack of each call (client-side arrays), so nothing is
-/// allocated per draw. Callers set the line width with `glLineWidth` themselves.
+/// allocated per draw. Callers set the line width with `setLineWidth`.
 ///
-/// Threading: main thread only, with `context` current for every call.
+/// A painter made on an image draws the same primitives without OpenGL, with
+/// a `SoftwareRasterizer` into that image (for machines whose OpenGL is a
+/// software rasterizer itself): where the geometry is computed stays the
+/// same, only the last step differs. Textures are then image-backed (see
+/// `GLTexture::textureWithImage`).
+///
+/// Threading: main thread only, with `context` current for every call (the
+/// software form needs no context).
 class GLPainter {
 public:
     static constexpr int kAttribPosition = 0;
@@ -45,11 +53,37 @@ public:
     /// Builds the shader program in `context`, which must be current. On a
     /// compile or link failure the reason is logged and every draw does nothing.
     GLPainter(QOpenGLContext* context, float contentScaleFactor);
+    /// The software form: draws into `target` (RGB32, top row first), which
+    /// must outlive the painter and may be reallocated between frames.
+    GLPainter(QImage& target, float contentScaleFactor);
     ~GLPainter();
     GLPainter(const GLPainter&) = delete;
     GLPainter& operator=(const GLPainter&) = delete;
 
-    bool isValid() const { return program_ != nullptr; }
+    bool isValid() const { return program_ != nullptr || software_ != nullptr; }
+    /// True for the software form.
+    bool isSoftware() const { return software_ != nullptr; }
+    /// Around each frame of the software form (the target's pixels are taken
+    /// at `beginFrame`); nothing for OpenGL. Line width 1, blending off.
+    void beginFrame();
+    void endFrame();
+
+    /// Software form only (nothing for OpenGL): the following draws, clears
+    /// included, touch only pixel columns [first, end) until `resetClip` or
+    /// the next frame.
+    void setClipColumns(int first, int end);
+    void resetClip();
+    /// Software form only: starts the frame from `frame` (a picture of the
+    /// same size) moved `dx` pixels sideways, for a view whose content only
+    /// slid; the uncovered columns are left for the caller to draw.
+    void copyShiftedFrom(const QImage& frame, int dx);
+    /// The software target's size in pixels; empty for OpenGL.
+    QSize targetSize() const { return target_ != nullptr ? target_->size() : QSize(); }
+
+    /// Width in pixels of the lines drawn next (`glLineWidth` for OpenGL).
+    void setLineWidth(float width);
+    /// Alpha blending (source over) of the constant-colour draws that follow.
+    void setBlending(bool on);
 
     /// Pixels per point of the owning view.
     float contentScaleFactor() const { return contentScaleFactor_; }
@@ -87,6 +121,14 @@ public:
     void drawTexture(uint32_t name, QPointF point1, QPointF point2);
     /// As above with four free vertices in strip order (skewed quads).
     void drawTexture(uint32_t name, QPointF point1, QPointF point2, QPointF point3, QPointF point4);
+    /// `texture` stretched as `drawTexture(name, ...)` does, on either form.
+    void drawTexture(const GLTexture* texture, QPointF point1, QPointF point2);
+    /// Software form only (nothing for OpenGL, which uploads textures
+    /// instead): RGBA texels, `columns` x `rows`, stretched like a texture
+    /// with nearest sampling over the rectangle (column 0 and row 0 at
+    /// `point1`); columns from `validColumns` on are left as they are.
+    void drawRgbaImage(const uint8_t* rgba, int columns, int rows, int validColumns, QPointF point1,
+                       QPointF point2);
     /// A text label, alpha-blended, placed about `inPoint` by `textDrawOrientation`
     /// (0..9, see `textQuad`); `frameSize` is the view size in points. When
     /// `rectMaxBounds` is not empty (unit space, y growing with QRectF's top) and
@@ -127,6 +169,10 @@ public:
 
 private:
     void prepareToDrawWithTexture(uint32_t name);
+    /// Unit space to the software target's pixels through the projection.
+    QPointF toPixels(QPointF point) const;
+    uint32_t colorArgb() const;
+    void drawSoftwareQuad(const GLTexture& texture, const Quad& quad, bool blend);
     void bindAndUpload();
     void drawStrip(const Quad& quad, bool textured);
 
@@ -143,6 +189,9 @@ private:
     int uTextured_ = -1;
     int uImageOrder_ = -1;
     int uTexture_ = -1;
+    std::unique_ptr<SoftwareRasterizer> software_;
+    QImage* target_ = nullptr;
+    float lineWidth_ = 1.0f;
 };
 
 } // namespace widmo

@@ -27,6 +27,16 @@ std::shared_ptr<GLTexture> GLTexture::textureWithCGImage(const QImage& image) {
                                        static_cast<uint32_t>(rgba.height()));
 }
 
+std::shared_ptr<GLTexture> GLTexture::textureWithImage(const QImage& image) {
+    auto texture = std::make_shared<GLTexture>(0, 0, 0);
+    if (image.isNull())
+        return texture;
+    texture->image_ = image.convertToFormat(QImage::Format_ARGB32_Premultiplied);
+    texture->width_ = static_cast<uint32_t>(image.width());
+    texture->height_ = static_cast<uint32_t>(image.height());
+    return texture;
+}
+
 GLTexture::GLTexture(uint32_t name, uint32_t width, uint32_t height)
     : name_(name), width_(width), height_(height), context_(QOpenGLContext::currentContext()) {}
 

@@ -12,6 +12,7 @@
 #include <QPainter>
 
 #include <algorithm>
+#include <cstring>
 
 namespace widmo {
 
@@ -53,7 +54,47 @@ SharedGL* sharedGL() {
     return shared->ok ? shared : nullptr;
 }
 
+// The band of full rows in which two images of the same size differ; empty
+// when they are equal, the whole image when the sizes differ.
+QRect changedRows(const QImage& now, const QImage& before) {
+    if (now.size() != before.size() || now.format() != before.format())
+        return now.rect();
+    const int h = now.height();
+    const auto rowBytes = static_cast<size_t>(now.width()) * 4;
+    const auto same = [&](int y) {
+        return std::memcmp(now.constScanLine(y), before.constScanLine(y), rowBytes) == 0;
+    };
+    int top = 0;
+    while (top < h && same(top))
+        ++top;
+    if (top == h)
+        return {};
+    int bottom = h - 1;
+    while (bottom > top && same(bottom))
+        --bottom;
+    return QRect(0, top, now.width(), bottom - top + 1);
+}
+
 } // namespace
+
+bool GLView::drawsInSoftware() {
+    static const bool software = [] {
+        const QByteArray forced = qgetenv("WIDMO_RENDERER").trimmed().toLower();
+        if (forced == "software")
+            return true;
+        if (forced == "gl")
+            return false;
+        SharedGL* shared = sharedGL();
+        if (shared == nullptr)
+            return true;
+        const auto* name =
+            reinterpret_cast<const char*>(shared->context.functions()->glGetString(GL_RENDERER));
+        const QByteArray renderer = QByteArray(name != nullptr ? name : "").toLower();
+        return renderer.contains("llvmpipe") || renderer.contains("softpipe") ||
+               renderer.contains("swrast");
+    }();
+    return software;
+}
 
 void GLView::setFrameObserver(FrameObserver observer) { frameObserver() = std::move(observer); }
 
@@ -106,11 +147,57 @@ void GLView::doneCurrent() {
 }
 
 void GLView::requestFrame() {
-    framePending_ = true;
-    update();
+    if (!drawsInSoftware()) {
+        framePending_ = true;
+        update();
+        return;
+    }
+    // A hidden view draws when it is shown again (its paint event).
+    if (!isVisible()) {
+        framePending_ = true;
+        return;
+    }
+    // Drawn now, so that only what changed is repainted.
+    if (!renderSoftwareFrame() || changedPixels_.isEmpty())
+        return;
+    const qreal dpr = devicePixelRatioF();
+    const QRectF changed(changedPixels_.x() / dpr, changedPixels_.y() / dpr,
+                         changedPixels_.width() / dpr, changedPixels_.height() / dpr);
+    update(changed.toAlignedRect());
+}
+
+bool GLView::renderSoftwareFrame() {
+    QElapsedTimer frameTime;
+    frameTime.start();
+    const qreal dpr = devicePixelRatioF();
+    const QSize pixels(std::max(1, qRound(width() * dpr)), std::max(1, qRound(height() * dpr)));
+    if (drawingFrame_.size() != pixels)
+        drawingFrame_ = QImage(pixels, QImage::Format_RGB32);
+    if (!effect_) {
+        effect_ = std::make_unique<GLPainter>(
+            drawingFrame_, static_cast<float>(DeviceClass::contentScaleFactor(this)));
+        effect_->setProjection(GLPainter::unitSpaceProjection());
+        effect_->setImageLayout(true);
+        setupGLResources();
+    }
+    effect_->beginFrame();
+    paintGL();
+    effect_->endFrame();
+    drawingFrame_.setDevicePixelRatio(dpr);
+    changedPixels_ = changedRows(drawingFrame_, frame_);
+    // The frame shown before is drawn over next time (every view clears first).
+    frame_.swap(drawingFrame_);
+    framePending_ = false;
+    if (const FrameObserver& observer = frameObserver()) {
+        const qint64 ns = frameTime.nsecsElapsed();
+        observer(*this, ns, ns);
+    }
+    return true;
 }
 
 bool GLView::renderFrame() {
+    if (drawsInSoftware())
+        return renderSoftwareFrame();
     SharedGL* shared = sharedGL();
     if (shared == nullptr)
         return false;
@@ -217,6 +304,7 @@ void GLView::drawRect(const QRectF& rect) {
 void GLView::drawGLRect(const QRectF& /*rect*/) {}
 
 void GLView::setNeedsDisplay() {
+    ++redrawRequests_;
     mNeedsDisplay = kRedrawFrames;
     changeRefreshStateIfNeeded();
 }

@@ -36,6 +36,16 @@ class FrameDriver;
 /// the widget (an overlapping panel, an expose) shows the last frame again.
 /// All views share one GL context of the process, created on first use.
 ///
+/// Where OpenGL is itself a software rasterizer (Mesa llvmpipe, softpipe,
+/// swrast), or there is no OpenGL, views draw with the software form of
+/// `GLPainter` straight into the image they show: there OpenGL adds a
+/// rasterizer's set-up, a read-back and a copy per frame to the same work.
+/// `WIDMO_RENDERER=gl` or `=software` forces either path (the pixel tests run
+/// both). A software frame is drawn as soon as the frame driver asks for it,
+/// into a second image, and compared with the one shown: only the band of
+/// rows that changed is repainted (and so sent to the display), and a frame
+/// that changed nothing is not shown at all.
+///
 /// A redraw request (`setNeedsDisplay`) keeps the view drawing for the next 60
 /// frames so that smoothed values can settle. Subclasses draw in `drawGLRect`
 /// in unit space (x, y from 0 to 1, origin bottom left) with `effect`, make
@@ -63,6 +73,9 @@ public:
     /// use) on its offscreen surface, for GL objects that belong to no single
     /// view (textures shared by several frames). Null without OpenGL. Main thread.
     static QOpenGLContext* makeSharedContextCurrent();
+    /// True when views draw in software (see the class comment); decided once
+    /// per process, on first use. Main thread.
+    static bool drawsInSoftware();
     /// Makes the shared context current with this view's frame buffer bound;
     /// does nothing before the view's first frame.
     void makeCurrent();
@@ -116,6 +129,12 @@ protected:
     QOpenGLFunctions* gl() const { return context()->functions(); }
     /// The driver's frame: the next paint draws a new frame.
     void requestFrame();
+    /// Software path: the picture on screen (device pixels), which the frame
+    /// being drawn will replace; null before the first frame and for OpenGL.
+    const QImage& shownFrame() const { return frame_; }
+    /// Calls of `setNeedsDisplay` so far: a view that draws a frame from the
+    /// last one tells by it that something asked for a whole new picture.
+    uint64_t redrawRequests() const { return redrawRequests_; }
     /// Asked at each frame of the driver, before drawing: false when the frame
     /// would show the same picture as the last one, which is then not drawn
     /// (the frame still counts against the frames left to draw). Drawing on
@@ -139,6 +158,10 @@ private:
     /// Draws one frame into the frame buffer and reads it into `frame_`.
     /// False without OpenGL.
     bool renderFrame();
+    /// The software path of `renderFrame`: the effect draws into
+    /// `drawingFrame_`, which then becomes `frame_`; `changedPixels_` is set
+    /// to the band of rows that differ from the frame shown before.
+    bool renderSoftwareFrame();
     void paintGL();
     void setupGL();
     void tearDownGL();
@@ -149,11 +172,14 @@ private:
     std::unique_ptr<GLPainter> effect_;
     std::unique_ptr<QOpenGLFramebufferObject> fbo_;
     QImage frame_;
+    QImage drawingFrame_; ///< software path: the image being drawn
+    QRect changedPixels_; ///< software path: what the last frame changed
     bool framePending_ = true;
     FrameDriver* frameDriver_ = nullptr;
     QElapsedTimer lastDraw_;
     double timeSinceLastDraw_ = 0.0;
     int64_t drawnFrameCount_ = 0;
+    uint64_t redrawRequests_ = 0;
 };
 
 } // namespace widmo

@@ -223,9 +223,9 @@ void LevelMeterView::drawClosedQuotient(double w, double h) {
     GLPainter* e = effect();
     const Metrics& m = metrics(pad_);
     const double columnHeight = 1.0 - m.legendSpace / h;
-    context()->functions()->glLineWidth(5.0f);
+    e->setLineWidth(5.0f);
     if (mScaleTexture)
-        e->drawTexture(mScaleTexture->name(), QPointF(5.0 / w, columnHeight),
+        e->drawTexture(mScaleTexture.get(), QPointF(5.0 / w, columnHeight),
                        QPointF(1.0 - 5.0 / w, 0.0));
     e->prepareToDrawWithConstantColor(1.0f, 0.0f, 0.0f, 1.0f);
     const double y = columnHeight * mLastCQ;

@@ -425,21 +425,87 @@ void SpectrogramScrollView::drawGLRect(const QRectF& /*rect*/) {
         playLineClock_.start();
     }
     e->setProjection(GLPainter::unitSpaceProjection());
+    const FrameKey key = frameKey();
+    const double width = std::max(1, mDefaults.spectrogramWidth());
+    double left = rightEdge_ - width;
+    // In software the columns start on a whole pixel (less than a pixel from
+    // where they would be), so that a frame slid by whole pixels is the
+    // frame drawn whole.
+    const double pixels = this->width() * devicePixelRatioF();
+    if (e->isSoftware() && std::abs(key.transform.a) > 1e-12 && pixels > 0.0)
+        left = -(static_cast<double>(key.edgePixel) / pixels - key.transform.tx) / key.transform.a *
+               width;
+    // In software, a frame whose columns only slid starts from the last one
+    // moved by as many pixels; only the columns that came in, or were
+    // uploaded, since are drawn.
+    const std::optional<int> shift = e->isSoftware() ? scrollShift(key) : std::nullopt;
+    if (shift) {
+        e->copyShiftedFrom(shownFrame(), *shift);
+        const int w = e->targetSize().width();
+        const double uploaded =
+            actualContentTransform()
+                .map(QPointF((static_cast<double>(drawnUploadedEnd_) - left) / width, 0.0))
+                .x() *
+            pixels;
+        // One column more: the last frame's edge column may round the other way.
+        const int first =
+            std::min(w + *shift, static_cast<int>(std::clamp(std::floor(uploaded), 0.0,
+                                                             static_cast<double>(w)))) -
+            1;
+        // The tuned band's label stays put at the right edge while the
+        // columns slide under it: its columns are drawn again whole.
+        const int labelFirst =
+            key.band && bandLabel_ ? w - static_cast<int>(bandLabel_->width()) - 12 : w;
+        e->setClipColumns(std::min(first, labelFirst), w);
+        ++scrolledFrames_;
+    } else {
+        scrolledFrames_ = 0;
+    }
     const std::array<float, 4>& c0 = ramp_.levelColors[0];
     e->clearColor(c0[0], c0[1], c0[2], 1.0f);
-    const double width = std::max(1, mDefaults.spectrogramWidth());
-    const double left = rightEdge_ - width;
     drawSegments(left, width);
     if (mDefaults.spectrogramGridOn())
         drawGrid(left, width);
-    const FrameKey key = frameKey();
     if (key.band)
         drawShadedBand(*key.band);
     if (playLineVisible() && !analyzerRunning_)
         drawPlayLine(left, width);
     if (measuringActivated())
         drawMeasureLines();
+    e->resetClip();
     drawnKey_ = key;
+    drawnRedrawRequests_ = redrawRequests();
+    drawnUploadedEnd_ = uploadedEnd();
+}
+
+int64_t SpectrogramScrollView::uploadedEnd() const {
+    int64_t end = 0;
+    for (const SpectrogramScrollViewSegment* segment : segmentsToShow_) {
+        const int64_t first = segment->firstIntervalIndex();
+        if (first >= 0)
+            end = std::max(end, first + segment->uploadedColumns());
+    }
+    return end;
+}
+
+std::optional<int> SpectrogramScrollView::scrollShift(const FrameKey& key) const {
+    // Every so many frames the picture is drawn whole, so that a change no
+    // request announced (a segment recoloured) does not stay on screen.
+    static constexpr int kFramesFromTheLast = 30;
+    FrameKey slid = key;
+    slid.edgePixel = drawnKey_.edgePixel;
+    const int64_t shift = key.edgePixel - drawnKey_.edgePixel;
+    const QImage& shown = shownFrame();
+    const int w = effect()->targetSize().width();
+    if (!analyzerRunning_ || contentIsPanningOrZooming() || !(slid == drawnKey_) || key.measuring ||
+        redrawRequests() != drawnRedrawRequests_ || scrolledFrames_ >= kFramesFromTheLast ||
+        shown.size() != effect()->targetSize() || shift > 0 || -shift >= w / 2)
+        return std::nullopt;
+    // Content narrower than the view leaves border columns that must stay put.
+    const AffineTransform& t = key.transform;
+    if (t.map(QPointF(0.0, 0.0)).x() > 0.0 || t.map(QPointF(1.0, 1.0)).x() < 1.0)
+        return std::nullopt;
+    return static_cast<int>(shift);
 }
 
 SpectrogramScrollView::FrameKey SpectrogramScrollView::frameKey() const {
@@ -472,15 +538,14 @@ void SpectrogramScrollView::drawShadedBand(const ShadedBand& band) {
     const QPointF high = t.map(QPointF(1.0, band.high));
     // Translucent, so that the calls inside the band stay visible; the edges
     // stronger, so that a narrow band on a logarithmic axis still shows.
-    gl()->glEnable(GL_BLEND);
-    gl()->glBlendFunc(GL_SRC_ALPHA, GL_ONE_MINUS_SRC_ALPHA);
+    e->setBlending(true);
     e->prepareToDrawWithConstantColor(kBandColor[0], kBandColor[1], kBandColor[2], 0.25f);
     e->drawRectangle(low, high);
     e->prepareToDrawWithConstantColor(kBandColor[0], kBandColor[1], kBandColor[2], 0.8f);
-    gl()->glLineWidth(1.0f);
+    e->setLineWidth(1.0f);
     e->drawLine(low, QPointF(high.x(), low.y()));
     e->drawLine(QPointF(low.x(), high.y()), high);
-    gl()->glDisable(GL_BLEND);
+    e->setBlending(false);
     if (band.label.isEmpty())
         return;
     if (!bandLabel_ || bandLabelText_ != band.label) {
@@ -517,7 +582,14 @@ void SpectrogramScrollView::drawSegments(double left, double width) {
         const double x1 = (static_cast<double>(first + size) - left) / width;
         if (x1 <= 0.0 || x0 >= 1.0)
             continue;
-        e->drawTexture(segment->textureName(), t.map(QPointF(x0, 0.0)), t.map(QPointF(x1, 1.0)));
+        if (e->isSoftware())
+            segment->drawUploadedColumns([&](const uint8_t* pixels, int32_t whole) {
+                e->drawRgbaImage(pixels, size, segment->rows(), whole, t.map(QPointF(x0, 0.0)),
+                                 t.map(QPointF(x1, 1.0)));
+            });
+        else
+            e->drawTexture(segment->textureName(), t.map(QPointF(x0, 0.0)),
+                           t.map(QPointF(x1, 1.0)));
         if (columns < size) {
             // Columns written after the last upload: the texture still holds
             // the segment's previous picture there.
@@ -574,11 +646,11 @@ void SpectrogramScrollView::drawPlayLine(double left, double width) {
     const double interval = static_cast<double>(mDefaults.actualInterval()) -
                             static_cast<double>(playLinePosition_.load(std::memory_order_acquire));
     const double x = (interval - left) / width;
-    gl()->glLineWidth(2.0f);
+    e->setLineWidth(2.0f);
     e->prepareToDrawWithConstantColor(measureLineColor_[0], measureLineColor_[1],
                                       measureLineColor_[2], measureLineColor_[3]);
     e->drawLine(t.map(QPointF(x, 0.0)), t.map(QPointF(x, 1.0)));
-    gl()->glLineWidth(1.0f);
+    e->setLineWidth(1.0f);
 }
 
 void SpectrogramScrollView::drawMeasureLines() {

@@ -209,6 +209,10 @@ public:
     /// to the observer instead.
     void measuringActualPositionDidChanged() override;
 
+    /// Frames drawn in a row by sliding the last one (software path); 0 after
+    /// a frame drawn whole.
+    int framesDrawnFromTheLast() const { return scrolledFrames_; }
+
 protected:
     void drawGLRect(const QRectF& rect) override;
     void releaseGLResources() override;
@@ -232,6 +236,14 @@ private:
         bool operator==(const FrameKey&) const = default;
     };
     FrameKey frameKey() const;
+    /// Software path: how far (pixels, negative: to the left) the shown frame
+    /// can be moved to start the next one, when only the columns slid since
+    /// it was drawn; none when the frame must be drawn whole.
+    std::optional<int> scrollShift(const FrameKey& key) const;
+    /// The interval after the newest uploaded column of the shown segments:
+    /// a frame slid from the last one redraws from there, since columns
+    /// uploaded after it was drawn may already lie left of the new edge.
+    int64_t uploadedEnd() const;
 
     void updateRightEdge();
     void drawSegments(double left, double width);
@@ -258,6 +270,9 @@ private:
     std::vector<float> columnScratch_; // analysis queue: one scaled column
 
     FrameKey drawnKey_;
+    uint64_t drawnRedrawRequests_ = 0;
+    int scrolledFrames_ = 0; ///< frames drawn from the last one in a row
+    int64_t drawnUploadedEnd_ = 0;
     bool following_ = false;
     bool analyzerRunning_ = false;
     double rightEdge_ = 0.0;

@@ -160,7 +160,8 @@ SpectrogramScrollViewSegment::SpectrogramScrollViewSegment(const AnalyzerDefault
                                                            const SpectrogramColorRamp& ramp)
     : defaults_(defaults), ramp_(ramp), segmentSize_(std::max(1, defaults.segmentSize())),
       rows_(std::max(1, defaults.fftDisplaySize())) {
-    if (QOpenGLContext* ctx = GLView::makeSharedContextCurrent()) {
+    QOpenGLContext* ctx = GLView::drawsInSoftware() ? nullptr : GLView::makeSharedContextCurrent();
+    if (ctx != nullptr) {
         context_ = ctx;
         GLuint name = 0;
         ctx->functions()->glGenTextures(1, &name);
@@ -368,6 +369,17 @@ void SpectrogramScrollViewSegment::uploadNewColumns() {
     if (from != to && textureName_ != 0 && !context_.isNull() &&
         GLView::makeSharedContextCurrent() != nullptr)
         uploadColumns(from, to);
+    uploadReaders_.fetch_sub(1, std::memory_order_seq_cst);
+}
+
+void SpectrogramScrollViewSegment::drawUploadedColumns(
+    const std::function<void(const uint8_t*, int32_t)>& draw) {
+    Q_ASSERT(MainQueue::isMainThread());
+    // Counted before `writeIndex` is read, as in `uploadNewColumns`: a reset
+    // after this point waits; one before it shows in `writeIndex`.
+    uploadReaders_.fetch_add(1, std::memory_order_seq_cst);
+    const int32_t whole = writeIndex_.load(std::memory_order_seq_cst);
+    draw(mImageData.data(), std::min(whole, uploadedColumns_.load(std::memory_order_acquire)));
     uploadReaders_.fetch_sub(1, std::memory_order_seq_cst);
 }
 

@@ -6,6 +6,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -142,6 +143,11 @@ public:
     int32_t writeIndex() const { return writeIndex_.load(std::memory_order_acquire); }
     /// Columns the texture held at its last upload (drawing shows no more).
     int32_t uploadedColumns() const { return uploadedColumns_.load(std::memory_order_acquire); }
+    /// For drawing straight from the pixels (the software path): calls `draw`
+    /// with the pixels and the count of leading columns that are uploaded and
+    /// whole; a reset of the segment waits until `draw` returns, as for an
+    /// upload. Main thread.
+    void drawUploadedColumns(const std::function<void(const uint8_t*, int32_t)>& draw);
     /// Uploads queued and not yet run.
     int32_t pendingUploads() const {
         return mDispatchCreateTextureCounter.load(std::memory_order_acquire);

@@ -1,5 +1,6 @@
 #include "render/GLView.h"
 
+#include <QPaintEvent>
 #include <QTest>
 
 #include <gtest/gtest.h>
@@ -111,6 +112,52 @@ TEST_F(GLViewTest, viewsOfOneWindowDrawInTheSameTick) {
     EXPECT_GT(frames, 25);
     EXPECT_LE(counter.requests, frames + 3);
     view.removeEventFilter(&counter);
+}
+
+// In software a frame repaints only the band of rows that changed (the row
+// a bar left and the row it moved to, with all between), and a frame that
+// changed nothing repaints nothing.
+TEST(GLViewSoftware, repaintsOnlyTheRowsThatChanged) {
+    if (!GLView::drawsInSoftware())
+        GTEST_SKIP() << "the OpenGL path repaints the whole view";
+    struct BarView : GLView {
+        int row = 10;
+        int paints = 0;
+        QRect painted;
+        void drawGLRect(const QRectF&) override {
+            effect()->clearColor(0.0f, 0.0f, 0.0f, 1.0f);
+            effect()->prepareToDrawWithConstantColor(1.0f, 1.0f, 1.0f, 1.0f);
+            // One pixel row high, across the middle of the view.
+            effect()->drawRectangle(QPointF(0.25, 1.0 - (row + 0.9) / height()),
+                                    QPointF(0.75, 1.0 - (row + 0.1) / height()));
+        }
+        void paintEvent(QPaintEvent* event) override {
+            ++paints;
+            painted = event->rect();
+            GLView::paintEvent(event);
+        }
+    } view;
+    view.resize(120, 80);
+    view.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&view));
+    spinUntil([&] { return view.isFrameDriverPaused(); }, 3000);
+    QTest::qWait(50);
+    const QImage before = view.grabFramebuffer();
+    EXPECT_EQ(before.pixel(60, 10), qRgb(255, 255, 255));
+    EXPECT_EQ(before.pixel(60, 11), qRgb(0, 0, 0));
+
+    const int paints = view.paints;
+    const int64_t drawn = view.drawnFrameCount();
+    view.setNeedsNewFrame();
+    spinUntil([&] { return view.drawnFrameCount() > drawn; }, 1000);
+    QTest::qWait(50);
+    EXPECT_GT(view.drawnFrameCount(), drawn);
+    EXPECT_EQ(view.paints, paints) << "an unchanged frame was repainted";
+
+    view.row = 40;
+    view.setNeedsNewFrame();
+    spinUntil([&] { return view.paints > paints; }, 1000);
+    EXPECT_EQ(view.painted, QRect(0, 10, 120, 31));
 }
 
 } // namespace

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cmath>
 #include <cstring>
 #include <memory>
@@ -371,6 +372,70 @@ TEST(SpectrogramDrawing, rightEdgeSlidesWithTheAudioClock) {
     view.pauseScrolling();
     view.grabFramebuffer();
     EXPECT_EQ(view.rightEdgeInterval(), 11.0);
+}
+
+} // namespace
+
+namespace {
+
+// While the analyser runs, a software frame is started from the last one
+// moved by the pixels the columns slid; after many such frames the picture is
+// the one a whole redraw gives.
+TEST(SpectrogramDrawing, slidFramesMatchAWholeRedraw) {
+    if (!widmo::GLView::drawsInSoftware())
+        GTEST_SKIP() << "frames slide on the software path only";
+    auto d = spectrogramDocument();
+    d->setIntervalSizePower(d->intervalSizePower() + 4); // intervals of about 0.17 s
+    d->recalculateDocumentSettings();
+    // Not shown: frames are drawn only here, by `grabFramebuffer`.
+    SpectrogramScrollView view(*d);
+    view.resize(400, 200);
+    view.prepareData();
+    view.setAnalyzerRunning(true);
+    view.startScrolling();
+    // Each column lights a band of its own height: a column drawn at the
+    // wrong place, or a stale one, changes many pixels.
+    std::vector<float> spectrum(static_cast<size_t>(d->fftOutSize()), 0.0f);
+    const auto addColumn = [&](int64_t i) {
+        std::fill(spectrum.begin(), spectrum.end(), 0.0f);
+        const auto top = static_cast<size_t>((i % 7 + 1) * spectrum.size() / 9);
+        std::fill(spectrum.begin(), spectrum.begin() + static_cast<std::ptrdiff_t>(top), 1.0f);
+        view.addFFTdata(spectrum.data(), i);
+        d->setActualInterval(i + 1);
+    };
+    int64_t next = 0;
+    for (; next < 40; ++next)
+        addColumn(next);
+    drainMainQueue();
+    view.grabFramebuffer();
+    for (int frame = 0; frame < 20; ++frame) {
+        addColumn(next++);
+        // Uploads (every 8 columns) reach the view late, after the columns
+        // they hold have slid left of the newest pixels.
+        if (frame % 5 == 4)
+            drainMainQueue();
+        std::this_thread::sleep_for(std::chrono::milliseconds(20)); // no events
+        view.grabFramebuffer();
+    }
+    // One more column, the edge coming to rest on it: the slid frame there
+    // against a whole one at the same place.
+    addColumn(next++);
+    drainMainQueue();
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    const QImage slidFrame = view.grabFramebuffer();
+    EXPECT_GE(view.framesDrawnFromTheLast(), 20) << "the frames were drawn whole";
+    view.setNeedsDisplay();
+    const QImage whole = view.grabFramebuffer();
+    EXPECT_EQ(view.framesDrawnFromTheLast(), 0);
+    ASSERT_EQ(slidFrame.size(), whole.size());
+    int differing = 0;
+    for (int y = 0; y < whole.height(); ++y)
+        for (int x = 0; x < whole.width(); ++x)
+            differing += slidFrame.pixel(x, y) != whole.pixel(x, y) ? 1 : 0;
+    // Columns start on whole pixels there: the pictures agree (one pixel
+    // column of slack; a slide off by one pixel, or late columns left out,
+    // differ in thousands).
+    EXPECT_LE(differing, whole.height());
 }
 
 } // namespace
