@@ -141,13 +141,6 @@ TEST_F(TranspositionTest,
 // output runs at 24 kHz, the samples last twice as long) or transposed (the
 // same pace, through the engine's transposer).
 TEST_F(TranspositionTest, recordedTone_playsBackAnOctaveLower_slowedDownOrTransposed) {
-    // FIXME: under PipeWire 0.3.65 the slowed-down playback (a 24 kHz stream
-    // into the 48 kHz graph) is heard 0.3 s short (length ratio 1.778 for 2)
-    // at the right pitch, also when the monitor is listened to 1.5 s longer:
-    // sound of that stream is lost, not heard late. The 48 kHz transposed
-    // playback is heard whole. Not explained yet.
-    if (underPipeWire())
-        GTEST_SKIP() << "played length short by about 0.3 s under PipeWire (open)";
     build(48000.0f);
     defaults->setRecordingTranspositionOn(false); // the sink is the microphone's source
     defaults->setRealTimeTransposeOctavesDown(1);
@@ -169,6 +162,15 @@ TEST_F(TranspositionTest, recordedTone_playsBackAnOctaveLower_slowedDownOrTransp
     };
     for (const Case c : {Case{1, 2.0, 24000.0}, Case{2, 1.0, 12000.0}}) {
         SCOPED_TRACE(c.type);
+        // FIXME: under PipeWire 0.3.65 the slowed-down playback (a 24 kHz
+        // stream into the 48 kHz graph) is heard 0.3 s short (length ratio
+        // 1.778 for 2) at the right pitch, also when the monitor is listened
+        // to 1.5 s longer: sound of that stream is lost, not heard late. Not
+        // explained yet; the transposed playback (48 kHz) is heard whole.
+        if (c.type == 1 && underPipeWire()) {
+            std::printf("slowed-down playback not checked under PipeWire (open)\n");
+            continue;
+        }
         defaults->setPlaybackTranspType(c.type);
         // The tone's own stretch of the part played (the document may begin
         // with the silence before the tone reached the microphone).
